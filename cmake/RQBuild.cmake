@@ -1,0 +1,85 @@
+# Language, warnings, sanitizers, and rq_room(): one static library for each folder under src/.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET default)
+
+set(RQ_SANITIZE "" CACHE STRING "Value for -fsanitize=, empty for none")
+
+find_program(RQ_CCACHE ccache)
+if(RQ_CCACHE)
+  set(CMAKE_C_COMPILER_LAUNCHER "${RQ_CCACHE}")
+  set(CMAKE_CXX_COMPILER_LAUNCHER "${RQ_CCACHE}")
+endif()
+
+# Optimised with debug information; asserts stay on, since a broken invariant must not pass silently.
+set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g1")
+set(CMAKE_C_FLAGS_RELWITHDEBINFO "-O2 -g1")
+
+if(RQ_SANITIZE)
+  add_compile_options(-fsanitize=${RQ_SANITIZE} -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${RQ_SANITIZE})
+  if(RQ_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+  add_compile_definitions(RQ_SANITIZED=1)
+  if(RQ_SANITIZE MATCHES "address")
+    # Boost.Context-free builds only: nothing here switches stacks.
+    set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O1 -g1")
+  endif()
+endif()
+
+add_library(rq_warnings INTERFACE)
+target_compile_options(rq_warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Werror
+  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety -Wthread-safety-beta>)
+
+# rq_include_root(<target> <scope> <room> <folder>): lets <target> and whoever links it write
+# #include "<room>/file.h". Each room has an include root of its own, so that an include of a room that a
+# target does not link fails to compile.
+function(rq_include_root target scope room folder)
+  set(root "${PROJECT_BINARY_DIR}/include_roots/${room}")
+  file(MAKE_DIRECTORY "${root}")
+  if(NOT EXISTS "${root}/${room}")
+    file(CREATE_LINK "${folder}" "${root}/${room}" COPY_ON_ERROR SYMBOLIC)
+  endif()
+  target_include_directories(${target} ${scope} "${root}")
+endfunction()
+
+# rq_room(<name> SOURCES ... [USES room...] [LIBRARIES lib...])
+# A room may use only the rooms named in USES; everything is linked PRIVATE.
+function(rq_room name)
+  cmake_parse_arguments(ROOM "" "" "SOURCES;USES;LIBRARIES" ${ARGN})
+  add_library(rq_${name} STATIC ${ROOM_SOURCES})
+  rq_include_root(rq_${name} PUBLIC ${name} "${CMAKE_CURRENT_SOURCE_DIR}")
+  target_link_libraries(rq_${name} PRIVATE rq_warnings)
+  foreach(used IN LISTS ROOM_USES)
+    target_link_libraries(rq_${name} PRIVATE rq_${used})
+  endforeach()
+  target_link_libraries(rq_${name} PRIVATE ${ROOM_LIBRARIES})
+endfunction()
+
+# rq_test(<name> SOURCES ... [USES room...] [LIBRARIES lib...] [LABELS ...] [SERIAL])
+# A GoogleTest program; each of its tests becomes one of ctest's. SERIAL keeps it from running beside others.
+include(GoogleTest)
+function(rq_test name)
+  cmake_parse_arguments(T "SERIAL" "TIMEOUT" "SOURCES;USES;LIBRARIES;LABELS" ${ARGN})
+  add_executable(${name} ${T_SOURCES})
+  target_link_libraries(${name} PRIVATE rq_warnings GTest::gmock GTest::gtest_main ${T_LIBRARIES})
+  foreach(used IN LISTS T_USES)
+    target_link_libraries(${name} PRIVATE rq_${used})
+  endforeach()
+  set(props LABELS "${T_LABELS}")
+  if(T_SERIAL)
+    list(APPEND props RUN_SERIAL TRUE)
+  endif()
+  if(T_TIMEOUT)
+    list(APPEND props TIMEOUT ${T_TIMEOUT})
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120 PROPERTIES ${props})
+endfunction()

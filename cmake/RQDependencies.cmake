@@ -1,0 +1,28 @@
+# Every third-party library, found once. docs/dependencies.md says what each is for.
+
+find_package(Threads REQUIRED)
+
+# Boost 1.81, not Debian's default 1.74.
+find_package(Boost 1.81 REQUIRED COMPONENTS thread)
+
+# TinyXML has no CMake package; its users define TIXML_USE_STL as the library was built.
+find_path(TINYXML_INCLUDE_DIR tinyxml.h REQUIRED)
+find_library(TINYXML_LIBRARY tinyxml REQUIRED)
+add_library(RQ::TinyXML UNKNOWN IMPORTED)
+set_target_properties(RQ::TinyXML PROPERTIES
+  IMPORTED_LOCATION "${TINYXML_LIBRARY}"
+  INTERFACE_INCLUDE_DIRECTORIES "${TINYXML_INCLUDE_DIR}"
+  INTERFACE_COMPILE_DEFINITIONS TIXML_USE_STL)
+
+find_package(Protobuf 3.21 REQUIRED)
+find_package(SQLite3 REQUIRED)
+find_package(OpenSSL REQUIRED COMPONENTS Crypto)
+find_package(spdlog 1.10 REQUIRED)
+find_package(fmt 9 REQUIRED)
+find_package(nlohmann_json 3.11 REQUIRED)
+find_package(CLI11 2.1 REQUIRED)
+find_package(GTest REQUIRED)
+
+find_path(SIMPLEINI_INCLUDE_DIR SimpleIni.h PATH_SUFFIXES simpleini REQUIRED)
+add_library(RQ::SimpleIni INTERFACE IMPORTED)
+set_target_properties(RQ::SimpleIni PROPERTIES INTERFACE_INCLUDE_DIRECTORIES "${SIMPLEINI_INCLUDE_DIR}")

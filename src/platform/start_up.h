@@ -1,0 +1,23 @@
+// What a program does with its operating system before anything else, and at a forced end. Main thread only.
+#pragma once
+
+#include <cstdint>
+
+namespace rq::platform {
+
+// The executable's module handle (GetModuleHandleW(NULL)); elsewhere any non-null value. Null on failure.
+void* ModuleHandle();
+
+// AfxWinInit(handle, NULL, GetCommandLineW(), 0): initialises MFC where it exists; elsewhere the same contract:
+// false when the handle is null.
+bool InitialiseMfc(void* moduleHandle);
+
+// Switches off the run-time library's abort message and fault report where they exist.
+void SilenceAbort();
+
+// Installs a handler for unhandled crashes that lets the process end with a crash status; `flags` as given to
+// BT_SetFlags. See docs/adr for what a crash leaves behind.
+void InstallCrashHandler();
+void SetCrashFlags(std::uint32_t flags);
+
+}  // namespace rq::platform

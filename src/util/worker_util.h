@@ -1,0 +1,38 @@
+// The worker's own small helpers over the utility services.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "base/text.h"
+#include "platform/identity.h"
+
+namespace rq {
+
+// The tag and module of nearly every log line.
+inline constexpr const char* kLogTag = "ACT";
+inline constexpr const char* kModuleMain = "MAIN";
+
+// One line to the worker's log, tag "ACT". Module "MAIN" unless told.
+void Log(int level, std::string text, std::string module = kModuleMain);
+
+// The log root + "RQWorker" + separator + today's local date as YYYYMMDD + separator.
+WideText GetDailyLogDir();
+// The executable's folder with its separator: the "work path", where the data files lie.
+WideText GetModuleDirectory();
+// "%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x"; empty for null.
+std::string GuidToString(const platform::Guid* guid);
+// A new array of 2 x length + 1 bytes holding the narrow text, always terminated, cut at a whole character when it does
+// not fit. The caller frees it with delete[].
+char* WideToMultiByteAlloc(const wchar_t* text);
+
+// ---- console ----
+// Standard output, given as UTF-8: GBK bytes when it is redirected, the terminal's encoding on a terminal;
+// RQ_CONSOLE_ENCODING ("GBK", "UTF-8") forces one. Nothing is added: write "\n" where a line ends.
+void ConsoleWrite(std::string_view utf8);
+// `pointer` as the narrow stream's pointer output writes it ("0x7ffd...").
+std::string PointerText(const void* pointer);
+// A number as a narrow stream writes it with its defaults (six significant digits).
+std::string StreamText(double value);
+
+}  // namespace rq
