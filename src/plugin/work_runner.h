@@ -52,6 +52,9 @@ class WorkRunner {
     std::int32_t SuspendTask();
     std::int32_t ResumeTask();
     TaskProgress GetProgress() const;
+    // The time that the stamps of GetProgress are to be compared with: local time as it was when the task began, moved on
+    // by a steady clock, so that no step of the wall clock looks like a stall. The local time before any task.
+    LocalTime TaskNow() const;
     // kTaskError when there is no task.
     std::uint32_t GetStatus() const;
     std::string GetTaskId() const;
