@@ -189,8 +189,8 @@ typedef struct RQTranscodeOutput {
     const RQMediaFormat* format; /* may be NULL: the report then carries no format */
 } RQTranscodeOutput;
 
-/* What the worker must know of a transcode's source (type 1): the first description with video gives the frame rate of
- * the efficiency figures. */
+/* What the worker must know of a transcode's source (type 1): the first description, when it has video, gives the frame
+ * rate of the efficiency figures. */
 typedef struct RQSourceDescription {
     uint32_t size;
     uint32_t hasVideo; /* 0 or 1 */
