@@ -9,7 +9,10 @@
 namespace rq {
 
 // What went wrong, in words that name the thing (file, field) and the remedy where there is one.
+// Made by Fail() only: a constructor from text would make Result<std::string> ambiguous.
 struct Error {
+    Error() = default;
+
     std::string message;
 };
 
@@ -21,7 +24,11 @@ struct Error {
 template <class T>
 using Result = boost::system::result<T, Error>;
 
-inline Error Fail(std::string message) { return Error{std::move(message)}; }
+inline Error Fail(std::string message) {
+    Error error;
+    error.message = std::move(message);
+    return error;
+}
 
 // 32-bit signed status codes of the worker's operations.
 inline constexpr std::int32_t kStatusOk = 0;
