@@ -10,6 +10,7 @@
 #include <string>
 
 #include "base/clock.h"
+#include "base/text.h"
 #include "records/engine_messages.h"
 #include "records/running_parameter.h"
 #include "records/task_progress.h"
@@ -32,40 +33,62 @@ struct TaskErrorInfo {
     WideText furtherText;
 };
 
-class WorkRunner {
+// What the worker core needs of a runner; tests put a scripted one in its place.
+class IWorkRunner {
+  public:
+    virtual ~IWorkRunner() = default;
+
+    // 0; kStatusFail when the library could not be loaded or lacks an entry point; else the plug-in's own code.
+    virtual std::int32_t Init(const WorkRunnerStart& start) = 0;
+    // 0, else the plug-in's code. `taskId` is left alone when there is none.
+    virtual std::int32_t AnalyseTask(const std::string& text, std::string& taskId) = 0;
+    // The plug-in's code; -1 when no analyse function is loaded.
+    virtual std::int32_t UpdateTask(const std::string& text) = 0;
+    // 0, or kStatusFail when there is no task. The outcome is in GetStatus. Blocks until the plug-in returns.
+    virtual std::int32_t PerformTask(tagOVLCommunicationParam parameters) = 0;
+    // 0 when done, ignored or left to the plug-in; -1 when a timed wait ran out.
+    virtual std::int32_t CloseTask(std::uint32_t mode, std::int32_t wait_s) = 0;
+    virtual std::int32_t SuspendTask() = 0;
+    virtual std::int32_t ResumeTask() = 0;
+    virtual TaskProgress GetProgress() const = 0;
+    // Local time now, by the clock that made the stamps of GetProgress: compare those with this and nothing else.
+    virtual LocalTime StampNow() const = 0;
+    // kTaskError when there is no task.
+    virtual std::uint32_t GetStatus() const = 0;
+    virtual std::string GetTaskId() const = 0;
+    // Frames per second truncated toward zero; 25 when it is not greater than 0.
+    virtual std::int32_t GetFrameRate() const = 0;
+    virtual std::uint32_t GetCloseMode() const = 0;
+    virtual TaskErrorInfo GetErrorInfo() const = 0;
+    // A new record for the task type, null for types that have none; replaces the record of the call before. Holders of
+    // the older one keep it alive: the progress thread and the status report may ask at the same time.
+    virtual std::shared_ptr<const stTaskResultBase> GetTaskResult(std::int32_t taskType) = 0;
+    virtual void Release() = 0;
+};
+
+class WorkRunner final : public IWorkRunner {
   public:
     explicit WorkRunner(Clock& clock = SystemClock());
-    ~WorkRunner();  // calls Release
+    ~WorkRunner() override;  // calls Release
     WorkRunner(const WorkRunner&) = delete;
     WorkRunner& operator=(const WorkRunner&) = delete;
 
-    // 0; kStatusFail when the library could not be loaded or lacks an entry point; else the plug-in's own code.
-    std::int32_t Init(const WorkRunnerStart& start);
-    // 0, else the plug-in's code. `taskId` is left alone when there is none.
-    std::int32_t AnalyseTask(const std::string& text, std::string& taskId);
-    // The plug-in's code; -1 when no analyse function is loaded.
-    std::int32_t UpdateTask(const std::string& text);
-    // 0, or kStatusFail when there is no task. The outcome is in GetStatus. Blocks until the plug-in returns.
-    std::int32_t PerformTask(tagOVLCommunicationParam parameters);
-    // 0 when done, ignored or left to the plug-in; -1 when a timed wait ran out.
-    std::int32_t CloseTask(std::uint32_t mode, std::int32_t wait_s);
-    std::int32_t SuspendTask();
-    std::int32_t ResumeTask();
-    TaskProgress GetProgress() const;
-    // The time that the stamps of GetProgress are to be compared with: local time as it was when the task began, moved on
-    // by a steady clock, so that no step of the wall clock looks like a stall. The local time before any task.
-    LocalTime TaskNow() const;
-    // kTaskError when there is no task.
-    std::uint32_t GetStatus() const;
-    std::string GetTaskId() const;
-    // Frames per second truncated toward zero; 25 when it is not greater than 0.
-    std::int32_t GetFrameRate() const;
-    std::uint32_t GetCloseMode() const;
-    TaskErrorInfo GetErrorInfo() const;
-    // A new record for the task type, null for types that have none; replaces the record of the call before. Holders of
-    // the older one keep it alive: the progress thread and the status report may ask at the same time.
-    std::shared_ptr<const stTaskResultBase> GetTaskResult(std::int32_t taskType);
-    void Release();
+    std::int32_t Init(const WorkRunnerStart& start) override;
+    std::int32_t AnalyseTask(const std::string& text, std::string& taskId) override;
+    std::int32_t UpdateTask(const std::string& text) override;
+    std::int32_t PerformTask(tagOVLCommunicationParam parameters) override;
+    std::int32_t CloseTask(std::uint32_t mode, std::int32_t wait_s) override;
+    std::int32_t SuspendTask() override;
+    std::int32_t ResumeTask() override;
+    TaskProgress GetProgress() const override;
+    LocalTime StampNow() const override;
+    std::uint32_t GetStatus() const override;
+    std::string GetTaskId() const override;
+    std::int32_t GetFrameRate() const override;
+    std::uint32_t GetCloseMode() const override;
+    TaskErrorInfo GetErrorInfo() const override;
+    std::shared_ptr<const stTaskResultBase> GetTaskResult(std::int32_t taskType) override;
+    void Release() override;
 
   private:
     struct State;  // work_runner_state.h
