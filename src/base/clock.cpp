@@ -1,0 +1,36 @@
+#include "base/clock.h"
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <thread>
+
+namespace rq {
+
+namespace {
+
+class RealClock final : public Clock {
+  public:
+    SteadyTime Steady() override { return std::chrono::steady_clock::now(); }
+
+    LocalTime Local() override { return boost::posix_time::microsec_clock::local_time(); }
+
+    void WaitUntil(boost::unique_lock<boost::mutex>& lock, boost::condition_variable& condition,
+                   SteadyTime deadline) override {
+        // A day at most: a deadline in the far future must not overflow what the condition computes with.
+        constexpr std::chrono::nanoseconds longest = std::chrono::hours(24);
+        const auto now = Steady();
+        if (deadline <= now) return;
+        const auto left = deadline - now < longest ? deadline - now : longest;
+        condition.wait_for(lock, boost::chrono::nanoseconds(left.count()));
+    }
+
+    void SleepFor(std::chrono::milliseconds duration) override { std::this_thread::sleep_for(duration); }
+};
+
+}  // namespace
+
+Clock& SystemClock() {
+    static auto* clock = new RealClock;
+    return *clock;
+}
+
+}  // namespace rq
