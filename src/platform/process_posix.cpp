@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/pidfd.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,6 +22,12 @@ namespace rq::platform {
 namespace {
 
 using std::chrono::milliseconds;
+
+// The number instead of the C library's function, whose header has no C linkage in glibc 2.36. -1 on an older
+// kernel.
+int OpenPidfd(pid_t pid) {
+    return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+}
 
 // Children that were still running when their object went away; taken off the process table when they end.
 class Orphans {
@@ -191,7 +197,7 @@ std::unique_ptr<ChildProcess> ChildProcess::Start(const ProcessSpec& spec, OsErr
         TellFailure(failure, spec, error);
         return nullptr;
     }
-    return std::make_unique<PosixChild>(pid, FileDescriptor(::pidfd_open(pid, 0)));
+    return std::make_unique<PosixChild>(pid, FileDescriptor(OpenPidfd(pid)));
 }
 
 std::uint64_t CurrentProcessId() {
