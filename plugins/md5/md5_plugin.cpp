@@ -1,0 +1,39 @@
+// The plug-in of types 3 (compute) and 4 (verify). The task text tells which of the two it is:
+// docs/tasks/md5.md.
+#include "md5_record.h"
+#include "md5_task.h"
+#include "md5_work.h"
+#include "plugin_common/codes.h"
+
+namespace rq::md5 {
+
+class Md5Plugin final : public plugin::Plugin {
+  public:
+    Md5Plugin()
+        : Plugin({"md5",
+                  "1.0.0",
+                  {RQ_TYPE_MD5_COMPUTE, RQ_TYPE_MD5_VERIFY},
+                  RQ_ABILITY_PAUSE | RQ_ABILITY_FINISH}) {}
+
+    plugin::Analysis Analyse(std::string_view taskText) override {
+        Md5Task task;
+        task::XmlError error;
+        if (ReadMd5Task(taskText, task, error)) return {0, std::make_unique<Md5Record>(std::move(task))};
+        Services().Log(plugin::Level::kFailure, "md5: the task text is refused: " + error.Text());
+        return {task::kAnalysisTaskText, std::make_unique<plugin::TaskRecord>(RQ_TYPE_MD5_COMPUTE, task.id)};
+    }
+
+    plugin::Outcome Perform(plugin::TaskRecord& record, plugin::Run& run) override {
+        auto* md5Record = dynamic_cast<Md5Record*>(&record);
+        if (md5Record == nullptr) {
+            record.SetError(0, task::kAnalysisTaskText, "the task text was refused; there is nothing to do",
+                            "");
+            return plugin::Outcome::kFailed;
+        }
+        return Md5Work(*md5Record, run, Services()).Do();
+    }
+};
+
+}  // namespace rq::md5
+
+RQ_PLUGIN(rq::md5::Md5Plugin)
