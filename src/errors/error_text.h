@@ -16,7 +16,8 @@ inline constexpr std::uint32_t kFamilyTask = 4;
 // The symbolic name, or the family's fallback with the code in upper-case hexadecimal.
 std::string GetErrorName(std::uint32_t code, std::uint32_t family);
 
-// The readable text of the code: the entry "<name>:1" of "KWROVLApparitor.ini", else the name itself. Always 1.
+// The readable text of the code: the entry "<name>:1" of "KWROVLApparitor.ini", else the name itself.
+// Always 1.
 std::int32_t GetErrorText(std::uint32_t code, std::uint32_t family, std::wstring& text);
 
 struct ErrorName {

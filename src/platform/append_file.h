@@ -1,6 +1,7 @@
-// A file that several threads and processes append to at once. Each Append is one call of the operating system at the
-// end of the file as it is at that moment (O_APPEND, FILE_APPEND_DATA), so that blocks of whole lines never mix.
-// Paths are UTF-8. Any thread; Append and Size may also be called in a crash handler (no lock, no allocation).
+// A file that several threads and processes append to at once. Each Append is one call of the operating
+// system at the end of the file as it is at that moment (O_APPEND, FILE_APPEND_DATA), so that blocks of whole
+// lines never mix. Paths are UTF-8. Any thread; Append and Size may also be called in a crash handler (no
+// lock, no allocation).
 #pragma once
 
 #include <cstdint>
@@ -14,8 +15,8 @@ namespace rq::platform {
 
 class AppendFile {
   public:
-    // Opens the file for appending, makes it when it is missing; its folder must be there. Not inherited by child
-    // processes; others may rename or delete the file meanwhile. Null on failure.
+    // Opens the file for appending, makes it when it is missing; its folder must be there. Not inherited by
+    // child processes; others may rename or delete the file meanwhile. Null on failure.
     static std::unique_ptr<AppendFile> Open(const std::string& path, OsError* error = nullptr);
     virtual ~AppendFile() = default;
 

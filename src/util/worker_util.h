@@ -1,4 +1,4 @@
-// The worker's own small helpers over the utility services.
+// The worker's own small helpers over the utility services. Any thread.
 #pragma once
 
 #include <string>
@@ -16,14 +16,17 @@ inline constexpr const char* kModuleMain = "MAIN";
 // One line to the worker's log, tag "ACT". Module "MAIN" unless told.
 void Log(int level, std::string text, std::string module = kModuleMain);
 
-// The log root + "RQWorker" + separator + today's local date as YYYYMMDD + separator.
+// The log root + "RQWorker" + separator + today's local date as YYYYMMDD + separator. The date is that of the
+// call: whoever registers a log keeps the path it began with.
 WideText GetDailyLogDir();
-// The executable's folder with its separator: the "work path", where the data files lie.
+// The executable's folder with its separator: the "work path", where the data files lie. The executable's
+// path has at most 260 wide characters on Windows.
 WideText GetModuleDirectory();
 // "%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x"; empty for null.
 std::string GuidToString(const platform::Guid* guid);
-// A new array of 2 x length + 1 bytes holding the narrow text, always terminated, cut at a whole character when it does
-// not fit. The caller frees it with delete[].
+// A new array of 2 x length + 1 bytes (length in wide characters) holding the narrow text, always terminated,
+// cut at a whole character when it does not fit: a Chinese character takes three bytes. Null counts as an
+// empty text. The caller frees it with delete[].
 char* WideToMultiByteAlloc(const wchar_t* text);
 
 // ---- console ----

@@ -1,0 +1,71 @@
+#include <algorithm>
+#include <array>
+#include <locale>
+#include <sstream>
+
+#include "base/text.h"
+#include "platform/codepage.h"
+#include "platform/console.h"
+#include "platform/environment.h"
+#include "util/capture_hub.h"
+#include "util/console_encoding.h"
+#include "util/worker_util.h"
+
+namespace rq {
+namespace {
+
+char UpperAscii(char c) {
+    return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+}
+
+ConsoleEncoding OfThisProcess() {
+    using platform::StandardStream;
+    const bool isTerminal = platform::IsTerminal(StandardStream::Output);
+    return ChooseConsoleEncoding(platform::GetEnvironment("RQ_CONSOLE_ENCODING"), isTerminal,
+                                 isTerminal ? platform::TerminalEncoding() : std::string());
+}
+
+}  // namespace
+
+ConsoleEncoding EncodingByName(std::string_view name) {
+    std::string upper(name);
+    std::transform(upper.begin(), upper.end(), upper.begin(), UpperAscii);
+    constexpr std::array<std::string_view, 5> kGbk{"GBK", "GB2312", "GB18030", "CP936", "936"};
+    return std::find(kGbk.begin(), kGbk.end(), upper) != kGbk.end() ? ConsoleEncoding::Gbk
+                                                                    : ConsoleEncoding::Utf8;
+}
+
+ConsoleEncoding ChooseConsoleEncoding(const std::optional<std::string>& forced, bool isTerminal,
+                                      std::string_view terminalEncoding) {
+    if (forced && !forced->empty()) return EncodingByName(*forced);
+    return isTerminal ? EncodingByName(terminalEncoding) : ConsoleEncoding::Gbk;
+}
+
+std::string EncodeForConsole(std::string_view utf8, ConsoleEncoding encoding) {
+    const std::string repaired = RepairUtf8(utf8);
+    return encoding == ConsoleEncoding::Gbk ? platform::Utf8ToGbk(repaired) : repaired;
+}
+
+void ConsoleWrite(std::string_view utf8) {
+    if (ConsoleHub().IsHeard() && ConsoleHub().Tell(std::string(utf8))) return;
+    // Neither the stream nor its encoding changes while the process runs.
+    static const ConsoleEncoding encoding = OfThisProcess();
+    platform::WriteStandardOutput(EncodeForConsole(utf8, encoding));
+}
+
+// The classic locale: no digit grouping, a decimal point, whatever locale the process has.
+std::string PointerText(const void* pointer) {
+    std::ostringstream stream;
+    stream.imbue(std::locale::classic());
+    stream << pointer;
+    return std::move(stream).str();
+}
+
+std::string StreamText(double value) {
+    std::ostringstream stream;
+    stream.imbue(std::locale::classic());
+    stream << value;
+    return std::move(stream).str();
+}
+
+}  // namespace rq

@@ -1,0 +1,161 @@
+#include "util/log_file.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+
+#include "base/paths.h"
+#include "platform/process.h"
+
+namespace rq {
+namespace {
+
+// " [3] [ACT] [MAIN] [812/815] ": everything between the time and the text.
+class LineHead final : public spdlog::custom_flag_formatter {
+  public:
+    LineHead() : m_process(std::to_string(platform::CurrentProcessId())) {}
+
+    void format(const spdlog::details::log_msg& message, const std::tm&, spdlog::memory_buf_t& out) override {
+        fmt::format_to(std::back_inserter(out), " [{}] [{}] [{}] [{}/{}] ", static_cast<int>(message.level),
+                       message.source.funcname, message.source.filename, m_process, message.thread_id);
+    }
+    std::unique_ptr<spdlog::custom_flag_formatter> clone() const override {
+        return std::make_unique<LineHead>();
+    }
+
+  private:
+    const std::string m_process;
+};
+
+spdlog::pattern_formatter::custom_flags LineFlags() {
+    spdlog::pattern_formatter::custom_flags flags;
+    flags['*'] = std::make_unique<LineHead>();
+    return flags;
+}
+
+}  // namespace
+
+LogFile::LogFile(std::string path, LogLimits limits)
+    : m_path(std::move(path)),
+      m_limits(limits),
+      m_formatter("%Y-%m-%d %H:%M:%S.%f%*%v", spdlog::pattern_time_type::local, "\n", LineFlags()),
+      m_buffer(std::make_unique<char[]>(kBufferSize_bytes)) {
+    std::error_code ignored;
+    std::filesystem::create_directories(PathFromUtf8(m_path).parent_path(), ignored);
+    MutexLock lock(m_mutex);
+    if (OpenNumber(HighestNumber())) RollWhenFull();
+}
+
+LogFile::~LogFile() {
+    MutexLock lock(m_mutex);
+    FlushLocked();
+    delete m_file.exchange(nullptr);
+}
+
+void LogFile::log(const spdlog::details::log_msg& message) {
+    MutexLock lock(m_mutex);
+    platform::AppendFile* file = m_file.load(std::memory_order_relaxed);
+    if (file == nullptr) return;
+    m_line.clear();
+    m_formatter.format(message, m_line);
+    std::size_t used = m_used.load(std::memory_order_relaxed);
+    if (used + m_line.size() > kBufferSize_bytes) {
+        FlushLocked();
+        used = 0;
+    }
+    if (m_line.size() > kBufferSize_bytes) {  // too long for the buffer: a write of its own
+        m_file.load(std::memory_order_relaxed)->Append({m_line.data(), m_line.size()});
+        m_line = spdlog::memory_buf_t();  // lets the large block go
+        RollWhenFull();
+        return;
+    }
+    std::memcpy(m_buffer.get() + used, m_line.data(), m_line.size());
+    m_used.store(used + m_line.size(), std::memory_order_release);
+}
+
+void LogFile::flush() {
+    MutexLock lock(m_mutex);
+    FlushLocked();
+}
+
+void LogFile::FlushLocked() noexcept {
+    platform::AppendFile* file = m_file.load(std::memory_order_relaxed);
+    const std::size_t used = m_used.load(std::memory_order_relaxed);
+    if (file == nullptr || used == 0) return;
+    file->Append({m_buffer.get(), used});
+    m_used.store(0, std::memory_order_release);
+    try {
+        RollWhenFull();
+    } catch (...) {  // no memory for a path: the lines go on in this file
+    }
+}
+
+void LogFile::CrashFlush() noexcept {
+    platform::AppendFile* file = m_file.load(std::memory_order_acquire);
+    const std::size_t used = m_used.exchange(0, std::memory_order_acquire);
+    if (file != nullptr && used != 0) file->Append({m_buffer.get(), used});
+}
+
+void LogFile::RollWhenFull() {
+    platform::AppendFile* file = m_file.load(std::memory_order_relaxed);
+    if (file->Size() < m_limits.fileSize_bytes) return;
+    // Another process may already have gone further.
+    const unsigned next = std::max(m_number, HighestNumber());
+    if (next > m_number && OpenNumber(next) && m_file.load()->Size() < m_limits.fileSize_bytes) return;
+    if (!OpenNumber(next + 1)) return;
+    if (m_number > m_limits.continuations) {
+        std::error_code ignored;
+        std::filesystem::remove(PathFromUtf8(NumberedPath(m_number - m_limits.continuations)), ignored);
+    }
+}
+
+// The file in use stays when the other cannot be opened.
+bool LogFile::OpenNumber(unsigned number) {
+    platform::OsError error;
+    std::unique_ptr<platform::AppendFile> file = platform::AppendFile::Open(NumberedPath(number), &error);
+    if (!file) {
+        const std::string line =
+            fmt::format("RQWorker: no log file, its lines are lost: {}\n", error.message);
+        if (!IsOpen()) std::fputs(line.c_str(), stderr);
+        return false;
+    }
+    delete m_file.exchange(file.release());
+    m_number = number;
+    return true;
+}
+
+std::string LogFile::NumberedPath(unsigned number) const {
+    if (number == 0) return m_path;
+    const std::filesystem::path path = PathFromUtf8(m_path);
+    std::filesystem::path name = path.stem();
+    name += "." + std::to_string(number);
+    name += path.extension();
+    return Utf8FromPath(path.parent_path() / name);
+}
+
+unsigned LogFile::HighestNumber() const {
+    const std::filesystem::path path = PathFromUtf8(m_path);
+    const std::string head = Utf8FromPath(path.stem()) + ".";
+    const std::string tail = Utf8FromPath(path.extension());
+    unsigned highest = 0;
+    std::error_code error;
+    std::filesystem::directory_iterator entry(path.parent_path(), error);
+    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+        const std::string name = Utf8FromPath(entry->path().filename());
+        if (name.size() <= head.size() + tail.size() || !name.starts_with(head) || !name.ends_with(tail))
+            continue;
+        const char* first = name.data() + head.size();
+        const char* last = name.data() + name.size() - tail.size();
+        unsigned number = 0;
+        const auto [end, status] = std::from_chars(first, last, number);
+        if (status == std::errc() && end == last) highest = std::max(highest, number);
+    }
+    return highest;
+}
+
+}  // namespace rq

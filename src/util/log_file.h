@@ -1,0 +1,79 @@
+// LogFile: one log file as a sink of the logging library. It forms the lines, buffers them and appends whole
+// lines in one write, so that any number of threads and processes may share a file.
+//
+// A line is
+//   2017-05-31 10:15:30.250000 [3] [ACT] [MAIN] [812/815] Eos Called!
+// that is local time to the microsecond, level, tag, module, process/thread, text; UTF-8, each ended by "\n".
+//
+// A file that reaches its limit is left and the lines go on in a file of the next number: "a_W.log",
+// "a_W.1.log", "a_W.2.log". Nothing is renamed, so that several processes can roll the same file without
+// talking to each other. The first file (it tells how the work began) and the newest continuations are kept,
+// older continuations are removed.
+//
+// Any thread. Lines that cannot be written (full disk) are lost and nothing else happens. Whoever creates a
+// LogFile keeps it for the life of the process.
+#pragma once
+
+#include <spdlog/details/log_msg.h>
+#include <spdlog/pattern_formatter.h>
+#include <spdlog/sinks/sink.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "base/sync.h"
+#include "platform/append_file.h"
+
+namespace rq {
+
+struct LogLimits {
+    std::uint64_t fileSize_bytes = 64ull * 1024 * 1024;
+    unsigned continuations = 7;  // kept beside the first file
+};
+
+class LogFile final : public spdlog::sinks::sink {
+  public:
+    // Makes missing folders and opens the file. When that fails one line on standard error says so and every
+    // log line given later is dropped.
+    LogFile(std::string path, LogLimits limits = {});
+    ~LogFile() override;
+
+    // As the logging library calls them. A message carries its module in source.filename and its tag in
+    // source.funcname; its payload must already be one readable line (log_text.h).
+    void log(const spdlog::details::log_msg& message) override;
+    void flush() override;
+    void set_pattern(const std::string&) override {}                    // the form is fixed
+    void set_formatter(std::unique_ptr<spdlog::formatter>) override {}  // likewise
+
+    // For a crash handler: writes what is buffered without waiting for a lock. A line may then stand in the
+    // file twice; none that was complete is missing.
+    void CrashFlush() noexcept;
+
+    bool IsOpen() const { return m_file.load() != nullptr; }
+    const std::string& Path() const { return m_path; }
+
+  private:
+    void FlushLocked() noexcept RQ_REQUIRES(m_mutex);
+    void RollWhenFull() RQ_REQUIRES(m_mutex);
+    bool OpenNumber(unsigned number) RQ_REQUIRES(m_mutex);
+    std::string NumberedPath(unsigned number) const;
+    unsigned HighestNumber() const;
+
+    static constexpr std::size_t kBufferSize_bytes = 64 * 1024;
+
+    const std::string m_path;
+    const LogLimits m_limits;
+    Mutex m_mutex;
+    spdlog::pattern_formatter m_formatter RQ_GUARDED_BY(m_mutex);
+    spdlog::memory_buf_t m_line RQ_GUARDED_BY(m_mutex);
+    unsigned m_number RQ_GUARDED_BY(m_mutex) = 0;
+    // The crash handler reads these three without the lock: complete lines are there before m_used counts
+    // them.
+    const std::unique_ptr<char[]> m_buffer;
+    std::atomic<std::size_t> m_used{0};
+    std::atomic<platform::AppendFile*> m_file{nullptr};  // owned
+};
+
+}  // namespace rq
