@@ -20,7 +20,10 @@ class RealClock final : public Clock {
         const auto now = Steady();
         if (deadline <= now) return;
         const auto left = deadline - now < longest ? deadline - now : longest;
-        condition.wait_for(lock, boost::chrono::nanoseconds(left.count()));
+        // Relative, so that the condition's own monotonic clock decides; rounded up, so that it does not end
+        // too early.
+        const auto us = std::chrono::ceil<std::chrono::microseconds>(left);
+        condition.timed_wait(lock, boost::posix_time::microseconds(us.count()));
     }
 
     void SleepFor(std::chrono::milliseconds duration) override { std::this_thread::sleep_for(duration); }

@@ -1,0 +1,45 @@
+#include "platform/identity.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <set>
+
+#include "kit/temp_dir.h"
+
+namespace rq::platform {
+namespace {
+
+TEST(Identity, GuidsAreRandomOfVersion4) {
+    std::set<std::uint32_t> seen;
+    for (int i = 0; i < 100; ++i) {
+        const Guid guid = CreateGuid();
+        EXPECT_EQ(guid.data3 >> 12, 4);
+        EXPECT_EQ(guid.data4[0] >> 6, 2);
+        seen.insert(guid.data1);
+    }
+    EXPECT_GT(seen.size(), 90u);
+}
+
+TEST(Identity, RandomHexadecimalText) {
+    const std::string text = RandomHex(16);
+    EXPECT_EQ(text.size(), 32u);
+    EXPECT_EQ(text.find_first_not_of("0123456789abcdef"), std::string::npos);
+    EXPECT_NE(text, RandomHex(16));
+    EXPECT_EQ(RandomHex(0), "");
+}
+
+TEST(Identity, DataFolder) {
+    if (::geteuid() == 0) {
+        EXPECT_EQ(DefaultDataFolder(), "/var/lib/rqworker");
+        return;
+    }
+    const kit::ScopedEnvironment data("XDG_DATA_HOME", "/data/家/");
+    EXPECT_EQ(DefaultDataFolder(), "/data/家/rqworker");
+    const kit::ScopedEnvironment none("XDG_DATA_HOME", std::nullopt);
+    const kit::ScopedEnvironment home("HOME", "/home/someone");
+    EXPECT_EQ(DefaultDataFolder(), "/home/someone/.local/share/rqworker");
+}
+
+}  // namespace
+}  // namespace rq::platform

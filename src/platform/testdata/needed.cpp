@@ -1,0 +1,3 @@
+extern "C" int NeededAnswer() {
+    return 42;
+}

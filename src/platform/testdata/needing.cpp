@@ -1,0 +1,4 @@
+extern "C" int NeededAnswer();
+extern "C" int NeedingAnswer() {
+    return NeededAnswer() + 1;
+}
