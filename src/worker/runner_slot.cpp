@@ -1,0 +1,33 @@
+#include "worker/runner_slot.h"
+
+#include <chrono>
+#include <utility>
+
+namespace rq {
+
+void RunnerSlot::Put(std::unique_ptr<IWorkRunner> runner) {
+    Signal::Hold hold(m_returned);
+    m_runner = std::move(runner);
+}
+
+std::shared_ptr<IWorkRunner> RunnerSlot::Borrow() {
+    Signal::Hold hold(m_returned);
+    if (!m_runner) return nullptr;
+    ++m_borrowed;
+    return {m_runner.get(), [this](IWorkRunner*) { Return(); }};
+}
+
+std::unique_ptr<IWorkRunner> RunnerSlot::Withdraw() {
+    Signal::Hold hold(m_returned);
+    auto runner = std::move(m_runner);
+    while (m_borrowed > 0) m_returned.WaitFor(hold, std::chrono::hours(1));
+    m_returned.Reset(hold);
+    return runner;
+}
+
+void RunnerSlot::Return() {
+    Signal::Hold hold(m_returned);
+    if (--m_borrowed == 0) m_returned.Notify(hold);
+}
+
+}  // namespace rq
