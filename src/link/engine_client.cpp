@@ -1,0 +1,362 @@
+#include "link/engine_client.h"
+
+#include <utility>
+
+#include "platform/environment.h"
+#include "platform/process.h"
+
+namespace rq::link {
+namespace {
+
+// A failure that repeats is logged at first and then each time that many more have come.
+constexpr std::uint32_t kLogEachFailure = 60;
+
+SteadyTime Now() {
+    return std::chrono::steady_clock::now();
+}
+
+}  // namespace
+
+EngineClientOptions OptionsFromEnvironment() {
+    EngineClientOptions options;
+    options.token = platform::GetEnvironment("RQ_ENGINE_TOKEN").value_or("");
+    options.attempt = platform::GetEnvironment("RQ_ATTEMPT").value_or("");
+    options.workerVersion = RQ_LINK_VERSION;
+    return options;
+}
+
+IEngineCommunicate* CreateEngineClient(const EngineClientOptions& options) {
+    return new EngineClient(options);
+}
+
+EngineClient::EngineClient(EngineClientOptions options)
+    : m_options(std::move(options)), m_clock(m_options.clock != nullptr ? *m_options.clock : SystemClock()) {}
+
+EngineClient::~EngineClient() {
+    EngineClient::Disconnect();
+    EngineClient::Uninitialize();
+}
+
+void EngineClient::Initialize(const EngineClientSetup* setup) {
+    if (setup == nullptr) return;
+    m_handler = setup->handler;
+    m_context = setup->context;
+    m_log.Open(setup->logFile);
+}
+
+void EngineClient::Uninitialize() {
+    Disconnect();
+    m_handler = nullptr;
+    m_context = nullptr;
+    m_log.Close();
+}
+
+// ---- Connect ----
+
+std::uint32_t EngineClient::Connect(const EngineEndpoint* endpoint) {
+    if (endpoint == nullptr || endpoint->address == nullptr) return kNoSession;
+    {
+        MutexLock lock(m_lock);
+        if (m_session && m_session->CurrentState() == Session::State::Open) return m_session->SessionId();
+    }
+    const std::string address = endpoint->address;
+    const std::uint16_t port = endpoint->port;
+    if (!StartThreads()) {
+        LogFailedConnect("no thread could be started for the link");
+        return kNoSession;
+    }
+    BeginSession();
+    m_io.Post([this, address, port] { OpenConnection(address, port); });
+    return AwaitConnect(address + ":" + std::to_string(port));
+}
+
+bool EngineClient::StartThreads() {
+    const auto onFailure = [this](const std::string& thrown) {
+        m_log.Write(LogLevel::Warning, "the I/O thread caught: " + thrown);
+        OnDisconnected("an exception on the I/O thread: " + thrown);
+    };
+    return m_handlerThread.Start(m_handler, m_context, [this](const Delivery& delivery) {
+        OnHanded(delivery);
+    }) && m_io.Start(onFailure);
+}
+
+void EngineClient::BeginSession() {
+    Hello hello;
+    hello.token = m_options.token;
+    hello.attempt = m_options.attempt;
+    hello.processId = platform::CurrentProcessId();
+    hello.workerVersion = m_options.workerVersion;
+    {
+        Signal::Hold hold(m_connectSignal);
+        m_connectOutcome.reset();
+        m_connectSignal.Reset(hold);
+    }
+    MutexLock lock(m_lock);
+    m_session = std::make_unique<Session>(hello, m_options.limits, Now(), m_log.IsDebug());
+    ++m_connectionNumber;
+}
+
+std::uint32_t EngineClient::AwaitConnect(const std::string& where) {
+    std::uint32_t sessionId = kNoSession;
+    std::string reason;
+    {
+        // The I/O thread decides at the latest when the time for connecting has passed.
+        Signal::Hold hold(m_connectSignal);
+        while (!m_connectOutcome) m_connectSignal.WaitFor(hold, m_options.limits.connect);
+        sessionId = *m_connectOutcome;
+        reason = m_connectReason;
+    }
+    if (sessionId == kNoSession) {
+        LogFailedConnect("connect to " + where + " failed: " + reason);
+        return kNoSession;
+    }
+    m_lastFailure.clear();
+    m_log.Write(LogLevel::Info, "connected to " + where + ", session " + std::to_string(sessionId));
+    return sessionId;
+}
+
+void EngineClient::LogFailedConnect(const std::string& line) {
+    if (line != m_lastFailure) {
+        m_lastFailure = line;
+        m_failureCount = 0;
+    }
+    if (m_failureCount++ % kLogEachFailure == 0)
+        m_log.Write(LogLevel::Warning,
+                    line + (m_failureCount > 1 ? ", attempt " + std::to_string(m_failureCount) : ""));
+}
+
+void EngineClient::DecideConnect(std::uint32_t sessionId, std::string reason) {
+    Signal::Hold hold(m_connectSignal);
+    if (m_connectOutcome) return;
+    m_connectOutcome = sessionId;
+    m_connectReason = std::move(reason);
+    m_connectSignal.Notify(hold);
+}
+
+// ---- the I/O thread ----
+
+void EngineClient::OpenConnection(const std::string& address, std::uint16_t port) {
+    if (m_connection) m_connection->Close();
+    {
+        Signal::Hold hold(m_endSignal);
+        m_ended = false;
+        m_endSignal.Reset(hold);
+    }
+    Connection::Listener* listener = this;  // a private base: converted here
+    m_connection = std::make_shared<Connection>(m_io.Io(), listener);
+    m_connection->Open(address, port);
+    Settle();
+}
+
+void EngineClient::OnConnected() {
+    {
+        MutexLock lock(m_lock);
+        if (m_session) m_session->OnConnected(Now());
+    }
+    Settle();
+}
+
+void EngineClient::OnBytes(std::string_view bytes) {
+    {
+        MutexLock lock(m_lock);
+        if (m_session) m_session->OnBytes(bytes, Now());
+    }
+    Settle();
+}
+
+void EngineClient::OnWritten() {
+    {
+        MutexLock lock(m_lock);
+        if (m_session) m_session->OnWritten(Now());
+    }
+    Settle();
+}
+
+void EngineClient::OnDisconnected(std::string reason) {
+    {
+        MutexLock lock(m_lock);
+        if (m_session) m_session->OnDisconnected(std::move(reason));
+    }
+    Settle();
+}
+
+void EngineClient::OnTimer() {
+    {
+        MutexLock lock(m_lock);
+        if (m_session) m_session->OnTime(Now());
+    }
+    Settle();
+}
+
+// Carries out what the session wants after anything has happened to it.
+void EngineClient::Settle() {
+    if (!m_connection) return;
+    std::vector<SessionEvent> events;
+    std::string output;
+    std::optional<SteadyTime> deadline;
+    {
+        MutexLock lock(m_lock);
+        if (!m_session) return;
+        m_finals.Acknowledge(m_session->AcknowledgedByPeer());
+        output = m_session->TakeOutput(Now());
+        events = m_session->TakeEvents();
+        deadline = m_session->Deadline();
+    }
+    for (SessionEvent& event : events) Carry(std::move(event));
+    if (!m_connection) return;  // closed by an event
+    if (!output.empty()) m_connection->Write(std::move(output));
+    m_connection->SetTimer(deadline);
+}
+
+void EngineClient::Carry(SessionEvent event) {
+    if (const auto* note = std::get_if<LogNote>(&event)) {
+        m_log.Write(note->level, note->text);
+    } else if (auto* order = std::get_if<OrderArrived>(&event)) {
+        Delivery delivery;
+        {
+            MutexLock lock(m_lock);
+            delivery = {m_connectionNumber, m_session->SessionId(), order->seq, order->id,
+                        std::move(order->order)};
+        }
+        m_handlerThread.Push(std::move(delivery));
+    } else if (const auto* welcomed = std::get_if<Welcomed>(&event)) {
+        DecideConnect(welcomed->sessionId, {});
+    } else if (std::holds_alternative<ByeWritten>(event)) {
+        m_connection->ShutdownSend();
+    } else {
+        CarryClosed(std::get<SessionClosed>(event));
+    }
+}
+
+void EngineClient::CarryClosed(const SessionClosed& closed) {
+    CloseConnection();
+    std::optional<Delivery> lost;
+    {
+        MutexLock lock(m_lock);
+        m_finals.FailAll();
+        if (closed.wasOpen && !m_disconnecting)
+            lost = Delivery{m_connectionNumber, m_session->SessionId(), 0, TCP_SERVER_DISCONNECT_ID,
+                            ServerLost{}};
+    }
+    if (lost) {
+        m_log.Write(LogLevel::Warning,
+                    "session " + std::to_string(lost->sessionId) + " lost: " + closed.reason);
+        m_handlerThread.Push(std::move(*lost));
+    }
+    DecideConnect(kNoSession, closed.reason);
+    Signal::Hold hold(m_endSignal);
+    m_ended = true;
+    m_endSignal.Notify(hold);
+}
+
+void EngineClient::CloseConnection() {
+    if (!m_connection) return;
+    m_connection->Close();
+    m_connection.reset();
+}
+
+// ---- sending ----
+
+bool EngineClient::SendMessage(std::uint32_t sessionId, std::uint32_t id, const void* record) {
+    if (sessionId == kNoSession) return false;
+    Result<std::string> body = EncodeWorkerRecord(id, record);
+    if (!body) return Refused(id, body.error().message);
+    const bool isFinal =
+        id == TCP_WORKER_STATE_ID && IsFinalState(*static_cast<const EngineStateMessage*>(record));
+
+    FinalWait wait(m_clock);
+    std::string problem;
+    {
+        MutexLock lock(m_lock);
+        std::uint64_t seq = 0;
+        if (m_session && m_session->SessionId() == sessionId)
+            seq = m_session->Queue(id, std::move(*body), &problem);
+        else
+            problem = "session " + std::to_string(sessionId) + " is not the open one";
+        if (seq != 0 && isFinal) m_finals.Add(seq, &wait);
+    }
+    if (!problem.empty()) return Refused(id, problem);
+    RequestSettle();
+    if (!isFinal) return true;
+
+    const bool acknowledged = wait.Await(m_clock.Steady() + m_options.finalWait);
+    MutexLock lock(m_lock);
+    m_finals.Remove(&wait);
+    return acknowledged;
+}
+
+bool EngineClient::Refused(std::uint32_t id, const std::string& problem) {
+    m_log.Write(LogLevel::Warning, IdText(id) + " not sent: " + problem);
+    return false;
+}
+
+void EngineClient::RequestSettle() {
+    if (m_settleRequested.exchange(true)) return;
+    m_io.Post([this] {
+        m_settleRequested = false;
+        Settle();
+    });
+}
+
+void EngineClient::OnHanded(const Delivery& delivery) {
+    if (delivery.seq == 0) return;
+    {
+        MutexLock lock(m_lock);
+        if (!m_session || delivery.connection != m_connectionNumber) return;
+        m_session->MarkHanded(delivery.seq);
+    }
+    RequestSettle();
+}
+
+// ---- Disconnect ----
+
+void EngineClient::Disconnect() {
+    if (m_handlerThread.IsThisThread()) {
+        m_log.Write(LogLevel::Warning, "Disconnect from the message handler: not done");
+        return;
+    }
+    if (!m_io.IsRunning()) return;
+    m_handlerThread.Refuse();
+    std::uint32_t sessionId = kNoSession;
+    {
+        MutexLock lock(m_lock);
+        m_disconnecting = true;
+        if (m_session && m_session->CurrentState() == Session::State::Open)
+            sessionId = m_session->SessionId();
+        if (m_session) m_session->End();
+    }
+    RequestSettle();
+    {
+        Signal::Hold hold(m_endSignal);
+        const SteadyTime deadline = Now() + m_options.disconnectWait;
+        while (!m_ended)
+            if (!m_endSignal.WaitUntil(hold, deadline)) break;
+    }
+    m_io.Stop();
+    CloseConnection();
+    {
+        MutexLock lock(m_lock);
+        m_session.reset();
+        m_finals.FailAll();
+        m_disconnecting = false;
+    }
+    m_handlerThread.Stop();
+    if (sessionId != kNoSession)
+        m_log.Write(LogLevel::Info, "disconnected, session " + std::to_string(sessionId));
+}
+
+}  // namespace rq::link
+
+namespace rq {
+
+IEngineCommunicate* CreateEngineClient() {
+    return new link::EngineClient(link::OptionsFromEnvironment());
+}
+
+void DeleteEngineClient(IEngineCommunicate** client) {
+    if (client == nullptr || *client == nullptr) return;
+    delete static_cast<link::EngineClient*>(*client);
+    *client = nullptr;
+}
+
+}  // namespace rq

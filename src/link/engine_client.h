@@ -1,0 +1,110 @@
+// EngineClient: the engine link's client behind IEngineCommunicate. It joins four parts: the codec, the
+// session (a state machine), the transport (sockets on an I/O thread) and the handler thread.
+// docs/engine-link.md, section 10, says what its callers may rely on.
+//
+// Threads: Initialize, Connect, Disconnect and Uninitialize belong to one thread, the owner's (never the
+// handler's); SendMessage to any. The I/O thread never waits for the handler or for a sender.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/clock.h"
+#include "base/sync.h"
+#include "link/engine_communicate.h"
+#include "link/final_waits.h"
+#include "link/handler_thread.h"
+#include "link/link_log.h"
+#include "link/session.h"
+#include "link/transport.h"
+
+namespace rq::link {
+
+struct EngineClientOptions {
+    std::string token;
+    std::string attempt;
+    std::string workerVersion;
+    SessionLimits limits;
+    std::chrono::milliseconds finalWait{5'000};       // for the acknowledgement of a final status
+    std::chrono::milliseconds disconnectWait{1'000};  // for what is queued and the peer's end
+    Clock* clock = nullptr;                           // for the wait of a final status; null: the system's
+};
+
+// What CreateEngineClient() uses: token and attempt from RQ_ENGINE_TOKEN and RQ_ATTEMPT.
+EngineClientOptions OptionsFromEnvironment();
+// For tests and programs with values of their own. Destroyed by DeleteEngineClient.
+IEngineCommunicate* CreateEngineClient(const EngineClientOptions& options);
+
+// Not virtual, its destructor: the interface's table begins with Initialize and ends with SendMessage.
+class EngineClient final : public IEngineCommunicate, private Connection::Listener {
+  public:
+    explicit EngineClient(EngineClientOptions options);
+    ~EngineClient();
+    EngineClient(const EngineClient&) = delete;
+    EngineClient& operator=(const EngineClient&) = delete;
+
+    void Initialize(const EngineClientSetup* setup) override;
+    std::uint32_t Connect(const EngineEndpoint* endpoint) override;
+    void Disconnect() override;
+    void Uninitialize() override;
+    bool SendMessage(std::uint32_t sessionId, std::uint32_t id, const void* record) override;
+
+  private:
+    // The I/O thread.
+    void OnConnected() override;
+    void OnBytes(std::string_view bytes) override;
+    void OnWritten() override;
+    void OnDisconnected(std::string reason) override;
+    void OnTimer() override;
+    void OpenConnection(const std::string& address, std::uint16_t port);
+    void Settle();
+    void Carry(SessionEvent event);
+    void CarryClosed(const SessionClosed& closed);
+    void CloseConnection();
+
+    // The owner's thread.
+    bool StartThreads();
+    void BeginSession();
+    std::uint32_t AwaitConnect(const std::string& where);
+    void LogFailedConnect(const std::string& line);
+
+    // Any thread.
+    void OnHanded(const Delivery& delivery);
+    void RequestSettle();
+    void DecideConnect(std::uint32_t sessionId, std::string reason);
+    bool Refused(std::uint32_t id, const std::string& problem);
+
+    const EngineClientOptions m_options;
+    Clock& m_clock;
+    EngineMessageHandler m_handler = nullptr;
+    void* m_context = nullptr;
+    LinkLog m_log;
+
+    Mutex m_lock;
+    std::unique_ptr<Session> m_session RQ_GUARDED_BY(m_lock);
+    std::uint64_t m_connectionNumber RQ_GUARDED_BY(m_lock) = 0;
+    bool m_disconnecting RQ_GUARDED_BY(m_lock) = false;
+    FinalWaits m_finals RQ_GUARDED_BY(m_lock);
+
+    // What Connect waits for.
+    Signal m_connectSignal;
+    std::optional<std::uint32_t> m_connectOutcome RQ_GUARDED_BY(m_connectSignal);
+    std::string m_connectReason RQ_GUARDED_BY(m_connectSignal);
+    // What Disconnect waits for: the connection is closed.
+    Signal m_endSignal;
+    bool m_ended RQ_GUARDED_BY(m_endSignal) = true;
+
+    std::string m_lastFailure;         // the owner's thread
+    std::uint32_t m_failureCount = 0;  // of that failure in a row
+
+    std::atomic<bool> m_settleRequested{false};
+    HandlerThread m_handlerThread;
+    IoThread m_io;
+    std::shared_ptr<Connection> m_connection;  // the I/O thread; the owner's while that does not run
+};
+
+}  // namespace rq::link

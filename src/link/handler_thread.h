@@ -1,0 +1,61 @@
+// The thread on which the worker's message handler is called, one message at a time and in order. Orders are
+// pushed by the I/O thread; any other operation belongs to the client's owner.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <thread>
+#include <variant>
+
+#include "base/sync.h"
+#include "link/codec.h"
+#include "link/engine_communicate.h"
+
+namespace rq::link {
+
+// The session is over: becomes TCP_SERVER_DISCONNECT_ID.
+struct ServerLost {};
+
+struct Delivery {
+    std::uint64_t connection = 0;  // which of the client's connections it came by
+    std::uint32_t sessionId = kNoSession;
+    std::uint64_t seq = 0;
+    std::uint32_t id = 0;
+    std::variant<Order, ServerLost> content;
+};
+
+class HandlerThread {
+  public:
+    HandlerThread() = default;
+    ~HandlerThread() { Stop(); }
+    HandlerThread(const HandlerThread&) = delete;
+    HandlerThread& operator=(const HandlerThread&) = delete;
+
+    // `onHanded` is called on this thread after the handler has returned from an order. False when no thread
+    // can be started. A null handler takes everything and does nothing.
+    bool Start(EngineMessageHandler handler, void* context, std::function<void(const Delivery&)> onHanded);
+    void Push(Delivery delivery);
+    // Drops what waits and lets nothing new begin; a call that runs goes on.
+    void Refuse();
+    // Refuse(), then waits for the end of the thread.
+    void Stop();
+    bool IsRunning() const { return m_thread.joinable(); }
+    bool IsThisThread() const { return m_thread.get_id() == std::this_thread::get_id(); }
+
+  private:
+    void Run();
+    bool Next(Delivery* delivery);
+    void Call(const Delivery& delivery);
+
+    EngineMessageHandler m_handler = nullptr;
+    void* m_context = nullptr;
+    std::function<void(const Delivery&)> m_onHanded;
+    Signal m_signal;
+    std::deque<Delivery> m_waiting RQ_GUARDED_BY(m_signal);
+    bool m_refuse RQ_GUARDED_BY(m_signal) = false;
+    std::thread m_thread;
+};
+
+}  // namespace rq::link

@@ -1,0 +1,266 @@
+#include "link/session.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace rq::link {
+namespace {
+
+// A batch is closed when it has reached this size.
+constexpr std::size_t kBatch_bytes = 256u * 1024;
+// What an order costs in memory besides its body, for the bound on waiting orders.
+constexpr std::size_t kOrderOverhead_bytes = 256;
+
+}  // namespace
+
+Session::Session(const Hello& hello, const SessionLimits& limits, SteadyTime now, bool debug)
+    : m_hello(hello),
+      m_limits(limits),
+      m_debug(debug),
+      m_started(now),
+      m_writeStarted(now),
+      m_lastSent(now),
+      m_lastHeard(now) {}
+
+void Session::OnConnected(SteadyTime now) {
+    if (m_state != State::Handshake) return;
+    m_helloDue = true;
+    m_lastHeard = now;
+}
+
+void Session::OnBytes(std::string_view bytes, SteadyTime now) {
+    if (m_state == State::Closed) return;
+    m_lastHeard = now;
+    m_reader.Feed(bytes);
+    Frame frame;
+    while (m_state != State::Closed) {
+        const FrameReader::Status status = m_reader.Next(&frame);
+        if (status == FrameReader::Status::NeedMore) return;
+        if (status == FrameReader::Status::Bad) return Close("the engine sent " + m_reader.Problem());
+        if (m_debug)
+            Note(LogLevel::Debug, "in " + IdText(frame.id) + " seq " + std::to_string(frame.seq) + " ack " +
+                                      std::to_string(frame.ack) + " body " +
+                                      std::to_string(frame.body.size()));
+        OnFrame(std::move(frame));
+    }
+}
+
+void Session::OnFrame(Frame frame) {
+    const bool isControl = frame.id < TCP_WORKER_HEARTBEAT_ID;
+    if (frame.id == 0) return Close("the engine sent a frame with the id 0");
+    if (isControl != (frame.seq == 0))
+        return Close("the engine sent " + IdText(frame.id) + " with seq " + std::to_string(frame.seq));
+    if (m_state == State::Handshake) return OnHandshakeFrame(frame);
+    if (!TakePeerAck(frame.ack)) return;
+    if (isControl)
+        OnControl(frame);
+    else
+        OnNumbered(std::move(frame));
+}
+
+void Session::OnHandshakeFrame(const Frame& frame) {
+    if (frame.id == kWelcomeId) return OnWelcome(frame);
+    if (frame.id != kRefuseId) return Close("the engine answered HELLO with " + IdText(frame.id));
+    const Result<Refuse> refuse = DecodeRefuse(frame.body);
+    if (!refuse) return Close(refuse.error().message);
+    Close("refused by the engine, code " + std::to_string(refuse->code) + ": " + refuse->text);
+}
+
+void Session::OnWelcome(const Frame& frame) {
+    const Result<Welcome> welcome = DecodeWelcome(frame.body);
+    if (!welcome) return Close(welcome.error().message);
+    if (welcome->protocolVersion != kProtocolVersion)
+        return Close("the engine answered with protocol version " + std::to_string(welcome->protocolVersion));
+    m_sessionId = welcome->sessionId;
+    m_pingInterval = std::chrono::milliseconds(welcome->pingInterval_ms);
+    m_silenceLimit = std::chrono::milliseconds(welcome->silenceLimit_ms);
+    m_reader.SetLimit(kFrameLimit_bytes);
+    m_state = State::Open;
+    m_events.emplace_back(Welcomed{m_sessionId});
+}
+
+bool Session::TakePeerAck(std::uint64_t ack) {
+    if (ack > m_lastWritten) {
+        Close("the engine acknowledged " + std::to_string(ack) + " of " + std::to_string(m_lastWritten) +
+              " frames");
+        return false;
+    }
+    m_peerAck = std::max(m_peerAck, ack);
+    return true;
+}
+
+void Session::OnControl(const Frame& frame) {
+    switch (frame.id) {
+        case kAckId:
+            return;
+        case kPingId:
+            m_answerDue = true;
+            return;
+        case kByeId:
+            return Close("the engine ended the session");
+        case kHelloId:
+        case kWelcomeId:
+        case kRefuseId:
+            return Close("the engine sent " + IdText(frame.id) + " in an open session");
+        default:
+            return Note(LogLevel::Warning, "refused: unknown control id " + std::to_string(frame.id));
+    }
+}
+
+void Session::OnNumbered(Frame frame) {
+    if (m_state == State::Ending) return;  // dropped, and not acknowledged
+    if (frame.seq <= m_lastReceived)
+        return Note(LogLevel::Warning,
+                    "refused: " + IdText(frame.id) + " repeats seq " + std::to_string(frame.seq));
+    if (frame.seq != m_lastReceived + 1)
+        return Close("the engine sent seq " + std::to_string(frame.seq) + " after " +
+                     std::to_string(m_lastReceived));
+    m_lastReceived = frame.seq;
+    if (IsOrderId(frame.id)) return OnOrder(frame);
+    Note(LogLevel::Warning, "refused: unknown id " + std::to_string(frame.id) + ", " +
+                                std::to_string(frame.body.size()) + " bytes");
+}
+
+void Session::OnOrder(const Frame& frame) {
+    Result<Order> order = DecodeOrder(frame.id, frame.body);
+    if (!order) return Close(order.error().message);
+    if (const auto* text = std::get_if<TaskTextOrder>(&*order); text != nullptr && text->cut_bytes > 0)
+        Note(LogLevel::Warning, "a zero byte in the text of " + IdText(frame.id) + ": " +
+                                    std::to_string(text->cut_bytes) + " bytes cut off");
+    const std::size_t cost = frame.body.size() + kOrderOverhead_bytes;
+    if (m_outstanding_bytes + cost > m_limits.orders_bytes)
+        return Close("too many orders wait for the handler");
+    m_outstanding_bytes += cost;
+    m_outstanding.push_back({frame.seq, cost});
+    m_events.emplace_back(OrderArrived{frame.seq, frame.id, std::move(*order)});
+}
+
+void Session::OnWritten(SteadyTime now) {
+    m_writing = false;
+    m_lastSent = now;
+    if (m_byeTaken && m_state == State::Ending) m_events.emplace_back(ByeWritten{});
+}
+
+void Session::OnDisconnected(std::string reason) {
+    Close(std::move(reason));
+}
+
+void Session::OnTime(SteadyTime now) {
+    if (m_state == State::Closed) return;
+    if (m_state == State::Handshake && now >= m_started + m_limits.connect)
+        return Close("no answer within " + std::to_string(m_limits.connect.count()) + " ms");
+    if (m_writing && now >= m_writeStarted + m_limits.write)
+        return Close("a write did not complete within " + std::to_string(m_limits.write.count()) + " ms");
+    if (m_state != State::Open) return;
+    if (m_silenceLimit.count() > 0 && now >= m_lastHeard + m_silenceLimit)
+        return Close("the engine was silent for " + std::to_string(m_silenceLimit.count()) + " ms");
+    if (m_pingInterval.count() > 0 && !m_writing && now >= m_lastSent + m_pingInterval) m_pingDue = true;
+}
+
+std::optional<SteadyTime> Session::Deadline() const {
+    if (m_state == State::Closed) return std::nullopt;
+    std::optional<SteadyTime> first;
+    const auto add = [&first](SteadyTime time) { first = first ? std::min(*first, time) : time; };
+    if (m_state == State::Handshake) add(m_started + m_limits.connect);
+    if (m_writing) add(m_writeStarted + m_limits.write);
+    if (m_state == State::Open && m_silenceLimit.count() > 0) add(m_lastHeard + m_silenceLimit);
+    if (m_state == State::Open && m_pingInterval.count() > 0 && !m_writing) add(m_lastSent + m_pingInterval);
+    return first;
+}
+
+std::uint64_t Session::Queue(std::uint32_t id, std::string body, std::string* problem) {
+    if (m_state != State::Open) {
+        *problem = "no open session";
+        return 0;
+    }
+    if (!BodyFits(body.size())) {
+        *problem = "a body of " + std::to_string(body.size()) + " bytes does not fit into a frame";
+        return 0;
+    }
+    if (m_queued_bytes + body.size() > m_limits.queue_bytes) {
+        *problem = std::to_string(m_queued_bytes) + " bytes are waiting already";
+        return 0;
+    }
+    m_queued_bytes += body.size();
+    m_queue.push_back({++m_lastQueued, id, std::move(body)});
+    return m_lastQueued;
+}
+
+void Session::MarkHanded(std::uint64_t seq) {
+    while (!m_outstanding.empty() && m_outstanding.front().seq <= seq) {
+        m_outstanding_bytes -= m_outstanding.front().cost_bytes;
+        m_outstanding.pop_front();
+    }
+}
+
+void Session::End() {
+    if (m_state == State::Handshake) return Close("ended by the worker");
+    if (m_state != State::Open) return;
+    m_state = State::Ending;
+    m_byeDue = true;
+}
+
+void Session::Abandon(std::string reason) {
+    if (m_state == State::Open) m_state = State::Ending;
+    Close(std::move(reason));
+}
+
+std::uint64_t Session::OwnAck() const {
+    return m_outstanding.empty() ? m_lastReceived : m_outstanding.front().seq - 1;
+}
+
+void Session::AppendFrame(std::string* out, std::uint64_t seq, std::uint32_t id, std::string_view body) {
+    const std::uint64_t ack = OwnAck();
+    out->append(EncodeFrameHead(seq, ack, id, body.size()));
+    out->append(body);
+    m_ackSent = ack;
+    if (m_debug)
+        Note(LogLevel::Debug, "out " + IdText(id) + " seq " + std::to_string(seq) + " ack " +
+                                  std::to_string(ack) + " body " + std::to_string(body.size()));
+}
+
+std::string Session::TakeOutput(SteadyTime now) {
+    std::string out;
+    if (m_writing || m_state == State::Closed) return out;
+    if (std::exchange(m_helloDue, false)) AppendFrame(&out, 0, kHelloId, EncodeHello(m_hello));
+    while (!m_queue.empty() && out.size() < kBatch_bytes) {
+        const Outgoing& next = m_queue.front();
+        AppendFrame(&out, next.seq, next.id, next.body);
+        m_lastWritten = next.seq;
+        m_queued_bytes -= next.body.size();
+        m_queue.pop_front();
+    }
+    const bool open = m_state != State::Handshake && !m_byeTaken;
+    if (open && (std::exchange(m_answerDue, false) || OwnAck() > m_ackSent)) AppendFrame(&out, 0, kAckId, {});
+    if (std::exchange(m_pingDue, false) && out.empty()) AppendFrame(&out, 0, kPingId, {});
+    if (m_byeDue && m_queue.empty()) {
+        m_byeDue = false;
+        m_byeTaken = true;
+        AppendFrame(&out, 0, kByeId, {});
+    }
+    if (!out.empty()) {
+        m_writing = true;
+        m_writeStarted = now;
+        m_lastSent = now;
+    }
+    return out;
+}
+
+std::vector<SessionEvent> Session::TakeEvents() {
+    return std::exchange(m_events, {});
+}
+
+void Session::Close(std::string reason) {
+    if (m_state == State::Closed) return;
+    const bool wasOpen = m_state == State::Open;
+    m_state = State::Closed;
+    m_queue.clear();
+    m_queued_bytes = 0;
+    m_events.emplace_back(SessionClosed{wasOpen, std::move(reason)});
+}
+
+void Session::Note(LogLevel level, std::string text) {
+    m_events.emplace_back(LogNote{level, std::move(text)});
+}
+
+}  // namespace rq::link

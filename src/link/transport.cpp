@@ -1,0 +1,135 @@
+#include "link/transport.h"
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/connect.hpp>
+#include <boost/asio/ip/address.hpp>
+#include <boost/asio/write.hpp>
+#include <exception>
+#include <system_error>
+#include <utility>
+
+namespace rq::link {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+
+bool IoThread::Start(std::function<void(std::string)> onFailure) {
+    if (IsRunning()) return true;
+    m_io.restart();
+    m_work.emplace(m_io.get_executor());
+    try {
+        m_thread = std::thread([this, onFailure = std::move(onFailure)] { Run(onFailure); });
+    } catch (const std::system_error&) {
+        m_work.reset();
+        return false;
+    }
+    return true;
+}
+
+void IoThread::Run(const std::function<void(std::string)>& onFailure) {
+    std::string thrown;
+    for (;;) {
+        try {
+            if (!thrown.empty()) onFailure(std::exchange(thrown, {}));
+            m_io.run();
+            return;
+        } catch (const std::exception& exception) {
+            thrown = exception.what();
+        } catch (...) {
+            thrown = "an unknown exception";
+        }
+    }
+}
+
+void IoThread::Stop() {
+    if (!IsRunning()) return;
+    asio::post(m_io, [this] { m_io.stop(); });
+    m_thread.join();
+    m_work.reset();
+}
+
+Connection::Connection(asio::io_context& io, Listener* listener)
+    : m_listener(listener), m_socket(io), m_resolver(io), m_timer(io) {}
+
+void Connection::Open(const std::string& address, std::uint16_t port) {
+    Error notNumeric;
+    const asio::ip::address numeric = asio::ip::make_address(address, notNumeric);
+    if (!notNumeric)
+        return ConnectTo(Resolved::create(tcp::endpoint(numeric, port), address, std::to_string(port)));
+    m_resolver.async_resolve(address, std::to_string(port),
+                             [self = shared_from_this()](const Error& error, const Resolved& endpoints) {
+                                 if (error) return self->Fail("resolve", error);
+                                 self->ConnectTo(endpoints);
+                             });
+}
+
+void Connection::ConnectTo(const Resolved& endpoints) {
+    if (m_listener == nullptr) return;
+    asio::async_connect(m_socket, endpoints,
+                        [self = shared_from_this()](const Error& error, const tcp::endpoint&) {
+                            if (error) return self->Fail("connect", error);
+                            if (self->m_listener == nullptr) return;
+                            Error ignored;
+                            self->m_socket.set_option(tcp::no_delay(true), ignored);
+                            self->Read();
+                            self->m_listener->OnConnected();
+                        });
+}
+
+void Connection::Read() {
+    m_socket.async_read_some(asio::buffer(m_input),
+                             [self = shared_from_this()](const Error& error, std::size_t size) {
+                                 if (error) return self->Fail("read", error);
+                                 if (self->m_listener == nullptr) return;
+                                 self->m_listener->OnBytes(std::string_view(self->m_input.data(), size));
+                                 if (self->m_listener != nullptr) self->Read();
+                             });
+}
+
+void Connection::Write(std::string bytes) {
+    m_output = std::move(bytes);
+    asio::async_write(m_socket, asio::buffer(m_output),
+                      [self = shared_from_this()](const Error& error, std::size_t) {
+                          // A failed write says nothing by itself: the read still gives what the peer had
+                          // sent, then reports the end.
+                          if (!error && self->m_listener != nullptr) self->m_listener->OnWritten();
+                      });
+}
+
+void Connection::ShutdownSend() {
+    Error ignored;
+    m_socket.shutdown(tcp::socket::shutdown_send, ignored);
+}
+
+void Connection::Close() {
+    m_listener = nullptr;
+    m_resolver.cancel();
+    m_timer.cancel();
+    Error ignored;
+    m_socket.close(ignored);
+}
+
+void Connection::SetTimer(std::optional<SteadyTime> time) {
+    if (time == m_timerAt) return;
+    m_timerAt = time;
+    if (!time) {
+        m_timer.cancel();
+        return;
+    }
+    m_timer.expires_at(*time);
+    m_timer.async_wait([self = shared_from_this()](const Error& error) {
+        if (error || self->m_listener == nullptr) return;
+        self->m_timerAt.reset();
+        self->m_listener->OnTimer();
+    });
+}
+
+void Connection::Fail(const char* what, const Error& error) {
+    if (m_listener == nullptr) return;
+    Listener* listener = m_listener;
+    Close();
+    if (error == asio::error::eof) return listener->OnDisconnected("the engine closed the connection");
+    listener->OnDisconnected(std::string(what) + ": " + error.message());
+}
+
+}  // namespace rq::link
