@@ -1,0 +1,174 @@
+// Task texts, and the documentation's examples: each is checked with xmllint against the schema and with the
+// plug-in's own reader.
+#include "md5_task.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace rq::md5 {
+namespace {
+
+std::string ErrorOf(const std::string& text) {
+    Md5Task task;
+    task::XmlError error;
+    const bool taken = ReadMd5Task(text, task, error);
+    EXPECT_EQ(taken, error.Text().empty());
+    return error.Text();
+}
+
+TEST(Md5TaskText, ReadsFilesInOrder) {
+    Md5Task task;
+    task::XmlError error;
+    ASSERT_TRUE(
+        ReadMd5Task("<MD5Task><Files><File><Path>/b</Path></File><File><Path>/a  b </Path></File></Files>"
+                    "<ID>x</ID></MD5Task>",
+                    task, error))
+        << error.Text();
+    EXPECT_EQ(task.id, "x");
+    EXPECT_FALSE(task.verify);
+    ASSERT_EQ(task.files.size(), 2u);
+    EXPECT_EQ(task.files[0].path, "/b");
+    EXPECT_EQ(task.files[1].path, "/a  b ");
+    EXPECT_FALSE(task.files[0].expected);
+}
+
+TEST(Md5TaskText, ReadsExpectedDigests) {
+    Md5Task task;
+    task::XmlError error;
+    ASSERT_TRUE(
+        ReadMd5Task("<MD5Task><ID>x</ID><Files><File><MD5> 900150983cd24fb0d6963f7d28e17f72\n</MD5>"
+                    "<Path>/b</Path></File></Files></MD5Task>",
+                    task, error))
+        << error.Text();
+    EXPECT_TRUE(task.verify);
+    ASSERT_TRUE(task.files[0].expected);
+    EXPECT_EQ((*task.files[0].expected)[0], 0x90);
+    EXPECT_EQ((*task.files[0].expected)[15], 0x72);
+}
+
+TEST(Md5TaskText, RefusesMixturesBothWays) {
+    const std::string with = "<File><Path>/a</Path><MD5>900150983cd24fb0d6963f7d28e17f72</MD5></File>\n";
+    const std::string without = "<File><Path>/b</Path></File>\n";
+    const std::string head = "<MD5Task><ID>x</ID><Files>\n";
+    const std::string tail = "</Files></MD5Task>";
+    EXPECT_EQ(
+        ErrorOf(head + with + without + tail),
+        "line 3: <File> has no <MD5>, but the one in line 2 has one; give all of them (verification) or none "
+        "(computation)");
+    EXPECT_EQ(ErrorOf(head + without + without + with + tail),
+              "line 4: <File> has an <MD5>, but the one in line 2 has none; give all of them (verification) "
+              "or none "
+              "(computation)");
+}
+
+TEST(Md5TaskText, KeepsTheIdOfARefusedText) {
+    Md5Task task;
+    task::XmlError error;
+    EXPECT_FALSE(ReadMd5Task("<MD5Task><ID>x</ID></MD5Task>", task, error));
+    EXPECT_EQ(task.id, "x");
+    EXPECT_EQ(error.Text(), "line 1: <MD5Task> has no <Files>; list the files in it");
+}
+
+// ---- the documentation ----
+
+enum class Kind { kGood, kRefused, kMixed };
+struct Example {
+    Kind kind = Kind::kGood;
+    std::string error;  // what the reader says
+    std::string text;
+    int line = 0;  // in the page
+};
+
+// Fenced blocks that begin with ```xml, ```xml refused "..." or ```xml mixed "...".
+std::vector<Example> ReadExamples(const std::string& page) {
+    std::vector<Example> examples;
+    std::istringstream lines(page);
+    int number = 0;
+    bool inside = false;
+    for (std::string line; std::getline(lines, line);) {
+        ++number;
+        if (inside && line == "```") {
+            inside = false;
+        } else if (inside) {
+            examples.back().text += line + "\n";
+        } else if (line.rfind("```xml", 0) == 0) {
+            inside = true;
+            Example& example = examples.emplace_back();
+            example.line = number;
+            if (line.find(" refused ") != std::string::npos) example.kind = Kind::kRefused;
+            if (line.find(" mixed ") != std::string::npos) example.kind = Kind::kMixed;
+            if (const std::size_t quote = line.find('"'); quote != std::string::npos)
+                example.error = line.substr(quote + 1, line.rfind('"') - quote - 1);
+        }
+    }
+    return examples;
+}
+
+std::string ReadWhole(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    EXPECT_TRUE(file) << path;
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+// Whether xmllint finds the text valid against the schema.
+bool SchemaTakes(const std::string& text) {
+    std::string path = (std::filesystem::temp_directory_path() / "md5-example-XXXXXX").string();
+    const int fd = mkstemp(path.data());
+    EXPECT_GE(fd, 0);
+    std::ofstream(path, std::ios::binary) << text;
+    const std::string command = std::string("\"" RQ_XMLLINT "\" --nonet --noout --schema \"") + RQ_TASK_DOCS +
+                                "/md5.xsd\" \"" + path + "\" >/dev/null 2>&1";
+    const int status = std::system(command.c_str());
+    std::filesystem::remove(path);
+    // 0 valid; 3 not valid. Anything else is xmllint's or the schema's own trouble.
+    const int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    EXPECT_TRUE(code == 0 || code == 3) << code;
+    return code == 0;
+}
+
+TEST(Md5Documentation, EveryExampleIsWhatThePageSays) {
+    const std::vector<Example> examples = ReadExamples(ReadWhole(RQ_TASK_DOCS "/md5.md"));
+    ASSERT_GE(examples.size(), 9u);
+    for (const Example& example : examples) {
+        EXPECT_EQ(ErrorOf(example.text), example.error) << "block in line " << example.line;
+        EXPECT_EQ(example.kind == Kind::kGood, example.error.empty()) << "block in line " << example.line;
+        EXPECT_EQ(SchemaTakes(example.text), example.kind != Kind::kRefused)
+            << "block in line " << example.line;
+    }
+}
+
+TEST(Md5Documentation, SchemaAndReaderAgree) {
+    const std::string file = "<File><Path>/a</Path></File>";
+    const auto task = [](const std::string& inner) { return "<MD5Task>" + inner + "</MD5Task>"; };
+    const std::string texts[] = {
+        task("<ID>x</ID><Files>" + file + "</Files>"),
+        task("<Files>" + file + "</Files><ID>x</ID>"),
+        task("<ID> \n</ID><Files>" + file + "</Files>"),
+        task("<ID>x</ID><ID>y</ID><Files>" + file + "</Files>"),
+        task("<ID>x</ID><Files>" + file + "</Files><Files>" + file + "</Files>"),
+        task("<ID>x</ID><Files>text" + file + "</Files>"),
+        task("<ID a='1'>x</ID><Files>" + file + "</Files>"),
+        task("<ID>x<b/></ID><Files>" + file + "</Files>"),
+        task("<ID>x</ID><Files><File><Path> /a</Path></File></Files>"),
+        task("<ID>x</ID><Files><File><Path>/a\n&#10; b </Path></File></Files>"),
+        task("<ID>x</ID><Files><File><Path>/a</Path><MD5> " + std::string(32, 'A') +
+             " </MD5></File></Files>"),
+        task("<ID>x</ID><Files><File><Path>/a</Path><MD5></MD5></File></Files>"),
+        task("<ID>x</ID><Files><File><MD5>" + std::string(32, 'A') + "</MD5></File></Files>"),
+        "<MD5Task xmlns:xsi='http://www.w3.org/2001/XMLSchema-instance' "
+        "xsi:noNamespaceSchemaLocation='md5.xsd'>"
+        "<ID>x</ID><Files>" +
+            file + "</Files></MD5Task>",
+        "<Md5Task/>",
+    };
+    for (const std::string& text : texts) EXPECT_EQ(SchemaTakes(text), ErrorOf(text).empty()) << text;
+}
+
+}  // namespace
+}  // namespace rq::md5
