@@ -1,0 +1,56 @@
+// WorkerTypeTable: which plug-in library serves which worker type, read from "RQWorkerConfig.xml" in the
+// folder of the worker's own executable.
+//
+// A short-lived object: the runner makes one while it loads its plug-in, asks one question and lets it go.
+// The file is read again at every lookup. One thread at a time.
+//
+// The file: one root element of any name; under it WORKER elements, each with TYPE (a decimal number) and
+// PATH (relative to the module directory). Names are compared without regard to case; everything else is
+// skipped. What its forms mean:
+//   a WORKER without TYPE        has the type of the WORKER before it; the first one in the file has type 0
+//   a WORKER without PATH, or a PATH without text: an empty path
+//   several TYPE or PATH in one WORKER, several WORKER of one type: the last one wins
+//   PATH bytes that are not UTF-8: GBK, and what is not GBK either becomes U+FFFD
+//   elements nested deeper than kMaxTableNesting, or more than kMaxTableSize_bytes: the file counts as one
+//   that does not parse
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "base/text.h"
+
+class TiXmlElement;
+
+namespace rq {
+
+inline constexpr std::size_t kMaxTableNesting = 1000;
+inline constexpr std::size_t kMaxTableSize_bytes = 512u * 1024u * 1024u;
+
+struct WorkerTypeEntry {
+    std::int32_t type = 0;
+    WideText path;  // relative to the module directory
+};
+
+class WorkerTypeTable {
+  public:
+    WorkerTypeTable();  // the executable's folder
+    // `moduleDirectory` ends with a separator.
+    explicit WorkerTypeTable(WideText moduleDirectory);
+
+    // True when the file was read to its end, also when it holds no WORKER. Logs why it was not.
+    bool LoadConfig();
+
+    // Reads the file, then looks `type` up. False, with the reason in the log and `path` left alone, when
+    // there is none.
+    bool GetWorkerDllPath(std::int32_t type, WideText& path);
+
+  private:
+    void ReadWorker(TiXmlElement& worker, std::int32_t& type);
+
+    const WideText m_moduleDirectory;
+    std::map<std::int32_t, WorkerTypeEntry> m_entries;  // what the file said at the last successful read
+};
+
+}  // namespace rq
