@@ -1,0 +1,327 @@
+#include "kit/scripted_engine.h"
+
+#include <array>
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/write.hpp>
+#include <deque>
+#include <functional>
+#include <thread>
+#include <utility>
+
+#include "base/sync.h"
+
+namespace rq::kit {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+using boost::system::error_code;
+using link::Frame;
+using link::FrameReader;
+
+namespace {
+
+struct Peer {
+    Peer(tcp::socket accepted, std::size_t serial) : socket(std::move(accepted)), number(serial) {}
+
+    tcp::socket socket;
+    std::size_t number;
+    FrameReader reader;
+    std::array<char, 64 * 1024> input{};
+    std::deque<std::string> output;
+    std::uint64_t received = 0;  // the worker's seq
+    std::uint64_t firstHeldFinal = 0;
+    std::uint64_t sent = 0;  // own seq
+    std::uint64_t ackedByWorker = 0;
+    bool reading = true;
+    bool closeWhenSent = false;
+    bool closed = false;
+};
+using PeerPointer = std::shared_ptr<Peer>;
+
+bool IsFinal(const Frame& frame) {
+    if (frame.id != TCP_WORKER_STATE_ID) return false;
+    const Result<link::WorkerRecord> record = link::DecodeWorkerRecord(frame.id, frame.body);
+    return record && link::IsFinalState(std::get<EngineStateMessage>(*record));
+}
+
+}  // namespace
+
+// Everything in it is guarded by `signal`; the sockets are touched on the thread only.
+struct ScriptedEngine::State {
+    explicit State(ScriptedEngineOptions given)
+        : options(std::move(given)),
+          acceptor(io, tcp::endpoint(asio::ip::address_v4::loopback(), options.port)) {
+        Accept();
+        thread = std::thread([this] { io.run(); });
+    }
+    ~State() {
+        asio::post(io, [this] { io.stop(); });
+        thread.join();
+    }
+
+    void Accept() {
+        acceptor.async_accept([this](const error_code& error, tcp::socket socket) {
+            if (error) return;
+            error_code ignored;
+            socket.set_option(tcp::no_delay(true), ignored);
+            auto peer = std::make_shared<Peer>(std::move(socket), ++connections);
+            {
+                Signal::Hold hold(signal);
+                newest = peer;
+                ++accepted;
+                signal.Notify(hold);
+            }
+            Read(peer);
+            Accept();
+        });
+    }
+
+    void Read(const PeerPointer& peer) {
+        if (!peer->reading || peer->closed) return;
+        peer->socket.async_read_some(asio::buffer(peer->input),
+                                     [this, peer](const error_code& error, std::size_t size) {
+                                         if (error) return Close(peer);
+                                         peer->reader.Feed(std::string_view(peer->input.data(), size));
+                                         Frame frame;
+                                         while (peer->reader.Next(&frame) == FrameReader::Status::Ready)
+                                             OnFrame(peer, frame);
+                                         Read(peer);
+                                     });
+    }
+
+    void OnFrame(const PeerPointer& peer, const Frame& frame) {
+        {
+            Signal::Hold hold(signal);
+            frames.push_back({peer->number, frame});
+            peer->ackedByWorker = std::max(peer->ackedByWorker, frame.ack);
+            if (frame.seq != 0) peer->received = frame.seq;
+            if (holdFinals && peer->firstHeldFinal == 0 && IsFinal(frame)) peer->firstHeldFinal = frame.seq;
+            signal.Notify(hold);
+        }
+        if (frame.id == link::kHelloId && options.answerHello) AnswerHello(peer, frame);
+        if (frame.seq != 0 && options.acknowledge) Send(peer, 0, link::kAckId, {});
+        if (frame.id == link::kPingId && options.answerPings) Send(peer, 0, link::kAckId, {});
+        if (frame.id == link::kByeId && options.closeOnBye) CloseAfterOutput(peer);
+    }
+
+    void AnswerHello(const PeerPointer& peer, const Frame& frame) {
+        const Result<link::Hello> decoded = link::DecodeHello(frame.body);
+        {
+            Signal::Hold hold(signal);
+            if (decoded) hello = *decoded;
+        }
+        if (decoded && (options.token.empty() || decoded->token == options.token)) {
+            link::Welcome welcome = options.welcome;
+            welcome.sessionId = options.firstSessionId + static_cast<std::uint32_t>(peer->number - 1);
+            return Send(peer, 0, link::kWelcomeId, link::EncodeWelcome(welcome));
+        }
+        Send(peer, 0, link::kRefuseId, link::EncodeRefuse({link::kRefuseToken, "wrong token"}));
+        CloseAfterOutput(peer);
+    }
+
+    std::uint64_t OwnAck(const Peer& peer) {
+        Signal::Hold hold(signal);
+        return peer.firstHeldFinal != 0 ? peer.firstHeldFinal - 1 : peer.received;
+    }
+
+    void Send(const PeerPointer& peer, std::uint64_t seq, std::uint32_t id, const std::string& body) {
+        const std::uint64_t ack = options.acknowledge ? OwnAck(*peer) : 0;
+        SendBytes(peer, link::EncodeFrameHead(seq, ack, id, body.size()) + body);
+    }
+
+    void SendBytes(const PeerPointer& peer, std::string bytes) {
+        if (peer->closed) return;
+        peer->output.push_back(std::move(bytes));
+        if (peer->output.size() == 1) WriteNext(peer);
+    }
+
+    void WriteNext(const PeerPointer& peer) {
+        asio::async_write(peer->socket, asio::buffer(peer->output.front()),
+                          [this, peer](const error_code& error, std::size_t) {
+                              peer->output.pop_front();
+                              if (error) return Close(peer);
+                              if (!peer->output.empty()) return WriteNext(peer);
+                              if (peer->closeWhenSent) Close(peer);
+                          });
+    }
+
+    void CloseAfterOutput(const PeerPointer& peer) {
+        peer->closeWhenSent = true;
+        if (peer->output.empty()) Close(peer);
+    }
+
+    void Close(const PeerPointer& peer) {
+        if (std::exchange(peer->closed, true)) return;
+        error_code ignored;
+        peer->socket.shutdown(tcp::socket::shutdown_both, ignored);
+        peer->socket.close(ignored);
+        Signal::Hold hold(signal);
+        ++closed;
+        signal.Notify(hold);
+    }
+
+    // Runs `work` on the thread with the newest connection and waits for its end.
+    void OnThread(const std::function<void(const PeerPointer&)>& work) {
+        Signal done;
+        asio::post(io, [&] {
+            PeerPointer peer;
+            {
+                Signal::Hold hold(signal);
+                peer = newest;
+            }
+            if (peer) work(peer);
+            done.Notify();
+        });
+        done.WaitFor(kPatience);
+    }
+
+    template <class Predicate>
+    bool WaitUntil(Predicate predicate) {
+        const SteadyTime deadline = SystemClock().Steady() + kPatience;
+        Signal::Hold hold(signal);
+        while (!predicate())
+            if (!signal.WaitUntil(hold, deadline)) return predicate();
+        return true;
+    }
+
+    std::size_t CountHeld(std::uint32_t id) const {
+        std::size_t count = 0;
+        for (const ReceivedFrame& received : frames) count += received.frame.id == id ? 1 : 0;
+        return count;
+    }
+
+    const ScriptedEngineOptions options;
+    asio::io_context io{1};
+    tcp::acceptor acceptor;
+    std::size_t connections = 0;  // the thread only
+
+    mutable Signal signal;
+    std::vector<ReceivedFrame> frames;
+    link::Hello hello;
+    PeerPointer newest;
+    std::size_t accepted = 0;
+    std::size_t closed = 0;
+    bool holdFinals = false;
+
+    std::thread thread;
+};
+
+ScriptedEngine::ScriptedEngine(ScriptedEngineOptions options)
+    : m_state(std::make_unique<State>(std::move(options))) {}
+ScriptedEngine::~ScriptedEngine() = default;
+
+std::uint16_t ScriptedEngine::Port() const {
+    return m_state->acceptor.local_endpoint().port();
+}
+
+std::vector<ReceivedFrame> ScriptedEngine::Frames() const {
+    Signal::Hold hold(m_state->signal);
+    return m_state->frames;
+}
+
+std::vector<Frame> ScriptedEngine::Frames(std::uint32_t id) const {
+    std::vector<Frame> found;
+    for (ReceivedFrame& received : Frames())
+        if (received.frame.id == id) found.push_back(std::move(received.frame));
+    return found;
+}
+
+std::vector<link::WorkerRecord> ScriptedEngine::Records(std::uint32_t id) const {
+    std::vector<link::WorkerRecord> records;
+    for (const Frame& frame : Frames(id))
+        if (Result<link::WorkerRecord> record = link::DecodeWorkerRecord(id, frame.body))
+            records.push_back(std::move(*record));
+    return records;
+}
+
+link::Hello ScriptedEngine::LastHello() const {
+    Signal::Hold hold(m_state->signal);
+    return m_state->hello;
+}
+
+std::size_t ScriptedEngine::Connections() const {
+    Signal::Hold hold(m_state->signal);
+    return m_state->accepted;
+}
+
+std::uint64_t ScriptedEngine::AckedByWorker() const {
+    Signal::Hold hold(m_state->signal);
+    return m_state->newest ? m_state->newest->ackedByWorker : 0;
+}
+
+bool ScriptedEngine::WaitForFrame(std::uint32_t id, std::size_t count) const {
+    return m_state->WaitUntil([this, id, count] { return m_state->CountHeld(id) >= count; });
+}
+
+bool ScriptedEngine::WaitForConnections(std::size_t count) const {
+    return m_state->WaitUntil([this, count] { return m_state->accepted >= count; });
+}
+
+bool ScriptedEngine::WaitForClosed(std::size_t count) const {
+    return m_state->WaitUntil([this, count] { return m_state->closed >= count; });
+}
+
+bool ScriptedEngine::WaitForAck(std::uint64_t seq) const {
+    return m_state->WaitUntil(
+        [this, seq] { return m_state->newest && m_state->newest->ackedByWorker >= seq; });
+}
+
+std::uint64_t ScriptedEngine::SendOrder(std::uint32_t id, const link::Order& order) {
+    const Result<std::string> body = link::EncodeOrder(id, order);
+    return body ? SendNumbered(id, *body) : 0;
+}
+
+std::uint64_t ScriptedEngine::SendNumbered(std::uint32_t id, std::string body) {
+    std::uint64_t seq = 0;
+    m_state->OnThread([&](const PeerPointer& peer) {
+        seq = ++peer->sent;
+        m_state->Send(peer, seq, id, body);
+    });
+    return seq;
+}
+
+void ScriptedEngine::SendControl(std::uint32_t id, std::string body) {
+    m_state->OnThread([&](const PeerPointer& peer) { m_state->Send(peer, 0, id, body); });
+}
+
+void ScriptedEngine::SendRaw(std::string bytes) {
+    m_state->OnThread([&](const PeerPointer& peer) { m_state->SendBytes(peer, std::move(bytes)); });
+}
+
+void ScriptedEngine::HoldFinals(bool hold) {
+    Signal::Hold held(m_state->signal);
+    m_state->holdFinals = hold;
+}
+
+void ScriptedEngine::AcknowledgeAll() {
+    m_state->OnThread([&](const PeerPointer& peer) {
+        std::uint64_t received = 0;
+        {
+            Signal::Hold hold(m_state->signal);
+            peer->firstHeldFinal = 0;
+            received = peer->received;
+        }
+        m_state->SendBytes(peer, link::EncodeFrameHead(0, received, link::kAckId, 0));
+    });
+}
+
+void ScriptedEngine::StopReading() {
+    m_state->OnThread([](const PeerPointer& peer) { peer->reading = false; });
+}
+
+void ScriptedEngine::CloseConnection() {
+    m_state->OnThread([&](const PeerPointer& peer) { m_state->CloseAfterOutput(peer); });
+}
+
+void ScriptedEngine::ResetConnection() {
+    m_state->OnThread([&](const PeerPointer& peer) {
+        error_code ignored;
+        peer->socket.set_option(asio::socket_base::linger(true, 0), ignored);
+        m_state->Close(peer);
+    });
+}
+
+}  // namespace rq::kit
