@@ -15,3 +15,8 @@ add_custom_target(generate
 add_test(NAME generated_files_are_current COMMAND rq_generate check "${PROJECT_SOURCE_DIR}")
 
 rq_stage_file("${PROJECT_SOURCE_DIR}/data/actor.xml" actor.xml)
+
+rq_test(test_records
+  SOURCES running_parameter_test.cpp generate_test.cpp $<TARGET_OBJECTS:rq_generate_text>
+  USES records sdk
+  LIBRARIES RQ::TinyXML)

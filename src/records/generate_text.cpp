@@ -200,7 +200,10 @@ them to its plug-in as an `RQRunningParameter` (`sdk/include/rqworker/running_pa
 - A whole number is decimal with an optional sign and 32 bits wide. A flag is `0` or `1`. A number has an optional decimal
   point and exponent. A text is the element's character data. A port is a decimal number from 0 to 65535.
 - A list holds one element `Item` for each of its entries; a list element without items is an empty list.
-- A parameter that the file lacks has its default. Elements that are not listed are kept when the file is written.
+- A text keeps its blanks inside a CDATA section only; outside of one, blanks at its ends are dropped and several in a row
+  become one.
+- A parameter that the file lacks, or whose text does not fit its kind, has its default; so has a server list without
+  items. The worker's log says what did not fit. Elements that are not listed are kept when the file is written.
 
 ## The parameters
 
