@@ -25,7 +25,7 @@ class FileTest : public testing::Test {
     ~FileTest() override { fs::remove_all(m_folder); }
 
     std::string Write(const std::string& name, const std::string& bytes) const {
-        const std::string path = (m_folder / name).string();
+        std::string path = (m_folder / name).string();
         std::ofstream(path, std::ios::binary) << bytes;
         return path;
     }

@@ -29,25 +29,25 @@ plugin::Outcome Md5Work::Do() {
     ReportNow(0);
     const Md5Task& task = m_record.Task();
     for (std::size_t i = 0; i < task.files.size() && m_run.Stop() == RQ_STOP_NONE; ++i) {
-        Reading reading = ReadFile(task.files[i], m_planned_bytes[i]);
+        Reading reading = ReadFile(task.files[i], m_plannedBytes[i]);
         if (!reading.digest && !reading.failure) break;
         Compare(task.files[i], reading);
         if (reading.failure) NoteFailure(task.files[i], *reading.failure);
         m_record.Publish(reading.digest ? &*reading.digest : nullptr,
                          reading.failure ? reading.failure->words : "");
-        m_base_bytes += m_planned_bytes[i];
-        ReportSometimes(m_base_bytes);
+        m_baseBytes += m_plannedBytes[i];
+        ReportSometimes(m_baseBytes);
     }
     return m_run.Stop() == RQ_STOP_NONE ? Conclude() : ConcludeEarly();
 }
 
 void Md5Work::MeasureFiles() {
     const std::vector<TaskFile>& files = m_record.Task().files;
-    m_planned_bytes.resize(files.size());
+    m_plannedBytes.resize(files.size());
     m_reportedAt = std::chrono::steady_clock::now();
     for (std::size_t i = 0; i < files.size() && m_run.Stop() == RQ_STOP_NONE; ++i) {
-        m_planned_bytes[i] = static_cast<std::int64_t>(task::PlainFileSize(files[i].path));
-        m_total_bytes += m_planned_bytes[i];
+        m_plannedBytes[i] = static_cast<std::int64_t>(task::PlainFileSize(files[i].path));
+        m_totalBytes += m_plannedBytes[i];
         // Many files on a slow share take their time, and the total is not known before the last.
         if (std::chrono::steady_clock::now() - m_reportedAt < kReport_ms) continue;
         m_run.QuietFor(kMeasuring_s);
@@ -76,7 +76,7 @@ Md5Work::Reading Md5Work::ReadOpened(task::InputFile& input, std::int64_t planne
         if (read_bytes > input.Size()) return {std::nullopt, changed};
         if (!m_md5.Add(m_buffer.get(), got))
             return {std::nullopt, Failure{0, task::kErrorNoDigest, "computing the MD5 failed"}};
-        ReportSometimes(m_base_bytes + std::min(planned_bytes, static_cast<std::int64_t>(read_bytes)));
+        ReportSometimes(m_baseBytes + std::min(planned_bytes, static_cast<std::int64_t>(read_bytes)));
     }
     if (read_bytes != input.Size() || input.Changed()) return {std::nullopt, changed};
     task::Md5Digest digest{};
@@ -108,19 +108,19 @@ void Md5Work::NoteFailure(const TaskFile& file, const Failure& failure) {
 }
 
 void Md5Work::ReportNow(std::int64_t done_bytes) {
-    m_reported_bytes = done_bytes;
-    m_run.Progress(m_total_bytes, done_bytes);
+    m_reportedBytes = done_bytes;
+    m_run.Progress(m_totalBytes, done_bytes);
     m_reportedAt = std::chrono::steady_clock::now();
 }
 
 void Md5Work::ReportSometimes(std::int64_t done_bytes) {
-    if (done_bytes - m_reported_bytes >= kReport_bytes ||
+    if (done_bytes - m_reportedBytes >= kReport_bytes ||
         std::chrono::steady_clock::now() - m_reportedAt >= kReport_ms)
         ReportNow(done_bytes);
 }
 
 plugin::Outcome Md5Work::Conclude() {
-    ReportNow(std::max<std::int64_t>(m_total_bytes, 1));  // empty files only: 1 of 1
+    ReportNow(std::max<std::int64_t>(m_totalBytes, 1));  // empty files only: 1 of 1
     // The last report may have been held by a pause that a stop ended.
     if (m_run.Stop() != RQ_STOP_NONE) return ConcludeEarly();
     if (!m_firstFailure) return plugin::Outcome::kFinished;

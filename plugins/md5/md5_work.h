@@ -58,10 +58,10 @@ class Md5Work {
     std::unique_ptr<unsigned char[]> m_buffer;
 
     std::vector<std::int64_t>
-        m_planned_bytes;  // sizes at the start; progress counts in these, whatever the files do later
-    std::int64_t m_total_bytes = 0;
-    std::int64_t m_base_bytes = 0;  // of the files that are done with
-    std::int64_t m_reported_bytes = 0;
+        m_plannedBytes;  // sizes at the start; progress counts in these, whatever the files do later
+    std::int64_t m_totalBytes = 0;
+    std::int64_t m_baseBytes = 0;  // of the files that are done with
+    std::int64_t m_reportedBytes = 0;
     std::chrono::steady_clock::time_point m_reportedAt;
 
     std::optional<Failure> m_firstFailure;

@@ -369,7 +369,7 @@ class Exports {
     };
 
     // Never destroyed: a perform call that was given up may still use it while the process ends.
-    static State& Get() noexcept {
+    static State& Get() {
         static State* const state = new State;
         return *state;
     }
