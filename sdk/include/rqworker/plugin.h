@@ -228,14 +228,15 @@ typedef struct RQMd5Data { /* types 3 and 4 */
 
 /* ---- the task information record -----------------------------------------------------------------------------------
  *
- * Made by the plug-in in RQWorkerAnalyseTask and freed by the plug-in alone. It lives at least until the next analyse
- * call or RQWorkerRelease, and beyond an analyse call that comes while RQWorkerPerformTask runs on it (an update of the
- * task): the record in use stays valid until that perform call has returned.
+ * Made by the plug-in in RQWorkerAnalyseTask and freed by the plug-in alone. A record of another contract version, or one
+ * smaller than this, is taken as none, with a line in the log. A record lives at least until the next analyse call or
+ * RQWorkerRelease, and beyond an analyse call that comes while RQWorkerPerformTask runs on it (an update of the task): the
+ * record in use stays valid until that perform call has returned.
  *
- * The worker writes these fields and no others: `status` (atomically), `errorCode`, `detailErrorText`, `furtherText`
- * (main thread, while no plug-in function runs; the texts then point to memory of the worker's that lives until
- * RQWorkerRelease). The plug-in must therefore free the memory of its own texts through pointers of its own, never
- * through the fields.
+ * The worker writes these fields and no others: `status` (atomically, any thread), and on the main thread, while no plug-in
+ * function runs, `errorCode`, `detailErrorText` and `furtherText`, and `detailErrorCode` for an error that was published.
+ * The texts then point to memory of the worker's that lives until RQWorkerRelease. The plug-in must therefore free the
+ * memory of its own texts through pointers of its own, never through the fields.
  *
  * The plug-in writes the error fields and texts on the thread of the analyse or perform call only, or through
  * RQHostServices.publishError from any thread.
@@ -271,33 +272,38 @@ typedef uint32_t (*RQProgressCallback)(int64_t total, int64_t done, void* contex
 #define RQ_RESULT_TRANSCODE_OUTPUT 4u /* entry: RQTranscodeOutput */
 
 /* Services that RQWorkerDescribe receives. The record and the functions live until the process ends; any thread may call
- * them; texts given to them are copied before they return. */
+ * them; texts and entries given to them are copied before they return. After RQWorkerRelease they do nothing. "The running
+ * task" is the one that RQWorkerPerformTask has been called for and has not returned from. */
 typedef struct RQHostServices {
     uint32_t size;
     uint32_t contractVersion; /* the worker's */
     void* context;            /* first argument of each function */
 
-    /* Writes one line to the worker's log. Level 1 milestone, 2 information, 3 warning, 4 failure, 5 must not occur. */
+    /* Writes one line to the worker's log, under the plug-in's name. Level 1 milestone, 2 information, 3 warning, 4 failure,
+     * 5 must not occur; others are taken as the nearest. Line breaks in the text become blanks. */
     void (*log)(void* context, int32_t level, RQText text);
 
     /* Waits until the running task is told to stop or `timeout_ms` have passed; returns the stop flag. For waits that the
-     * plug-in would otherwise sleep through. With no task running it returns RQ_STOP_NONE after the time. */
+     * plug-in would otherwise sleep through; any number of threads may wait. With no task running it returns RQ_STOP_NONE
+     * after the time. */
     uint32_t (*waitForStop)(void* context, uint32_t timeout_ms);
 
     /* Sets the running task's error fields by copy: they are applied to the task information record when the perform call
-     * returns, and win over what the record then holds. The last call counts. */
+     * returns or throws, and win over what the record then holds. The last call counts. With no task running it does
+     * nothing. */
     void (*publishError)(void* context, uint32_t detailErrorCode, int32_t errorCode, RQText detailErrorText,
                          RQText furtherText);
 
-    /* Adds one result entry by copy (RQ_RESULT_...), after those of the result lists. 0, or -1 for an unknown kind or a
-     * NULL entry. */
+    /* Adds one result entry by copy (RQ_RESULT_...) to the running task's, after those of the result lists. 0, or -1 for an
+     * unknown kind, an entry that is NULL or too small, or with no task running. */
     int32_t (*publishResult)(void* context, uint32_t kind, const void* entry);
 
     /* Tells that no progress will come for `seconds` from now: a sign of life that any thread may give. */
     void (*quietFor)(void* context, uint32_t seconds);
 
-    /* A folder for temporary files of this process, made at the first call and emptied by the worker at its end; the text
-     * lives until RQWorkerRelease. Empty when it could not be made. */
+    /* A folder for temporary files of this process, made at the first call, open to its owner only, and removed with all
+     * that is in it after RQWorkerRelease (a worker that crashes leaves it). The text lives until the process ends. Empty
+     * when the folder could not be made. */
     RQText (*temporaryFolder)(void* context);
 } RQHostServices;
 
