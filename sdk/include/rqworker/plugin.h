@@ -1,8 +1,8 @@
 /*
  * rqworker/plugin.h: the contract between a worker and a task plug-in. Contract version 0.
  *
- * A plug-in is one shared library that does the media work of one or more task types. The worker loads it once, calls
- * four exported functions and, when it is there, a fifth:
+ * A plug-in is one shared library that does the media work of one or more task types. The worker loads it
+ * once, calls four exported functions and, when it is there, a fifth:
  *
  *   RQWorkerInit           once, before any task                                optional
  *   RQWorkerAnalyseTask    for each task text, and for each update of it        required
@@ -10,25 +10,25 @@
  *   RQWorkerRelease        once, at the end                                     optional
  *   RQWorkerDescribe       once, before RQWorkerInit                            optional
  *
- * The header is plain C (C11, C17, C++17, C++20) and includes nothing of the worker. rqworker/plugin.hpp wraps it for
- * C++ authors.
+ * The header is plain C (C11, C17, C++17, C++20) and includes nothing of the worker. rqworker/plugin.hpp
+ * wraps it for C++ authors.
  *
  * RULES FOR EVERYTHING BELOW
  *
- * Texts are UTF-8, given as a pointer and a length in bytes (RQText); they need no zero at the end and may be {NULL, 0}.
- * Whoever receives a text borrows it and never frees it. Bytes that are not UTF-8 become U+FFFD in the worker, which
- * logs one line that names the plug-in.
+ * Texts are UTF-8, given as a pointer and a length in bytes (RQText); they need no zero at the end and may be
+ * {NULL, 0}. Whoever receives a text borrows it and never frees it. Bytes that are not UTF-8 become U+FFFD in
+ * the worker, which logs one line that names the plug-in.
  *
- * Structs begin with `size`: their maker sets it to sizeof(the struct as it knows it). A reader uses a field only when it
- * lies inside `size`; a longer struct of a later version is read as far as it is known.
+ * Structs begin with `size`: their maker sets it to sizeof(the struct as it knows it). A reader uses a field
+ * only when it lies inside `size`; a longer struct of a later version is read as far as it is known.
  *
- * Nothing but the perform call may throw. A C++ exception that leaves RQWorkerPerformTask on the thread that made the
- * call is caught and reported as the task's error; one that leaves any other function, or another thread, ends the
- * process.
+ * Nothing but the perform call may throw. A C++ exception that leaves RQWorkerPerformTask on the thread that
+ * made the call is caught and reported as the task's error; one that leaves any other function, or another
+ * thread, ends the process.
  *
- * Threads: "main" is the worker's main thread, "link" the thread that delivers the engine's orders, "any" any thread,
- * also one that the plug-in started itself. Threads of the plug-in's own must have ended before RQWorkerPerformTask
- * returns.
+ * Threads: "main" is the worker's main thread, "link" the thread that delivers the engine's orders, "any" any
+ * thread, also one that the plug-in started itself. Threads of the plug-in's own must have ended before
+ * RQWorkerPerformTask returns.
  */
 #ifndef RQWORKER_PLUGIN_H
 #define RQWORKER_PLUGIN_H
@@ -56,7 +56,7 @@ extern "C" {
 #define RQ_STATUS_RUNNING 3u
 #define RQ_STATUS_ERROR 4u
 #define RQ_STATUS_CANCELLED 5u
-#define RQ_STATUS_PAUSED 7u /* set by the worker alone, while a suspended task is held in the progress callback */
+#define RQ_STATUS_PAUSED 7u /* set by the worker alone, while it holds a suspended task in the callback */
 
 /* Values of the stop flag. */
 #define RQ_STOP_NONE 0u
@@ -72,11 +72,12 @@ extern "C" {
 #define RQ_TYPE_REALTIME_MERGE 8
 #define RQ_TYPE_TRANSCODE_30 30 /* reported like a transcode */
 
-/* ---- words that both sides touch -----------------------------------------------------------------------------------
+/* ---- words that both sides touch ----------------------------------------------------------------
  *
- * While RQWorkerPerformTask runs, these are read and written by several threads of the worker and of the plug-in: the
- * stop flag, TaskInfo.status and the `count` of a result list. Access them with these functions only.
- * RQLoad32 has acquire, RQStore32 release order: what was written before a store is seen after a load of its value.
+ * While RQWorkerPerformTask runs, these are read and written by several threads of the worker and of the
+ * plug-in: the stop flag, TaskInfo.status and the `count` of a result list. Access them with these functions
+ * only. RQLoad32 has acquire, RQStore32 release order: what was written before a store is seen after a load
+ * of its value.
  */
 #if defined(_MSC_VER)
 #include <intrin.h>
@@ -87,23 +88,26 @@ static __inline void RQStore32(volatile uint32_t* word, uint32_t value) {
     (void)_InterlockedExchange((volatile long*)word, (long)value);
 }
 #else
-static inline uint32_t RQLoad32(const volatile uint32_t* word) { return __atomic_load_n(word, __ATOMIC_ACQUIRE); }
+static inline uint32_t RQLoad32(const volatile uint32_t* word) {
+    return __atomic_load_n(word, __ATOMIC_ACQUIRE);
+}
 static inline void RQStore32(volatile uint32_t* word, uint32_t value) {
     __atomic_store_n(word, value, __ATOMIC_RELEASE);
 }
 #endif
 
-/* ---- per-type data -------------------------------------------------------------------------------------------------
+/* ---- per-type data ------------------------------------------------------------------------------
  *
- * Result lists only grow. `items` points to `capacity` pointers, both fixed when the analyse call returns; the entry
- * items[i] is complete before `count` is stored (RQStore32) as i + 1, and is not changed or moved after that until the
- * task information record ends. The worker reads the first `count` entries, at any time, from any of its threads. A
- * plug-in that cannot know how many entries there will be uses RQHostServices.publishResult.
+ * Result lists only grow. `items` points to `capacity` pointers, both fixed when the analyse call returns;
+ * the entry items[i] is complete before `count` is stored (RQStore32) as i + 1, and is not changed or moved
+ * after that until the task information record ends. The worker reads the first `count` entries, at any time,
+ * from any of its threads. A plug-in that cannot know how many entries there will be uses
+ * RQHostServices.publishResult.
  */
 typedef struct RQResultList {
     uint32_t size;
     uint32_t capacity;        /* entries that `items` has room for */
-    const void* const* items; /* pointers to RQVerification, RQMd5File, ... as said below; NULL when capacity is 0 */
+    const void* const* items; /* pointers to the records named below; NULL when capacity is 0 */
     volatile uint32_t count;  /* entries published so far; access with RQLoad32 and RQStore32 */
     uint32_t reserved;
 } RQResultList;
@@ -113,8 +117,8 @@ typedef struct RQResultList {
 #define RQ_HAS_SECOND_MD5 2u
 #define RQ_HAS_COMPUTED_MD5 4u
 
-/* One compared file (types 0, 1, 8, 30). The worker calls it equal when both digests are there, the first is not all
- * zero, and they agree. */
+/* One compared file (types 0, 1, 8, 30). The worker calls it equal when both digests are there, the first is
+ * not all zero, and they agree. */
 typedef struct RQVerification {
     uint32_t size;
     uint32_t has; /* RQ_HAS_FIRST_MD5 | RQ_HAS_SECOND_MD5 */
@@ -189,8 +193,8 @@ typedef struct RQTranscodeOutput {
     const RQMediaFormat* format; /* may be NULL: the report then carries no format */
 } RQTranscodeOutput;
 
-/* What the worker must know of a transcode's source (type 1): the first description, when it has video, gives the frame
- * rate of the efficiency figures. */
+/* What the worker must know of a transcode's source (type 1): the first description, when it has video, gives
+ * the frame rate of the efficiency figures. */
 typedef struct RQSourceDescription {
     uint32_t size;
     uint32_t hasVideo; /* 0 or 1 */
@@ -226,17 +230,18 @@ typedef struct RQMd5Data { /* types 3 and 4 */
     RQResultList* files; /* of RQMd5File, one a file, in the task's order */
 } RQMd5Data;
 
-/* ---- the task information record -----------------------------------------------------------------------------------
+/* ---- the task information record ----------------------------------------------------------------
  *
- * Made by the plug-in in RQWorkerAnalyseTask and freed by the plug-in alone. A record of another contract version, or one
- * smaller than this, is taken as none, with a line in the log. A record lives at least until the next analyse call or
- * RQWorkerRelease, and beyond an analyse call that comes while RQWorkerPerformTask runs on it (an update of the task): the
- * record in use stays valid until that perform call has returned.
+ * Made by the plug-in in RQWorkerAnalyseTask and freed by the plug-in alone. A record of another contract
+ * version, or one smaller than this, is taken as none, with a line in the log. A record lives at least until
+ * the next analyse call or RQWorkerRelease, and beyond an analyse call that comes while RQWorkerPerformTask
+ * runs on it (an update of the task): the record in use stays valid until that perform call has returned.
  *
- * The worker writes these fields and no others: `status` (atomically, any thread), and on the main thread, while no plug-in
- * function runs, `errorCode`, `detailErrorText` and `furtherText`, and `detailErrorCode` for an error that was published.
- * The texts then point to memory of the worker's that lives until RQWorkerRelease. The plug-in must therefore free the
- * memory of its own texts through pointers of its own, never through the fields.
+ * The worker writes these fields and no others: `status` (atomically, any thread), and on the main thread,
+ * while no plug-in function runs, `errorCode`, `detailErrorText` and `furtherText`, and `detailErrorCode` for
+ * an error that was published. The texts then point to memory of the worker's that lives until
+ * RQWorkerRelease. The plug-in must therefore free the memory of its own texts through pointers of its own,
+ * never through the fields.
  *
  * The plug-in writes the error fields and texts on the thread of the analyse or perform call only, or through
  * RQHostServices.publishError from any thread.
@@ -249,20 +254,21 @@ typedef struct TaskInfo {
     int32_t taskType;         /* the task type number; 14 is a package */
     volatile uint32_t status; /* RQ_STATUS_...; access with RQLoad32 and RQStore32 */
     uint32_t detailErrorCode; /* the processing library's own result code, 0 when there is none */
-    int32_t errorCode;        /* the task error code, 0 when there is none; -5 is set by the worker when analysis failed */
+    int32_t errorCode; /* the task error code, 0 when there is none; -5 (by the worker): analysis failed */
     RQText detailErrorText;
     RQText furtherText;
-    /* Per-type data: RQTransferData (0), RQTranscodeData (1, 8, 30), RQReviewData (2), RQMd5Data (3, 4); NULL for
-     * others, or when there is none. */
+    /* Per-type data: RQTransferData (0), RQTranscodeData (1, 8, 30), RQReviewData (2), RQMd5Data (3, 4); NULL
+     * for others, or when there is none. */
     const void* typeData;
 } TaskInfo;
 
-/* ---- what the worker gives to the plug-in --------------------------------------------------------------------------
+/* ---- what the worker gives to the plug-in -------------------------------------------------------
  */
 
-/* Tells progress, from the perform call's thread, as often as the plug-in likes: `done` of `total` units. With total 0 it
- * is a sign of life: nothing moved, and nothing will for `done` seconds. While the task is suspended the call does not
- * return. `context` is the one given to RQWorkerPerformTask. Returns 0, or 0xFFFFFFFF when the context is NULL. */
+/* Tells progress, from the perform call's thread, as often as the plug-in likes: `done` of `total` units.
+ * With total 0 it is a sign of life: nothing moved, and nothing will for `done` seconds. While the task is
+ * suspended the call does not return. `context` is the one given to RQWorkerPerformTask. Returns 0, or
+ * 0xFFFFFFFF when the context is NULL. */
 typedef uint32_t (*RQProgressCallback)(int64_t total, int64_t done, void* context);
 
 /* A result that the worker copies: the list `kind` of the task's type gets one entry more. */
@@ -271,39 +277,41 @@ typedef uint32_t (*RQProgressCallback)(int64_t total, int64_t done, void* contex
 #define RQ_RESULT_TRANSFER_OUTPUT 3u  /* entry: RQTransferOutput */
 #define RQ_RESULT_TRANSCODE_OUTPUT 4u /* entry: RQTranscodeOutput */
 
-/* Services that RQWorkerDescribe receives. The record and the functions live until the process ends; any thread may call
- * them; texts and entries given to them are copied before they return. After RQWorkerRelease they do nothing. "The running
- * task" is the one that RQWorkerPerformTask has been called for and has not returned from. */
+/* Services that RQWorkerDescribe receives. The record and the functions live until the process ends; any
+ * thread may call them; texts and entries given to them are copied before they return. After RQWorkerRelease
+ * they do nothing. "The running task" is the one that RQWorkerPerformTask has been called for and has not
+ * returned from. */
 typedef struct RQHostServices {
     uint32_t size;
     uint32_t contractVersion; /* the worker's */
     void* context;            /* first argument of each function */
 
-    /* Writes one line to the worker's log, under the plug-in's name. Level 1 milestone, 2 information, 3 warning, 4 failure,
-     * 5 must not occur; others are taken as the nearest. Line breaks in the text become blanks. */
+    /* Writes one line to the worker's log, under the plug-in's name. Level 1 milestone, 2 information, 3
+     * warning, 4 failure, 5 must not occur; others are taken as the nearest. Line breaks in the text become
+     * blanks. */
     void (*log)(void* context, int32_t level, RQText text);
 
-    /* Waits until the running task is told to stop or `timeout_ms` have passed; returns the stop flag. For waits that the
-     * plug-in would otherwise sleep through; any number of threads may wait. With no task running it returns RQ_STOP_NONE
-     * after the time. */
+    /* Waits until the running task is told to stop or `timeout_ms` have passed; returns the stop flag. For
+     * waits that the plug-in would otherwise sleep through; any number of threads may wait. With no task
+     * running it returns RQ_STOP_NONE after the time. */
     uint32_t (*waitForStop)(void* context, uint32_t timeout_ms);
 
-    /* Sets the running task's error fields by copy: they are applied to the task information record when the perform call
-     * returns or throws, and win over what the record then holds. The last call counts. With no task running it does
-     * nothing. */
+    /* Sets the running task's error fields by copy: they are applied to the task information record when the
+     * perform call returns or throws, and win over what the record then holds. The last call counts. With no
+     * task running it does nothing. */
     void (*publishError)(void* context, uint32_t detailErrorCode, int32_t errorCode, RQText detailErrorText,
                          RQText furtherText);
 
-    /* Adds one result entry by copy (RQ_RESULT_...) to the running task's, after those of the result lists. 0, or -1 for an
-     * unknown kind, an entry that is NULL or too small, or with no task running. */
+    /* Adds one result entry by copy (RQ_RESULT_...) to the running task's, after those of the result lists.
+     * 0, or -1 for an unknown kind, an entry that is NULL or too small, or with no task running. */
     int32_t (*publishResult)(void* context, uint32_t kind, const void* entry);
 
     /* Tells that no progress will come for `seconds` from now: a sign of life that any thread may give. */
     void (*quietFor)(void* context, uint32_t seconds);
 
-    /* A folder for temporary files of this process, made at the first call, open to its owner only, and removed with all
-     * that is in it after RQWorkerRelease (a worker that crashes leaves it). The text lives until the process ends. Empty
-     * when the folder could not be made. */
+    /* A folder for temporary files of this process, made at the first call, open to its owner only, and
+     * removed with all that is in it after RQWorkerRelease (a worker that crashes leaves it). The text lives
+     * until the process ends. Empty when the folder could not be made. */
     RQText (*temporaryFolder)(void* context);
 } RQHostServices;
 
@@ -313,7 +321,7 @@ typedef struct RQHostServices {
 #define RQ_ABILITY_UPDATE 4ull /* takes an update of the running task */
 typedef struct RQPluginDescription {
     uint32_t size;
-    uint32_t contractVersion; /* RQ_CONTRACT_VERSION of the header it was built with; another one than the worker's is refused */
+    uint32_t contractVersion; /* RQ_CONTRACT_VERSION of the plug-in's header; the worker refuses another */
     RQText name;              /* "md5" */
     RQText version;           /* "1.0.0" */
     const int32_t* types;     /* task types that it serves */
@@ -322,28 +330,30 @@ typedef struct RQPluginDescription {
     uint64_t abilities; /* RQ_ABILITY_... */
 } RQPluginDescription;
 
-/* ---- the exported functions ----------------------------------------------------------------------------------------
+/* ---- the exported functions ---------------------------------------------------------------------
  */
 
 /* Fifth export, looked up after the four and called first. Thread: main. NULL is taken as "does not say". */
 typedef const RQPluginDescription* (*RQWorkerDescribeFunc)(const RQHostServices* host);
 
-/* Thread: main. `parameter` is a const RQRunningParameter* that lives until RQWorkerRelease; for worker type 23 it is the
- * zero-terminated text "actor.xml" instead, the name of the file to read them from, in the current directory. 0 is
- * success; any other value ends the worker, which logs it. RQWorkerRelease is called in both cases. */
+/* Thread: main. `parameter` is a const RQRunningParameter* that lives until RQWorkerRelease; for worker type
+ * 23 it is the zero-terminated text "actor.xml" instead, the name of the file to read them from, in the
+ * current directory. 0 is success; any other value ends the worker, which logs it. RQWorkerRelease is called
+ * in both cases. */
 typedef int32_t (*RQWorkerInitFunc)(const void* parameter);
 
-/* Reads a task text (UTF-8, borrowed for the call) and sets *taskInfo to the task's record. 0 is success. It must set a
- * record also when it fails (with the task ID when that much could be read): the worker writes the error into it, error
- * code -5 with the text "Analyze Task Info Failed!". What the task text got wrong belongs into the log (host service).
- * Thread: main for a new task; link for an update, which may come while RQWorkerPerformTask runs. */
+/* Reads a task text (UTF-8, borrowed for the call) and sets *taskInfo to the task's record. 0 is success. It
+ * must set a record also when it fails (with the task ID when that much could be read): the worker writes the
+ * error into it, error code -5 with the text "Analyze Task Info Failed!". What the task text got wrong
+ * belongs into the log (host service). Thread: main for a new task; link for an update, which may come while
+ * RQWorkerPerformTask runs. */
 typedef int32_t (*RQWorkerAnalyseTaskFunc)(RQText taskText, TaskInfo** taskInfo);
 
-/* Does the task's work. Thread: main. `stopFlag` lives until the process ends: read it with RQLoad32 at least every 100 ms
- * (and every 8 MiB of data), and return soon when it is not 0. Before returning the plug-in stores into TaskInfo.status:
- *   0 when the task is done; 4 with the error fields set when it failed;
- *   5 after RQ_STOP_CANCEL; 0 after RQ_STOP_FINISH, with what is done; never 3.
- * The return value is not looked at: the status tells. */
+/* Does the task's work. Thread: main. `stopFlag` lives until the process ends: read it with RQLoad32 at least
+ * every 100 ms (and every 8 MiB of data), and return soon when it is not 0. Before returning the plug-in
+ * stores into TaskInfo.status: 0 when the task is done; 4 with the error fields set when it failed; 5 after
+ * RQ_STOP_CANCEL; 0 after RQ_STOP_FINISH, with what is done; never 3. The return value is not looked at: the
+ * status tells. */
 typedef int32_t (*RQWorkerPerformTaskFunc)(TaskInfo* taskInfo, const volatile uint32_t* stopFlag,
                                            RQProgressCallback progress, void* context,
                                            const RQRunningParameter* parameter);

@@ -1,15 +1,15 @@
-/* rqworker/running_parameter.h: the running parameters as a plug-in receives them. Made by rq_generate from
- * src/records/running_parameter_table.inc: change the table and build the target `generate`.
+/* rqworker/running_parameter.h: the running parameters as a plug-in receives them. Made by rq_generate
+ * from src/records/running_parameter_table.inc: change the table and build the target `generate`.
  *
  * The record and everything it points to belong to the worker. The one given to RQWorkerInit lives until
- * RQWorkerRelease, the one given to RQWorkerPerformTask until that call returns. A plug-in that keeps something longer
- * copies it. Any thread may read.
+ * RQWorkerRelease, the one given to RQWorkerPerformTask until that call returns. A plug-in that keeps
+ * something longer copies it. Any thread may read.
  *
  * `size` is what the worker knows of the record, in bytes. A field lies inside it when
  * offsetof(RQRunningParameter, field) + sizeof(field) <= size. Fields are only ever added at the end.
  *
- * Each comment gives the element in "actor.xml", the default with its unit, and the meaning. Flags are 0 or 1, texts
- * UTF-8. */
+ * Each comment gives the element in "actor.xml", the default with its unit, and the meaning. Flags are 0 or
+ * 1, texts UTF-8. */
 /* clang-format off */
 #ifndef RQWORKER_RUNNING_PARAMETER_H
 #define RQWORKER_RUNNING_PARAMETER_H
