@@ -1,5 +1,6 @@
 #include "link/link_log.h"
 
+#include <spdlog/details/null_mutex.h>
 #include <spdlog/logger.h>
 #include <spdlog/sinks/base_sink.h>
 
@@ -14,8 +15,8 @@
 namespace rq::link {
 namespace {
 
-// A file by its wide path, which spdlog's own sinks do not take on every platform.
-class WidePathSink final : public spdlog::sinks::base_sink<Mutex> {
+// A file by its wide path, which spdlog's own sinks do not take on every platform. LinkLog's lock guards it.
+class WidePathSink final : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
   public:
     explicit WidePathSink(std::FILE* file) : m_file(file) {}
     ~WidePathSink() override { std::fclose(m_file); }

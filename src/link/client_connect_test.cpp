@@ -1,0 +1,209 @@
+// Connecting, the handshake, the log, the interface's form.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string_view>
+
+#include "kit/temp_dir.h"
+#include "link/client_test_kit.h"
+#include "platform/process.h"
+
+#define RQ_TEXT_OF_NAME(x) #x
+#define RQ_TEXT_OF(x) RQ_TEXT_OF_NAME(x)
+// A system header that makes a macro of the name would rename the operation here and nowhere else.
+static_assert(std::string_view(RQ_TEXT_OF(SendMessage)) == "SendMessage");
+static_assert(std::is_same_v<decltype(&rq::IEngineCommunicate::SendMessage),
+                             bool (rq::IEngineCommunicate::*)(std::uint32_t, std::uint32_t, const void*)>);
+
+namespace rq::link {
+namespace {
+
+using namespace std::chrono_literals;
+
+std::string LogText(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// A port on which nobody listens (any more).
+std::uint16_t FreePort() {
+    return kit::ScriptedEngine().Port();
+}
+
+TEST(EngineClientForm, TheFiveOperationsKeepTheirSlots) {
+    struct Recorder final : IEngineCommunicate {
+        void Initialize(const EngineClientSetup*) override { last = 0; }
+        std::uint32_t Connect(const EngineEndpoint*) override { return last = 1; }
+        void Disconnect() override { last = 2; }
+        void Uninitialize() override { last = 3; }
+        bool SendMessage(std::uint32_t, std::uint32_t, const void*) override { return (last = 4) != 0; }
+        std::uint32_t last = 99;
+    } recorder;
+    IEngineCommunicate* object = &recorder;
+    void** table = nullptr;
+    std::memcpy(&table, static_cast<void*>(object), sizeof(table));
+    reinterpret_cast<void (*)(void*, const void*)>(table[0])(object, nullptr);
+    EXPECT_EQ(recorder.last, 0u);
+    reinterpret_cast<std::uint32_t (*)(void*, const void*)>(table[1])(object, nullptr);
+    EXPECT_EQ(recorder.last, 1u);
+    reinterpret_cast<void (*)(void*)>(table[2])(object);
+    EXPECT_EQ(recorder.last, 2u);
+    reinterpret_cast<void (*)(void*)>(table[3])(object);
+    EXPECT_EQ(recorder.last, 3u);
+    reinterpret_cast<bool (*)(void*, std::uint32_t, std::uint32_t, const void*)>(table[4])(object, 0, 0,
+                                                                                           nullptr);
+    EXPECT_EQ(recorder.last, 4u);
+}
+
+TEST(EngineClientForm, DeleteTakesNullAndClearsThePointer) {
+    DeleteEngineClient(nullptr);
+    IEngineCommunicate* client = nullptr;
+    DeleteEngineClient(&client);
+    client = rq::CreateEngineClient();
+    ASSERT_NE(client, nullptr);
+    DeleteEngineClient(&client);
+    EXPECT_EQ(client, nullptr);
+}
+
+TEST(EngineClientConnect, GivesTheEnginesSessionAndSaysWhoItIs) {
+    kit::ScriptedEngineOptions engineOptions;
+    engineOptions.firstSessionId = 4711;
+    engineOptions.token = "secret";
+    kit::ScriptedEngine engine(engineOptions);
+    const kit::ScopedEnvironment token("RQ_ENGINE_TOKEN", "secret");
+    const kit::ScopedEnvironment attempt("RQ_ATTEMPT", "attempt-9");
+    TestClient test(OptionsFromEnvironment());
+    EXPECT_EQ(test.Connect(engine.Port()), 4711u);
+    const Hello hello = engine.LastHello();
+    EXPECT_EQ(hello.protocolVersion, 1u);
+    EXPECT_EQ(hello.token, "secret");
+    EXPECT_EQ(hello.attempt, "attempt-9");
+    EXPECT_EQ(hello.processId, platform::CurrentProcessId());
+    EXPECT_FALSE(hello.workerVersion.empty());
+    EXPECT_EQ(hello.resumeSessionId, 0u);
+    EXPECT_EQ(test.Connect(engine.Port()), 4711u);  // open already
+    EXPECT_EQ(engine.Connections(), 1u);
+}
+
+TEST(EngineClientConnect, FailsWithoutAnEngineAndWorksOnceThereIsOne) {
+    const std::uint16_t port = FreePort();
+    TestClient test;
+    EXPECT_EQ(test.Connect(port), kNoSession);
+    EXPECT_EQ(test.Connect(port), kNoSession);
+    EXPECT_FALSE(test.SendProgress());
+    kit::ScriptedEngineOptions options;
+    options.port = port;
+    kit::ScriptedEngine engine(options);
+    EXPECT_EQ(test.Connect(port), 1u);
+    test.client->Disconnect();
+    EXPECT_TRUE(test.handler.All().empty());  // a failed attempt is no loss
+}
+
+TEST(EngineClientConnect, TakesAHostName) {
+    kit::ScriptedEngine engine;
+    TestClient test;
+    const EngineEndpoint endpoint{"localhost", engine.Port()};
+    EXPECT_EQ(test.client->Connect(&endpoint), 1u);
+}
+
+TEST(EngineClientConnect, NoAddressIsAFailure) {
+    TestClient test;
+    EXPECT_EQ(test.client->Connect(nullptr), kNoSession);
+    const EngineEndpoint endpoint{nullptr, 1};
+    EXPECT_EQ(test.client->Connect(&endpoint), kNoSession);
+}
+
+TEST(EngineClientConnect, ARefusalIsAFailureThatTheLogNames) {
+    kit::TempDir folder;
+    const std::filesystem::path log = folder.Path() / PathFromUtf8("日志 dir") / "x_C.log";
+    kit::ScriptedEngineOptions engineOptions;
+    engineOptions.token = "right";
+    kit::ScriptedEngine engine(engineOptions);
+    EngineClientOptions options;
+    options.token = "not-the-token";
+    {
+        TestClient test(options, WideFromPath(log));
+        EXPECT_EQ(test.Connect(engine.Port()), kNoSession);
+        EXPECT_EQ(test.Connect(engine.Port()), kNoSession);  // the same failure: not logged again
+        EXPECT_TRUE(test.handler.All().empty());
+    }
+    const std::string text = LogText(log);
+    EXPECT_NE(text.find("refused by the engine, code 1: wrong token"), std::string::npos) << text;
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+    EXPECT_EQ(text.find("not-the-token"), std::string::npos);
+}
+
+TEST(EngineClientConnect, AnEngineThatDoesNotAnswerIsAFailureInBoundedTime) {
+    kit::ScriptedEngineOptions engineOptions;
+    engineOptions.answerHello = false;
+    kit::ScriptedEngine engine(engineOptions);
+    EngineClientOptions options;
+    options.limits.connect = 50ms;
+    TestClient test(options);
+    EXPECT_EQ(test.Connect(engine.Port()), kNoSession);
+    EXPECT_TRUE(engine.WaitForClosed(1));
+}
+
+TEST(EngineClientConnect, AnEngineThatAnswersSomethingElseIsAFailure) {
+    kit::ScriptedEngineOptions engineOptions;
+    engineOptions.answerHello = false;
+    kit::ScriptedEngine engine(engineOptions);
+    TestClient test;
+    std::thread answer([&engine] {
+        EXPECT_TRUE(engine.WaitForFrame(kHelloId));
+        engine.SendRaw("HTTP/1.1 400 Bad Request\r\n\r\n");
+    });
+    EXPECT_EQ(test.Connect(engine.Port()), kNoSession);
+    answer.join();
+}
+
+TEST(EngineClientConnect, ConnectsAgainAfterALossAndAfterDisconnect) {
+    kit::ScriptedEngine engine;
+    TestClient test;
+    EXPECT_EQ(test.Connect(engine.Port()), 1u);
+    engine.ResetConnection();
+    ASSERT_TRUE(test.handler.WaitFor(1));
+    EXPECT_EQ(test.Connect(engine.Port()), 2u);
+    test.client->Disconnect();
+    EXPECT_EQ(test.Connect(engine.Port()), 3u);
+    engine.SendOrder(TCP_TASK_ADD_ID, TaskTextOrder{"<t/>", 0});
+    ASSERT_TRUE(test.handler.WaitFor(2));
+    const std::vector<Handled> handled = test.handler.All();
+    EXPECT_EQ(handled[0].id, TCP_SERVER_DISCONNECT_ID);
+    EXPECT_EQ(handled[0].sessionId, 1u);
+    EXPECT_EQ(handled[1].sessionId, 3u);
+}
+
+TEST(EngineClientConnect, TheLogHoldsConnectsLossesAndAtItsDebugLevelFrames) {
+    kit::TempDir folder;
+    const std::filesystem::path plain = folder.Path() / "plain_C.log";
+    const std::filesystem::path debug = folder.Path() / "debug_C.log";
+    kit::ScriptedEngine engine;
+    const auto run = [&engine](const std::filesystem::path& log) {
+        TestClient test({}, WideFromPath(log));
+        ASSERT_NE(test.Connect(engine.Port()), kNoSession);
+        EXPECT_TRUE(test.SendState(0));
+        engine.SendNumbered(5000, "??");
+        engine.CloseConnection();
+        ASSERT_TRUE(test.handler.WaitFor(1));
+    };
+    run(plain);
+    {
+        const kit::ScopedEnvironment on("RQ_LINK_DEBUG", "1");
+        run(debug);
+    }
+    const std::string plainText = LogText(plain);
+    EXPECT_NE(plainText.find("connected to 127.0.0.1:"), std::string::npos) << plainText;
+    EXPECT_NE(plainText.find("session 1 lost: "), std::string::npos) << plainText;
+    EXPECT_NE(plainText.find("refused: unknown id 5000, 2 bytes"), std::string::npos) << plainText;
+    EXPECT_EQ(plainText.find("out 4009"), std::string::npos) << plainText;
+    const std::string debugText = LogText(debug);
+    EXPECT_NE(debugText.find("out HELLO seq 0 ack 0 body "), std::string::npos) << debugText;
+    EXPECT_NE(debugText.find("out 4009 seq 1 "), std::string::npos) << debugText;
+    EXPECT_NE(debugText.find("in 5000 seq 1 "), std::string::npos) << debugText;
+}
+
+}  // namespace
+}  // namespace rq::link
