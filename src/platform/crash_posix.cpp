@@ -19,6 +19,8 @@ constexpr int kMostFrames = 64;
 constexpr std::size_t kStackSize = 65536;
 
 std::atomic<std::uint32_t> g_flags{0};
+std::atomic<void (*)() noexcept> g_hook{nullptr};
+static_assert(decltype(g_hook)::is_always_lock_free);  // read in a signal handler
 
 const char* NameOf(int number) {
     switch (number) {
@@ -48,6 +50,7 @@ extern "C" void OnCrashSignal(int number) {
     Put("\n");
     void* frames[kMostFrames];
     ::backtrace_symbols_fd(frames, ::backtrace(frames, kMostFrames), STDERR_FILENO);
+    if (const auto hook = g_hook.load()) hook();
     // SA_RESETHAND has put the default action back; the signal takes effect when this handler returns.
     ::raise(number);
 }
@@ -69,6 +72,10 @@ void InstallCrashHandler() {
     action.sa_flags = SA_ONSTACK | static_cast<int>(SA_RESETHAND);
     sigemptyset(&action.sa_mask);
     for (int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) ::sigaction(number, &action, nullptr);
+}
+
+void SetCrashHook(void (*hook)() noexcept) {
+    g_hook.store(hook);
 }
 
 void SetCrashFlags(std::uint32_t flags) {

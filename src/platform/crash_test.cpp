@@ -26,6 +26,8 @@ TEST(Crash, SaysWhichSignalAndWhereThenEndsByIt) {
     EXPECT_EQ(outcome.code, 1000 + SIGSEGV);
     EXPECT_EQ(outcome.errors.find("RQWorkerU: crashed with SIGSEGV\n"), 0u) << outcome.errors;
     EXPECT_NE(outcome.errors.find("rq_process_fixture"), std::string::npos) << outcome.errors;
+    // The hook runs after all has been said.
+    EXPECT_TRUE(outcome.errors.ends_with("\nhook\n")) << outcome.errors;
 }
 
 #if !defined(RQ_SANITIZED)

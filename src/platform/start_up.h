@@ -18,6 +18,8 @@ void SilenceAbort();
 // Installs a handler for unhandled crashes that lets the process end with a crash status; `flags` as given to
 // BT_SetFlags. See docs/adr for what a crash leaves behind.
 void InstallCrashHandler();
+// `hook` runs in the crash handler before the process ends: it may take no lock and allocate nothing. Null: none.
+void SetCrashHook(void (*hook)() noexcept);
 void SetCrashFlags(std::uint32_t flags);
 
 }  // namespace rq::platform

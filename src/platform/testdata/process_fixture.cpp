@@ -51,8 +51,13 @@ int LeaveGrandchild(const char* file) {
     return 0;
 }
 
+void Hook() noexcept {
+    [[maybe_unused]] const auto written = ::write(STDERR_FILENO, "hook\n", 5);
+}
+
 [[gnu::noinline]] void Crash(const std::string& how) {
     rq::platform::InstallCrashHandler();
+    rq::platform::SetCrashHook(&Hook);
     if (how == "segv") {
         volatile int* nowhere = nullptr;
         *nowhere = 1;
