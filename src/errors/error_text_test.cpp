@@ -1,0 +1,58 @@
+#include "errors/error_text.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+
+#include "kit/temp_dir.h"
+#include "util/directories.h"
+#include "util/ini_cache.h"
+
+namespace rq {
+namespace {
+
+class ErrorTextTest : public testing::Test {
+  protected:
+    ErrorTextTest() : m_config("RQ_CONFIG_DIR", m_folder.Utf8()) { ForgetProcessDirectories(); }
+    ~ErrorTextTest() override { ForgetProcessDirectories(); }
+
+    static std::wstring Text(std::uint32_t code, std::uint32_t family) {
+        std::wstring text = L"untouched";
+        EXPECT_EQ(GetErrorText(code, family, text), 1);
+        return text;
+    }
+
+    kit::TempDir m_folder;
+    kit::ScopedEnvironment m_config;
+};
+
+TEST_F(ErrorTextTest, WithoutAFileTheTextIsTheName) {
+    EXPECT_EQ(Text(6, 4), L"Task Not Response !");
+    EXPECT_EQ(Text(0x80000001, 0), L"dwKWRSOFTCODEC_UnknowErr");
+    EXPECT_EQ(Text(0x80001234, 7), L"KWR_DMC_ERROR_80001234");
+}
+
+TEST_F(ErrorTextTest, TheFileGivesTheReadableText) {
+    m_folder.Write("KWROVLApparitor.ini",
+                   "[Task Not Response !]\n1=任务没有响应\n[KWR_OVL_ERROR_9]\n1 = unknown nine\n"
+                   "[KWRNTCERR_NOMEM]\n2=not the entry that is looked up\n");
+    EXPECT_EQ(Text(6, 4), L"\u4efb\u52a1\u6ca1\u6709\u54cd\u5e94");
+    EXPECT_EQ(Text(9, 4), L"unknown nine");
+    EXPECT_EQ(Text(0xE0000002, 1), L"KWRNTCERR_NOMEM");
+    EXPECT_EQ(Text(7, 4), L"MD5 Verify Error!");
+}
+
+TEST_F(ErrorTextTest, AGbkFileReadsTheSame) {
+    m_folder.Write("KWROVLApparitor.ini", "[dwKWRSOFTCODEC_NoErr]\r\n1=\xC8\xCE\xCE\xF1\r\n");
+    EXPECT_EQ(Text(0, 2), L"\u4efb\u52a1");
+}
+
+TEST_F(ErrorTextTest, RepeatedTextsParseTheFileOnce) {
+    m_folder.Write("KWROVLApparitor.ini", "[MD5 Verify Error!]\n1=x\n");
+    const std::uint64_t before = IniParses();
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(Text(7, 4), L"x");
+    EXPECT_EQ(IniParses(), before + 1);
+}
+
+}  // namespace
+}  // namespace rq

@@ -1,6 +1,7 @@
 // INI texts over SimpleIni, parsed once for each state of a file.
-// The text is UTF-8 before the library sees it.
+// The text is UTF-8 before the library sees it; its code is compiled here (Debian keeps it behind this name).
 #define SI_NO_CONVERSION
+#define SI_IMPLEMENTATION
 #include <SimpleIni.h>
 
 #include <atomic>

@@ -1,0 +1,148 @@
+#include "util/log_file.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <regex>
+
+#include "base/paths.h"
+#include "kit/files.h"
+#include "kit/temp_dir.h"
+
+namespace rq {
+namespace {
+
+void Write(LogFile& file, std::string_view text) {
+    const spdlog::source_loc place{"MAIN", 1, "ACT"};
+    file.log(spdlog::details::log_msg(place, "log", spdlog::level::warn, {text.data(), text.size()}));
+}
+
+class LogFileTest : public testing::Test {
+  protected:
+    std::filesystem::path Path(const char* name) const { return m_folder.Path() / name; }
+    std::string Bytes(const char* name) const { return kit::ReadBytes(Path(name)); }
+    bool Exists(const char* name) const { return std::filesystem::exists(Path(name)); }
+
+    kit::TempDir m_folder;
+};
+
+TEST_F(LogFileTest, ALineHasTimeLevelTagModuleThreadAndText) {
+    LogFile file(m_folder.Utf8("a_W.log"));
+    Write(file, "Eos Called!");
+    file.flush();
+    const std::regex form(
+        R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \[3\] \[ACT\] \[MAIN\] \[\d+/\d+\] Eos Called!\n)");
+    EXPECT_TRUE(std::regex_match(Bytes("a_W.log"), form)) << Bytes("a_W.log");
+}
+
+TEST_F(LogFileTest, MissingFoldersAreMade) {
+    LogFile file(m_folder.Utf8("一/two words/a.log"));
+    EXPECT_TRUE(file.IsOpen());
+    Write(file, "x");
+    file.flush();
+    EXPECT_EQ(kit::ReadLines(m_folder.Path() / "一/two words/a.log").size(), 1u);
+}
+
+TEST_F(LogFileTest, AFileThatCannotBeOpenedTakesLinesWithoutHarm) {
+    m_folder.Write("file", "not a folder");
+    testing::internal::CaptureStderr();
+    LogFile file(m_folder.Utf8("file/below/a.log"));
+    Write(file, "lost");
+    file.flush();
+    file.CrashFlush();
+    const std::string errors = testing::internal::GetCapturedStderr();
+    EXPECT_FALSE(file.IsOpen());
+    EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << errors;
+    EXPECT_NE(errors.find("file/below/a.log"), std::string::npos) << errors;
+}
+
+TEST_F(LogFileTest, LinesAreAppendedToWhatIsThere) {
+    m_folder.Write("a.log", "old\n");
+    {
+        LogFile file(m_folder.Utf8("a.log"));
+        Write(file, "new");
+    }
+    const auto lines = kit::ReadLines(Path("a.log"));
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], "old");
+    EXPECT_TRUE(lines[1].ends_with("] new"));
+}
+
+TEST_F(LogFileTest, BufferedLinesStayInMemoryUntilAFlush) {
+    LogFile file(m_folder.Utf8("a.log"));
+    Write(file, "x");
+    EXPECT_EQ(Bytes("a.log"), "");
+    file.CrashFlush();
+    EXPECT_TRUE(Bytes("a.log").ends_with("] x\n"));
+    file.flush();
+    EXPECT_EQ(kit::ReadLines(Path("a.log")).size(), 1u);
+}
+
+TEST_F(LogFileTest, AFullBufferIsWrittenAsWholeLines) {
+    LogFile file(m_folder.Utf8("a.log"));
+    for (int i = 0; i < 100; ++i) Write(file, std::string(1000, 'x'));
+    const std::string bytes = Bytes("a.log");
+    ASSERT_FALSE(bytes.empty());
+    EXPECT_TRUE(bytes.ends_with("x\n"));
+    file.flush();
+    EXPECT_EQ(kit::ReadLines(Path("a.log")).size(), 100u);
+}
+
+TEST_F(LogFileTest, ALineLongerThanTheBufferKeepsItsPlace) {
+    LogFile file(m_folder.Utf8("a.log"));
+    Write(file, "first");
+    Write(file, std::string(200'000, 'y'));
+    Write(file, "last");
+    file.flush();
+    const auto lines = kit::ReadLines(Path("a.log"));
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_TRUE(lines[0].ends_with("] first"));
+    EXPECT_TRUE(lines[1].ends_with("] " + std::string(200'000, 'y')));
+    EXPECT_TRUE(lines[2].ends_with("] last"));
+}
+
+TEST_F(LogFileTest, AFullFileIsContinuedUnderTheNextNumber) {
+    LogFile file(m_folder.Utf8("task_W.log"), LogLimits{150, 2});
+    for (int i = 0; i < 4; ++i) {
+        Write(file, std::to_string(i) + std::string(200, 'x'));
+        file.flush();
+    }
+    // Each flush fills a file; the fifth is open and empty. The first and the two newest are kept.
+    EXPECT_TRUE(Exists("task_W.log"));
+    EXPECT_FALSE(Exists("task_W.1.log"));
+    EXPECT_FALSE(Exists("task_W.2.log"));
+    EXPECT_TRUE(Exists("task_W.3.log"));
+    EXPECT_EQ(Bytes("task_W.4.log"), "");
+    EXPECT_NE(Bytes("task_W.log").find("] 0x"), std::string::npos);
+    EXPECT_NE(Bytes("task_W.3.log").find("] 3x"), std::string::npos);
+}
+
+TEST_F(LogFileTest, AnotherWritersContinuationIsFollowed) {
+    LogFile first(m_folder.Utf8("_W.log"), LogLimits{150, 5});
+    LogFile second(m_folder.Utf8("_W.log"), LogLimits{150, 5});
+    Write(first, std::string(200, 'a'));
+    first.flush();  // goes on in number 1
+    Write(second, "b");
+    second.flush();  // finds its file full and follows
+    Write(second, "c");
+    second.flush();
+    EXPECT_EQ(kit::ReadLines(Path("_W.log")).size(), 2u);
+    EXPECT_EQ(kit::ReadLines(Path("_W.1.log")).size(), 1u);
+    EXPECT_FALSE(Exists("_W.2.log"));
+}
+
+TEST_F(LogFileTest, ANewWriterBeginsInTheNewestFile) {
+    m_folder.Write("_W.log", std::string(300, 'a'));
+    m_folder.Write("_W.12.log", "here\n");
+    m_folder.Write("_W.x.log", "");
+    m_folder.Write("_W.99.txt", "");
+    {
+        LogFile file(m_folder.Utf8("_W.log"), LogLimits{150, 5});
+        Write(file, "b");
+    }
+    EXPECT_EQ(kit::ReadLines(Path("_W.12.log")).size(), 2u);
+}
+
+}  // namespace
+}  // namespace rq
