@@ -3,7 +3,7 @@
 find_package(Threads REQUIRED)
 
 # Boost 1.81, not Debian's default 1.74.
-find_package(Boost 1.81 REQUIRED COMPONENTS thread)
+find_package(Boost 1.81 REQUIRED COMPONENTS chrono thread)
 
 # TinyXML has no CMake package; its users define TIXML_USE_STL as the library was built.
 find_path(TINYXML_INCLUDE_DIR tinyxml.h REQUIRED)
