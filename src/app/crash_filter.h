@@ -1,0 +1,8 @@
+// Crash reporting for the run. Main thread, before the worker core exists.
+#pragma once
+
+namespace rq {
+
+void InstallCrashFilter();
+
+}  // namespace rq
