@@ -1,0 +1,46 @@
+// The commands of rqctl. Each gets what the command line said, does it, prints, and tells what rqctl ends
+// with.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ctl/engine_access.h"
+#include "ctl/watch.h"
+
+namespace rq::ctl {
+
+struct SubmitOptions {
+    std::string name;
+    std::optional<Follow> follow;  // nothing: print the ID and go
+};
+
+struct ListOptions {
+    std::string states;  // comma-separated, empty for all
+    int limit = 100;
+    bool json = false;
+};
+
+struct ShowOptions {
+    bool json = false;
+    bool events = false;
+};
+
+// Files are looked at before the engine is asked.
+Outcome<int> SubmitMd5(const std::string& dataFolder, const std::vector<std::string>& files,
+                       const std::vector<std::string>& expected, const SubmitOptions& options);
+// `textFile` is a path, or "-" for standard input.
+Outcome<int> SubmitText(const std::string& dataFolder, const std::string& type, const std::string& textFile,
+                        const SubmitOptions& options);
+Outcome<int> List(EngineAccess& engine, const ListOptions& options);
+Outcome<int> Show(EngineAccess& engine, const std::string& id, const ShowOptions& options);
+Outcome<int> Cancel(EngineAccess& engine, const std::string& id);
+// Returns when the engine has ended.
+Outcome<int> Shutdown(EngineAccess& engine);
+
+// ---- their texts; pure ----
+std::string ListTable(const nlohmann::json& tasks);
+std::string ShowText(const nlohmann::json& task, const nlohmann::json& events);
+
+}  // namespace rq::ctl

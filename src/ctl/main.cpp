@@ -1,0 +1,125 @@
+// rqctl: the command line.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <filesystem>
+
+#include "base/paths.h"
+#include "ctl/commands.h"
+#include "platform/environment.h"
+#include "platform/identity.h"
+
+namespace {
+
+using namespace rq::ctl;
+
+struct CommandLine {
+    std::string dataFolder;
+    std::vector<std::string> files, expected;
+    std::string type, text, name, id;
+    bool wait = false, watch = false;
+    ListOptions list;
+    ShowOptions show;
+};
+
+void AddSubmitOptions(CLI::App* command, CommandLine& line) {
+    command->add_option("--name", line.name, "A name for people, at most 200 bytes");
+    command->add_flag("--wait", line.wait, "Wait for the end and print the result");
+    command->add_flag("--watch", line.watch, "The same, with a progress bar");
+}
+
+void AddSubmit(CLI::App& app, CommandLine& line) {
+    auto* submit = app.add_subcommand("submit", "Give the engine a task");
+    submit->fallthrough();
+    submit->add_option("--type", line.type, "Type code (mc, mv, tc, ...) or number of a raw task")
+        ->type_name("CODE");
+    submit->add_option("--text", line.text, "File with the task text of a raw task; - is standard input")
+        ->type_name("FILE");
+    AddSubmitOptions(submit, line);
+    auto* md5 = submit->add_subcommand("md5", "Compute the MD5 of files, or verify it with --expect");
+    md5->fallthrough();
+    md5->add_option("files", line.files, "Files; relative names are made absolute")
+        ->required()
+        ->type_name("FILE");
+    md5->add_option("--expect", line.expected, "Expected MD5, once for each file in the same order")
+        ->type_name("HEX")
+        ->allow_extra_args(false);
+    AddSubmitOptions(md5, line);
+}
+
+void AddCommands(CLI::App& app, CommandLine& line) {
+    line.dataFolder = rq::platform::GetEnvironment("RQ_ENGINE_DATA")
+                          .value_or(rq::platform::DefaultDataFolder() + "/engine");
+    app.add_option("--data", line.dataFolder, "Data folder of the engine; also RQ_ENGINE_DATA")
+        ->type_name("DIR")
+        ->capture_default_str();
+    app.set_version_flag("--version", std::string("rqctl ") + RQ_VERSION);
+    app.require_subcommand(1);
+    AddSubmit(app, line);
+    auto* list = app.add_subcommand("list", "List tasks, newest first");
+    list->add_option("--state", line.list.states, "Only these states, separated by commas")
+        ->type_name("STATES");
+    list->add_option("--limit", line.list.limit, "How many at most")
+        ->check(CLI::Range(1, 1'000'000))
+        ->capture_default_str();
+    list->add_flag("--json", line.list.json, "As JSON");
+    auto* show = app.add_subcommand("show", "Show everything about a task");
+    show->add_option("id", line.id, "Task ID")->required();
+    show->add_flag("--json", line.show.json, "As JSON");
+    show->add_flag("--events", line.show.events, "With its events");
+    auto* watch = app.add_subcommand("watch", "Follow a task to its end and print the result");
+    watch->add_option("id", line.id, "Task ID")->required();
+    auto* cancel = app.add_subcommand("cancel", "Cancel a task");
+    cancel->add_option("id", line.id, "Task ID")->required();
+    auto* shutdown = app.add_subcommand("shutdown", "End the engine in good order");
+    for (auto* command : {list, show, watch, cancel, shutdown}) command->fallthrough();
+    app.footer("Ends with 0 finished, 1 failed, 2 wrong use, 3 no engine, 4 cancelled.");
+}
+
+Outcome<int> RunSubmit(const CLI::App& submit, const CommandLine& line) {
+    SubmitOptions options;
+    options.name = line.name;
+    if (line.watch)
+        options.follow = Follow::WithProgress;
+    else if (line.wait)
+        options.follow = Follow::Quietly;
+    const bool raw = !line.type.empty() || !line.text.empty();
+    if (submit.got_subcommand("md5")) {
+        if (raw) return Failure(kExitUsage, "--type and --text do not go with \"submit md5\"");
+        return SubmitMd5(line.dataFolder, line.files, line.expected, options);
+    }
+    if (line.type.empty() || line.text.empty())
+        return Failure(
+            kExitUsage,
+            "submit needs either \"md5 FILE...\" or both --type and --text; see rqctl submit --help");
+    return SubmitText(line.dataFolder, line.type, line.text, options);
+}
+
+Outcome<int> Run(const CLI::App& app, const CommandLine& line) {
+    if (app.got_subcommand("submit")) return RunSubmit(*app.get_subcommand("submit"), line);
+    auto engine = EngineAccess::Open(line.dataFolder);
+    if (!engine) return engine.error();
+    if (app.got_subcommand("list")) return List(**engine, line.list);
+    if (app.got_subcommand("show")) return Show(**engine, line.id, line.show);
+    if (app.got_subcommand("watch")) return WatchTask(**engine, line.id, Follow::WithProgress);
+    if (app.got_subcommand("cancel")) return Cancel(**engine, line.id);
+    return Shutdown(**engine);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app("Submits, lists, watches and cancels tasks of the local engine.", "rqctl");
+    CommandLine line;
+    AddCommands(app, line);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& problem) {
+        return app.exit(problem) == 0 ? 0 : kExitUsage;
+    }
+    std::error_code ignored;
+    line.dataFolder = rq::Utf8FromPath(std::filesystem::absolute(rq::PathFromUtf8(line.dataFolder), ignored));
+    const auto result = Run(app, line);
+    if (result) return *result;
+    std::fprintf(stderr, "rqctl: %s\n", result.error().message.c_str());
+    return result.error().exitCode;
+}

@@ -1,0 +1,17 @@
+// Following a task to its end, and telling how it ended. Blocking; one thread. Progress goes to standard
+// error, results to standard output.
+#pragma once
+
+#include <string>
+
+#include "ctl/engine_access.h"
+
+namespace rq::ctl {
+
+enum class Follow { Quietly, WithProgress };
+
+// Waits until the task has ended; a terminal shows one redrawn line, anything else gets plain lines. Then
+// prints its result and, if it failed or was cancelled, why. The value is what rqctl ends with.
+Outcome<int> WatchTask(EngineAccess& engine, const std::string& id, Follow follow);
+
+}  // namespace rq::ctl

@@ -1,0 +1,256 @@
+#include "engine/api.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "engine/json.h"
+#include "engine/version.h"
+
+namespace rq::engine {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr std::int64_t kMaxWait_ms = 30'000;
+constexpr std::int64_t kMaxEvents = 1000;
+
+ApiResponse StoreError(const Error& error) {
+    return MakeError(500, "store", error.message);
+}
+
+ApiResponse FieldFault(const FieldError& error) {
+    return MakeError(400, error.code, error.message, error.field);
+}
+
+ApiResponse NotAllowed(const std::string& allow) {
+    ApiResponse response = MakeError(405, "bad-method", "this path takes only " + allow);
+    response.headers.emplace_back("Allow", allow);
+    return response;
+}
+
+ApiResponse UnknownPath() {
+    return MakeError(404, "unknown-path", "no such path; docs/api.md has them all");
+}
+
+bool IsGet(const ApiRequest& request) {
+    return request.method == "GET" || request.method == "HEAD";
+}
+
+bool IsJsonType(const std::string& contentType) {
+    const auto end = std::min(contentType.find(';'), contentType.size());
+    std::string type = contentType.substr(0, end);
+    type.erase(type.find_last_not_of(" \t") + 1);
+    std::transform(type.begin(), type.end(), type.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+    return type.empty() || type == "application/json";
+}
+
+}  // namespace
+
+Api::Api(boost::asio::io_context& io, Store& store, ApiHost& host, std::string token)
+    : m_io(io), m_store(store), m_host(host), m_token(std::move(token)) {}
+
+Api::~Api() = default;
+
+std::optional<ApiResponse> Api::Refuse(const ApiRequest& request) const {
+    if (!IsLocalHost(request.host))
+        return MakeError(403, "bad-host", "the Host header must name 127.0.0.1, localhost or [::1]");
+    if (!HasToken(request.authorization, m_token)) {
+        ApiResponse response = MakeError(
+            401, "no-token", "the token is missing or wrong; it is in engine.token in the data folder");
+        response.headers.emplace_back("WWW-Authenticate", "Bearer");
+        return response;
+    }
+    return std::nullopt;
+}
+
+void Api::Handle(const ApiRequest& request, Reply reply) {
+    if (auto refusal = Refuse(request)) {
+        reply(std::move(*refusal));
+        return;
+    }
+    const auto target = ParseTarget(request.target);
+    if (!target || target->path.size() < 3 || target->path[0] != "api" || target->path[1] != "v1") {
+        reply(UnknownPath());
+        return;
+    }
+    Route(request, *target, reply);
+}
+
+void Api::Route(const ApiRequest& request, const Target& target, const Reply& reply) {
+    const std::string& what = target.path[2];
+    const std::size_t depth = target.path.size();
+    if (what == "health" && depth == 3) {
+        reply(IsGet(request) ? Health() : NotAllowed("GET, HEAD"));
+    } else if (what == "shutdown" && depth == 3) {
+        reply(request.method == "POST" ? Shutdown() : NotAllowed("POST"));
+    } else if (what == "tasks" && depth == 3) {
+        if (IsGet(request))
+            reply(List(target));
+        else
+            reply(request.method == "POST" ? Submit(request) : NotAllowed("GET, HEAD, POST"));
+    } else if (what == "tasks" && depth <= 5) {
+        RouteTask(request, target, reply);
+    } else {
+        reply(UnknownPath());
+    }
+}
+
+void Api::RouteTask(const ApiRequest& request, const Target& target, const Reply& reply) {
+    const std::string action = target.path.size() == 5 ? target.path[4] : "";
+    const bool isCancel = action == "cancel";
+    if (!action.empty() && !isCancel && action != "events") {
+        reply(UnknownPath());
+        return;
+    }
+    if (isCancel ? request.method != "POST" : !IsGet(request)) {
+        reply(NotAllowed(isCancel ? "POST" : "GET, HEAD"));
+        return;
+    }
+    const auto key = ParseTaskId(target.path[3]);
+    auto task = key ? m_store.Task(*key) : Result<std::optional<TaskRow>>(std::optional<TaskRow>{});
+    if (!task) {
+        reply(StoreError(task.error()));
+    } else if (!*task) {
+        reply(MakeError(404, "unknown-task", "no task has the ID \"" + target.path[3].substr(0, 60) + "\""));
+    } else if (isCancel) {
+        reply(Cancel(**task));
+    } else if (action == "events") {
+        Events(*key, target, reply);
+    } else {
+        reply(Show(*key));
+    }
+}
+
+ApiResponse Api::Health() {
+    const auto counts = m_store.CountByState();
+    if (!counts) return StoreError(counts.error());
+    const auto facts = m_host.GetFacts();
+    json tasks = json::object();
+    for (std::size_t i = 0; i < counts->size(); ++i)
+        tasks[std::string(NameOf(kTaskStates[i]))] = (*counts)[i];
+    return MakeResponse(200, {{"status", facts.ending ? "ending" : "ok"},
+                              {"version", kVersion},
+                              {"pid", facts.processId},
+                              {"started", TimeText(facts.started_us)},
+                              {"link_port", facts.linkPort},
+                              {"http_port", facts.httpPort},
+                              {"workers", {{"running", facts.workers}, {"max", facts.maxWorkers}}},
+                              {"tasks", tasks}});
+}
+
+ApiResponse Api::Submit(const ApiRequest& request) {
+    if (!IsJsonType(request.contentType))
+        return MakeError(415, "bad-type", "the body must be application/json");
+    const auto task = ParseSubmission(request.body);
+    if (!task) return FieldFault(task.error());
+    if (m_host.GetFacts().ending)
+        return MakeError(503, "ending", "the engine is ending and takes no new tasks");
+    const auto row = m_store.Submit(*task);
+    if (!row) return StoreError(row.error());
+    m_host.OnSubmitted();
+    ApiResponse response = MakeResponse(201, {{"id", row->id}, {"state", NameOf(row->state)}});
+    response.headers.emplace_back("Location", "/api/v1/tasks/" + row->id);
+    return response;
+}
+
+ApiResponse Api::List(const Target& target) {
+    auto query = ParseListQuery(target);
+    if (!query) return FieldFault(query.error());
+    const auto limit = static_cast<std::size_t>(query->limit);
+    ++query->limit;  // one more says whether there is a next page
+    const auto rows = m_store.Tasks(*query);
+    if (!rows) return StoreError(rows.error());
+    json tasks = json::array();
+    for (std::size_t i = 0; i < std::min(limit, rows->size()); ++i) tasks.push_back(TaskJson((*rows)[i]));
+    const json next = rows->size() > limit ? json((*rows)[limit - 1].id) : json(nullptr);
+    return MakeResponse(200, {{"tasks", tasks}, {"next", next}});
+}
+
+ApiResponse Api::Show(std::int64_t task) {
+    const auto details = m_store.Details(task);
+    if (!details) return StoreError(details.error());
+    if (!*details) return MakeError(404, "unknown-task", "no task has this ID");
+    return MakeResponse(200, DetailsJson(**details));
+}
+
+ApiResponse Api::Cancel(const TaskRow& task) {
+    const auto outcome = m_host.CancelTask(task.key);
+    if (!outcome) return StoreError(outcome.error());
+    const auto now = m_store.Task(task.key);
+    if (!now) return StoreError(now.error());
+    const char* result = *outcome == CancelOutcome::Cancelled   ? "cancelled"
+                         : *outcome == CancelOutcome::Requested ? "requested"
+                                                                : "already-ended";
+    return MakeResponse(
+        200, {{"id", task.id}, {"state", NameOf(*now ? (*now)->state : task.state)}, {"result", result}});
+}
+
+ApiResponse Api::Shutdown() {
+    m_host.RequestEnd();
+    return MakeResponse(202, {{"status", "ending"}});
+}
+
+// ---- events ----
+
+std::optional<ApiResponse> Api::EventsNow(std::int64_t task, std::int64_t after, bool evenIfNone) {
+    const auto events = m_store.Events(task, after, kMaxEvents);
+    if (!events) return StoreError(events.error());
+    if (events->empty() && !evenIfNone) return std::nullopt;
+    const auto row = m_store.Task(task);
+    if (!row) return StoreError(row.error());
+    json list = json::array();
+    for (const auto& event : *events) list.push_back(EventJson(event));
+    return MakeResponse(200, {{"events", list},
+                              {"last", events->empty() ? after : events->back().key},
+                              {"task", *row ? TaskJson(**row) : json(nullptr)}});
+}
+
+void Api::Events(std::int64_t task, const Target& target, const Reply& reply) {
+    const auto after = ParseNumber(target, "after", 0, std::int64_t{1} << 53, 0);
+    const auto wait_ms = ParseNumber(target, "wait_ms", 0, kMaxWait_ms, 0);
+    if (!after || !wait_ms) {
+        reply(FieldFault(!after ? after.error() : wait_ms.error()));
+        return;
+    }
+    if (auto response = EventsNow(task, *after, *wait_ms == 0 || m_noMoreWaits)) {
+        reply(std::move(*response));
+        return;
+    }
+    m_waits.push_back(std::make_unique<Wait>(m_io));
+    const auto wait = std::prev(m_waits.end());
+    (*wait)->task = task;
+    (*wait)->after = *after;
+    (*wait)->reply = reply;
+    (*wait)->timer.expires_after(std::chrono::milliseconds(*wait_ms));
+    // An answered wait is gone by the time of a handler that was already queued: found by its address, not
+    // used.
+    (*wait)->timer.async_wait([this, raw = wait->get()](const boost::system::error_code& error) {
+        if (error) return;
+        const auto found = std::find_if(m_waits.begin(), m_waits.end(),
+                                        [raw](const auto& other) { return other.get() == raw; });
+        if (found != m_waits.end()) AnswerWait(found);
+    });
+}
+
+void Api::AnswerWait(std::list<std::unique_ptr<Wait>>::iterator wait) {
+    const std::unique_ptr<Wait> answered = std::move(*wait);
+    m_waits.erase(wait);
+    if (auto response = EventsNow(answered->task, answered->after, true))
+        answered->reply(std::move(*response));
+}
+
+void Api::OnEvents(std::int64_t task) {
+    for (auto wait = m_waits.begin(); wait != m_waits.end();) {
+        const auto current = wait++;
+        if ((*current)->task == task) AnswerWait(current);
+    }
+}
+
+void Api::EndWaits() {
+    m_noMoreWaits = true;
+    while (!m_waits.empty()) AnswerWait(m_waits.begin());
+}
+
+}  // namespace rq::engine

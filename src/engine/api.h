@@ -1,0 +1,87 @@
+// Api: answers the requests of docs/api.md. It knows nothing of sockets: a request comes in, and its answer
+// goes to a callback, at once or (an event poll) later. Everything runs on the I/O thread.
+#pragma once
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <functional>
+#include <list>
+#include <memory>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "engine/api_request.h"
+#include "engine/store.h"
+
+namespace rq::engine {
+
+// What the API needs of the engine besides its store.
+class ApiHost {
+  public:
+    struct Facts {
+        std::uint64_t processId = 0;
+        std::int64_t started_us = 0;
+        std::uint16_t linkPort = 0;
+        std::uint16_t httpPort = 0;
+        std::size_t workers = 0;
+        unsigned maxWorkers = 0;
+        bool ending = false;
+    };
+
+    virtual ~ApiHost() = default;
+    virtual Facts GetFacts() const = 0;
+    virtual void OnSubmitted() = 0;
+    virtual Result<CancelOutcome> CancelTask(std::int64_t task) = 0;
+    // Begins an orderly end; returns at once.
+    virtual void RequestEnd() = 0;
+};
+
+class Api {
+  public:
+    using Reply = std::function<void(ApiResponse)>;
+
+    Api(boost::asio::io_context& io, Store& store, ApiHost& host, std::string token);
+    ~Api();
+
+    // `reply` is called exactly once, unless the Api is destroyed first.
+    void Handle(const ApiRequest& request, Reply reply);
+    // A task has new events.
+    void OnEvents(std::int64_t task);
+    // Answers every waiting poll now, and from now on none waits.
+    void EndWaits();
+
+  private:
+    struct Wait {
+        std::int64_t task = 0;
+        std::int64_t after = 0;
+        Reply reply;
+        boost::asio::steady_timer timer;
+        Wait(boost::asio::io_context& io) : timer(io) {}
+    };
+
+    std::optional<ApiResponse> Refuse(const ApiRequest& request) const;
+    void Route(const ApiRequest& request, const Target& target, const Reply& reply);
+    void RouteTask(const ApiRequest& request, const Target& target, const Reply& reply);
+    ApiResponse Health();
+    ApiResponse Submit(const ApiRequest& request);
+    ApiResponse List(const Target& target);
+    ApiResponse Show(std::int64_t task);
+    ApiResponse Cancel(const TaskRow& task);
+    ApiResponse Shutdown();
+    void Events(std::int64_t task, const Target& target, const Reply& reply);
+    // Nothing when there are no events yet.
+    std::optional<ApiResponse> EventsNow(std::int64_t task, std::int64_t after, bool evenIfNone);
+    void AnswerWait(std::list<std::unique_ptr<Wait>>::iterator wait);
+
+    boost::asio::io_context& m_io;
+    Store& m_store;
+    ApiHost& m_host;
+    const std::string m_token;
+    std::list<std::unique_ptr<Wait>> m_waits;
+    bool m_noMoreWaits = false;
+};
+
+}  // namespace rq::engine

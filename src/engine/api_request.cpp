@@ -1,0 +1,231 @@
+#include "engine/api_request.h"
+
+#include <algorithm>
+#include <charconv>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+#include "base/text.h"
+#include "engine/json.h"
+#include "records/task_codes.h"
+
+namespace rq::engine {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr std::int32_t kLargestType = 299;
+constexpr std::size_t kNameLimit_bytes = 200;
+
+int HexDigit(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+std::optional<std::string> DecodePercent(std::string_view text) {
+    std::string plain;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '%') {
+            plain += text[i];
+            continue;
+        }
+        if (i + 2 >= text.size()) return std::nullopt;
+        const int high = HexDigit(text[i + 1]), low = HexDigit(text[i + 2]);
+        if (high < 0 || low < 0) return std::nullopt;
+        plain += static_cast<char>(high * 16 + low);
+        i += 2;
+    }
+    return plain;
+}
+
+// The pieces between separators, empty ones left out.
+std::vector<std::string_view> Split(std::string_view text, char separator) {
+    std::vector<std::string_view> pieces;
+    while (!text.empty()) {
+        const auto end = std::min(text.find(separator), text.size());
+        if (end > 0) pieces.push_back(text.substr(0, end));
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+    return pieces;
+}
+
+bool EqualIgnoringCase(std::string_view a, std::string_view b) {
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                      [&](char x, char y) { return lower(x) == lower(y); });
+}
+
+template <class Number>
+std::optional<Number> WholeNumber(std::string_view text) {
+    Number number{};
+    const auto [end, code] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (code != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return number;
+}
+
+std::string KnownCodes() {
+    std::string all;
+    for (const auto& entry : kTaskCodes) all += (all.empty() ? "" : ", ") + std::string(entry.code);
+    return all;
+}
+
+FieldError BadField(const std::string& field, const std::string& why) {
+    return {"bad-field", field, field + ": " + why};
+}
+
+Checked<std::int32_t> ParseType(const json& value) {
+    std::optional<std::int32_t> type;
+    if (value.is_string()) {
+        const auto& text = value.get_ref<const std::string&>();
+        type = TypeOfTaskCode(text);
+        if (!type) type = WholeNumber<std::int32_t>(text);
+    } else if (value.is_number_integer() && value >= 0 && value <= kLargestType) {
+        type = value.get<std::int32_t>();
+    }
+    if (type && *type >= 0 && *type <= kLargestType) return *type;
+    return BadField("type", Dump(value).substr(0, 60) + " is neither a type code (" + KnownCodes() +
+                                ") nor a number from 0 to " + std::to_string(kLargestType));
+}
+
+Checked<std::string> ParseText(const json& value) {
+    if (!value.is_string()) return BadField("text", "must be a text");
+    const auto& text = value.get_ref<const std::string&>();
+    if (text.empty()) return BadField("text", "must not be empty");
+    if (text.find('\0') != std::string::npos) return BadField("text", "must not hold U+0000");
+    return text;
+}
+
+Checked<std::string> ParseName(const json& value) {
+    if (!value.is_string()) return BadField("name", "must be a text");
+    const auto& name = value.get_ref<const std::string&>();
+    if (name.size() > kNameLimit_bytes)
+        return BadField("name", "must not be longer than " + std::to_string(kNameLimit_bytes) + " bytes");
+    const auto isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; };
+    if (std::any_of(name.begin(), name.end(), isControl))
+        return BadField("name", "must not hold control characters");
+    return name;
+}
+
+}  // namespace
+
+void throw_exception_from_error(const FieldError& error, const boost::source_location&) {
+    throw std::runtime_error(error.message);
+}
+
+ApiResponse MakeResponse(unsigned status, const json& document) {
+    return {status, Dump(document) + "\n", {}};
+}
+
+ApiResponse MakeError(unsigned status, const std::string& code, const std::string& message,
+                      const std::string& field) {
+    return MakeResponse(status, ErrorJson(code, message, field));
+}
+
+std::optional<Target> ParseTarget(std::string_view target) {
+    if (target.empty() || target.front() != '/') return std::nullopt;
+    const auto question = std::min(target.find('?'), target.size());
+    Target parsed;
+    for (const auto piece : Split(target.substr(0, question), '/')) {
+        auto plain = DecodePercent(piece);
+        if (!plain) return std::nullopt;
+        parsed.path.push_back(std::move(*plain));
+    }
+    for (const auto piece : Split(target.substr(std::min(question + 1, target.size())), '&')) {
+        const auto equals = std::min(piece.find('='), piece.size());
+        const auto name = DecodePercent(piece.substr(0, equals));
+        const auto value = DecodePercent(piece.substr(std::min(equals + 1, piece.size())));
+        if (!name || !value) return std::nullopt;
+        parsed.query[*name] = *value;
+    }
+    return parsed;
+}
+
+bool IsLocalHost(std::string_view host) {
+    // After the closing bracket in "[::1]:8084".
+    const auto bracket = host.rfind(']');
+    const auto colon = host.find(':', bracket == std::string_view::npos ? 0 : bracket);
+    if (colon != std::string_view::npos) {
+        if (!WholeNumber<std::uint16_t>(host.substr(colon + 1))) return false;
+        host = host.substr(0, colon);
+    }
+    return host == "127.0.0.1" || host == "[::1]" || EqualIgnoringCase(host, "localhost");
+}
+
+bool HasToken(std::string_view authorization, std::string_view token) {
+    constexpr std::string_view kScheme = "Bearer ";
+    if (token.empty() || authorization.size() != kScheme.size() + token.size()) return false;
+    if (!EqualIgnoringCase(authorization.substr(0, kScheme.size()), kScheme)) return false;
+    const auto shown = authorization.substr(kScheme.size());
+    unsigned char difference = 0;  // the time does not depend on where they differ
+    for (std::size_t i = 0; i < token.size(); ++i)
+        difference |= static_cast<unsigned char>(token[i] ^ shown[i]);
+    return difference == 0;
+}
+
+Checked<NewTask> ParseSubmission(std::string_view body) {
+    const json document = json::parse(body, nullptr, false);
+    if (!document.is_object()) return FieldError{"bad-json", "", "the body is not a JSON object"};
+    NewTask task;
+    for (const auto& [key, value] : document.items()) {
+        if (key == "type") {
+            auto type = ParseType(value);
+            if (!type) return type.error();
+            task.type = *type;
+        } else if (key == "text") {
+            auto text = ParseText(value);
+            if (!text) return text.error();
+            task.text = std::move(*text);
+        } else if (key == "name") {
+            auto name = ParseName(value);
+            if (!name) return name.error();
+            task.name = std::move(*name);
+        } else {
+            return BadField(std::string(CutUtf8(key, 60)),
+                            "is not a field of a submission (type, text, name)");
+        }
+    }
+    for (const char* field : {"type", "text"}) {
+        if (!document.contains(field)) return BadField(field, "is missing");
+    }
+    return task;
+}
+
+Checked<std::int64_t> ParseNumber(const Target& target, const std::string& name, std::int64_t least,
+                                  std::int64_t most, std::int64_t fallback) {
+    const auto found = target.query.find(name);
+    if (found == target.query.end()) return fallback;
+    const auto number = WholeNumber<std::int64_t>(found->second);
+    if (number && *number >= least && *number <= most) return *number;
+    return BadField(name,
+                    "must be a whole number from " + std::to_string(least) + " to " + std::to_string(most));
+}
+
+std::optional<std::int64_t> ParseTaskId(std::string_view id) {
+    if (id.size() < 2 || id.front() != 't' || id[1] < '1' || id[1] > '9') return std::nullopt;
+    return WholeNumber<std::int64_t>(id.substr(1));
+}
+
+Checked<TaskQuery> ParseListQuery(const Target& target) {
+    TaskQuery query;
+    auto limit = ParseNumber(target, "limit", 1, 1000, 100);
+    if (!limit) return limit.error();
+    query.limit = *limit;
+    if (const auto after = target.query.find("after"); after != target.query.end()) {
+        query.before_key = ParseTaskId(after->second);
+        if (!query.before_key) return BadField("after", "must be a task ID");
+    }
+    if (const auto states = target.query.find("state"); states != target.query.end()) {
+        for (const auto name : Split(states->second, ',')) {
+            const auto state = TaskStateOf(name);
+            if (!state) return BadField("state", "\"" + std::string(name) + "\" is not a state of a task");
+            if (std::find(query.states.begin(), query.states.end(), *state) == query.states.end())
+                query.states.push_back(*state);
+        }
+    }
+    return query;
+}
+
+}  // namespace rq::engine

@@ -1,0 +1,70 @@
+// Requests and answers of the HTTP API as plain values, and the reading of what a client sent. Pure; any
+// thread.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "base/result.h"
+#include "engine/store_types.h"
+
+namespace rq::engine {
+
+struct ApiRequest {
+    std::string method;
+    std::string target;                            // path and query as sent
+    std::string host, authorization, contentType;  // header fields, empty when missing
+    std::string body;
+};
+
+struct ApiResponse {
+    unsigned status = 200;
+    std::string body;  // JSON
+    std::vector<std::pair<std::string, std::string>> headers;
+};
+
+ApiResponse MakeResponse(unsigned status, const nlohmann::json& document);
+ApiResponse MakeError(unsigned status, const std::string& code, const std::string& message,
+                      const std::string& field = {});
+
+// A target taken apart: path segments and query parameters, percent-decoded.
+struct Target {
+    std::vector<std::string> path;
+    std::map<std::string, std::string> query;
+};
+// Nothing when it does not begin with "/" or has a broken percent sequence.
+std::optional<Target> ParseTarget(std::string_view target);
+
+// "127.0.0.1", "localhost", "[::1]", each with or without a port.
+bool IsLocalHost(std::string_view host);
+// "Bearer <token>", the scheme in any case.
+bool HasToken(std::string_view authorization, std::string_view token);
+
+// A field or parameter at fault, and why.
+struct FieldError {
+    FieldError() = default;
+    FieldError(std::string c, std::string f, std::string m)
+        : code(std::move(c)), field(std::move(f)), message(std::move(m)) {}
+    std::string code;
+    std::string field;
+    std::string message;
+};
+template <class T>
+using Checked = boost::system::result<T, FieldError>;
+[[noreturn]] void throw_exception_from_error(const FieldError& error, const boost::source_location&);
+
+Checked<NewTask> ParseSubmission(std::string_view body);
+Checked<TaskQuery> ParseListQuery(const Target& target);
+// The parameter as a number from `least` to `most`; `fallback` when it is missing.
+Checked<std::int64_t> ParseNumber(const Target& target, const std::string& name, std::int64_t least,
+                                  std::int64_t most, std::int64_t fallback);
+// "t12" -> 12; nothing for what is no task ID.
+std::optional<std::int64_t> ParseTaskId(std::string_view id);
+
+}  // namespace rq::engine

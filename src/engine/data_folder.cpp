@@ -1,0 +1,89 @@
+#include "engine/data_folder.h"
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "base/paths.h"
+#include "engine/json.h"
+#include "engine/version.h"
+#include "platform/identity.h"
+#include "platform/process.h"
+
+namespace rq::engine {
+
+namespace {
+
+constexpr std::size_t kTokenBytes = 32;
+
+bool IsToken(const std::string& text) {
+    return text.size() == 2 * kTokenBytes && text.find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
+std::string WithoutLineEnd(std::string text) {
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+    return text;
+}
+
+}  // namespace
+
+std::string DataFolder::File(const std::string& name) const {
+    return Utf8FromPath(PathFromUtf8(m_path) / name);
+}
+
+Result<std::unique_ptr<DataFolder>> DataFolder::Open(const std::string& path) {
+    platform::OsError error;
+    if (!platform::CreatePrivateFolder(path, &error))
+        return Fail("the data folder cannot be made: " + error.message);
+    std::unique_ptr<DataFolder> folder(new DataFolder(path));
+    if (auto locked = folder->TakeLock(); !locked) return locked.error();
+    if (auto taken = folder->TakeToken(); !taken) return taken.error();
+    return folder;
+}
+
+Result<void> DataFolder::TakeLock() {
+    platform::OsError error;
+    m_lock.reset(platform::TryLockFile(File("engine.lock"), &error));
+    if (m_lock) return {};
+    return Fail(m_path + ": another engine uses this data folder (" + error.message +
+                "); end it with \"rqctl shutdown\", or give another folder with --data");
+}
+
+Result<void> DataFolder::TakeToken() {
+    const std::string file = File("engine.token");
+    platform::OsError error;
+    if (const auto text = platform::ReadWholeFile(file)) {
+        m_token = WithoutLineEnd(*text);
+        if (IsToken(m_token)) return {};
+        return Fail(file + ": not a token (64 hexadecimal digits); remove the file, and a new one is made");
+    }
+    m_token = platform::RandomHex(kTokenBytes);
+    if (!platform::CreatePrivateFile(file, m_token + "\n", &error))
+        return Fail("the token cannot be written or read: " + error.message);
+    return {};
+}
+
+Result<void> DataFolder::Announce(std::uint16_t linkPort, std::uint16_t httpPort, std::int64_t started_us) {
+    const nlohmann::json facts = {{"pid", platform::CurrentProcessId()},
+                                  {"link_port", linkPort},
+                                  {"http_port", httpPort},
+                                  {"started", TimeText(started_us)},
+                                  {"version", kVersion}};
+    platform::OsError error;
+    if (!platform::ReplaceFile(File("engine.json"), Dump(facts) + "\n", true, &error))
+        return Fail("engine.json cannot be written: " + error.message);
+    m_announced = true;
+    return {};
+}
+
+DataFolder::~DataFolder() {
+    Withdraw();
+}
+
+void DataFolder::Withdraw() {
+    if (!m_announced) return;
+    m_announced = false;
+    std::error_code ignored;
+    std::filesystem::remove(PathFromUtf8(File("engine.json")), ignored);
+}
+
+}  // namespace rq::engine

@@ -1,0 +1,150 @@
+#include "engine/engine.h"
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <optional>
+
+#include "base/paths.h"
+#include "engine/api.h"
+#include "engine/data_folder.h"
+#include "engine/engine_log.h"
+#include "engine/http_connection.h"
+#include "engine/listener.h"
+#include "engine/scheduler.h"
+#include "engine/version.h"
+#include "platform/process.h"
+
+namespace rq::engine {
+
+namespace {
+
+// For the answers that are under way when everything else has ended.
+constexpr std::chrono::milliseconds kLastAnswers(200);
+
+EngineSettings Completed(EngineSettings settings) {
+    if (settings.logFolder.empty())
+        settings.logFolder = Utf8FromPath(PathFromUtf8(settings.dataFolder) / "logs");
+    return settings;
+}
+
+class EngineImpl final : public Engine, public ApiHost {
+  public:
+    explicit EngineImpl(const EngineSettings& settings) : m_settings(Completed(settings)) {}
+
+    Result<void> Start();
+    void Run() override { m_io.run(); }
+    void RequestEnd() override {
+        boost::asio::post(m_io, [this] { BeginEnd(); });
+    }
+    std::uint16_t LinkPort() const override { return m_links->Port(); }
+    std::uint16_t HttpPort() const override { return m_pages->Port(); }
+    const std::string& Token() const override { return m_folder->Token(); }
+
+  private:
+    Result<void> OpenStore();
+    Result<void> Listen();
+    void BeginEnd();
+    void OnWorkersGone();
+
+    Facts GetFacts() const override {
+        return {platform::CurrentProcessId(),
+                m_started_us,
+                LinkPort(),
+                HttpPort(),
+                m_scheduler->Workers(),
+                m_scheduler->MaxWorkers(),
+                m_scheduler->Ending()};
+    }
+    // After the answer: what a start takes is not the client's time.
+    void OnSubmitted() override {
+        boost::asio::post(m_io, [this] { m_scheduler->Pump(); });
+    }
+    Result<CancelOutcome> CancelTask(std::int64_t task) override { return m_scheduler->Cancel(task, "api"); }
+
+    const EngineSettings m_settings;
+    // Destroyed last to first: the I/O context goes after everything that has operations on it.
+    std::unique_ptr<DataFolder> m_folder;
+    std::unique_ptr<EngineLog> m_log;
+    boost::asio::io_context m_io{1};
+    std::unique_ptr<Store> m_store;
+    std::unique_ptr<Launcher> m_launcher;
+    std::unique_ptr<Scheduler> m_scheduler;
+    std::unique_ptr<Api> m_api;
+    std::unique_ptr<Listener> m_links, m_pages;
+    std::optional<boost::asio::steady_timer> m_lastAnswers;
+    std::int64_t m_started_us = 0;
+};
+
+Result<void> EngineImpl::Start() {
+    auto folder = DataFolder::Open(m_settings.dataFolder);
+    if (!folder) return folder.error();
+    m_folder = std::move(*folder);
+    m_launcher = std::make_unique<Launcher>(m_io, m_settings, Token());
+    if (auto ready = m_launcher->Prepare(); !ready) return ready;
+    m_log = std::make_unique<EngineLog>(m_settings.logFolder);
+    if (auto opened = OpenStore(); !opened) return opened;
+    m_scheduler = std::make_unique<Scheduler>(m_io, *m_store, *m_launcher, m_settings, Token(), *m_log);
+    m_api = std::make_unique<Api>(m_io, *m_store, *this, Token());
+    m_store->SetListener(
+        [this](std::int64_t task) { boost::asio::post(m_io, [this, task] { m_api->OnEvents(task); }); });
+    if (auto listening = Listen(); !listening) return listening;
+    m_started_us = Store::SystemNow()();
+    if (auto told = m_folder->Announce(LinkPort(), HttpPort(), m_started_us); !told) return told;
+    m_log->Info("rqengine " + std::string(kVersion) + ": link 127.0.0.1:" + std::to_string(LinkPort()) +
+                ", http 127.0.0.1:" + std::to_string(HttpPort()) + ", data " + m_settings.dataFolder);
+    boost::asio::post(m_io, [this] { m_scheduler->Pump(); });
+    return {};
+}
+
+Result<void> EngineImpl::OpenStore() {
+    auto store = Store::Open(m_folder->File("store.db"));
+    if (!store) return store.error();
+    m_store = std::move(*store);
+    const auto lost = m_store->LoseOpenAttempts("the engine ended while this attempt was open");
+    if (!lost) return lost.error();
+    if (*lost != 0) m_log->Warn(std::to_string(*lost) + " attempt(s) of an earlier run are lost");
+    return {};
+}
+
+Result<void> EngineImpl::Listen() {
+    m_links = std::make_unique<Listener>(
+        m_io, m_settings.maxConnections, [this](Listener::Socket socket, std::function<void()> onGone) {
+            std::make_shared<Session>(std::move(socket), *m_scheduler, m_settings, std::move(onGone))
+                ->Start();
+        });
+    m_pages = std::make_unique<Listener>(m_io, m_settings.maxHttpConnections,
+                                         [this](Listener::Socket socket, std::function<void()> onGone) {
+                                             ServeHttp(std::move(socket), *m_api, std::move(onGone));
+                                         });
+    if (auto listening = m_links->Listen(m_settings.linkPort); !listening) return listening;
+    m_scheduler->SetLinkPort(LinkPort());
+    return m_pages->Listen(m_settings.httpPort);
+}
+
+void EngineImpl::BeginEnd() {
+    if (m_scheduler->Ending()) return;
+    m_log->Info("the engine is ending");
+    m_scheduler->BeginEnd([this] { OnWorkersGone(); });
+}
+
+void EngineImpl::OnWorkersGone() {
+    m_links->Stop();
+    m_pages->Stop();
+    m_api->EndWaits();
+    m_lastAnswers.emplace(m_io, kLastAnswers);
+    m_lastAnswers->async_wait([this](const boost::system::error_code&) {
+        m_folder->Withdraw();
+        m_log->Info("the engine has ended");
+        m_io.stop();
+    });
+}
+
+}  // namespace
+
+Result<std::unique_ptr<Engine>> Engine::Create(const EngineSettings& settings) {
+    auto engine = std::make_unique<EngineImpl>(settings);
+    if (auto started = engine->Start(); !started) return started.error();
+    return std::unique_ptr<Engine>(std::move(engine));
+}
+
+}  // namespace rq::engine

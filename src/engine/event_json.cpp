@@ -1,0 +1,156 @@
+// The data of events, and task results, as JSON texts.
+#include <nlohmann/json.hpp>
+
+#include "engine/json.h"
+#include "records/engine_messages.h"
+
+namespace rq::engine {
+
+namespace {
+
+using nlohmann::json;
+
+const char* VerificationName(std::int32_t verification) {
+    return verification == kEqual ? "equal" : verification == kDifferent ? "different" : "not-compared";
+}
+
+json VerificationJson(const VerificationEntry& entry) {
+    return {{"first", entry.first},
+            {"second", entry.second},
+            {"first_md5", entry.firstMd5},
+            {"second_md5", entry.secondMd5},
+            {"verification", VerificationName(entry.verification)}};
+}
+
+json VerificationsJson(const std::vector<VerificationEntry>& entries) {
+    json all = json::array();
+    for (const auto& entry : entries) all.push_back(VerificationJson(entry));
+    return all;
+}
+
+json Md5Json(const stMD5TaskResult& result) {
+    json files = json::array();
+    for (const auto& file : result.files) {
+        files.push_back({{"mode", file.mode == 1 ? "computation" : "verification"},
+                         {"first", file.first},
+                         {"second", file.second},
+                         {"first_md5", file.firstMd5},
+                         {"second_md5", file.secondMd5},
+                         {"verification", VerificationName(file.verification)},
+                         {"computed_md5", file.computedMd5}});
+    }
+    return {{"kind", "md5"}, {"files", files}};
+}
+
+json TransferJson(const stTransferTaskResult& result) {
+    json outputs = json::array();
+    for (const auto& output : result.outputs) {
+        outputs.push_back({{"kind", output.kind},
+                           {"first", output.first},
+                           {"second", output.second},
+                           {"size_bytes", output.size_bytes},
+                           {"format_xml", output.formatXml},
+                           {"further_text", output.furtherText}});
+    }
+    return {{"kind", "transfer"},
+            {"verifications", VerificationsJson(result.verifications)},
+            {"outputs", outputs}};
+}
+
+json TranscodeJson(const stTranscodeTaskResult& result) {
+    json outputs = json::array();
+    for (const auto& output : result.outputs) {
+        outputs.push_back({{"first", output.first},
+                           {"second", output.second},
+                           {"value1", output.value1},
+                           {"value2", output.value2},
+                           {"value64", output.value64},
+                           {"format_xml", output.formatXml}});
+    }
+    return {{"kind", "transcode"},
+            {"verifications", VerificationsJson(result.verifications)},
+            {"outputs", outputs}};
+}
+
+}  // namespace
+
+std::string SubmittedEventJson(const NewTask& task) {
+    return Dump({{"type", task.type}, {"origin", task.origin}});
+}
+
+std::string StateEventJson(TaskState state, const std::optional<std::string>& reason) {
+    return Dump({{"state", NameOf(state)}, {"reason", reason ? json(*reason) : json(nullptr)}});
+}
+
+std::string ClaimedEventJson(std::int32_t number) {
+    return Dump({{"number", number}});
+}
+
+std::string ProcessEventJson(std::uint64_t processId) {
+    return Dump({{"pid", processId}});
+}
+
+std::string ConnectedEventJson(std::uint32_t session, std::uint64_t processId, const std::string& version) {
+    return Dump({{"session", session}, {"pid", processId}, {"version", version}});
+}
+
+std::string NoticeEventJson(const std::string& taskId, const std::string& guid) {
+    return Dump({{"task_id", taskId}, {"worker_guid", guid}});
+}
+
+std::string StatusEventJson(std::uint32_t status) {
+    return Dump({{"status", status}});
+}
+
+std::string ProgressEventJson(double percent, double speed) {
+    return Dump({{"percent", percent}, {"speed", speed}});
+}
+
+std::string OrderEventJson(std::uint32_t id) {
+    return Dump({{"id", id}});
+}
+
+std::string ReplyEventJson(std::uint32_t id, const std::string& resultCode, const std::string& message) {
+    return Dump({{"id", id}, {"result_code", resultCode}, {"message", message}});
+}
+
+std::string CancelEventJson(const std::string& by) {
+    return Dump({{"by", by}});
+}
+
+std::string FinalEventJson(const FinalStatus& final) {
+    return Dump({{"status", final.status},
+                 {"detail_error", {{"code", final.detailErrorCode}, {"text", final.detailErrorText}}},
+                 {"error", {{"code", final.errorCode}, {"text", final.errorText}}},
+                 {"further_text", final.furtherText}});
+}
+
+std::string ExitEventJson(const WorkerExit& exit) {
+    return Dump({{exit.signalled ? "signal" : "code", exit.code}});
+}
+
+std::string ReasonEventJson(const std::string& reason) {
+    return Dump({{"reason", reason}});
+}
+
+std::optional<std::string> FinalReason(const FinalStatus& final) {
+    if (final.status == kTaskFinished) return std::nullopt;
+    if (final.status == kTaskCancelled) return "the worker cancelled the task";
+    std::string reason = final.errorText;
+    for (const auto& text : {final.detailErrorText, final.furtherText}) {
+        if (text.empty() || text == reason) continue;
+        reason += (reason.empty() ? "" : ": ") + text;
+    }
+    return reason.empty() ? "the worker reported an error without a text" : reason;
+}
+
+std::string ResultJson(const stTaskResultBase* result) {
+    if (const auto* md5 = dynamic_cast<const stMD5TaskResult*>(result)) return Dump(Md5Json(*md5));
+    if (const auto* transfer = dynamic_cast<const stTransferTaskResult*>(result))
+        return Dump(TransferJson(*transfer));
+    if (const auto* transcode = dynamic_cast<const stTranscodeTaskResult*>(result))
+        return Dump(TranscodeJson(*transcode));
+    return {};
+}
+
+}  // namespace rq::engine

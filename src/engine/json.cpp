@@ -1,0 +1,116 @@
+#include "engine/json.h"
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <nlohmann/json.hpp>
+
+#include "records/task_codes.h"
+
+namespace rq::engine {
+
+namespace {
+
+using nlohmann::json;
+
+json TimeJson(const std::optional<std::int64_t>& time_us) {
+    return time_us ? json(TimeText(*time_us)) : json(nullptr);
+}
+
+template <class T>
+json OrNull(const std::optional<T>& value) {
+    return value ? json(*value) : json(nullptr);
+}
+
+json CodeAndText(std::int64_t code, const std::string& text) {
+    return {{"code", code}, {"text", text}};
+}
+
+json ExitJson(const AttemptRow& attempt) {
+    if (attempt.exitSignal) return {{"signal", *attempt.exitSignal}};
+    if (attempt.exitCode) return {{"code", *attempt.exitCode}};
+    return nullptr;
+}
+
+json AttemptJson(const AttemptRow& attempt) {
+    return {{"number", attempt.number},
+            {"state", NameOf(attempt.state)},
+            {"session", OrNull(attempt.session)},
+            {"pid", OrNull(attempt.processId)},
+            {"worker_version", attempt.workerVersion},
+            {"worker_guid", attempt.workerGuid},
+            {"reported_task", attempt.reportedTask},
+            {"created", TimeText(attempt.created_us)},
+            {"connected", TimeJson(attempt.connected_us)},
+            {"started", TimeJson(attempt.started_us)},
+            {"finished", TimeJson(attempt.finished_us)},
+            {"last_seen", TimeJson(attempt.lastSeen_us)},
+            {"exited", TimeJson(attempt.exited_us)},
+            {"exit", ExitJson(attempt)},
+            {"percent", attempt.percent},
+            {"speed", attempt.speed},
+            {"status", OrNull(attempt.status)},
+            {"detail_error", CodeAndText(attempt.detailErrorCode, attempt.detailErrorText)},
+            {"error", CodeAndText(attempt.errorCode, attempt.errorText)},
+            {"further_text", attempt.furtherText},
+            {"reason", OrNull(attempt.reason)},
+            {"output", attempt.output}};
+}
+
+}  // namespace
+
+std::string TimeText(std::int64_t time_us) {
+    using namespace boost::posix_time;
+    const ptime time = ptime(boost::gregorian::date(1970, 1, 1)) + microseconds(time_us);
+    std::string text = to_iso_extended_string(time);
+    // The library leaves a fraction of zero out.
+    if (text.find('.') == std::string::npos) text += ".000000";
+    return text + "Z";
+}
+
+json TaskJson(const TaskRow& task) {
+    const std::string code(CodeOfTaskType(task.type));
+    return {{"id", task.id},
+            {"type", task.type == kUnknownType ? json(nullptr) : json(task.type)},
+            {"type_code", code.empty() ? json(nullptr) : json(code)},
+            {"name", task.name},
+            {"origin", task.origin},
+            {"state", NameOf(task.state)},
+            {"reason", OrNull(task.reason)},
+            {"created", TimeText(task.created_us)},
+            {"started", TimeJson(task.started_us)},
+            {"finished", TimeJson(task.finished_us)},
+            {"cancel_requested", TimeJson(task.cancelRequested_us)},
+            {"attempts", task.attempts},
+            {"percent", task.percent},
+            {"speed", task.speed},
+            {"status", OrNull(task.status)}};
+}
+
+json DetailsJson(const TaskDetails& details) {
+    json all = TaskJson(details.task);
+    all["text"] = details.text;
+    all["last_event"] = details.lastEvent;
+    all["result"] = details.result ? json::parse(*details.result, nullptr, false) : json(nullptr);
+    all["attempt_list"] = json::array();
+    for (const auto& attempt : details.attempts) all["attempt_list"].push_back(AttemptJson(attempt));
+    return all;
+}
+
+json EventJson(const EventRow& event) {
+    return {{"id", event.key},
+            {"time", TimeText(event.time_us)},
+            {"attempt", OrNull(event.attemptNumber)},
+            {"kind", event.kind},
+            {"data", json::parse(event.json, nullptr, false)}};
+}
+
+json ErrorJson(const std::string& code, const std::string& message, const std::string& field) {
+    json error = {{"code", code}, {"message", message}, {"field", nullptr}};
+    if (!field.empty()) error["field"] = field;
+    return {{"error", error}};
+}
+
+std::string Dump(const json& document) {
+    return document.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+}  // namespace rq::engine

@@ -1,0 +1,104 @@
+// rqengine: the command line of the engine.
+#include <CLI/CLI.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <thread>
+
+#include "base/paths.h"
+#include "engine/engine.h"
+#include "engine/version.h"
+#include "platform/console.h"
+#include "platform/environment.h"
+#include "platform/files.h"
+#include "platform/identity.h"
+
+namespace {
+
+using rq::engine::Engine;
+using rq::engine::EngineSettings;
+
+std::string Absolute(const std::string& path) {
+    return rq::Utf8FromPath(std::filesystem::absolute(rq::PathFromUtf8(path)).lexically_normal());
+}
+
+std::string FolderOfProgram() {
+    return rq::Utf8FromPath(rq::PathFromUtf8(rq::platform::ModuleFileName()).parent_path());
+}
+
+void AddOptions(CLI::App& app, EngineSettings& settings) {
+    using rq::platform::GetEnvironment;
+    settings.dataFolder =
+        GetEnvironment("RQ_ENGINE_DATA").value_or(rq::platform::DefaultDataFolder() + "/engine");
+    settings.stageFolder = FolderOfProgram();
+    settings.logFolder = GetEnvironment("RQ_LOG_DIR").value_or("");
+    app.add_option("--data", settings.dataFolder, "Data folder (store, token, logs); also RQ_ENGINE_DATA")
+        ->type_name("DIR")
+        ->capture_default_str();
+    app.add_option("--port", settings.linkPort, "Port for workers on 127.0.0.1; 0 takes a free one")
+        ->type_name("N")
+        ->capture_default_str();
+    app.add_option("--http-port", settings.httpPort, "Port of the HTTP API on 127.0.0.1; 0 takes a free one")
+        ->type_name("N")
+        ->capture_default_str();
+    app.add_option("--stage", settings.stageFolder, "Folder of RQWorkerU; default: that of this program")
+        ->type_name("DIR");
+    app.add_option("--max-workers", settings.maxWorkers, "Workers at a time; default: one for each core")
+        ->type_name("N")
+        ->check(CLI::Range(1, 1000));
+    app.add_option("--log", settings.logFolder,
+                   "Log root; also RQ_LOG_DIR; default: \"logs\" in the data folder")
+        ->type_name("DIR");
+    app.set_version_flag("--version", std::string("rqengine ") + rq::engine::kVersion);
+}
+
+int Complain(const std::string& message) {
+    std::fprintf(stderr, "rqengine: %s\n", message.c_str());
+    return 1;
+}
+
+// The engine runs on a thread of its own; this one waits for a signal that asks it to end.
+int Serve(Engine& engine) {
+    boost::asio::io_context signalContext;
+    boost::asio::signal_set signals(signalContext, SIGINT, SIGTERM);
+#ifdef SIGHUP
+    signals.add(SIGHUP);
+#endif
+    signals.async_wait([&](const boost::system::error_code& error, int) {
+        if (!error) engine.RequestEnd();
+    });
+    std::thread runner([&] {
+        engine.Run();
+        signalContext.stop();
+    });
+    signalContext.run();
+    runner.join();
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app("The local engine: queues tasks, starts a worker for each, keeps what happened.",
+                 "rqengine");
+    EngineSettings settings;
+    AddOptions(app, settings);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& problem) {
+        const int code = app.exit(problem);
+        return code == 0 ? 0 : 2;
+    }
+    settings.dataFolder = Absolute(settings.dataFolder);
+    settings.stageFolder = Absolute(settings.stageFolder);
+    if (!settings.logFolder.empty()) settings.logFolder = Absolute(settings.logFolder);
+
+    auto engine = Engine::Create(settings);
+    if (!engine) return Complain(engine.error().message);
+    rq::platform::WriteStandardOutput("rqengine: link 127.0.0.1:" + std::to_string((*engine)->LinkPort()) +
+                                      ", http 127.0.0.1:" + std::to_string((*engine)->HttpPort()) +
+                                      ", data " + settings.dataFolder + "\n");
+    return Serve(**engine);
+}

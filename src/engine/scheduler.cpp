@@ -1,0 +1,265 @@
+// Starting, cancelling, ending. What workers say is in scheduler_records.cpp.
+#include "engine/scheduler.h"
+
+#include <boost/asio/post.hpp>
+#include <thread>
+
+#include "engine/json.h"
+#include "platform/identity.h"
+#include "records/task_codes.h"
+
+namespace rq::engine {
+
+namespace {
+
+constexpr std::chrono::seconds kStoreRetry(1);
+
+std::string Seconds(std::chrono::milliseconds duration) {
+    const auto ms = duration.count();
+    return ms % 1000 == 0 ? std::to_string(ms / 1000) + " s" : std::to_string(ms) + " ms";
+}
+
+unsigned WorkerSlots(unsigned wanted) {
+    if (wanted != 0) return wanted;
+    return std::max(1u, std::thread::hardware_concurrency());
+}
+
+}  // namespace
+
+Scheduler::Scheduler(boost::asio::io_context& io, Store& store, Launcher& launcher,
+                     const EngineSettings& settings, std::string linkToken, EngineLog& log)
+    : m_io(io),
+      m_store(store),
+      m_launcher(launcher),
+      m_settings(settings),
+      m_linkToken(std::move(linkToken)),
+      m_log(log),
+      m_maxWorkers(WorkerSlots(settings.maxWorkers)),
+      m_retry(io),
+      m_endTimer(io) {
+    platform::RandomBytes(&m_lastSession, sizeof m_lastSession);
+    m_launcher.SetOnExit([this](const std::string& token, const WorkerExit& exit) { OnExit(token, exit); });
+}
+
+Scheduler::~Scheduler() {
+    m_launcher.SetOnExit(nullptr);
+}
+
+// ---- starting ----
+
+void Scheduler::Pump() {
+    while (!m_ending && m_launcher.Running() < m_maxWorkers) {
+        auto claim = m_store.ClaimNext();
+        if (!claim) {
+            m_log.Warn("no task can be claimed: " + claim.error().message);
+            m_retry.expires_after(kStoreRetry);
+            m_retry.async_wait([this](const boost::system::error_code& error) {
+                if (!error) Pump();
+            });
+            return;
+        }
+        if (!*claim) return;
+        StartWorker(std::move(**claim));
+    }
+}
+
+void Scheduler::StartWorker(Claim claim) {
+    const std::string token = claim.token;
+    auto worker = m_launcher.Start(claim, m_linkPort);
+    if (!worker) {
+        m_log.Warn(claim.id + ": " + worker.error().message);
+        Report(m_store.Lost(token, worker.error().message), "a failed start");
+        return;
+    }
+    auto& run = *(m_runs[token] = std::make_unique<Run>(m_io));
+    run.claim = std::move(claim);
+    run.claim.text.clear();  // the worker has it
+    m_log.Info(run.claim.id + ": worker " + std::to_string(worker->processId) + " started");
+    Report(m_store.WorkerStarted(token, worker->processId, worker->output), "a start");
+    Arm(run, m_settings.connectLimit, [this](Run& late) {
+        Kill(late, "the worker did not connect within " + Seconds(m_settings.connectLimit));
+    });
+}
+
+// ---- orders ----
+
+Result<CancelOutcome> Scheduler::Cancel(std::int64_t task, const std::string& by) {
+    auto outcome = m_store.Cancel(task, by, "cancelled before it started");
+    if (!outcome || *outcome != CancelOutcome::Requested) return outcome;
+    Run* run = FindTask(task);
+    if (run == nullptr || run->final || run->exit) return outcome;
+    if (!run->connected)
+        Kill(*run, "cancelled before its worker connected");
+    else
+        SendCancel(*run);
+    return outcome;
+}
+
+void Scheduler::SendCancel(Run& run) {
+    if (run.cancelSent || !run.session) return;
+    run.cancelSent = true;
+    SendCommand(run, TCP_TASK_CANCEL_ID, "cancel");
+    Arm(run, m_settings.cancelGrace, [this](Run& late) {
+        Kill(late,
+             "the worker did not end within " + Seconds(m_settings.cancelGrace) + " of the cancel order");
+    });
+}
+
+void Scheduler::SendCommand(Run& run, std::uint32_t id, const std::string& text) {
+    TaskCommand command;
+    platform::RandomBytes(command.uuid.data(), command.uuid.size());
+    command.text = text;
+    if (!run.reportedTask.empty()) command.taskIds.push_back(run.reportedTask);
+    run.session->SendOrder(id, command);
+    Report(m_store.Note(run.claim.token, "order", OrderEventJson(id)), "an order");
+}
+
+void Scheduler::SendEnd(Run& run) {
+    Arm(run, m_settings.destroyGrace, [this](Run& late) {
+        Kill(late,
+             "the worker did not end within " + Seconds(m_settings.destroyGrace) + " of the order to exit");
+    });
+    if (!run.session) return;
+    // A package worker keeps waiting for tasks whatever 4014 says; the finish order ends it.
+    if (IsPackageType(run.claim.type)) {
+        SendCommand(run, TCP_TASK_FINISH_ID, "finish");
+        return;
+    }
+    run.session->SendOrder(TCP_WORKER_DESTROY_ID, link::DestroyOrder{});
+    Report(m_store.Note(run.claim.token, "order", OrderEventJson(TCP_WORKER_DESTROY_ID)), "an order");
+}
+
+// ---- the end of an attempt ----
+
+void Scheduler::Kill(Run& run, const std::string& reason) {
+    if (run.killReason.empty()) {
+        run.killReason = reason;
+        m_log.Warn(run.claim.id + ": " + reason);
+        Report(m_store.Note(run.claim.token, "killed", ReasonEventJson(reason)), "an end");
+    }
+    Disarm(run);
+    if (run.external) {
+        // Its process is not ours to end.
+        if (run.session) run.session->End(reason);
+        return;
+    }
+    m_launcher.KillTree(run.claim.token);
+}
+
+void Scheduler::OnExit(const std::string& token, const WorkerExit& exit) {
+    Run* run = Find(token);
+    if (run == nullptr) return;
+    run->exit = exit;
+    m_log.Info(run->claim.id + ": " + ExitText(exit));
+    if (!run->session) {
+        Settle(*run);
+        return;
+    }
+    // What it has sent before its end may still lie in the socket.
+    Arm(*run, m_settings.drainLimit, [this](Run& drained) { Settle(drained); });
+}
+
+std::string Scheduler::HowItEnded(const Run& run) const {
+    std::string text = run.killReason;
+    if (run.exit) text += text.empty() ? ExitText(*run.exit) : " (" + ExitText(*run.exit) + ")";
+    if (run.external && text.empty()) text = "the connection ended";
+    return run.killReason.empty() ? text + " before it reported a final status" : text;
+}
+
+void Scheduler::Settle(Run& run) {
+    const std::string token = run.claim.token;
+    Result<void> done;
+    if (run.exit && !run.exitNoted) {
+        done = m_store.Exited(token, *run.exit);
+        run.exitNoted = bool(done);
+    }
+    if (done && !run.final) done = m_store.Lost(token, HowItEnded(run));
+    if (!done) {
+        Report(done, "the end of an attempt");
+        Arm(run, kStoreRetry, [this](Run& again) { Settle(again); });
+        return;
+    }
+    if (run.session) {
+        m_sessions.erase(run.session->Id());
+        run.session->End("its process has ended");
+    }
+    m_runs.erase(token);
+    if (m_ending)
+        FinishEnd();
+    else
+        Pump();
+}
+
+// ---- the end of the engine ----
+
+void Scheduler::BeginEnd(std::function<void()> done) {
+    if (m_ending) return;
+    m_ending = true;
+    m_onEnded = std::move(done);
+    m_retry.cancel();
+    std::vector<std::int64_t> tasks;
+    for (const auto& [token, run] : m_runs) {
+        if (!run->final) tasks.push_back(run->claim.task);
+    }
+    for (const auto task : tasks) {
+        if (auto outcome = Cancel(task, "engine-end"); !outcome) Report(outcome.error(), "a cancel");
+    }
+    m_endTimer.expires_after(m_settings.endGrace);
+    m_endTimer.async_wait([this](const boost::system::error_code& error) {
+        if (error) return;
+        std::vector<std::string> tokens;
+        for (const auto& [token, run] : m_runs) tokens.push_back(token);
+        for (const auto& token : tokens) {
+            if (Run* run = Find(token))
+                Kill(*run, "the engine ended and the worker did not within " + Seconds(m_settings.endGrace));
+        }
+    });
+    FinishEnd();
+}
+
+void Scheduler::FinishEnd() {
+    if (!m_runs.empty() || !m_onEnded) return;
+    m_endTimer.cancel();
+    boost::asio::post(m_io, std::exchange(m_onEnded, nullptr));
+}
+
+// ---- helpers ----
+
+Scheduler::Run* Scheduler::Find(const std::string& token) {
+    const auto found = m_runs.find(token);
+    return found != m_runs.end() ? found->second.get() : nullptr;
+}
+
+Scheduler::Run* Scheduler::FindSession(std::uint32_t session) {
+    const auto found = m_sessions.find(session);
+    return found != m_sessions.end() ? Find(found->second) : nullptr;
+}
+
+Scheduler::Run* Scheduler::FindTask(std::int64_t task) {
+    for (const auto& [token, run] : m_runs) {
+        if (run->claim.task == task) return run.get();
+    }
+    return nullptr;
+}
+
+void Scheduler::Arm(Run& run, std::chrono::milliseconds after, std::function<void(Run&)> then) {
+    const unsigned use = ++run.timerUse;
+    run.timer.expires_after(after);
+    // The run may be gone, or have another deadline, when a handler that was already queued comes.
+    run.timer.async_wait(
+        [this, token = run.claim.token, use, then = std::move(then)](const boost::system::error_code& error) {
+            Run* armed = error ? nullptr : Find(token);
+            if (armed != nullptr && armed->timerUse == use) then(*armed);
+        });
+}
+
+void Scheduler::Disarm(Run& run) {
+    ++run.timerUse;
+    run.timer.cancel();
+}
+
+void Scheduler::Report(const Result<void>& result, const char* what) {
+    if (!result) m_log.Warn(std::string(what) + " could not be recorded: " + result.error().message);
+}
+
+}  // namespace rq::engine

@@ -1,0 +1,181 @@
+// What workers say: the handshake, their records, the end of their sessions.
+#include <algorithm>
+#include <boost/asio/post.hpp>
+#include <cmath>
+
+#include "base/text.h"
+#include "engine/json.h"
+#include "engine/scheduler.h"
+#include "platform/codepage.h"
+
+namespace rq::engine {
+
+namespace {
+
+// In time that does not depend on where the two differ.
+bool SameSecret(std::string_view a, std::string_view b) {
+    if (a.size() != b.size()) return false;
+    unsigned char difference = 0;
+    for (std::size_t i = 0; i < a.size(); ++i) difference |= static_cast<unsigned char>(a[i] ^ b[i]);
+    return difference == 0;
+}
+
+// Reply texts are GBK, except one in ASCII.
+std::string ReplyText(const std::string& bytes) {
+    if (IsValidUtf8(bytes)) return bytes;
+    return platform::GbkToUtf8(bytes).value_or(RepairUtf8(bytes));
+}
+
+// What the store and JSON can hold; three digits are plenty.
+double Shown(float value) {
+    return std::isfinite(value) ? std::round(static_cast<double>(value) * 1000) / 1000 : 0.0;
+}
+
+FinalStatus FinalOf(const TaskStatusEntry& entry) {
+    FinalStatus final;
+    final.status = entry.status;
+    final.detailErrorCode = entry.detailErrorCode;
+    final.detailErrorText = RepairUtf8(entry.detailErrorText);
+    final.errorCode = entry.errorCode;
+    final.errorText = RepairUtf8(entry.errorText);
+    final.furtherText = RepairUtf8(entry.furtherText);
+    final.result = ResultJson(entry.result.get());
+    return final;
+}
+
+}  // namespace
+
+std::uint32_t Scheduler::NewSessionId() {
+    do {
+        ++m_lastSession;
+    } while (m_lastSession == 0 || m_lastSession == kNoSession || m_sessions.contains(m_lastSession));
+    return m_lastSession;
+}
+
+std::variant<link::Welcome, link::Refuse> Scheduler::Admit(const link::Hello& hello,
+                                                           const std::shared_ptr<Session>& session) {
+    using link::Refuse;
+    if (hello.protocolVersion != link::kProtocolVersion)
+        return Refuse{link::kRefuseVersion, "this engine speaks version 1"};
+    if (!SameSecret(hello.token, m_linkToken)) return Refuse{link::kRefuseToken, "wrong token"};
+    Run* run = hello.attempt.empty() ? nullptr : Find(hello.attempt);
+    if (!hello.attempt.empty() && (run == nullptr || run->connected || run->exit))
+        return Refuse{link::kRefuseAttempt, "the attempt is unknown, has ended or is connected"};
+    if (m_ending) return Refuse{link::kRefuseEnding, "the engine is ending"};
+    if (run == nullptr) {
+        auto claim = m_store.AdoptExternal("process " + std::to_string(hello.processId));
+        if (!claim) return Refuse{link::kRefuseEnding, "the store refused: " + claim.error().message};
+        auto& made = m_runs[claim->token] = std::make_unique<Run>(m_io);
+        made->claim = std::move(*claim);
+        made->external = true;
+        run = made.get();
+    }
+    return Welcome(*run, hello, session);
+}
+
+link::Welcome Scheduler::Welcome(Run& run, const link::Hello& hello,
+                                 const std::shared_ptr<Session>& session) {
+    link::Welcome welcome;
+    welcome.sessionId = NewSessionId();
+    welcome.pingInterval_ms = static_cast<std::uint32_t>(m_settings.pingInterval.count());
+    welcome.silenceLimit_ms = static_cast<std::uint32_t>(m_settings.silenceLimit.count());
+    m_sessions[welcome.sessionId] = run.claim.token;
+    run.session = session;
+    run.connected = true;
+    // A worker that is being ended keeps that deadline.
+    if (run.killReason.empty()) Disarm(run);
+    m_log.Info(run.claim.id + ": session " + std::to_string(welcome.sessionId) + ", process " +
+               std::to_string(hello.processId));
+    Report(m_store.Connected(run.claim.token, welcome.sessionId, hello.processId,
+                             RepairUtf8(hello.workerVersion)),
+           "a connection");
+    // A worker started by hand announces itself by connecting; there is no start of ours to follow.
+    if (run.external) Report(m_store.Status(run.claim.token, kTaskRunning), "a connection");
+    return welcome;
+}
+
+bool Scheduler::OnRecord(Session& session, std::uint32_t id, const link::WorkerRecord& record) {
+    Run* run = FindSession(session.Id());
+    return run == nullptr || TakeRecord(*run, id, record);
+}
+
+bool Scheduler::TakeRecord(Run& run, std::uint32_t id, const link::WorkerRecord& record) {
+    const std::string& token = run.claim.token;
+    if (std::holds_alternative<HeartbeatRecord>(record)) {
+        Report(m_store.Seen(token), "a heartbeat");
+    } else if (const auto* notice = std::get_if<TaskNotice>(&record)) {
+        run.reportedTask = notice->taskId;
+        Report(m_store.Notice(token, RepairUtf8(notice->taskId), RepairUtf8(notice->workerGuid)), "a notice");
+    } else if (const auto* reply = std::get_if<TaskCommandReply>(&record)) {
+        Report(m_store.Note(token, "reply", ReplyEventJson(id, reply->resultCode, ReplyText(reply->message))),
+               "a reply");
+    } else if (const auto* progress = std::get_if<EngineProgressMessage>(&record)) {
+        TakeProgress(run, *progress);
+    } else if (const auto* state = std::get_if<EngineStateMessage>(&record)) {
+        return TakeState(run, *state);
+    }
+    return true;
+}
+
+void Scheduler::TakeProgress(Run& run, const EngineProgressMessage& message) {
+    if (message.entries.empty()) return;
+    const auto& latest = message.entries.back();
+    const double percent = std::clamp(Shown(latest.percent), 0.0, 100.0);
+    Report(m_store.Progress(run.claim.token, percent, Shown(latest.speed)), "progress");
+}
+
+bool Scheduler::TakeState(Run& run, const EngineStateMessage& message) {
+    bool taken = true;
+    for (const auto& entry : message.entries) {
+        if (run.external)
+            Report(m_store.TypeSeen(run.claim.token, static_cast<std::int32_t>(entry.taskType)), "a type");
+        if (link::IsFinalTaskStatus(entry.status))
+            taken = TakeFinal(run, entry) && taken;
+        else
+            Report(m_store.Status(run.claim.token, entry.status), "a status");
+    }
+    return taken;
+}
+
+bool Scheduler::TakeFinal(Run& run, const TaskStatusEntry& entry) {
+    const auto outcome = m_store.Finish(run.claim.token, FinalOf(entry));
+    if (!outcome) {
+        m_log.Warn(run.claim.id + ": a final status could not be committed: " + outcome.error().message);
+        return false;
+    }
+    if (*outcome == FinishOutcome::Late)
+        m_log.Warn(run.claim.id + ": a second final status " + std::to_string(entry.status) +
+                   " changes nothing");
+    if (run.final) return true;
+    run.final = true;
+    m_log.Info(run.claim.id + ": final status " + std::to_string(entry.status));
+    // After the acknowledgement has gone out.
+    boost::asio::post(m_io, [this, token = run.claim.token] {
+        if (Run* ended = Find(token)) SendEnd(*ended);
+    });
+    return true;
+}
+
+void Scheduler::OnSessionEnd(Session& session, const std::string& why) {
+    Run* run = FindSession(session.Id());
+    m_sessions.erase(session.Id());
+    if (run == nullptr) return;
+    run->session = nullptr;
+    Report(m_store.Note(run->claim.token, "disconnected", ReasonEventJson(RepairUtf8(why))), "a loss");
+    if (run->external || run->exit) {
+        Settle(*run);
+        return;
+    }
+    if (run->final || !run->killReason.empty()) return;
+    m_log.Warn(run->claim.id + ": session " + std::to_string(session.Id()) + " ended: " + why);
+    Arm(*run, m_settings.linkGrace, [this, why](Run& late) {
+        Kill(late, "the connection ended (" + why + ") and the worker did not within " +
+                       std::to_string(m_settings.linkGrace.count()) + " ms");
+    });
+}
+
+void Scheduler::OnLinkTrouble(const std::string& what) {
+    m_log.Warn(what);
+}
+
+}  // namespace rq::engine

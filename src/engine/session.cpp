@@ -1,0 +1,319 @@
+#include "engine/session.h"
+
+#include <algorithm>
+#include <boost/asio/write.hpp>
+
+namespace rq::engine {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr std::size_t kReadSize_bytes = 16 * 1024;
+// Orders are small; a worker that takes none of this many is gone.
+constexpr std::size_t kMaxOutgoing = 10'000;
+
+}  // namespace
+
+Session::Session(Socket socket, SessionHost& host, const EngineSettings& settings,
+                 std::function<void()> onGone)
+    : m_socket(std::move(socket)),
+      m_host(host),
+      m_settings(settings),
+      m_onGone(std::move(onGone)),
+      m_clock(m_socket.get_executor()),
+      m_ackTimer(m_socket.get_executor()) {}
+
+void Session::Start() {
+    boost::system::error_code ignored;
+    m_socket.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
+    m_start = m_lastHeard = m_lastSaid = steady_clock::now();
+    m_buffer.resize(kReadSize_bytes);
+    WatchTime();
+    Read();
+}
+
+// ---- reading ----
+
+void Session::Read() {
+    m_socket.async_read_some(boost::asio::buffer(m_buffer),
+                             [self = shared_from_this()](const boost::system::error_code& error,
+                                                         std::size_t size) { self->OnRead(error, size); });
+}
+
+void Session::OnRead(const boost::system::error_code& error, std::size_t size) {
+    if (m_state == State::Closed) return;
+    if (error) {
+        Lose(error == boost::asio::error::eof ? "the worker closed the connection" : error.message());
+        return;
+    }
+    m_lastHeard = steady_clock::now();
+    if (m_state == State::Leaving) {
+        Read();  // to its end, so that closing does not reset what we have sent
+        return;
+    }
+    m_reader.Feed(std::string_view(m_buffer.data(), size));
+    if (TakeFrames() && m_state != State::Closed) Read();
+}
+
+bool Session::TakeFrames() {
+    link::Frame frame;
+    for (;;) {
+        if (m_state == State::Leaving) return true;
+        if (m_state == State::Closed) return false;
+        switch (m_reader.Next(&frame)) {
+            case link::FrameReader::Status::NeedMore:
+                return true;
+            case link::FrameReader::Status::Bad:
+                if (m_state == State::Handshake) {
+                    Refuse({link::kRefuseHandshake, "not a HELLO: " + m_reader.Problem()});
+                    return true;
+                }
+                Lose("the worker sent " + m_reader.Problem());
+                return false;
+            case link::FrameReader::Status::Ready:
+                if (!TakeFrame(frame)) return false;
+        }
+    }
+}
+
+bool Session::TakeFrame(const link::Frame& frame) {
+    if (m_state == State::Handshake) return TakeHello(frame);
+    const bool control = frame.id != 0 && frame.id < TCP_WORKER_HEARTBEAT_ID;
+    if (frame.id == 0 || control != (frame.seq == 0)) {
+        Lose("the worker sent id " + std::to_string(frame.id) + " with seq " + std::to_string(frame.seq));
+        return false;
+    }
+    if (frame.ack > m_lastSent) {
+        Lose("the worker acknowledged what was never sent");
+        return false;
+    }
+    return control ? TakeControl(frame) : TakeNumbered(frame);
+}
+
+bool Session::TakeHello(const link::Frame& frame) {
+    if (frame.id != link::kHelloId || frame.seq != 0) {
+        Refuse({link::kRefuseHandshake, "the first frame is not HELLO"});
+        return true;
+    }
+    const auto hello = link::DecodeHello(frame.body);
+    if (!hello) {
+        Refuse({link::kRefuseHandshake, hello.error().message});
+        return true;
+    }
+    auto answer = m_host.Admit(*hello, shared_from_this());
+    if (const auto* refuse = std::get_if<link::Refuse>(&answer)) {
+        Refuse(*refuse);
+        return true;
+    }
+    const auto& welcome = std::get<link::Welcome>(answer);
+    m_id = welcome.sessionId;
+    m_state = State::Open;
+    m_reader.SetLimit(link::kFrameLimit_bytes);
+    SendControl(link::kWelcomeId, link::EncodeWelcome(welcome));
+    return true;
+}
+
+bool Session::TakeControl(const link::Frame& frame) {
+    switch (frame.id) {
+        case link::kPingId:
+            SendControl(link::kAckId);
+            return true;
+        case link::kByeId:
+            TellHost("the worker said goodbye");
+            Close();
+            return false;
+        case link::kHelloId:
+        case link::kWelcomeId:
+        case link::kRefuseId:
+            Lose("the worker sent " + link::IdText(frame.id) + " after the handshake");
+            return false;
+        case link::kAckId:
+            return true;
+        default:
+            m_host.OnLinkTrouble("session " + std::to_string(m_id) + ": unknown control id " +
+                                 std::to_string(frame.id));
+            return true;
+    }
+}
+
+bool Session::TakeNumbered(const link::Frame& frame) {
+    if (frame.seq <= m_received) {
+        AckSoon(true);
+        return true;
+    }
+    if (frame.seq != m_received + 1) {
+        Lose("the worker's frames have a gap: " + std::to_string(frame.seq) + " after " +
+             std::to_string(m_received));
+        return false;
+    }
+    bool has = !m_ackHeld;
+    bool final = false;
+    if (link::IsWorkerRecordId(frame.id)) {
+        const auto record = link::DecodeWorkerRecord(frame.id, frame.body);
+        if (!record) {
+            Lose(record.error().message);
+            return false;
+        }
+        const auto* state = std::get_if<EngineStateMessage>(&*record);
+        final = state != nullptr && link::IsFinalState(*state);
+        const bool taken = m_host.OnRecord(*this, frame.id, *record);
+        if (m_state == State::Closed) return false;
+        if (final) m_ackHeld = !taken;
+        has = !m_ackHeld;
+    } else {
+        m_host.OnLinkTrouble("session " + std::to_string(m_id) + ": unknown message id " +
+                             std::to_string(frame.id));
+    }
+    m_received = frame.seq;
+    if (has) m_has = m_received;
+    AckSoon(final && has);
+    return true;
+}
+
+void Session::Refuse(const link::Refuse& refuse) {
+    m_host.OnLinkTrouble("a connection was refused: " + refuse.text);
+    SendControl(link::kRefuseId, link::EncodeRefuse(refuse));
+    m_state = State::Leaving;
+    m_closeWhenSent = true;
+}
+
+// ---- writing ----
+
+void Session::SendOrder(std::uint32_t id, const link::Order& order) {
+    if (m_state != State::Open) return;
+    auto body = link::EncodeOrder(id, order);
+    if (!body) {
+        m_host.OnLinkTrouble("session " + std::to_string(m_id) + ": " + body.error().message);
+        return;
+    }
+    m_outgoing.push_back({++m_lastSent, id, std::move(*body)});
+    Write();
+}
+
+void Session::SendControl(std::uint32_t id, std::string body) {
+    m_outgoing.push_back({0, id, std::move(body)});
+    Write();
+}
+
+void Session::Write() {
+    if (!m_writing.empty() || m_outgoing.empty() || m_state == State::Closed) return;
+    if (m_outgoing.size() > kMaxOutgoing) {
+        Lose("the worker does not read");
+        return;
+    }
+    for (auto& frame : m_outgoing) {
+        m_writing += link::EncodeFrameHead(frame.seq, m_has, frame.id, frame.body.size());
+        m_writing += frame.body;
+    }
+    m_outgoing.clear();
+    m_ackSent = m_has;
+    m_writeBegan = steady_clock::now();
+    boost::asio::async_write(m_socket, boost::asio::buffer(m_writing),
+                             [self = shared_from_this()](const boost::system::error_code& error,
+                                                         std::size_t) { self->OnWritten(error); });
+}
+
+void Session::OnWritten(const boost::system::error_code& error) {
+    m_writing.clear();
+    if (m_state == State::Closed) return;
+    if (error) {
+        Lose(error.message());
+        return;
+    }
+    m_lastSaid = steady_clock::now();
+    Write();
+    if (m_closeWhenSent && m_writing.empty()) {
+        boost::system::error_code ignored;
+        m_socket.shutdown(Socket::shutdown_send, ignored);
+    }
+}
+
+void Session::AckSoon(bool atOnce) {
+    if (m_state != State::Open) return;
+    if (atOnce) {
+        SendControl(link::kAckId);
+        return;
+    }
+    if (m_ackTimerRuns || m_has == m_ackSent) return;
+    m_ackTimerRuns = true;
+    m_ackTimer.expires_after(m_settings.ackDelay);
+    m_ackTimer.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
+        self->m_ackTimerRuns = false;
+        if (!error && self->m_state == State::Open && self->m_has != self->m_ackSent)
+            self->SendControl(link::kAckId);
+    });
+}
+
+// ---- time ----
+
+void Session::WatchTime() {
+    const auto& s = m_settings;
+    const milliseconds shortest = std::min({s.pingInterval, s.silenceLimit, s.writeLimit, s.helloLimit});
+    m_clock.expires_after(std::clamp(shortest / 4, milliseconds(10), milliseconds(1000)));
+    m_clock.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
+        if (!error) self->OnTick();
+    });
+}
+
+void Session::OnTick() {
+    if (m_state == State::Closed) return;
+    const auto now = steady_clock::now();
+    if (!m_writing.empty() && now - m_writeBegan >= m_settings.writeLimit) {
+        Lose("a write did not complete");
+        return;
+    }
+    if (m_state == State::Handshake && now - m_start >= m_settings.helloLimit) {
+        Refuse({link::kRefuseHandshake, "no HELLO came in time"});
+        m_lastHeard = now;
+    }
+    // Refused, or told goodbye: a second to close.
+    if (m_state == State::Leaving && now - m_lastSaid >= milliseconds(1000) && m_writing.empty()) {
+        Close();
+        return;
+    }
+    if (m_state == State::Open) {
+        if (now - m_lastHeard >= m_settings.silenceLimit) {
+            Lose("the worker was silent for too long");
+            return;
+        }
+        if (now - m_lastSaid >= m_settings.pingInterval && m_writing.empty()) SendControl(link::kPingId);
+    }
+    WatchTime();
+}
+
+// ---- the end ----
+
+void Session::End(const std::string& why) {
+    if (m_state != State::Open) return;
+    SendControl(link::kByeId);
+    m_state = State::Leaving;
+    m_closeWhenSent = true;
+    TellHost(why);
+}
+
+void Session::Lose(const std::string& why) {
+    TellHost(why);
+    Close();
+}
+
+void Session::TellHost(const std::string& why) {
+    if (m_id == 0) return;
+    const auto keep = shared_from_this();
+    m_host.OnSessionEnd(*this, why);
+    m_id = 0;
+}
+
+void Session::Close() {
+    if (m_state == State::Closed) return;
+    m_state = State::Closed;
+    m_clock.cancel();
+    m_ackTimer.cancel();
+    boost::system::error_code ignored;
+    m_socket.close(ignored);
+    if (m_onGone) m_onGone();
+    m_onGone = nullptr;
+}
+
+}  // namespace rq::engine

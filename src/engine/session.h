@@ -1,0 +1,106 @@
+// Session: one connection of the engine link, from accept to close (docs/engine-link.md). It speaks the
+// protocol and leaves every decision to its host. Everything runs on the engine's I/O thread; a session keeps
+// itself alive while an operation of its own is under way.
+#pragma once
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <variant>
+
+#include "engine/settings.h"
+#include "link/codec.h"
+
+namespace rq::engine {
+
+class Session;
+
+class SessionHost {
+  public:
+    virtual ~SessionHost() = default;
+
+    // The handshake's decision. After a Welcome, `session` is the one with that session ID until
+    // OnSessionEnd.
+    virtual std::variant<link::Welcome, link::Refuse> Admit(const link::Hello& hello,
+                                                            const std::shared_ptr<Session>& session) = 0;
+    // A record of the worker's. False: the engine does not have it yet, and nothing from it on is
+    // acknowledged until a later record brings true.
+    virtual bool OnRecord(Session& session, std::uint32_t id, const link::WorkerRecord& record) = 0;
+    // Once for each admitted session, last. `why` is for people.
+    virtual void OnSessionEnd(Session& session, const std::string& why) = 0;
+    // Something that the log should have: a refused handshake, a broken rule.
+    virtual void OnLinkTrouble(const std::string& what) = 0;
+};
+
+class Session : public std::enable_shared_from_this<Session> {
+  public:
+    using Socket = boost::asio::ip::tcp::socket;
+    // `onGone` is called once when the connection is closed for good.
+    Session(Socket socket, SessionHost& host, const EngineSettings& settings, std::function<void()> onGone);
+
+    void Start();
+    // Queues a numbered frame. Nothing happens when the session has ended.
+    void SendOrder(std::uint32_t id, const link::Order& order);
+    // BYE, then the end; the host is told.
+    void End(const std::string& why);
+
+    std::uint32_t Id() const { return m_id; }
+
+  private:
+    enum class State { Handshake, Open, Leaving, Closed };
+    struct Outgoing {
+        std::uint64_t seq = 0;
+        std::uint32_t id = 0;
+        std::string body;
+    };
+
+    void Read();
+    void OnRead(const boost::system::error_code& error, std::size_t size);
+    // The connection is to be closed for this reason.
+    void Lose(const std::string& why);
+    void Close();
+    void TellHost(const std::string& why);
+
+    bool TakeFrames();
+    bool TakeFrame(const link::Frame& frame);
+    bool TakeHello(const link::Frame& frame);
+    bool TakeControl(const link::Frame& frame);
+    bool TakeNumbered(const link::Frame& frame);
+    void Refuse(const link::Refuse& refuse);
+
+    void SendControl(std::uint32_t id, std::string body = {});
+    void Write();
+    void OnWritten(const boost::system::error_code& error);
+    void AckSoon(bool atOnce);
+    void WatchTime();
+    void OnTick();
+
+    Socket m_socket;
+    SessionHost& m_host;
+    const EngineSettings& m_settings;
+    std::function<void()> m_onGone;
+    State m_state = State::Handshake;
+    std::uint32_t m_id = 0;  // 0 until admitted
+
+    link::FrameReader m_reader{link::kHandshakeLimit_bytes};
+    std::string m_buffer;
+    std::deque<Outgoing> m_outgoing;
+    std::string m_writing;  // the bytes of the write that is under way
+    bool m_closeWhenSent = false;
+
+    std::uint64_t m_lastSent = 0;  // seq of our latest numbered frame
+    std::uint64_t m_received = 0;  // highest seq of the worker's
+    std::uint64_t m_has = 0;       // what we acknowledge: m_received, unless a commit is missing
+    std::uint64_t m_ackSent = 0;
+    bool m_ackHeld = false;
+
+    boost::asio::steady_timer m_clock;  // looks at all limits, once in a while
+    boost::asio::steady_timer m_ackTimer;
+    bool m_ackTimerRuns = false;
+    std::chrono::steady_clock::time_point m_start, m_lastHeard, m_lastSaid, m_writeBegan;
+};
+
+}  // namespace rq::engine

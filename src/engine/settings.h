@@ -1,0 +1,43 @@
+// What an engine is told at its start. Paths are UTF-8 and absolute. The limits have the documented values;
+// tests make them shorter.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace rq::engine {
+
+struct EngineSettings {
+    std::string dataFolder;         // store, token, parameter files, logs
+    std::string stageFolder;        // where RQWorkerU and its files lie
+    std::string logFolder;          // empty: "logs" in the data folder
+    std::uint16_t linkPort = 8083;  // 0: any free one
+    std::uint16_t httpPort = 8084;  // 0: any free one
+    unsigned maxWorkers = 0;        // 0: as many as there are processor cores
+
+    // A worker that has not connected after this is ended.
+    std::chrono::milliseconds connectLimit = std::chrono::seconds(30);
+    // A worker whose connection broke has this long to end by itself.
+    std::chrono::milliseconds linkGrace = std::chrono::seconds(10);
+    // From the destroy order to the end of the process tree.
+    std::chrono::milliseconds destroyGrace = std::chrono::seconds(70);
+    // From a cancel order to the end of the process tree.
+    std::chrono::milliseconds cancelGrace = std::chrono::seconds(120);
+    // An orderly end waits this long for its workers.
+    std::chrono::milliseconds endGrace = std::chrono::seconds(10);
+    // After a worker's end, for what it has sent to be read.
+    std::chrono::milliseconds drainLimit = std::chrono::milliseconds(500);
+
+    std::chrono::milliseconds helloLimit = std::chrono::seconds(5);
+    std::chrono::milliseconds writeLimit = std::chrono::seconds(10);
+    std::chrono::milliseconds ackDelay =
+        std::chrono::milliseconds(100);  // at most, and never for a final status
+    std::chrono::milliseconds pingInterval = std::chrono::seconds(15);
+    std::chrono::milliseconds silenceLimit = std::chrono::seconds(60);
+    std::size_t maxConnections = 4096;  // of the link
+    std::size_t maxHttpConnections = 512;
+};
+
+}  // namespace rq::engine

@@ -1,0 +1,217 @@
+// What all verbs share: opening, names of states, events, and the verbs on tasks.
+#include "engine/store.h"
+
+#include <chrono>
+
+#include "engine/json.h"
+#include "platform/identity.h"
+
+namespace rq::engine {
+
+namespace {
+
+constexpr std::string_view kTaskStateNames[] = {"queued",   "starting", "running",  "paused",
+                                                "finished", "failed",   "cancelled"};
+constexpr std::string_view kAttemptStateNames[] = {"starting", "running",   "paused", "finished",
+                                                   "failed",   "cancelled", "lost"};
+
+template <class State, std::size_t n>
+std::optional<State> StateOf(const std::string_view (&names)[n], std::string_view name) {
+    for (std::size_t i = 0; i < n; ++i) {
+        if (names[i] == name) return static_cast<State>(i);
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::string_view NameOf(TaskState state) {
+    return kTaskStateNames[static_cast<int>(state)];
+}
+
+std::string_view NameOf(AttemptState state) {
+    return kAttemptStateNames[static_cast<int>(state)];
+}
+
+std::optional<TaskState> TaskStateOf(std::string_view name) {
+    return StateOf<TaskState>(kTaskStateNames, name);
+}
+
+std::optional<AttemptState> AttemptStateOf(std::string_view name) {
+    return StateOf<AttemptState>(kAttemptStateNames, name);
+}
+
+bool IsEnded(TaskState state) {
+    return state == TaskState::Finished || state == TaskState::Failed || state == TaskState::Cancelled;
+}
+
+Store::Now Store::SystemNow() {
+    return [] {
+        const auto now = std::chrono::system_clock::now().time_since_epoch();
+        return std::int64_t{std::chrono::duration_cast<std::chrono::microseconds>(now).count()};
+    };
+}
+
+Store::Store(std::unique_ptr<Database> database, Now now)
+    : m_database(std::move(database)), m_now(std::move(now)) {}
+
+Result<std::unique_ptr<Store>> Store::Open(const std::string& path, Now now) {
+    auto database = Database::Open(path);
+    if (!database) return database.error();
+    if (auto migrated = MigrateSchema(**database); !migrated)
+        return Fail(path + ": " + migrated.error().message);
+    return std::unique_ptr<Store>(new Store(std::move(*database), std::move(now)));
+}
+
+Result<void> Store::Commit(Transaction& transaction, std::int64_t task) {
+    auto done = transaction.Commit();
+    if (done && m_listener && task != 0) m_listener(task);
+    return done;
+}
+
+Result<void> Store::Checked() {
+    if (m_database->Failed()) return m_database->TakeError();
+    return {};
+}
+
+void Store::AddEvent(std::int64_t task, std::optional<std::int64_t> attempt, std::string_view kind,
+                     const std::string& json) {
+    m_database->Prepare("INSERT INTO events (task, attempt, time_us, kind, json) VALUES (?1, ?2, ?3, ?4, ?5)")
+        .Bind(task)
+        .Bind(attempt)
+        .Bind(m_now())
+        .Bind(kind)
+        .Bind(json)
+        .Run();
+}
+
+void Store::SetTaskState(std::int64_t task, std::optional<std::int64_t> attempt, TaskState state,
+                         const std::optional<std::string>& reason) {
+    const std::optional<std::int64_t> now = m_now();
+    const std::optional<std::int64_t> none;
+    m_database
+        ->Prepare(
+            "UPDATE tasks SET state = ?1, reason = ?2, started_us = coalesce(started_us, ?3), "
+            "finished_us = coalesce(finished_us, ?4) WHERE id = ?5")
+        .Bind(NameOf(state))
+        .Bind(reason)
+        .Bind(state == TaskState::Running ? now : none)
+        .Bind(IsEnded(state) ? now : none)
+        .Bind(task)
+        .Run();
+    AddEvent(task, attempt, "state", StateEventJson(state, reason));
+}
+
+TaskRow Store::Insert(const NewTask& task) {
+    TaskRow row;
+    row.type = task.type;
+    row.name = task.name;
+    row.origin = task.origin;
+    row.created_us = m_now();
+    m_database
+        ->Prepare(
+            "INSERT INTO tasks (type, name, origin, text, state, created_us) "
+            "VALUES (?1, ?2, ?3, ?4, 'queued', ?5)")
+        .Bind(std::int64_t{task.type})
+        .Bind(task.name)
+        .Bind(task.origin)
+        .Bind(task.text)
+        .Bind(row.created_us)
+        .Run();
+    row.key = m_database->LastRowId();
+    row.id = "t" + std::to_string(row.key);
+    m_database->Prepare("UPDATE tasks SET public_id = ?1 WHERE id = ?2").Bind(row.id).Bind(row.key).Run();
+    AddEvent(row.key, std::nullopt, "submitted", SubmittedEventJson(task));
+    AddEvent(row.key, std::nullopt, "state", StateEventJson(TaskState::Queued, std::nullopt));
+    return row;
+}
+
+Result<TaskRow> Store::Submit(const NewTask& task) {
+    Transaction transaction(*m_database);
+    TaskRow row = Insert(task);
+    if (auto done = Commit(transaction, row.key); !done) return done.error();
+    return row;
+}
+
+Claim Store::NewAttempt(std::int64_t task) {
+    Claim claim;
+    claim.task = task;
+    claim.token = platform::RandomHex(16);
+    Statement query =
+        m_database->Prepare("SELECT public_id, type, text, attempts + 1 FROM tasks WHERE id = ?1");
+    if (!query.Bind(task).Row()) return claim;
+    claim.id = query.Text();
+    claim.type = static_cast<std::int32_t>(query.Number());
+    claim.text = query.Text();
+    claim.number = static_cast<std::int32_t>(query.Number());
+    m_database
+        ->Prepare(
+            "INSERT INTO attempts (task, number, token, state, created_us) "
+            "VALUES (?1, ?2, ?3, 'starting', ?4)")
+        .Bind(task)
+        .Bind(std::int64_t{claim.number})
+        .Bind(claim.token)
+        .Bind(m_now())
+        .Run();
+    claim.attempt = m_database->LastRowId();
+    m_database->Prepare("UPDATE tasks SET attempts = ?1, last_attempt = ?2 WHERE id = ?3")
+        .Bind(std::int64_t{claim.number})
+        .Bind(claim.attempt)
+        .Bind(task)
+        .Run();
+    AddEvent(task, claim.attempt, "claimed", ClaimedEventJson(claim.number));
+    SetTaskState(task, claim.attempt, TaskState::Starting, std::nullopt);
+    return claim;
+}
+
+Result<std::optional<Claim>> Store::ClaimNext() {
+    Transaction transaction(*m_database);
+    std::int64_t task = 0;
+    {
+        Statement query =
+            m_database->Prepare("SELECT id FROM tasks WHERE state = 'queued' ORDER BY id LIMIT 1");
+        if (query.Row()) task = query.Number();
+    }
+    if (task == 0) {
+        if (auto ok = Checked(); !ok) return ok.error();
+        return std::optional<Claim>{};
+    }
+    std::optional<Claim> claim = NewAttempt(task);
+    if (auto done = Commit(transaction, task); !done) return done.error();
+    return claim;
+}
+
+Result<Claim> Store::AdoptExternal(const std::string& name) {
+    Transaction transaction(*m_database);
+    const TaskRow task = Insert({kUnknownType, name, "", "external"});
+    Claim claim = NewAttempt(task.key);
+    if (auto done = Commit(transaction, task.key); !done) return done.error();
+    return claim;
+}
+
+Result<CancelOutcome> Store::Cancel(std::int64_t task, const std::string& by, const std::string& reason) {
+    Transaction transaction(*m_database);
+    std::optional<TaskState> state;
+    std::optional<std::int64_t> asked, attempt;
+    {
+        Statement query =
+            m_database->Prepare("SELECT state, cancel_us, last_attempt FROM tasks WHERE id = ?1");
+        if (query.Bind(task).Row()) {
+            state = TaskStateOf(query.Text());
+            asked = query.OptionalNumber();
+            attempt = query.OptionalNumber();
+        }
+    }
+    if (auto ok = Checked(); !ok) return ok.error();
+    if (!state) return Fail("no such task");
+    if (IsEnded(*state)) return CancelOutcome::AlreadyEnded;
+    if (asked) return CancelOutcome::Requested;
+    m_database->Prepare("UPDATE tasks SET cancel_us = ?1 WHERE id = ?2").Bind(m_now()).Bind(task).Run();
+    AddEvent(task, attempt, "cancel-requested", CancelEventJson(by));
+    const bool queued = *state == TaskState::Queued;
+    if (queued) SetTaskState(task, std::nullopt, TaskState::Cancelled, reason);
+    if (auto done = Commit(transaction, task); !done) return done.error();
+    return queued ? CancelOutcome::Cancelled : CancelOutcome::Requested;
+}
+
+}  // namespace rq::engine

@@ -1,0 +1,115 @@
+// The store: tasks, attempts, results and events in one SQLite file, behind verbs. Every verb is one
+// transaction that changes the rows and adds the events that tell of it, so that both are always there
+// together. From Claim on, verbs are keyed by the attempt's token: only the holder of an attempt can report
+// for it.
+//
+// One thread at a time (the engine's I/O thread). The listener is called on it after a commit that added
+// events. Reports of progress, heartbeats and the like are committed without a sync; everything else is on
+// the disk when the verb returns.
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "base/result.h"
+#include "engine/sqlite.h"
+#include "engine/store_types.h"
+
+namespace rq::engine {
+
+// Newest schema that this program knows.
+inline constexpr int kSchemaVersion = 1;
+
+class Store {
+  public:
+    using Now = std::function<std::int64_t()>;           // microseconds since 1970-01-01 UTC
+    using Listener = std::function<void(std::int64_t)>;  // key of the task that got events
+
+    static Result<std::unique_ptr<Store>> Open(const std::string& path, Now now = SystemNow());
+    static Now SystemNow();
+
+    void SetListener(Listener listener) { m_listener = std::move(listener); }
+
+    // ---- tasks ----
+    Result<TaskRow> Submit(const NewTask& task);
+    // The oldest queued task gets an attempt and is starting. Nothing when the queue is empty.
+    Result<std::optional<Claim>> ClaimNext();
+    // A worker that was started by hand: a new task, starting, with an attempt.
+    // Its type is kUnknownType until TypeSeen tells.
+    Result<Claim> AdoptExternal(const std::string& name);
+    // Queued: cancelled at once. Starting, running, paused: the request is noted and the caller sends the
+    // order.
+    Result<CancelOutcome> Cancel(std::int64_t task, const std::string& by, const std::string& reason);
+
+    // ---- the attempt that holds the token ----
+    Result<void> WorkerStarted(const std::string& token, std::uint64_t processId, const std::string& output);
+    Result<void> Connected(const std::string& token, std::uint32_t session, std::uint64_t processId,
+                           const std::string& version);
+    Result<void> Notice(const std::string& token, const std::string& taskId, const std::string& guid);
+    Result<void> Status(const std::string& token, std::uint32_t status);
+    Result<void> TypeSeen(const std::string& token, std::int32_t type);
+    Result<void> Progress(const std::string& token, double percent, double speed);
+    Result<void> Seen(const std::string& token);
+    // An event of the attempt that changes nothing else; `json` is an object.
+    Result<void> Note(const std::string& token, const std::string& kind, const std::string& json);
+    // The first final status decides; the same again is a Repeat, another one is Late and changes nothing.
+    Result<FinishOutcome> Finish(const std::string& token, const FinalStatus& final);
+    // The attempt ends without a final status: the task is cancelled when that was asked for, and failed
+    // otherwise. Does nothing when the attempt has ended.
+    Result<void> Lost(const std::string& token, const std::string& reason);
+    Result<void> Exited(const std::string& token, const WorkerExit& exit);
+
+    // Attempts that a previous run of the engine left open become lost. The number of them.
+    Result<int> LoseOpenAttempts(const std::string& reason);
+
+    // ---- reading ----
+    Result<std::optional<TaskRow>> Task(std::int64_t task);
+    Result<std::optional<TaskDetails>> Details(std::int64_t task);
+    Result<std::vector<TaskRow>> Tasks(const TaskQuery& query);
+    Result<std::vector<EventRow>> Events(std::int64_t task, std::int64_t after, std::int64_t limit);
+    // How many tasks are in each state, in the order of kTaskStates.
+    Result<std::vector<std::int64_t>> CountByState();
+
+  private:
+    // The attempt that a verb is about, as it stands when the verb begins.
+    struct Holder {
+        std::int64_t attempt = 0;
+        std::int64_t task = 0;
+        AttemptState state = AttemptState::Starting;
+        TaskState taskState = TaskState::Starting;
+        double percent = 0;
+        bool cancelRequested = false;
+    };
+
+    Store(std::unique_ptr<Database> database, Now now);
+
+    std::optional<Holder> Find(const std::string& token);
+    // Runs `change(holder)` in a transaction, then tells the listener.
+    template <class Change>
+    Result<void> ForHolder(const std::string& token, Transaction::Sync sync, Change change);
+    TaskRow Insert(const NewTask& task);
+    Claim NewAttempt(std::int64_t task);
+    void AddEvent(std::int64_t task, std::optional<std::int64_t> attempt, std::string_view kind,
+                  const std::string& json);
+    void SetTaskState(std::int64_t task, std::optional<std::int64_t> attempt, TaskState state,
+                      const std::optional<std::string>& reason);
+    void SetAttemptState(std::int64_t attempt, AttemptState state);
+    // The states that follow from a report of status 3 or 7.
+    void MoveTo(const Holder& holder, AttemptState state, TaskState taskState);
+    void WriteFinal(const Holder& holder, const FinalStatus& final);
+    void LoseAttempt(const Holder& holder, const std::string& reason);
+    bool SameFinal(std::int64_t attempt, const FinalStatus& final);
+    void FillAttempts(TaskDetails& details);
+    Result<void> Commit(Transaction& transaction, std::int64_t task);
+    // A failure of the statements that were run outside a transaction.
+    Result<void> Checked();
+
+    std::unique_ptr<Database> m_database;
+    Now m_now;
+    Listener m_listener;
+};
+
+// Brings the file to kSchemaVersion; refuses a newer one. Part of Store::Open, apart for its tests.
+Result<void> MigrateSchema(Database& database);
+
+}  // namespace rq::engine

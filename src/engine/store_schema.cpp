@@ -1,0 +1,108 @@
+// The schema, as numbered steps; PRAGMA user_version says how many were taken.
+#include "engine/store.h"
+
+namespace rq::engine {
+
+namespace {
+
+constexpr const char* kStep1 = R"sql(
+CREATE TABLE tasks (
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  public_id TEXT UNIQUE,
+  type INTEGER NOT NULL,
+  name TEXT NOT NULL,
+  origin TEXT NOT NULL,
+  text TEXT NOT NULL,
+  state TEXT NOT NULL,
+  reason TEXT,
+  created_us INTEGER NOT NULL,
+  started_us INTEGER,
+  finished_us INTEGER,
+  cancel_us INTEGER,
+  attempts INTEGER NOT NULL DEFAULT 0,
+  last_attempt INTEGER
+) STRICT;
+CREATE INDEX tasks_by_state ON tasks (state, id);
+
+CREATE TABLE attempts (
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  task INTEGER NOT NULL REFERENCES tasks (id),
+  number INTEGER NOT NULL,
+  token TEXT NOT NULL UNIQUE,
+  state TEXT NOT NULL,
+  session INTEGER,
+  pid INTEGER,
+  worker_version TEXT NOT NULL DEFAULT '',
+  worker_guid TEXT NOT NULL DEFAULT '',
+  reported_task TEXT NOT NULL DEFAULT '',
+  created_us INTEGER NOT NULL,
+  connected_us INTEGER,
+  started_us INTEGER,
+  finished_us INTEGER,
+  last_seen_us INTEGER,
+  exited_us INTEGER,
+  exit_code INTEGER,
+  exit_signal INTEGER,
+  percent REAL NOT NULL DEFAULT 0,
+  speed REAL NOT NULL DEFAULT 0,
+  noted_percent INTEGER NOT NULL DEFAULT -1,
+  noted_us INTEGER NOT NULL DEFAULT 0,
+  status INTEGER,
+  detail_code INTEGER NOT NULL DEFAULT 0,
+  detail_text TEXT NOT NULL DEFAULT '',
+  error_code INTEGER NOT NULL DEFAULT 0,
+  error_text TEXT NOT NULL DEFAULT '',
+  further_text TEXT NOT NULL DEFAULT '',
+  reason TEXT,
+  output TEXT NOT NULL DEFAULT '',
+  UNIQUE (task, number)
+) STRICT;
+
+CREATE TABLE results (
+  attempt INTEGER PRIMARY KEY REFERENCES attempts (id),
+  json TEXT NOT NULL
+) STRICT;
+
+CREATE TABLE events (
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  task INTEGER NOT NULL REFERENCES tasks (id),
+  attempt INTEGER REFERENCES attempts (id),
+  time_us INTEGER NOT NULL,
+  kind TEXT NOT NULL,
+  json TEXT NOT NULL
+) STRICT;
+CREATE INDEX events_by_task ON events (task, id);
+CREATE TRIGGER events_stay_as_they_are BEFORE UPDATE ON events
+  BEGIN SELECT RAISE(ABORT, 'events are only ever added'); END;
+CREATE TRIGGER events_stay BEFORE DELETE ON events
+  BEGIN SELECT RAISE(ABORT, 'events are only ever added'); END;
+
+PRAGMA user_version = 1;
+)sql";
+
+constexpr const char* kSteps[] = {kStep1};
+static_assert(std::size(kSteps) == kSchemaVersion);
+
+}  // namespace
+
+Result<void> MigrateSchema(Database& database) {
+    std::int64_t version = 0;
+    {
+        Statement query = database.Prepare("PRAGMA user_version");
+        if (query.Row()) version = query.Number();
+    }
+    if (database.Failed()) return database.TakeError();
+    if (version > kSchemaVersion) {
+        return Fail("the store has schema version " + std::to_string(version) +
+                    "; this program knows up to " + std::to_string(kSchemaVersion) +
+                    ": use the newer program that made it");
+    }
+    for (auto step = version; step < kSchemaVersion; ++step) {
+        Transaction transaction(database);
+        database.Execute(kSteps[step]);
+        if (auto done = transaction.Commit(); !done) return done;
+    }
+    return {};
+}
+
+}  // namespace rq::engine

@@ -1,0 +1,141 @@
+// What the store keeps and what its verbs take and give. Plain values. Times are microseconds since
+// 1970-01-01 UTC.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace rq::engine {
+
+enum class TaskState { Queued, Starting, Running, Paused, Finished, Failed, Cancelled };
+enum class AttemptState { Starting, Running, Paused, Finished, Failed, Cancelled, Lost };
+
+inline constexpr TaskState kTaskStates[] = {TaskState::Queued,   TaskState::Starting, TaskState::Running,
+                                            TaskState::Paused,   TaskState::Finished, TaskState::Failed,
+                                            TaskState::Cancelled};
+
+std::string_view NameOf(TaskState state);     // "queued", ...
+std::string_view NameOf(AttemptState state);  // "starting", ..., "lost"
+std::optional<TaskState> TaskStateOf(std::string_view name);
+std::optional<AttemptState> AttemptStateOf(std::string_view name);
+// Finished, failed or cancelled.
+bool IsEnded(TaskState state);
+
+// Of a worker that has not said it yet.
+inline constexpr std::int32_t kUnknownType = -1;
+
+struct NewTask {
+    std::int32_t type = 0;
+    std::string name;
+    std::string text;
+    std::string origin = "api";
+};
+
+// A task that has just got an attempt. `token` is the attempt's secret and its key for every later verb.
+struct Claim {
+    std::int64_t task = 0;
+    std::int64_t attempt = 0;
+    std::int32_t number = 0;  // of the attempt within the task, from 1
+    std::int32_t type = 0;
+    std::string id;
+    std::string text;
+    std::string token;
+};
+
+// A 4009 entry with status 0, 4 or 5. `result` is JSON, empty when there is none.
+struct FinalStatus {
+    std::uint32_t status = 0;
+    std::uint32_t detailErrorCode = 0;
+    std::string detailErrorText;
+    std::uint32_t errorCode = 0;
+    std::string errorText;
+    std::string furtherText;
+    std::string result;
+
+    bool operator==(const FinalStatus&) const = default;
+};
+
+enum class FinishOutcome { Committed, Repeat, Late };
+enum class CancelOutcome { Cancelled, Requested, AlreadyEnded };
+
+// How a worker's process ended.
+struct WorkerExit {
+    bool signalled = false;
+    int code = 0;
+};
+
+struct TaskRow {
+    std::int64_t key = 0;
+    std::string id;
+    std::int32_t type = 0;
+    std::string name;
+    std::string origin;
+    TaskState state = TaskState::Queued;
+    std::optional<std::string> reason;
+    std::int64_t created_us = 0;
+    std::optional<std::int64_t> started_us;
+    std::optional<std::int64_t> finished_us;
+    std::optional<std::int64_t> cancelRequested_us;
+    std::int64_t attempts = 0;
+    // Of the latest attempt.
+    double percent = 0;
+    double speed = 0;
+    std::optional<std::int64_t> status;
+};
+
+struct AttemptRow {
+    std::int64_t key = 0;
+    std::int32_t number = 0;
+    AttemptState state = AttemptState::Starting;
+    std::optional<std::int64_t> session;
+    std::optional<std::int64_t> processId;
+    std::string workerVersion;
+    std::string workerGuid;
+    std::string reportedTask;
+    std::int64_t created_us = 0;
+    std::optional<std::int64_t> connected_us;
+    std::optional<std::int64_t> started_us;
+    std::optional<std::int64_t> finished_us;
+    std::optional<std::int64_t> lastSeen_us;
+    std::optional<std::int64_t> exited_us;
+    std::optional<std::int64_t> exitCode;
+    std::optional<std::int64_t> exitSignal;
+    double percent = 0;
+    double speed = 0;
+    std::optional<std::int64_t> status;
+    std::int64_t detailErrorCode = 0;
+    std::string detailErrorText;
+    std::int64_t errorCode = 0;
+    std::string errorText;
+    std::string furtherText;
+    std::optional<std::string> reason;
+    std::string output;
+};
+
+struct EventRow {
+    std::int64_t key = 0;
+    std::int64_t time_us = 0;
+    std::optional<std::int64_t> attemptNumber;
+    std::string kind;
+    std::string json;  // an object
+};
+
+// A task with everything that belongs to it.
+struct TaskDetails {
+    TaskRow task;
+    std::string text;
+    std::int64_t lastEvent = 0;
+    std::optional<std::string> result;  // JSON
+    std::vector<AttemptRow> attempts;   // oldest first
+};
+
+struct TaskQuery {
+    std::vector<TaskState> states;           // empty: all
+    std::optional<std::int64_t> before_key;  // only older ones
+    std::int64_t limit = 100;
+};
+
+}  // namespace rq::engine
