@@ -198,7 +198,7 @@ Result<Order> DecodeText(std::uint32_t id, std::string_view body) {
         order.cut_bytes = order.text.size() - zero;
         order.text.resize(zero);
     }
-    return Order{std::move(order)};
+    return Result<Order>(boost::system::in_place_value, std::move(order));
 }
 
 Result<Order> DecodeCommand(std::uint32_t id, std::string_view body) {
@@ -213,7 +213,7 @@ Result<Order> DecodeCommand(std::uint32_t id, std::string_view body) {
     }
     command.text = in.text();
     command.taskIds.assign(in.task_ids().begin(), in.task_ids().end());
-    return Order{std::move(command)};
+    return Result<Order>(boost::system::in_place_value, std::move(command));
 }
 
 }  // namespace
@@ -358,7 +358,8 @@ Result<std::string> EncodeOrder(std::uint32_t id, const Order& order) {
 Result<Order> DecodeOrder(std::uint32_t id, std::string_view body) {
     switch (OrderKindOf(id)) {
         case OrderKind::Destroy:
-            return Order{DestroyOrder{}};  // whatever its body holds is not read
+            return Result<Order>(boost::system::in_place_value,
+                                 std::in_place_type<DestroyOrder>);  // whatever its body holds is not read
         case OrderKind::Text:
             return DecodeText(id, body);
         case OrderKind::Command:
