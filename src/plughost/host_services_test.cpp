@@ -29,7 +29,7 @@ RQText Text(std::string_view text) {
 class HostServicesTest : public ::testing::Test {
   protected:
     HostServices::Callbacks Callbacks() {
-        return {[this](int level, std::string text, std::string module) {
+        return {[this](int level, const std::string& text, const std::string& module) {
                     const std::lock_guard<std::mutex> lock(m_mutex);
                     m_lines.push_back(std::to_string(level) + " [" + module + "] " + text);
                 },
@@ -173,6 +173,7 @@ TEST_F(HostServicesTest, WaitEndsWithTheTime) {
 TEST_F(HostServicesTest, StopEndsEveryWait) {
     m_host->BeginPerform();
     std::vector<std::thread> waiters;
+    waiters.reserve(3);
     for (int i = 0; i < 3; ++i)
         waiters.emplace_back([&] { EXPECT_EQ(WaitForStop(3600'000), RQ_STOP_FINISH); });
     ASSERT_TRUE(m_clock.WaitForWaiters(3));
@@ -248,7 +249,7 @@ TEST_F(HostServicesTest, EndWakesWaitersAndLetsThemLeave) {
 
 TEST_F(HostServicesTest, NothingIsThrownIntoThePlugIn) {
     HostServices::Callbacks callbacks;
-    callbacks.log = [](int, std::string, std::string) { throw std::runtime_error("log"); };
+    callbacks.log = [](int, const std::string&, const std::string&) { throw std::runtime_error("log"); };
     callbacks.quietFor = [](seconds) { throw 1; };
     HostServices throwing("md5", &m_stop, callbacks, m_clock);
     EXPECT_NO_THROW(throwing.Plain()->log(throwing.Plain()->context, 1, Text("x")));
@@ -261,6 +262,7 @@ TEST_F(HostServicesTest, NothingIsThrownIntoThePlugIn) {
 TEST_F(HostServicesTest, AnyThreadAtAnyTime) {
     std::atomic<bool> isOver{false};
     std::vector<std::thread> callers;
+    callers.reserve(3);
     for (int i = 0; i < 3; ++i) {
         callers.emplace_back([&] {
             while (!isOver) {

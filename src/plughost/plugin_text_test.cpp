@@ -10,7 +10,9 @@ namespace {
 struct Lines {
     std::vector<std::string> lines;
     PluginLog Sink() {
-        return [this](int level, std::string text) { lines.push_back(std::to_string(level) + " " + text); };
+        return [this](int level, const std::string& text) {
+            lines.push_back(std::to_string(level) + " " + text);
+        };
     }
 };
 

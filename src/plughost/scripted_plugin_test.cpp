@@ -34,7 +34,7 @@ class ScriptedPlugin : public ::testing::Test {
   protected:
     ScriptedPlugin()
         : m_host("scripted", &m_stop,
-                 {[this](int level, std::string text, std::string module) {
+                 {[this](int level, const std::string& text, const std::string& module) {
                       const std::lock_guard<std::mutex> lock(m_mutex);
                       m_lines.push_back(std::to_string(level) + " [" + module + "] " + text);
                   },
@@ -76,7 +76,7 @@ class ScriptedPlugin : public ::testing::Test {
         return m_lines;
     }
     PluginLog Sink() {
-        return [this](int level, std::string text) {
+        return [this](int level, const std::string& text) {
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_lines.push_back(std::to_string(level) + " [host] " + text);
         };

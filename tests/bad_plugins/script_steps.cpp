@@ -56,7 +56,8 @@ RQMd5File Md5Entry(RQText first) {
     file.size = sizeof file;
     file.has = RQ_HAS_COMPUTED_MD5;
     file.first = first;
-    for (std::uint8_t i = 0; i < sizeof file.computedMd5; ++i) file.computedMd5[i] = i;
+    for (std::size_t i = 0; i < sizeof file.computedMd5; ++i)
+        file.computedMd5[i] = static_cast<std::uint8_t>(i);
     return file;
 }
 
@@ -98,8 +99,8 @@ void AwaitFile(const std::string& path) {
 }
 
 void WriteNowhere() {
-    volatile std::uintptr_t address = 64;  // in the page that is never mapped
-    *reinterpret_cast<volatile int*>(address) = 1;
+    volatile std::uintptr_t address = 64;           // in the page that is never mapped
+    *reinterpret_cast<volatile int*>(address) = 1;  // NOLINT(performance-no-int-to-ptr)
 }
 
 volatile bool g_isDeepEnough = false;  // never; the compiler must not know
