@@ -6,7 +6,7 @@
 // Any thread may wait; the virtual functions are there for tests of a thread that does not end.
 #pragma once
 
-#include <boost/chrono/duration.hpp>
+#include <boost/date_time/posix_time/posix_time_duration.hpp>
 #include <boost/thread/thread.hpp>
 #include <chrono>
 
@@ -28,7 +28,7 @@ class TaskThread {
 
     // True when the thread has ended within `timeout`, or was never started.
     virtual bool TimedJoin(std::chrono::milliseconds timeout) {
-        return !m_thread.joinable() || m_thread.try_join_for(boost::chrono::milliseconds(timeout.count()));
+        return !m_thread.joinable() || m_thread.timed_join(boost::posix_time::milliseconds(timeout.count()));
     }
 
     // Asks the thread to end at its next interruption point.

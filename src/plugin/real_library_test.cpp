@@ -1,0 +1,111 @@
+// The runner over real libraries: loading, a library beside the plug-in, and a whole task.
+
+#include <filesystem>
+
+#include "bad_plugins/bad_plugins.h"
+#include "base/result.h"
+#include "plugin/runner_fixture.h"
+
+namespace rq {
+namespace {
+
+using testing::Contains;
+using testing::HasSubstr;
+
+class RealLibraryTest : public RunnerTest {
+  protected:
+    // A module directory whose table names the plug-in, given relative to it.
+    std::int32_t InitWith(const std::string& name) {
+        const auto folder = m_dir.Path() / "plugins";
+        std::filesystem::copy(test::BadPluginFolder(name), folder / name,
+                              std::filesystem::copy_options::recursive);
+        const auto file = std::filesystem::path(test::BadPlugin(name)).filename().string();
+        WriteTable("<c><WORKER><TYPE>3</TYPE><PATH>plugins/" + name + "/" + file + "</PATH></WORKER></c>");
+        WorkRunnerSeams seams;
+        seams.moduleDirectory = ModuleDirectory();
+        MakeRunner(std::move(seams));
+        return Init();
+    }
+
+    void SetUp() override { std::filesystem::create_directory(m_dir.Path() / "plugins"); }
+};
+
+TEST_F(RealLibraryTest, RequiredFunctionsAloneWork) {
+    EXPECT_EQ(InitWith("only_required"), 0);
+    EXPECT_EQ(Analyse(), 0);
+    EXPECT_EQ(Perform(), 0);
+    EXPECT_EQ(m_runner->GetStatus(), 0u);
+}
+
+TEST_F(RealLibraryTest, WithoutPerform) {
+    EXPECT_EQ(InitWith("no_perform"), kStatusFail);
+    EXPECT_THAT(Lines(), Contains("4 WorkRunner Init Plug in function False!"));
+}
+
+TEST_F(RealLibraryTest, WithoutAnalyse) {
+    EXPECT_EQ(InitWith("no_analyse"), kStatusFail);
+    EXPECT_THAT(Lines(), Contains("4 WorkRunner Init Plug in function False!"));
+}
+
+TEST_F(RealLibraryTest, OfAnotherContractVersion) {
+    EXPECT_EQ(InitWith("wrong_version"), kStatusFail);
+    EXPECT_THAT(Lines(), Contains(HasSubstr("contract version 7")));
+}
+
+TEST_F(RealLibraryTest, WhoseInitFails) {
+    EXPECT_EQ(InitWith("init_fails"), 77);
+    EXPECT_THAT(Lines(), Contains("4 m_workerPlugin init func failed.."));
+}
+
+TEST_F(RealLibraryTest, ThatNeedsALibraryBesideItFindsIt) {
+    EXPECT_EQ(InitWith("needs_neighbour"), 0);
+    EXPECT_EQ(std::filesystem::current_path(),
+              std::filesystem::canonical(m_dir.Path() / "plugins" / "needs_neighbour"));
+}
+
+TEST_F(RealLibraryTest, ThatIsNotThere) {
+    WriteTable("<c><WORKER><TYPE>3</TYPE><PATH>plugins/none.so</PATH></WORKER></c>");
+    WorkRunnerSeams seams;
+    seams.moduleDirectory = ModuleDirectory();
+    MakeRunner(std::move(seams));
+    EXPECT_EQ(Init(), kStatusFail);
+    EXPECT_THAT(Lines(),
+                Contains("4 Load worker library failed.File [" + m_dir.Utf8("plugins/none.so") + "]"));
+}
+
+TEST_F(RealLibraryTest, ThatLeavesNoRecord) {
+    EXPECT_EQ(InitWith("null_task_info"), 0);
+    EXPECT_EQ(Analyse("fail"), 12);
+    EXPECT_EQ(Analyse("<t/>"), 0);
+    EXPECT_EQ(m_log.Count(4, "task info is NULL!!"), 2u);
+    EXPECT_EQ(Perform(), kStatusFail);
+    EXPECT_EQ(m_runner->GetStatus(), 4u);
+}
+
+TEST_F(RealLibraryTest, ScriptedTaskFromAnalysisToResult) {
+    ASSERT_EQ(InitWith("scripted"), 0);
+    EXPECT_EQ(Analyse("id real-1; type 3; progress 10 4; md5 /file; status 0"), 0);
+    EXPECT_EQ(m_taskId, "real-1");
+    EXPECT_EQ(Perform(), 0);
+    EXPECT_EQ(m_runner->GetStatus(), 0u);
+    EXPECT_DOUBLE_EQ(m_runner->GetProgress().percent, 40);
+    const auto record = std::dynamic_pointer_cast<const stMD5TaskResult>(m_runner->GetTaskResult(3));
+    ASSERT_NE(record, nullptr);
+    ASSERT_EQ(record->files.size(), 1u);
+    EXPECT_EQ(record->files[0].first, "/file");
+    EXPECT_EQ(record->files[0].computedMd5, "000102030405060708090a0b0c0d0e0f");
+}
+
+TEST_F(RealLibraryTest, AnExceptionThatCrossesTheLibraryIsCaught) {
+    ASSERT_EQ(InitWith("scripted"), 0);
+    EXPECT_EQ(Analyse("id t; throw broken"), 0);
+    EXPECT_EQ(Perform(), 0);
+    EXPECT_EQ(m_runner->GetStatus(), 4u);
+    EXPECT_EQ(m_runner->GetErrorInfo().detailErrorText, L"broken");
+    EXPECT_EQ(Analyse("id t; throw-int 3"), 0);
+    EXPECT_EQ(Perform(), 0);
+    EXPECT_EQ(m_runner->GetErrorInfo().detailErrorText, L"unknown exception");
+}
+
+}  // namespace
+}  // namespace rq
