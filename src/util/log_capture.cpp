@@ -73,13 +73,13 @@ bool LogCapture::WaitForText(std::string_view part, std::chrono::milliseconds ti
 bool LogCapture::WaitFor(const std::function<bool(const LogLine&)>& wanted,
                          std::chrono::milliseconds timeout) {
     const SteadyTime deadline = SystemClock().Steady() + timeout;
-    Signal::Hold hold(m_state->signal);
+    State& state = *m_state;
+    Signal::Hold hold(state.signal);
     bool inTime = true;
     while (true) {
-        const std::vector<LogLine>& lines = m_state->lines;
-        if (std::any_of(lines.begin(), lines.end(), wanted)) return true;
+        if (std::any_of(state.lines.begin(), state.lines.end(), wanted)) return true;
         if (!inTime) return false;
-        inTime = m_state->signal.WaitUntil(hold, deadline);
+        inTime = state.signal.WaitUntil(hold, deadline);
     }
 }
 
