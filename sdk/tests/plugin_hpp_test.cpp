@@ -113,6 +113,22 @@ TEST_F(Wrapper, KeepsOneRecordAtATime) {
     EXPECT_EQ(g_script.alive, 1);
 }
 
+// An update that lands just as a perform call returns is an analysis like any other to the plug-in; the
+// worker reads the outcome after it.
+TEST_F(Wrapper, KeepsAPerformedRecordUntilTheNextPerformCall) {
+    Analyse();
+    TaskInfo* const performed = m_info;
+    Perform();
+    Analyse();
+    Analyse();
+    EXPECT_EQ(g_script.alive, 2);
+    EXPECT_NE(m_info, performed);
+    EXPECT_EQ(RQLoad32(&performed->status), RQ_STATUS_FINISHED);
+    EXPECT_EQ(View(performed->taskId), "id");
+    Perform();
+    EXPECT_EQ(g_script.alive, 1);
+}
+
 TEST_F(Wrapper, StoresTheOutcomeAsStatus) {
     for (const Outcome outcome : {Outcome::kFinished, Outcome::kFailed, Outcome::kCancelled}) {
         g_script.perform = [=](TaskRecord&, Work&) { return outcome; };

@@ -112,7 +112,8 @@ typedef struct RQResultList {
     uint32_t reserved;
 } RQResultList;
 
-/* Which of an entry's digests hold a value. A digest that holds none counts as "not compared". */
+/* Which of an entry's digests hold a value. Without a first digest, or with one that is all zero, the entry
+ * counts as not compared; without a second one beside a first it counts as different. */
 #define RQ_HAS_FIRST_MD5 1u
 #define RQ_HAS_SECOND_MD5 2u
 #define RQ_HAS_COMPUTED_MD5 4u
@@ -234,8 +235,10 @@ typedef struct RQMd5Data { /* types 3 and 4 */
  *
  * Made by the plug-in in RQWorkerAnalyseTask and freed by the plug-in alone. A record of another contract
  * version, or one smaller than this, is taken as none, with a line in the log. A record lives at least until
- * the next analyse call or RQWorkerRelease, and beyond an analyse call that comes while RQWorkerPerformTask
- * runs on it (an update of the task): the record in use stays valid until that perform call has returned.
+ * the next analyse call or RQWorkerRelease. One that RQWorkerPerformTask was given lives longer: until the
+ * next RQWorkerPerformTask or RQWorkerRelease, whatever analyse calls come meanwhile. An update of the task
+ * is such a call; it may come while RQWorkerPerformTask runs, or just as it returns, and the worker reads the
+ * task's outcome after that.
  *
  * The worker writes these fields and no others: `status` (atomically, any thread), and on the main thread,
  * while no plug-in function runs, `errorCode`, `detailErrorText` and `furtherText`, and `detailErrorCode` for

@@ -154,8 +154,8 @@ class ResultList {
 // ------------------------------------------------------------------------------------------------
 
 // Owns a TaskInfo and the texts that it borrows. Derive from it to hold what the task needs; the wrapper
-// keeps it alive as the contract asks: until the next analysis or the release, and never shorter than the
-// perform call that uses it.
+// keeps it alive as the contract asks: until the next analysis, one that was performed until the next perform
+// call, and all of them at most until the release.
 class TaskRecord {
   public:
     explicit TaskRecord(std::int32_t taskType, std::string taskId = {}) : m_taskId(std::move(taskId)) {
@@ -341,13 +341,13 @@ class Exports {
                                 const RQRunningParameter* parameter) noexcept {
         State& state = Get();
         auto* record = static_cast<TaskRecord*>(taskInfo->own);
-        SetPerforming(record);
+        BeginPerforming(record);
         Run run(stopFlag, progress, context, parameter);
         Outcome outcome = Outcome::kFailed;
         const std::string thrown = Guard("perform", [&] { outcome = state.author.Perform(*record, run); });
         if (!thrown.empty()) record->SetError(0, kInternalError, thrown, thrown);
         RQStore32(&taskInfo->status, static_cast<std::uint32_t>(outcome));
-        SetPerforming(nullptr);
+        EndPerforming();
         return 0;
     }
 
@@ -355,17 +355,21 @@ class Exports {
         State& state = Get();
         Guard("release", [&] { state.author.Release(); });
         const std::lock_guard<std::mutex> lock(state.mutex);
-        if (state.performing == nullptr) state.record.reset();
+        if (state.performing == nullptr) {
+            state.record.reset();
+            state.performed.reset();
+        }
         return 0;
     }
 
   private:
     struct State {
         Author author;
-        std::mutex mutex;                    // guards the two below
-        std::unique_ptr<TaskRecord> record;  // of the last analysis
-        TaskRecord* performing =
-            nullptr;  // the one that a perform call uses; keeps `record` from being replaced
+        std::mutex mutex;                    // guards the three below
+        std::unique_ptr<TaskRecord> record;  // of the last analysis, not performed yet
+        std::unique_ptr<TaskRecord>
+            performed;                     // of the last perform call: the worker still reads its outcome
+        TaskRecord* performing = nullptr;  // the one that a perform call is using
     };
 
     // Never destroyed: a perform call that was given up may still use it while the process ends.
@@ -374,10 +378,17 @@ class Exports {
         return *state;
     }
 
-    static void SetPerforming(TaskRecord* record) {
+    static void BeginPerforming(TaskRecord* record) {
         State& state = Get();
         const std::lock_guard<std::mutex> lock(state.mutex);
         state.performing = record;
+        if (state.record.get() == record) state.performed = std::move(state.record);
+    }
+
+    static void EndPerforming() {
+        State& state = Get();
+        const std::lock_guard<std::mutex> lock(state.mutex);
+        state.performing = nullptr;
     }
 
     // Runs `work`; the text of what it threw, empty when it did not.
