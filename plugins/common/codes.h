@@ -7,10 +7,19 @@
 namespace rq::task {
 
 // Task error codes.
-constexpr std::int32_t kErrorMd5Differs = 7;  // "MD5 Verify Error!"
+constexpr auto kErrorTargetExists = static_cast<std::int32_t>(0x84100000);    // "Target File has been exist!"
+constexpr auto kErrorTargetIsSource = static_cast<std::int32_t>(0x84100001);  // "... is Same As Source File!"
+constexpr std::int32_t kErrorMd5Differs = 7;                                  // "MD5 Verify Error!"
 constexpr auto kErrorSourceUnreadable = static_cast<std::int32_t>(0x84100010);
 constexpr auto kErrorSourceChanged = static_cast<std::int32_t>(0x84100011);
 constexpr auto kErrorNoDigest = static_cast<std::int32_t>(0x84100012);  // the system offers no MD5
+constexpr auto kErrorTargetUnwritable = static_cast<std::int32_t>(0x84100013);
+constexpr auto kErrorSourceNotMedia =
+    static_cast<std::int32_t>(0x84100014);  // or media that is not supported
+constexpr auto kErrorSourceDamaged = static_cast<std::int32_t>(0x84100015);
+constexpr auto kErrorSourceLacksStream = static_cast<std::int32_t>(0x84100016);
+constexpr auto kErrorProcessing = static_cast<std::int32_t>(0x84100017);   // a filter, encoder or muxer
+constexpr auto kErrorOutputCheck = static_cast<std::int32_t>(0x84100018);  // the written file is not as asked
 
 // Analysis codes.
 constexpr auto kAnalysisTaskText =

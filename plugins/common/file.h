@@ -31,6 +31,8 @@ class InputFile {
     std::uint32_t Open(const std::string& path);
     // At most `wanted` bytes, fewer only at the end of the file; `got` is 0 there.
     std::uint32_t Read(void* buffer, std::size_t wanted, std::size_t& got);
+    // The same, from any place; Read goes on where it was.
+    std::uint32_t ReadAt(std::uint64_t offset_bytes, void* buffer, std::size_t wanted, std::size_t& got);
     // Size when it was opened.
     std::uint64_t Size() const { return m_before.size_bytes; }
     // Whether its size or time of modification is another than when it was opened. Neither a new name for the

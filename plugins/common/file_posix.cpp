@@ -71,6 +71,22 @@ std::uint32_t InputFile::Read(void* buffer, std::size_t wanted, std::size_t& got
     return 0;
 }
 
+std::uint32_t InputFile::ReadAt(std::uint64_t offset_bytes, void* buffer, std::size_t wanted,
+                                std::size_t& got) {
+    got = 0;
+    while (got < wanted) {
+        const ssize_t n = ::pread(static_cast<int>(m_handle), static_cast<char*>(buffer) + got, wanted - got,
+                                  static_cast<off_t>(offset_bytes + got));
+        if (n == 0) return 0;
+        if (n > 0) {
+            got += static_cast<std::size_t>(n);
+        } else if (errno != EINTR) {
+            return LastCode();
+        }
+    }
+    return 0;
+}
+
 bool InputFile::Look(Facts& facts) const {
     struct stat now {};
     if (::fstat(static_cast<int>(m_handle), &now) != 0) return false;

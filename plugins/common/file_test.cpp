@@ -50,6 +50,21 @@ TEST_F(FileTest, ReadsToTheEnd) {
     EXPECT_FALSE(file.Changed());
 }
 
+TEST_F(FileTest, ReadsFromAnyPlace) {
+    InputFile file;
+    ASSERT_EQ(file.Open(Write("f", "abcde")), 0u);
+    char buffer[3];
+    std::size_t got = 0;
+    EXPECT_EQ(file.ReadAt(3, buffer, 3, got), 0u);
+    EXPECT_EQ(std::string(buffer, got), "de");
+    EXPECT_EQ(file.ReadAt(1, buffer, 3, got), 0u);
+    EXPECT_EQ(std::string(buffer, got), "bcd");
+    EXPECT_EQ(file.ReadAt(9, buffer, 3, got), 0u);
+    EXPECT_EQ(got, 0u);
+    EXPECT_EQ(file.Read(buffer, 3, got), 0u);  // not moved by the others
+    EXPECT_EQ(std::string(buffer, got), "abc");
+}
+
 TEST_F(FileTest, SaysWhenTheFileChanged) {
     const std::string path = Write("f", "abc");
     InputFile file;

@@ -106,6 +106,10 @@ const XmlElement* XmlFields::Only(std::string_view name, std::string_view hint) 
     return Find(name, hint, true);
 }
 
+const XmlElement* XmlFields::OptionalOnly(std::string_view name) {
+    return Find(name, {}, false);
+}
+
 std::vector<const XmlElement*> XmlFields::Repeated(std::string_view name, std::string_view hint) {
     std::vector<const XmlElement*> found;
     for (const XmlElement& child : m_element.children)

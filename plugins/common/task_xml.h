@@ -60,6 +60,8 @@ class XmlFields {
     std::optional<std::string> Optional(std::string_view name, std::string_view hint);
     // The only child `name`; null with an error when it is missing or repeated.
     const XmlElement* Only(std::string_view name, std::string_view hint);
+    // The same, but it may be missing: null without an error.
+    const XmlElement* OptionalOnly(std::string_view name);
     // All children `name`, in order; an error when there is none.
     std::vector<const XmlElement*> Repeated(std::string_view name, std::string_view hint);
     // The line of the first child `name`, or the element's own.

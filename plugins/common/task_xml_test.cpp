@@ -188,3 +188,15 @@ TEST(TaskXmlFields, GivesTextsAsTheyStand) {
     EXPECT_FALSE(fields.Optional("O", "").has_value());
     EXPECT_FALSE(error.Failed());
 }
+
+TEST(TaskXmlFields, AnElementMayBeMissing) {
+    const XmlElement root = Parsed("<T><S><I/></S><R/>\n<R/></T>");
+    XmlError error;
+    XmlFields fields(root, {"S", "O", "R"}, error);
+    ASSERT_NE(fields.OptionalOnly("S"), nullptr);
+    EXPECT_EQ(fields.OptionalOnly("S")->children.size(), 1u);
+    EXPECT_EQ(fields.OptionalOnly("O"), nullptr);
+    EXPECT_FALSE(error.Failed());
+    EXPECT_EQ(fields.OptionalOnly("R"), nullptr);
+    EXPECT_EQ(error.Text(), "line 2: <R> stands twice in <T>, first in line 1");
+}

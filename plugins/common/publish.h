@@ -1,0 +1,90 @@
+// Publishing of a task's output: it is written under a temporary name beside the target, synced, checked by
+// the caller, and only then renamed onto the target, so that nobody ever sees a target that is half done.
+// Every plug-in that makes files uses it.
+//
+// The temporary is a plain file in the target's folder, ".<target's name>.<16 hexadecimal digits>.rqpart",
+// created anew and locked (flock) for as long as its Publication lives. A process that dies leaves it behind,
+// unlocked: the next publication in the same folder finds it by its name, gets its lock, and removes it.
+// Where the file system has no locks, nobody can tell that its owner is dead, and it stays.
+//
+// The plug-ins' seam to the file system, like file.h: no header of the operating system, paths in UTF-8,
+// codes of the system's own. One thread at a time for each object.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace rq::task {
+
+enum class PublishProblem {
+    kTargetIsSource,  // the target is one of the sources, maybe through a link
+    kTargetExists,    // and overwriting was not asked; or it is there and no plain file
+    kCreate,          // no temporary in the target's folder
+    kWrite,           // writing or syncing
+    kCheck,           // the caller's check did not agree
+    kRename,          // everything was done, but the name could not be given
+};
+
+struct PublishFailure {
+    PublishProblem problem = PublishProblem::kWrite;
+    std::uint32_t systemCode = 0;  // 0 when the system did not say no
+    std::string words;             // with the path
+};
+
+// The task error code (TaskInfo.errorCode) of a problem, from codes.h.
+std::int32_t TaskErrorOf(PublishProblem problem);
+
+// Whether both paths lead to the same file, through whatever links. False when one of them is not there.
+bool IsSameFile(const std::string& first, const std::string& second);
+
+// Whether a file name (without its folder) is that of a temporary.
+bool IsTemporaryName(std::string_view name);
+
+class Publication {
+  public:
+    Publication() = default;
+    ~Publication() { Discard(); }
+    Publication(const Publication&) = delete;
+    Publication& operator=(const Publication&) = delete;
+
+    // Refuses a target that is one of the sources, and one that is there unless `overwrite`; removes
+    // temporaries that dead processes left in the folder; creates the temporary.
+    std::optional<PublishFailure> Begin(const std::string& target, const std::vector<std::string>& sources,
+                                        bool overwrite);
+
+    // Writes all of it at that place of the temporary. The system is told now and then to begin writing to
+    // the disk, so that the sync at the end is short.
+    std::uint32_t WriteAt(std::uint64_t offset_bytes, const void* bytes, std::size_t count);
+    std::uint64_t Size_bytes() const { return m_size_bytes; }
+    // For libraries that read or write by name.
+    const std::string& TemporaryPath() const { return m_temporary; }
+
+    // Syncs the temporary, lets `check` look at it under its temporary name, gives it the target's name and
+    // syncs the folder. Without overwriting, a target that has come into being meanwhile is left alone and
+    // reported. After a failure the temporary is gone.
+    using Check = std::function<bool(const std::string& temporaryPath)>;
+    std::optional<PublishFailure> Publish(const Check& check);
+
+    // Removes the temporary, when there still is one.
+    void Discard();
+
+  private:
+    std::optional<PublishFailure> CreateTemporary(const std::string& folder, std::string_view name);
+    std::optional<PublishFailure> Rename();
+    std::uint32_t RenameToFreeName();
+    std::optional<PublishFailure> Fail(PublishProblem problem, std::uint32_t code, const std::string& what);
+
+    std::string m_target;
+    std::string m_temporary;  // empty: there is none
+    bool m_overwrite = false;
+    std::intptr_t m_handle = -1;
+    std::uint64_t m_size_bytes = 0;
+    std::uint64_t m_startedWriting_bytes = 0;  // up to here the system was told to write
+};
+
+}  // namespace rq::task

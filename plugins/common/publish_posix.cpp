@@ -1,0 +1,232 @@
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <memory>
+
+#include "plugin_common/file.h"
+#include "plugin_common/publish.h"
+
+namespace rq::task {
+namespace {
+
+// A file name has at most 255 bytes; the digits, the dots and the suffix take 25.
+constexpr std::size_t kMaxKeptName_bytes = 200;
+// How often a new name is tried when a cleaner took the last one.
+constexpr int kMaxAttempts = 16;
+constexpr std::uint64_t kStartWriting_bytes = 16u << 20;
+// Looking for temporaries of dead processes is a courtesy; a huge folder on a slow share ends it.
+constexpr std::chrono::milliseconds kMaxCleaning{500};
+
+std::uint32_t LastCode() {
+    return static_cast<std::uint32_t>(errno);
+}
+
+std::string FolderOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::string_view NameOf(const std::string& path) {
+    return std::string_view(path).substr(path.rfind('/') + 1);
+}
+
+// Cuts between characters, not inside one.
+std::string_view CutName(std::string_view name) {
+    if (name.size() <= kMaxKeptName_bytes) return name;
+    std::size_t end = kMaxKeptName_bytes;
+    while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xC0u) == 0x80u) --end;
+    return name.substr(0, end);
+}
+
+bool RandomDigits(std::string& digits) {
+    std::uint64_t value = 0;
+    if (::getrandom(&value, sizeof value, 0) != static_cast<ssize_t>(sizeof value)) return false;
+    char text[17];
+    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(value));
+    digits = text;
+    return true;
+}
+
+bool IsNameOf(const std::string& path, int fd) {
+    struct stat byName {};
+    struct stat byHandle {};
+    return ::lstat(path.c_str(), &byName) == 0 && ::fstat(fd, &byHandle) == 0 &&
+           byName.st_dev == byHandle.st_dev && byName.st_ino == byHandle.st_ino;
+}
+
+// A temporary whose lock is free has lost its owner. The name is removed while the lock is held, so that it
+// cannot be that of a file just made by another process: that one tests its name after it has the lock.
+void RemoveIfOwnerIsDead(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (fd < 0) return;
+    struct stat facts {};
+    if (::fstat(fd, &facts) == 0 && S_ISREG(facts.st_mode) && ::flock(fd, LOCK_EX | LOCK_NB) == 0 &&
+        IsNameOf(path, fd))
+        ::unlink(path.c_str());
+    ::close(fd);
+}
+
+void RemoveLeftTemporaries(const std::string& folder) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(::opendir(folder.c_str()), &::closedir);
+    if (!entries) return;
+    const auto end = std::chrono::steady_clock::now() + kMaxCleaning;
+    while (const dirent* entry = ::readdir(entries.get())) {
+        if (IsTemporaryName(entry->d_name)) RemoveIfOwnerIsDead(folder + "/" + entry->d_name);
+        if (std::chrono::steady_clock::now() > end) return;
+    }
+}
+
+// Makes a name or its absence last. Not every file system can; the file itself is synced by then.
+void SyncFolder(const std::string& folder) {
+    const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    ::fsync(fd);
+    ::close(fd);
+}
+
+}  // namespace
+
+bool IsSameFile(const std::string& first, const std::string& second) {
+    struct stat a {};
+    struct stat b {};
+    return ::stat(first.c_str(), &a) == 0 && ::stat(second.c_str(), &b) == 0 && a.st_dev == b.st_dev &&
+           a.st_ino == b.st_ino;
+}
+
+std::optional<PublishFailure> Publication::Fail(PublishProblem problem, std::uint32_t code,
+                                                const std::string& what) {
+    Discard();
+    return PublishFailure{problem, code, what + (code == 0 ? "" : ": " + SystemWords(code))};
+}
+
+std::optional<PublishFailure> Publication::Begin(const std::string& target,
+                                                 const std::vector<std::string>& sources, bool overwrite) {
+    Discard();
+    m_target = target;
+    m_overwrite = overwrite;
+    m_size_bytes = 0;
+    m_startedWriting_bytes = 0;
+    for (const std::string& source : sources)
+        if (source == target || IsSameFile(source, target))
+            return Fail(PublishProblem::kTargetIsSource, 0, target + ": the target is the source " + source);
+    struct stat facts {};
+    if (::lstat(target.c_str(), &facts) == 0) {
+        if (!overwrite) return Fail(PublishProblem::kTargetExists, 0, target + ": the target exists already");
+        if (!S_ISREG(facts.st_mode) && !S_ISLNK(facts.st_mode))
+            return Fail(PublishProblem::kTargetExists, 0,
+                        target + ": the target exists and is no plain file; it is not overwritten");
+    }
+    const std::string folder = FolderOf(target);
+    RemoveLeftTemporaries(folder);
+    return CreateTemporary(folder, CutName(NameOf(target)));
+}
+
+std::optional<PublishFailure> Publication::CreateTemporary(const std::string& folder, std::string_view name) {
+    for (int i = 0; i < kMaxAttempts; ++i) {
+        std::string digits;
+        if (!RandomDigits(digits)) break;
+        const std::string path = folder + "/." + std::string(name) + "." + digits + ".rqpart";
+        const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
+        if (fd < 0) {
+            const std::uint32_t code = LastCode();
+            if (code == EEXIST) continue;
+            return Fail(PublishProblem::kCreate, code,
+                        folder + ": no file can be made in the target's folder");
+        }
+        // A cleaner may have had the lock between these calls, and then removes the name.
+        const bool isLocked = ::flock(fd, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+        if (isLocked && IsNameOf(path, fd)) {
+            m_handle = fd;
+            m_temporary = path;
+            return std::nullopt;
+        }
+        ::close(fd);
+    }
+    return Fail(PublishProblem::kCreate, 0,
+                folder + ": no temporary file could be kept in the target's folder");
+}
+
+std::uint32_t Publication::WriteAt(std::uint64_t offset_bytes, const void* bytes, std::size_t count) {
+    const auto* from = static_cast<const char*>(bytes);
+    const int fd = static_cast<int>(m_handle);
+    while (count > 0) {
+        const ssize_t n = ::pwrite(fd, from, count, static_cast<off_t>(offset_bytes));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return LastCode();
+        if (n == 0) return EIO;
+        from += n;
+        offset_bytes += static_cast<std::uint64_t>(n);
+        count -= static_cast<std::size_t>(n);
+    }
+    if (offset_bytes > m_size_bytes) m_size_bytes = offset_bytes;
+    if (m_size_bytes - m_startedWriting_bytes >= kStartWriting_bytes) {
+        // Advice only; what cannot be written is found by the sync.
+        (void)::sync_file_range(fd, static_cast<off_t>(m_startedWriting_bytes),
+                                static_cast<off_t>(m_size_bytes - m_startedWriting_bytes),
+                                SYNC_FILE_RANGE_WRITE);
+        m_startedWriting_bytes = m_size_bytes;
+    }
+    return 0;
+}
+
+std::optional<PublishFailure> Publication::Publish(const Check& check) {
+    if (m_temporary.empty()) return Fail(PublishProblem::kWrite, 0, m_target + ": nothing was begun");
+    if (::fsync(static_cast<int>(m_handle)) != 0)
+        return Fail(PublishProblem::kWrite, LastCode(),
+                    m_target + ": the file cannot be written to the disk");
+    if (!check(m_temporary))
+        return Fail(PublishProblem::kCheck, 0, m_target + ": the written file is not as it should be");
+    if (auto failure = Rename()) return failure;
+    m_temporary.clear();
+    Discard();
+    SyncFolder(FolderOf(m_target));
+    return std::nullopt;
+}
+
+std::optional<PublishFailure> Publication::Rename() {
+    const std::uint32_t code = m_overwrite
+                                   ? (::rename(m_temporary.c_str(), m_target.c_str()) == 0 ? 0 : LastCode())
+                                   : RenameToFreeName();
+    if (code == 0) return std::nullopt;
+    if (code == EEXIST && !m_overwrite)
+        return Fail(PublishProblem::kTargetExists, 0,
+                    m_target + ": the target has come into being meanwhile");
+    return Fail(PublishProblem::kRename, code, m_target + ": the finished file cannot be given its name");
+}
+
+std::uint32_t Publication::RenameToFreeName() {
+    if (::renameat2(AT_FDCWD, m_temporary.c_str(), AT_FDCWD, m_target.c_str(), RENAME_NOREPLACE) == 0)
+        return 0;
+    if (errno != EINVAL && errno != ENOSYS) return LastCode();
+    // The file system has no such rename: a second name instead, and the first removed.
+    if (::link(m_temporary.c_str(), m_target.c_str()) == 0) {
+        ::unlink(m_temporary.c_str());
+        return 0;
+    }
+    if (errno != EPERM && errno != EOPNOTSUPP && errno != ENOSYS) return LastCode();
+    // Nor links: the name is taken by an empty file that only one can create, and replaced.
+    const int fd = ::open(m_target.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd < 0) return LastCode();
+    ::close(fd);
+    if (::rename(m_temporary.c_str(), m_target.c_str()) == 0) return 0;
+    const std::uint32_t code = LastCode();
+    ::unlink(m_target.c_str());
+    return code;
+}
+
+void Publication::Discard() {
+    // The name goes before the lock does.
+    if (!m_temporary.empty()) ::unlink(m_temporary.c_str());
+    m_temporary.clear();
+    if (m_handle >= 0) ::close(static_cast<int>(m_handle));
+    m_handle = -1;
+}
+
+}  // namespace rq::task
