@@ -27,3 +27,8 @@ find_package(GTest REQUIRED)
 find_path(SIMPLEINI_INCLUDE_DIR SimpleIni.h PATH_SUFFIXES simpleini REQUIRED)
 add_library(RQ::SimpleIni INTERFACE IMPORTED)
 set_target_properties(RQ::SimpleIni PROPERTIES INTERFACE_INCLUDE_DIRECTORIES "${SIMPLEINI_INCLUDE_DIR}")
+
+# FFmpeg, for the plug-ins that work on media. It has no CMake package.
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(RQ_FFMPEG REQUIRED IMPORTED_TARGET
+  libavformat>=59 libavcodec>=59 libavfilter>=8 libavutil>=57)

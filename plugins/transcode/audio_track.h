@@ -1,0 +1,53 @@
+// The source's audio, decoded, brought to the target's rate and channels, and encoded. Gaps become silence,
+// so that it stays with the video. The in and out points cut at samples.
+#pragma once
+
+#include "decoder.h"
+#include "encoder.h"
+#include "filter.h"
+#include "track.h"
+#include "transcode_task.h"
+
+namespace rq::transcode {
+
+class AudioTrack final : public Track {
+  public:
+    // `leads`: there is no video, and the progress follows the audio.
+    AudioTrack(const Source& source, const AVStream& from, Target& target, Watch& watch, bool ignoreDamage,
+               const AudioSettings& settings, bool leads);
+
+    Problem Begin() override;
+    Problem Take(AVPacket* packet) override;
+    Problem Finish() override;
+    bool IsDone() const override { return m_done; }
+    std::int64_t Units() const override { return m_samples; }
+
+    // "aac 48000 Hz, 2 channels", after Begin.
+    std::string Describe() const;
+
+  private:
+    Problem OpenEncoder();
+    Problem BuildFilter(const AVFrame& frame);
+    bool FitsFilter(const AVFrame& frame) const;
+    Problem OnFrame(AVFrame& frame);
+    Problem Pass(AVFrame* frame);
+    // What the filter gives is gathered and encoded in the portions that the encoder wants.
+    Problem Gather(AVFrame& frame);
+    Problem EncodePortions(bool isEnd);
+    Problem NoMemory() const;
+
+    const AudioSettings& m_settings;
+    bool m_leads;
+    Decoder m_decoder;
+    Encoder m_encoder;
+    Filter m_filter;
+    SampleFifo m_gathered;
+    int m_inRate_Hz = 0;  // of what the filter was built for
+    int m_inFormat = -1;
+    int m_inChannels = 0;
+    std::int64_t m_nextTime_us = 0;  // of a frame that does not tell its own
+    std::int64_t m_samples = 0;      // given to the encoder
+    bool m_done = false;
+};
+
+}  // namespace rq::transcode

@@ -1,0 +1,191 @@
+#include "source.h"
+
+extern "C" {
+#include <libavutil/dict.h>
+#include <libavutil/mem.h>
+}
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+#include "av_log.h"
+#include "plugin_common/codes.h"
+
+namespace rq::transcode {
+namespace {
+
+constexpr int kBuffer_bytes = 256 << 10;
+// Decoding begins this much before the in point: sound needs a run-up, and what lies before is dropped.
+constexpr std::int64_t kRunUp_us = 1'000'000;
+// In formats without an index a seek lands anywhere, and the next picture that stands alone may be far.
+constexpr std::int64_t kRunUpWithoutIndex_us = 10'000'000;
+
+double Value(AVRational rate) {
+    return rate.den == 0 ? 0 : av_q2d(rate);
+}
+
+bool IsRate(AVRational rate) {
+    return rate.num > 0 && rate.den > 0 && Value(rate) >= 1 && Value(rate) <= 240;
+}
+
+// The exact rate that a measured one means.
+AVRational Nearest(AVRational measured) {
+    constexpr AVRational kRates[] = {{24000, 1001}, {24, 1},       {25, 1}, {30000, 1001}, {30, 1}, {48, 1},
+                                     {50, 1},       {60000, 1001}, {60, 1}, {100, 1},      {120, 1}};
+    for (const AVRational rate : kRates)
+        if (std::abs(Value(measured) / Value(rate) - 1) < 0.0004) return rate;
+    int number = 0;
+    int below = 1;
+    av_reduce(&number, &below, measured.num, measured.den, 1'000'000);
+    return {number, below};
+}
+
+}  // namespace
+
+Failure Source::Fail(std::int32_t errorCode, Detail detail, const std::string& words) const {
+    return Failure{errorCode, detail, m_path + ": " + words};
+}
+
+int Source::OnRead(void* self, std::uint8_t* buffer, int size) {
+    auto& source = *static_cast<Source*>(self);
+    if (source.m_interrupted()) return AVERROR_EXIT;
+    std::size_t got = 0;
+    const std::uint32_t code = source.m_file.ReadAt(static_cast<std::uint64_t>(source.m_offset_bytes), buffer,
+                                                    static_cast<std::size_t>(size), got);
+    if (code != 0) return AVERROR(static_cast<int>(code));
+    source.m_offset_bytes += static_cast<std::int64_t>(got);
+    return got == 0 ? AVERROR_EOF : static_cast<int>(got);
+}
+
+std::int64_t Source::OnSeek(void* self, std::int64_t offset, int whence) {
+    auto& source = *static_cast<Source*>(self);
+    const auto size = static_cast<std::int64_t>(source.m_file.Size());
+    if ((whence & AVSEEK_SIZE) != 0) return size;
+    const int from = whence & ~AVSEEK_FORCE;
+    const std::int64_t place = offset + (from == SEEK_CUR   ? source.m_offset_bytes
+                                         : from == SEEK_END ? size
+                                                            : 0);
+    if (place < 0) return AVERROR(EINVAL);
+    return source.m_offset_bytes = place;
+}
+
+int Source::OnInterrupt(void* self) {
+    return static_cast<Source*>(self)->m_interrupted() ? 1 : 0;
+}
+
+Problem Source::Open(const std::string& path) {
+    Close();
+    m_path = path;
+    if (const std::uint32_t code = m_file.Open(path); code != 0)
+        return Fail(task::kErrorSourceUnreadable, Detail::kSourceOpen, task::SystemWords(code));
+    if (m_file.Size() == 0) return Fail(task::kErrorSourceNotMedia, Detail::kSourceSize, "the file is empty");
+    if (Problem problem = OpenFormat()) return problem;
+    m_video = Best(AVMEDIA_TYPE_VIDEO);
+    m_audio = Best(AVMEDIA_TYPE_AUDIO);
+    for (unsigned i = 0; i < m_format->nb_streams; ++i) {
+        AVStream* stream = m_format->streams[i];
+        if (stream != m_video && stream != m_audio) stream->discard = AVDISCARD_ALL;
+    }
+    return std::nullopt;
+}
+
+Problem Source::OpenFormat() {
+    auto* buffer = static_cast<unsigned char*>(av_malloc(kBuffer_bytes));
+    m_io.reset(avio_alloc_context(buffer, kBuffer_bytes, 0, this, &OnRead, nullptr, &OnSeek));
+    m_format = avformat_alloc_context();
+    if (!m_io || m_format == nullptr)
+        return Fail(task::kErrorProcessing, Detail::kNoMemory, "not enough memory");
+    m_format->pb = m_io.get();
+    m_format->interrupt_callback = {&OnInterrupt, this};
+    // Whatever a file names in its inside is not opened.
+    m_format->protocol_whitelist = av_strdup("none");
+    // The content decides what it is; the name would make video of a text file.
+    if (const int code = avformat_open_input(&m_format, "", nullptr, nullptr); code < 0)
+        return Fail(code == AVERROR_INVALIDDATA ? task::kErrorSourceNotMedia : task::kErrorSourceUnreadable,
+                    Detail::kUnknownSourceFormat, AvWordsWithLog(code));
+    if (const int code = avformat_find_stream_info(m_format, nullptr); code < 0)
+        return Fail(task::kErrorSourceDamaged, Detail::kUnknownSourceFormat, AvWordsWithLog(code));
+    return std::nullopt;
+}
+
+void Source::Close() {
+    m_video = nullptr;
+    m_audio = nullptr;
+    avformat_close_input(&m_format);
+    m_io.reset();
+    m_offset_bytes = 0;
+    m_file.Close();
+}
+
+AVStream* Source::Best(AVMediaType kind) const {
+    const int index = av_find_best_stream(m_format, kind, -1, -1, nullptr, 0);
+    if (index < 0 || (m_format->streams[index]->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0)
+        return nullptr;
+    return m_format->streams[index];
+}
+
+void Source::Drop(AVStream*& stream) {
+    if (stream != nullptr) stream->discard = AVDISCARD_ALL;
+    stream = nullptr;
+}
+void Source::DropVideo() {
+    Drop(m_video);
+}
+void Source::DropAudio() {
+    Drop(m_audio);
+}
+
+AVRational Source::FrameRate() const {
+    if (m_video == nullptr) return {0, 1};
+    const AVRational average = m_video->avg_frame_rate;
+    const AVRational real = m_video->r_frame_rate;
+    // The real rate is exact, but in fields or in ticks of the clock for some material.
+    if (IsRate(real) && (!IsRate(average) || std::abs(Value(real) / Value(average) - 1) < 0.02)) return real;
+    return IsRate(average) ? Nearest(average) : AVRational{25, 1};
+}
+
+std::int64_t Source::Start_us() const {
+    return m_format->start_time == AV_NOPTS_VALUE ? 0 : m_format->start_time;
+}
+
+std::int64_t Source::Length_us(const AVStream* stream) const {
+    if (m_format->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE) return -1;
+    if (stream->duration > 0) return ToMicroseconds(stream->duration, stream->time_base);
+    return m_format->duration > 0 ? m_format->duration : -1;
+}
+
+std::int64_t Source::Length_us() const {
+    std::int64_t longest = -1;
+    for (const AVStream* stream : {m_video, m_audio})
+        if (stream != nullptr) longest = std::max(longest, Length_us(stream));
+    return longest;
+}
+
+int Source::Read(AVPacket* packet) {
+    for (;;) {
+        const int code = av_read_frame(m_format, packet);
+        if (code < 0) return m_interrupted() ? AVERROR_EXIT : code;
+        const AVStream* stream = m_format->streams[packet->stream_index];
+        if (stream == m_video || stream == m_audio) return 0;
+        av_packet_unref(packet);
+    }
+}
+
+Problem Source::SeekBefore(std::int64_t time_us) {
+    const bool hasIndex = (m_format->iformat->flags & AVFMT_TS_DISCONT) == 0;
+    const std::int64_t place_us = time_us - (hasIndex ? kRunUp_us : kRunUpWithoutIndex_us);
+    if (place_us <= 0) return std::nullopt;
+    const std::int64_t to = Start_us() + place_us;
+    const int code = avformat_seek_file(m_format, -1, INT64_MIN, to, to, 0);
+    if (code >= 0) return std::nullopt;
+    return Fail(task::kErrorProcessing, Detail::kInPoint,
+                "the in point cannot be found: " + AvWordsWithLog(code));
+}
+
+double Source::Fraction() const {
+    return static_cast<double>(m_offset_bytes) /
+           static_cast<double>(std::max<std::uint64_t>(1, m_file.Size()));
+}
+
+}  // namespace rq::transcode

@@ -1,0 +1,74 @@
+// One media source: opened through this plug-in's own reading, so that only plain files are read, playlists
+// cannot pull in others, and a stop ends it at the next read. The thread that made it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "av.h"
+#include "failure.h"
+#include "plugin_common/file.h"
+
+namespace rq::transcode {
+
+class Source {
+  public:
+    // `interrupted` is asked with every read; when it says true, reading ends with AVERROR_EXIT.
+    using Interrupted = std::function<bool()>;
+    explicit Source(Interrupted interrupted) : m_interrupted(std::move(interrupted)) {}
+    ~Source() { Close(); }
+    Source(const Source&) = delete;
+    Source& operator=(const Source&) = delete;
+
+    Problem Open(const std::string& path);
+    void Close();
+
+    AVFormatContext* Format() const { return m_format; }
+    // The streams that are worked on: the best of each kind; null when there is none. Pictures that accompany
+    // music are no video.
+    AVStream* Video() const { return m_video; }
+    AVStream* Audio() const { return m_audio; }
+    // What the demuxer need not deliver.
+    void DropVideo();
+    void DropAudio();
+
+    // Frames per second of the video, 0/1 without.
+    AVRational FrameRate() const;
+    // Time of the beginning on the source's own time line.
+    std::int64_t Start_us() const;
+    // Length as the file tells it, of the stream when it says so; -1 when only guessed or not known.
+    std::int64_t Length_us(const AVStream* stream) const;
+    // The longest of the streams that are worked on, -1 when not known.
+    std::int64_t Length_us() const;
+
+    // The next packet of those streams. AVERROR_EOF at the end, AVERROR_EXIT when interrupted.
+    int Read(AVPacket* packet);
+    // So that the next packets begin at a place that lets the streams be decoded from `time_us` (since the
+    // beginning) on.
+    Problem SeekBefore(std::int64_t time_us);
+    // How much of the file is read, 0 to 1.
+    double Fraction() const;
+    bool Changed() const { return m_file.Changed(); }
+    const std::string& Path() const { return m_path; }
+
+  private:
+    static int OnRead(void* self, std::uint8_t* buffer, int size);
+    static std::int64_t OnSeek(void* self, std::int64_t offset, int whence);
+    static int OnInterrupt(void* self);
+    Problem OpenFormat();
+    AVStream* Best(AVMediaType kind) const;
+    void Drop(AVStream*& stream);
+    Failure Fail(std::int32_t errorCode, Detail detail, const std::string& words) const;
+
+    Interrupted m_interrupted;
+    std::string m_path;
+    task::InputFile m_file;
+    std::int64_t m_offset_bytes = 0;
+    Io m_io;
+    AVFormatContext* m_format = nullptr;
+    AVStream* m_video = nullptr;
+    AVStream* m_audio = nullptr;
+};
+
+}  // namespace rq::transcode

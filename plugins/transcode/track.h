@@ -1,0 +1,75 @@
+// One stream on its way from the source to the target. The work gives each packet of the stream to its track,
+// which decodes, changes, encodes and writes, or only copies. One thread.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+#include "av.h"
+#include "failure.h"
+#include "source.h"
+#include "target.h"
+#include "watch.h"
+
+namespace rq::transcode {
+
+// Which part of the source becomes the target, in the source's time.
+struct Cut {
+    std::int64_t base_us = 0;               // time 0 of the target, on the source's own time line
+    std::optional<std::int64_t> length_us;  // the target ends here; none: with the source
+};
+
+class Track {
+  public:
+    Track(const Source& source, const AVStream& from, Target& target, Watch& watch, bool ignoreDamage)
+        : m_source(source), m_from(from), m_target(target), m_watch(watch), m_ignoreDamage(ignoreDamage) {}
+    virtual ~Track() = default;
+    Track(const Track&) = delete;
+    Track& operator=(const Track&) = delete;
+
+    // Before the header: makes the target's stream.
+    virtual Problem Begin() = 0;
+    // After the source was positioned.
+    virtual Problem SetCut(const Cut& cut) {
+        m_cut = cut;
+        return std::nullopt;
+    }
+    // The packet stays the caller's.
+    virtual Problem Take(AVPacket* packet) = 0;
+    // At the end of the source or of the work: writes what is still held.
+    virtual Problem Finish() = 0;
+    // Nothing that comes later belongs to the target.
+    virtual bool IsDone() const = 0;
+
+    const AVStream& From() const { return m_from; }
+    AVStream* To() const { return m_to; }
+    // End of what the source gave, in the target's time.
+    std::int64_t Reached_us() const { return m_reached_us; }
+    // Frames or samples written; for copies packets and 0.
+    virtual std::int64_t Units() const = 0;
+
+  protected:
+    std::int64_t TargetTime_us(std::int64_t time, AVRational base) const {
+        return ToMicroseconds(time, base) - m_cut.base_us;
+    }
+    void Reach(std::int64_t end_us) {
+        if (end_us > m_reached_us) m_reached_us = end_us;
+    }
+    Failure SourceFailure(std::int32_t errorCode, Detail detail, const std::string& words) const {
+        return Failure{errorCode, detail, m_source.Path() + ": " + words};
+    }
+
+    const Source& m_source;
+    const AVStream& m_from;
+    Target& m_target;
+    Watch& m_watch;
+    bool m_ignoreDamage;
+    AVStream* m_to = nullptr;
+    Cut m_cut;
+
+  private:
+    std::int64_t m_reached_us = 0;
+};
+
+}  // namespace rq::transcode

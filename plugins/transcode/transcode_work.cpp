@@ -1,0 +1,379 @@
+#include "transcode_work.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+
+#include "av_log.h"
+#include "plugin_common/codes.h"
+
+namespace rq::transcode {
+namespace {
+
+// Looking at a source for the analysis ends after this; the work looks again, without such a limit.
+constexpr std::chrono::seconds kMaxLook{10};
+constexpr double kAudioUnits_per_s = 1000;
+
+std::string Seconds(std::int64_t time_us) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.2f s", static_cast<double>(time_us) * 1e-6);
+    return text;
+}
+
+Problem FailureOf(std::int32_t errorCode, Detail detail, const std::string& words) {
+    return Failure{errorCode, detail, words};
+}
+
+std::uint32_t Clamped(std::int64_t value) {
+    return static_cast<std::uint32_t>(std::clamp<std::int64_t>(value, 0, UINT32_MAX));
+}
+
+}  // namespace
+
+SourceFacts LookAtSource(const std::string& path, const plugin::Host& host) {
+    const AvLog log(host);
+    const auto end = std::chrono::steady_clock::now() + kMaxLook;
+    Source source([end] { return std::chrono::steady_clock::now() > end; });
+    SourceFacts facts;
+    if (source.Open(path) || source.Video() == nullptr) return facts;
+    const AVRational rate = source.FrameRate();
+    facts.hasVideo = true;
+    facts.frameRate_fps = {rate.num, rate.den};
+    return facts;
+}
+
+TranscodeWork::TranscodeWork(TranscodeRecord& record, plugin::Run& run, const plugin::Host& host)
+    : m_record(record),
+      m_task(record.Task()),
+      m_host(host),
+      m_watch(run),
+      m_source([this] {
+          m_watch.Tick();
+          return m_watch.Stopped();
+      }),
+      m_target(m_task.target, m_publication) {}
+
+plugin::Outcome TranscodeWork::Do() {
+    const AvLog log(m_host);
+    const plugin::Outcome outcome = Conclude(Transcode());
+    m_video.reset();
+    m_audio.reset();
+    return outcome;
+}
+
+Problem TranscodeWork::Transcode() {
+    if (Problem problem = OpenSource()) return problem;
+    if (Problem problem = ChooseStreams()) return problem;
+    if (Problem problem = BeginTarget()) return problem;
+    if (Problem problem = MakeTracks()) return problem;
+    if (Problem problem = m_target.WriteHeader()) return problem;
+    if (Problem problem = MakeCut()) return problem;
+    LogPlan();
+    if (Problem problem = Pump()) return problem;
+    m_isEarly = m_watch.Stopped();
+    if (m_watch.Cancelled()) return std::nullopt;
+    if (Problem problem = FinishTracks()) return problem;
+    if (m_watch.Cancelled() || m_target.End_us() == 0) return std::nullopt;
+    return Publish();
+}
+
+Problem TranscodeWork::OpenSource() {
+    // A target that is the source must not be touched, whatever else is wrong with it.
+    if (m_task.source == m_task.target || task::IsSameFile(m_task.source, m_task.target))
+        return FailureOf(task::kErrorTargetIsSource, Detail::kNone,
+                         m_task.target + ": the target is the source " + m_task.source);
+    return m_source.Open(m_task.source);
+}
+
+Problem TranscodeWork::ChooseStreams() {
+    const auto isAsked = [](Handling handling) {
+        return handling == Handling::kCopy || handling == Handling::kEncode;
+    };
+    if (isAsked(m_task.video.handling) && m_source.Video() == nullptr)
+        return FailureOf(task::kErrorSourceLacksStream, Detail::kNoVideoInSource,
+                         m_task.source + ": the source has no video");
+    if (isAsked(m_task.audio.handling) && m_source.Audio() == nullptr)
+        return FailureOf(task::kErrorSourceLacksStream, Detail::kNoAudioInSource,
+                         m_task.source + ": the source has no audio");
+    if (m_task.video.handling == Handling::kNone) m_source.DropVideo();
+    if (m_task.audio.handling == Handling::kNone) m_source.DropAudio();
+    if (m_source.Video() != nullptr || m_source.Audio() != nullptr) return std::nullopt;
+    return FailureOf(task::kErrorSourceLacksStream, Detail::kNoVideoInSource,
+                     m_task.source + ": the source has nothing of what is asked for");
+}
+
+Problem TranscodeWork::FromPublishing(const task::PublishFailure& failure) const {
+    Detail detail = Detail::kNone;
+    if (failure.problem == task::PublishProblem::kCreate) detail = Detail::kTargetCreate;
+    if (failure.problem == task::PublishProblem::kWrite) detail = Detail::kTargetWrite;
+    if (failure.problem == task::PublishProblem::kRename) detail = Detail::kTargetCreate;
+    return FailureOf(task::TaskErrorOf(failure.problem), detail, failure.words);
+}
+
+Problem TranscodeWork::BeginTarget() {
+    if (auto failure = m_publication.Begin(m_task.target, {m_task.source}, m_task.overwrite))
+        return FromPublishing(*failure);
+    return m_target.Open(m_task.container);
+}
+
+Problem TranscodeWork::MakeTracks() {
+    if (AVStream* from = m_source.Video(); from != nullptr) {
+        if (m_task.video.handling == Handling::kCopy) {
+            m_video = std::make_unique<CopyTrack>(m_source, *from, m_target, m_watch, m_task.ignoreDamage);
+        } else {
+            m_video = std::make_unique<VideoTrack>(m_source, *from, m_target, m_watch, m_task.ignoreDamage,
+                                                   m_task.video);
+        }
+        if (Problem problem = m_video->Begin()) return problem;
+    }
+    if (AVStream* from = m_source.Audio(); from != nullptr) {
+        if (m_task.audio.handling == Handling::kCopy) {
+            m_audio = std::make_unique<CopyTrack>(m_source, *from, m_target, m_watch, m_task.ignoreDamage);
+        } else {
+            m_audio = std::make_unique<AudioTrack>(m_source, *from, m_target, m_watch, m_task.ignoreDamage,
+                                                   m_task.audio, m_video == nullptr);
+        }
+        if (Problem problem = m_audio->Begin()) return problem;
+    }
+    return std::nullopt;
+}
+
+Problem TranscodeWork::MakeCut() {
+    const std::int64_t sourceLength_us = m_source.Length_us();
+    if (sourceLength_us >= 0 && m_task.in_us >= sourceLength_us && m_task.in_us > 0)
+        return FailureOf(task::kErrorProcessing, Detail::kInPoint,
+                         m_task.source + ": the in point lies at " + Seconds(m_task.in_us) +
+                             ", but the source ends at " + Seconds(sourceLength_us));
+    // In and out points mean the picture next to them.
+    const AVRational rate = m_source.FrameRate();
+    const auto atPicture = [&](std::int64_t time_us) {
+        if (m_source.Video() == nullptr) return time_us;
+        const auto picture = std::llround(static_cast<double>(time_us) * 1e-6 * av_q2d(rate));
+        return av_rescale_q(picture, av_inv_q(rate), kMicroseconds);
+    };
+    const std::int64_t in_us = atPicture(m_task.in_us);
+    Cut cut;
+    cut.base_us = m_source.Start_us() + in_us;
+    if (Problem problem = m_source.SeekBefore(in_us)) return problem;
+    if (m_source.Video() != nullptr && m_task.video.handling == Handling::kCopy && in_us > 0)
+        if (Problem problem = FindCopyBase(cut)) return problem;
+    const std::int64_t begin_us = cut.base_us - m_source.Start_us();
+    if (m_task.out_us) {
+        const std::int64_t one_us =
+            m_source.Video() == nullptr ? 1 : av_rescale_q(1, av_inv_q(rate), kMicroseconds);
+        cut.length_us = std::max(one_us, atPicture(*m_task.out_us) - begin_us);
+    }
+    m_length_us = sourceLength_us < 0 ? -1 : sourceLength_us - begin_us;
+    if (cut.length_us) m_length_us = m_length_us < 0 ? *cut.length_us : std::min(m_length_us, *cut.length_us);
+    for (Track* track : {m_video.get(), m_audio.get()}) {
+        if (track == nullptr) continue;
+        if (Problem problem = track->SetCut(cut)) return problem;
+    }
+    m_watch.Begin(m_length_us, m_video ? av_q2d(rate) : kAudioUnits_per_s);
+    return std::nullopt;
+}
+
+// A copy begins with the last picture at or before the in point that stands alone; the target's time begins
+// there, so that copied and encoded streams stay together.
+Problem TranscodeWork::FindCopyBase(Cut& cut) {
+    const AVStream* video = m_source.Video();
+    const std::int64_t in_us = cut.base_us;
+    std::optional<std::int64_t> found_us;
+    std::size_t keptFrom = 0;
+    for (;;) {
+        Packet packet(av_packet_alloc());
+        if (!packet) return FailureOf(task::kErrorProcessing, Detail::kNoMemory, "not enough memory");
+        const int code = m_source.Read(packet.get());
+        if (code < 0) break;
+        const bool isKey = packet->stream_index == video->index && (packet->flags & AV_PKT_FLAG_KEY) != 0 &&
+                           packet->pts != AV_NOPTS_VALUE;
+        const std::int64_t time_us = isKey ? ToMicroseconds(packet->pts, video->time_base) : 0;
+        if (isKey && (!found_us || time_us <= in_us + 1)) {
+            found_us = time_us;
+            keptFrom = m_read.size();
+        }
+        const bool isBehind = packet->stream_index == video->index && packet->dts != AV_NOPTS_VALUE &&
+                              ToMicroseconds(packet->dts, video->time_base) > in_us;
+        m_read.push_back(std::move(packet));
+        if (found_us && isBehind) break;
+    }
+    // Pictures before that one are not wanted; sound is sorted out by its times.
+    std::size_t index = 0;
+    std::deque<Packet> kept;
+    for (Packet& packet : m_read)
+        if (index++ >= keptFrom || packet->stream_index != video->index) kept.push_back(std::move(packet));
+    m_read.swap(kept);
+    if (found_us) cut.base_us = *found_us;
+    return std::nullopt;
+}
+
+bool TranscodeWork::AllDone() const {
+    return (!m_video || m_video->IsDone()) && (!m_audio || m_audio->IsDone());
+}
+
+Problem TranscodeWork::Pump() {
+    const Packet packet(av_packet_alloc());
+    if (!packet) return FailureOf(task::kErrorProcessing, Detail::kNoMemory, "not enough memory");
+    while (!AllDone() && !m_watch.Stopped()) {
+        if (!m_read.empty()) {
+            const Packet early = std::move(m_read.front());
+            m_read.pop_front();
+            if (Problem problem = TakePacket(early.get())) return problem;
+            continue;
+        }
+        const int code = m_source.Read(packet.get());
+        if (code == AVERROR_EXIT) return std::nullopt;
+        if (code == AVERROR_EOF) {
+            m_atEnd = true;
+            return std::nullopt;
+        }
+        if (code < 0) {
+            m_atEnd = true;
+            if (m_task.ignoreDamage) return std::nullopt;
+            return FailureOf(task::kErrorSourceDamaged, Detail::kSourceRead,
+                             m_task.source + ": reading fails after " + Seconds(m_target.End_us()) + ": " +
+                                 AvWordsWithLog(code));
+        }
+        Problem problem = TakePacket(packet.get());
+        av_packet_unref(packet.get());
+        if (problem) return problem;
+    }
+    return std::nullopt;
+}
+
+Problem TranscodeWork::TakePacket(AVPacket* packet) {
+    const bool isVideo = m_source.Video() != nullptr && packet->stream_index == m_source.Video()->index;
+    Track* track = isVideo ? m_video.get() : m_audio.get();
+    if (Problem problem = track->Take(packet)) return problem;
+    const bool leads = isVideo || !m_video;
+    if (leads && dynamic_cast<CopyTrack*>(track) != nullptr) m_watch.At(track->Reached_us());
+    m_watch.Fraction(m_source.Fraction());
+    m_watch.Tick();
+    return std::nullopt;
+}
+
+// A file that was cut off ends before the length that stands in its head.
+Problem TranscodeWork::CheckEnd() const {
+    if (m_source.Changed())
+        return FailureOf(task::kErrorSourceChanged, Detail::kSourceRead,
+                         m_task.source + ": the file changed while it was read");
+    if (!m_atEnd || m_task.ignoreDamage || m_length_us < 0) return std::nullopt;
+    std::int64_t reached_us = 0;
+    for (const Track* track : {m_video.get(), m_audio.get()})
+        if (track != nullptr) reached_us = std::max(reached_us, track->Reached_us());
+    if (reached_us + kEarlyEnd_us >= m_length_us) return std::nullopt;
+    const std::int64_t before_us = m_source.Length_us() - m_length_us;
+    const std::string line = AvLog::TakeError();
+    return FailureOf(task::kErrorSourceDamaged, Detail::kSourceRead,
+                     m_task.source + ": the source is cut short: it tells a length of " +
+                         Seconds(m_source.Length_us()) + ", but ends after " +
+                         Seconds(before_us + reached_us) + (line.empty() ? "" : " (" + line + ")"));
+}
+
+Problem TranscodeWork::FinishTracks() {
+    for (Track* track : {m_video.get(), m_audio.get()}) {
+        if (track == nullptr) continue;
+        // What has hardly begun when the task is ended early may have nothing to give.
+        Problem problem = track->Finish();
+        if (problem && !(m_watch.Stopped() && track->Units() == 0)) return problem;
+    }
+    if (Problem problem = CheckEnd()) return problem;
+    if (m_target.End_us() == 0) {
+        if (m_watch.Stopped()) return std::nullopt;
+        return FailureOf(task::kErrorSourceDamaged, m_video ? Detail::kNoVideoFrame : Detail::kNoAudioFrame,
+                         m_task.source + ": nothing lies between the in and out points");
+    }
+    return m_target.Finish();
+}
+
+Expected TranscodeWork::ExpectedTarget() const {
+    Expected expected;
+    expected.container = m_task.container;
+    expected.duration_us = m_target.End_us();
+    if (m_video) {
+        const AVCodecParameters& to = *m_video->To()->codecpar;
+        expected.video = Expected::Video{avcodec_get_name(to.codec_id), to.width, to.height};
+        const AVRational rate = m_video->To()->avg_frame_rate;
+        if (rate.num > 0) expected.frame_us = av_rescale_q(1, av_inv_q(rate), kMicroseconds);
+    }
+    if (m_audio) {
+        const AVCodecParameters& to = *m_audio->To()->codecpar;
+        expected.audio =
+            Expected::Audio{avcodec_get_name(to.codec_id), to.sample_rate, to.ch_layout.nb_channels};
+    }
+    return expected;
+}
+
+Problem TranscodeWork::Look(const std::string& path, task::MediaFormat& format) const {
+    Source written([this] { return m_watch.Cancelled(); });
+    if (Problem problem = written.Open(path)) {
+        problem->errorCode = task::kErrorOutputCheck;
+        return problem;
+    }
+    format = Describe(written, m_publication.Size_bytes());
+    const std::string difference = Difference(format, ExpectedTarget());
+    if (difference.empty()) return std::nullopt;
+    return m_target.Fail(task::kErrorOutputCheck, Detail::kTargetWrite,
+                         "the written file is not as it should be: " + difference);
+}
+
+Problem TranscodeWork::Publish() {
+    m_watch.QuietFor(kPublishing_s);
+    task::MediaFormat format;
+    Problem found;
+    const auto check = [&](const std::string& path) {
+        if (!m_watch.Cancelled()) found = Look(path, format);
+        return !found && !m_watch.Cancelled();
+    };
+    if (auto failure = m_publication.Publish(check)) return found ? found : FromPublishing(*failure);
+    m_isPublished = true;
+    const std::int64_t frames = m_video ? m_target.Packets(m_video->To()) : 0;
+    const std::int64_t audio_us = m_audio ? m_target.End_us(m_audio->To()) : 0;
+    m_host.Log(plugin::Level::kInformation, "transcode: " + m_task.target + ": " + std::to_string(frames) +
+                                                " frames, " + Seconds(m_target.End_us()) + ", " +
+                                                std::to_string(format.size_bytes) + " bytes");
+    m_record.Publish(Clamped(frames), Clamped(audio_us / 1000), std::move(format));
+    return std::nullopt;
+}
+
+void TranscodeWork::LogPlan() const {
+    const auto words = [](const Track* track) -> std::string {
+        if (track == nullptr) return "none";
+        if (const auto* video = dynamic_cast<const VideoTrack*>(track)) return video->Describe();
+        if (const auto* audio = dynamic_cast<const AudioTrack*>(track)) return audio->Describe();
+        return std::string(avcodec_get_name(track->From().codecpar->codec_id)) + " copied";
+    };
+    m_host.Log(plugin::Level::kInformation, "transcode: " + m_task.source + " to " + m_task.target + ": " +
+                                                m_task.container + "; video " + words(m_video.get()) +
+                                                "; audio " + words(m_audio.get()));
+}
+
+plugin::Outcome TranscodeWork::Conclude(const Problem& problem) {
+    // The target has its name by then, and a stop comes too late for it.
+    if (m_isPublished && m_isEarly) return ConcludeEarly();
+    if (m_isPublished) {
+        m_watch.Complete();
+        return plugin::Outcome::kFinished;
+    }
+    m_target.Close();
+    m_publication.Discard();
+    if (m_watch.Cancelled()) return plugin::Outcome::kCancelled;
+    if (m_watch.Stopped() && !problem) return ConcludeEarly();
+    // Reading that a stop has ended is no failure of the source.
+    if (m_watch.Stopped() && !m_video && !m_audio) return ConcludeEarly();
+    m_host.Log(plugin::Level::kFailure, "transcode: " + problem->words);
+    m_record.SetError(static_cast<std::uint32_t>(problem->detail), problem->errorCode, problem->words,
+                      problem->words);
+    return plugin::Outcome::kFailed;
+}
+
+plugin::Outcome TranscodeWork::ConcludeEarly() {
+    std::string text = "ended early: nothing is written";
+    if (m_isPublished) text = "ended early: " + Seconds(m_target.End_us()) + " written";
+    if (m_isPublished && m_length_us > 0) text += " of " + Seconds(m_length_us);
+    m_record.SetFurtherText(text);
+    return plugin::Outcome::kFinished;
+}
+
+}  // namespace rq::transcode
