@@ -65,8 +65,14 @@ std::uint32_t EngineClient::Connect(const EngineEndpoint* endpoint) {
         LogFailedConnect("no thread could be started for the link");
         return kNoSession;
     }
-    BeginSession();
-    m_io.Post([this, address, port] { OpenConnection(address, port); });
+    std::uint64_t attempt = 0;
+    {
+        Signal::Hold hold(m_connectSignal);
+        attempt = ++m_connectAttempt;
+        m_connectOutcome.reset();
+        m_connectSignal.Reset(hold);
+    }
+    m_io.Post([this, attempt, address, port] { OpenConnection(attempt, address, port); });
     return AwaitConnect(address + ":" + std::to_string(port));
 }
 
@@ -78,22 +84,6 @@ bool EngineClient::StartThreads() {
     return m_handlerThread.Start(m_handler, m_context, [this](const Delivery& delivery) {
         OnHanded(delivery);
     }) && m_io.Start(onFailure);
-}
-
-void EngineClient::BeginSession() {
-    Hello hello;
-    hello.token = m_options.token;
-    hello.attempt = m_options.attempt;
-    hello.processId = platform::CurrentProcessId();
-    hello.workerVersion = m_options.workerVersion;
-    {
-        Signal::Hold hold(m_connectSignal);
-        m_connectOutcome.reset();
-        m_connectSignal.Reset(hold);
-    }
-    MutexLock lock(m_lock);
-    m_session = std::make_unique<Session>(hello, m_options.limits, Now(), m_log.IsDebug());
-    ++m_connectionNumber;
 }
 
 std::uint32_t EngineClient::AwaitConnect(const std::string& where) {
@@ -125,9 +115,9 @@ void EngineClient::LogFailedConnect(const std::string& line) {
                     line + (m_failureCount > 1 ? ", attempt " + std::to_string(m_failureCount) : ""));
 }
 
-void EngineClient::DecideConnect(std::uint32_t sessionId, std::string reason) {
+void EngineClient::DecideConnect(std::uint64_t attempt, std::uint32_t sessionId, std::string reason) {
     Signal::Hold hold(m_connectSignal);
-    if (m_connectOutcome) return;
+    if (m_connectOutcome || attempt != m_connectAttempt) return;
     m_connectOutcome = sessionId;
     m_connectReason = std::move(reason);
     m_connectSignal.Notify(hold);
@@ -135,12 +125,23 @@ void EngineClient::DecideConnect(std::uint32_t sessionId, std::string reason) {
 
 // ---- the I/O thread ----
 
-void EngineClient::OpenConnection(const std::string& address, std::uint16_t port) {
-    if (m_connection) m_connection->Close();
+// Sessions begin and end on this thread only, so that nothing of one reaches the next.
+void EngineClient::OpenConnection(std::uint64_t attempt, const std::string& address, std::uint16_t port) {
+    CloseConnection();
     {
         Signal::Hold hold(m_endSignal);
         m_ended = false;
         m_endSignal.Reset(hold);
+    }
+    Hello hello;
+    hello.token = m_options.token;
+    hello.attempt = m_options.attempt;
+    hello.processId = platform::CurrentProcessId();
+    hello.workerVersion = m_options.workerVersion;
+    {
+        MutexLock lock(m_lock);
+        m_session = std::make_unique<Session>(hello, m_options.limits, Now(), m_log.IsDebug());
+        m_connectionNumber = attempt;
     }
     Connection::Listener* listener = this;  // a private base: converted here
     m_connection = std::make_shared<Connection>(m_io.Io(), listener);
@@ -190,7 +191,6 @@ void EngineClient::OnTimer() {
 
 // Carries out what the session wants after anything has happened to it.
 void EngineClient::Settle() {
-    if (!m_connection) return;
     std::vector<SessionEvent> events;
     std::string output;
     std::optional<SteadyTime> deadline;
@@ -203,7 +203,7 @@ void EngineClient::Settle() {
         deadline = m_session->Deadline();
     }
     for (SessionEvent& event : events) Carry(std::move(event));
-    if (!m_connection) return;  // closed by an event
+    if (!m_connection) return;  // closed, perhaps by one of the events
     if (!output.empty()) m_connection->Write(std::move(output));
     m_connection->SetTimer(deadline);
 }
@@ -220,9 +220,9 @@ void EngineClient::Carry(SessionEvent event) {
         }
         m_handlerThread.Push(std::move(delivery));
     } else if (const auto* welcomed = std::get_if<Welcomed>(&event)) {
-        DecideConnect(welcomed->sessionId, {});
+        DecideConnect(ConnectionNumber(), welcomed->sessionId, {});
     } else if (std::holds_alternative<ByeWritten>(event)) {
-        m_connection->ShutdownSend();
+        if (m_connection) m_connection->ShutdownSend();
     } else {
         CarryClosed(std::get<SessionClosed>(event));
     }
@@ -243,10 +243,15 @@ void EngineClient::CarryClosed(const SessionClosed& closed) {
                     "session " + std::to_string(lost->sessionId) + " lost: " + closed.reason);
         m_handlerThread.Push(std::move(*lost));
     }
-    DecideConnect(kNoSession, closed.reason);
+    DecideConnect(ConnectionNumber(), kNoSession, closed.reason);
     Signal::Hold hold(m_endSignal);
     m_ended = true;
     m_endSignal.Notify(hold);
+}
+
+std::uint64_t EngineClient::ConnectionNumber() {
+    MutexLock lock(m_lock);
+    return m_connectionNumber;
 }
 
 void EngineClient::CloseConnection() {

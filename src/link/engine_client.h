@@ -60,22 +60,22 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     void OnWritten() override;
     void OnDisconnected(std::string reason) override;
     void OnTimer() override;
-    void OpenConnection(const std::string& address, std::uint16_t port);
+    void OpenConnection(std::uint64_t attempt, const std::string& address, std::uint16_t port);
     void Settle();
     void Carry(SessionEvent event);
     void CarryClosed(const SessionClosed& closed);
     void CloseConnection();
+    std::uint64_t ConnectionNumber();
 
     // The owner's thread.
     bool StartThreads();
-    void BeginSession();
     std::uint32_t AwaitConnect(const std::string& where);
     void LogFailedConnect(const std::string& line);
 
     // Any thread.
     void OnHanded(const Delivery& delivery);
     void RequestSettle();
-    void DecideConnect(std::uint32_t sessionId, std::string reason);
+    void DecideConnect(std::uint64_t attempt, std::uint32_t sessionId, std::string reason);
     bool Refused(std::uint32_t id, const std::string& problem);
 
     const EngineClientOptions m_options;
@@ -86,12 +86,13 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
 
     Mutex m_lock;
     std::unique_ptr<Session> m_session RQ_GUARDED_BY(m_lock);
-    std::uint64_t m_connectionNumber RQ_GUARDED_BY(m_lock) = 0;
+    std::uint64_t m_connectionNumber RQ_GUARDED_BY(m_lock) = 0;  // the attempt that m_session came by
     bool m_disconnecting RQ_GUARDED_BY(m_lock) = false;
     FinalWaits m_finals RQ_GUARDED_BY(m_lock);
 
-    // What Connect waits for.
+    // What Connect waits for. Each call is an attempt; only what belongs to the newest is taken.
     Signal m_connectSignal;
+    std::uint64_t m_connectAttempt RQ_GUARDED_BY(m_connectSignal) = 0;
     std::optional<std::uint32_t> m_connectOutcome RQ_GUARDED_BY(m_connectSignal);
     std::string m_connectReason RQ_GUARDED_BY(m_connectSignal);
     // What Disconnect waits for: the connection is closed.
