@@ -1,0 +1,127 @@
+// The real program of the stage, and a real restart.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <regex>
+
+#include "base/paths.h"
+#include "kit/child.h"
+#include "kit/stage_copy.h"
+#include "platform/codepage.h"
+
+namespace rq {
+namespace {
+
+class ProgramTest : public ::testing::Test {
+  protected:
+    kit::Child Run(const std::vector<std::string>& arguments) {
+        kit::Child::Options options;
+        options.environment = {{"RQ_LOG_DIR", m_dir.Utf8("日志")}, {"RQ_CONSOLE_ENCODING", ""}};
+        options.directory = m_dir.Path();
+        return kit::Child(kit::ProgramIn(kit::StageFolder(), "RQWorkerU"), arguments, options);
+    }
+    // What a run to the end writes, from GBK; each address becomes "@".
+    std::string OutputOf(const std::vector<std::string>& arguments) {
+        kit::Child child = Run(arguments);
+        EXPECT_EQ(child.ExitCode(), 0) << child.Errors();
+        const auto text = platform::GbkToUtf8(child.Output());
+        EXPECT_TRUE(text) << "not GBK";
+        return std::regex_replace(text.value_or(""), std::regex("0x[0-9a-f]+"), "@");
+    }
+    std::string Log() const {
+        std::string all;
+        for (const auto& path : kit::FindFiles(m_dir.Path(), "_W.log")) all += kit::ReadBytes(path);
+        return all;
+    }
+
+    kit::TempDir m_dir;
+};
+
+const std::string kUsageBegin = "用法：RQWorkerU.exe Type Params-String\n\nType:\n\ttc\t转码\n";
+const std::string kUsageEnd = " lc  响度控制任务\n kf  抽帧\n";
+
+TEST_F(ProgramTest, WithoutArguments) {
+    const std::string output = OutputOf({});
+    EXPECT_EQ(output.find("argc:\n1" + kUsageBegin), 0u) << output;
+    EXPECT_TRUE(output.ends_with(kUsageEnd)) << output;
+}
+
+TEST_F(ProgramTest, WithATypeAlone) {
+    const std::string output = OutputOf({"mc"});
+    EXPECT_EQ(output.find("argc:\n2" + kUsageBegin), 0u) << output;
+    EXPECT_TRUE(output.ends_with(kUsageEnd + "Type:\n@")) << output;
+}
+
+TEST_F(ProgramTest, WithTypeAndTextNothingRuns) {
+    EXPECT_EQ(OutputOf({"mc", "<x/>"}), "argc:\n3Type:\n@");
+    EXPECT_EQ(Log().find("Begin DoWork"), std::string::npos);
+}
+
+TEST_F(ProgramTest, ARejectedTypeAsText) {
+    EXPECT_EQ(OutputOf({"pd", "任务", "1"}),
+              "argc:\n4Type:\n@ServerPort:\n@Type:\n@Cmd:\n@输入的类型参数不正确\n");
+    const std::string log = Log();
+    for (const char* text :
+         {"RQWorkerU.exe Version:1.13.0.0 build20170531", "==>Worker Begin Load CrashDump.dll",
+          "==>Worker End Load CrashDump.dll", "Eos Called!", "==>Worker Begin DoWork",
+          "The input type para is wrong. type:pd"}) {
+        EXPECT_NE(log.find(text), std::string::npos) << text << " is not in:\n" << log;
+    }
+    EXPECT_EQ(log.find("Error when loading CrashDump.dll."), std::string::npos)
+        << "the stage has the library";
+}
+
+TEST_F(ProgramTest, ARejectedTypeWithAFileNamesTheLogAfterIt) {
+    m_dir.Write("任务 1.task.xml", "<x/>");
+    EXPECT_EQ(OutputOf({"300", m_dir.Utf8("任务 1.task.xml"), "1", "1"}),
+              "argc:\n5Type:\n@ServerPort:\n@Cmd:\n@FileFlag:\n@输入的类型参数不正确\n");
+    const auto logs = kit::FindFiles(m_dir.Path(), "_W.log");
+    ASSERT_EQ(logs.size(), 1u);
+    EXPECT_EQ(Utf8FromPath(logs[0].filename()), "任务 1_W.log");
+}
+
+TEST_F(ProgramTest, MoreArgumentsRunNothing) {
+    EXPECT_EQ(OutputOf({"mc", "<x/>", "1", "1", "1"}), "argc:\n6Type:\n@ServerPort:\n@");
+}
+
+// While it waits for an engine that is not there.
+TEST_F(ProgramTest, ACrashIsToldOnStandardErrorAndEndsTheProcess) {
+    // Port 1 is nobody's.
+    kit::Child child = Run({"mc", "<x/>", "1"});
+    ASSERT_TRUE(kit::WaitUntil([&] { return child.Output().find("Cmd:") != std::string::npos; }));
+    ASSERT_TRUE(kit::WaitUntil([&] { return !kit::FindFiles(m_dir.Path(), "_C.log").empty(); })) << Log();
+    ::kill(static_cast<pid_t>(child.Id()), SIGSEGV);
+    EXPECT_EQ(child.ExitCode(), 1000 + SIGSEGV);
+    EXPECT_EQ(child.Errors().find("RQWorkerU: crashed with SIGSEGV\n"), 0u) << child.Errors();
+    EXPECT_NE(Log().find("==>Worker Begin init.."), std::string::npos) << "lost: the log's last lines";
+}
+
+class RestartTest : public ::testing::Test {
+  protected:
+    RestartTest() {
+        std::filesystem::copy_file(RQ_RESTART_FIXTURE, m_program);
+        m_options.directory = m_dir.Path();
+    }
+
+    kit::TempDir m_dir;
+    const std::filesystem::path m_program = m_dir.Path() / PathFromUtf8("重启 worker");
+    kit::Child::Options m_options;
+};
+
+TEST_F(RestartTest, StartsACopyWithoutArgumentsAndAborts) {
+    m_dir.Write("worker.uid", "x");
+    kit::Child child(m_program, {"time-out"}, m_options);
+    EXPECT_EQ(child.ExitCode(), 1000 + SIGABRT);
+    EXPECT_EQ(child.Errors(), "") << "a wanted abort says nothing";
+    EXPECT_TRUE(kit::WaitForText(m_dir.Path() / PathFromUtf8("重启 worker.ran"), "started again"));
+}
+
+TEST_F(RestartTest, WithoutTheLockFileTheExceptionEndsTheProcess) {
+    kit::Child child(m_program, {"time-out"}, m_options);
+    EXPECT_EQ(child.ExitCode(), 1000 + SIGABRT);
+    EXPECT_NE(child.Errors().find("crashed with SIGABRT"), std::string::npos) << child.Errors();
+    EXPECT_FALSE(std::filesystem::exists(m_dir.Path() / PathFromUtf8("重启 worker.ran")));
+}
+
+}  // namespace
+}  // namespace rq
