@@ -86,8 +86,10 @@ Checked<std::int32_t> ParseType(const json& value) {
         type = value.get<std::int32_t>();
     }
     if (type && *type >= 0 && *type <= kLargestType) return *type;
-    return BadField("type", Dump(value).substr(0, 60) + " is neither a type code (" + KnownCodes() +
-                                ") nor a number from 0 to " + std::to_string(kLargestType));
+    // Only scalars are shown: writing out deep nesting would take as much stack as the sender likes.
+    const std::string shown = value.is_structured() ? value.type_name() : Dump(value).substr(0, 60);
+    return BadField("type", shown + " is neither a type code (" + KnownCodes() + ") nor a number from 0 to " +
+                                std::to_string(kLargestType));
 }
 
 Checked<std::string> ParseText(const json& value) {

@@ -137,10 +137,10 @@ std::optional<std::string> FinalReason(const FinalStatus& final) {
     if (final.status == kTaskFinished) return std::nullopt;
     if (final.status == kTaskCancelled) return "the worker cancelled the task";
     std::string reason = final.errorText;
-    for (const auto& text : {final.detailErrorText, final.furtherText}) {
-        if (text.empty() || text == reason) continue;
-        reason += (reason.empty() ? "" : ": ") + text;
-    }
+    const std::string& detail = final.detailErrorText;
+    const std::string& further = final.furtherText;
+    if (!detail.empty()) reason += (reason.empty() ? "" : ": ") + detail;
+    if (!further.empty() && further != detail) reason += (reason.empty() ? "" : ": ") + further;
     return reason.empty() ? "the worker reported an error without a text" : reason;
 }
 

@@ -1,0 +1,122 @@
+// A stand-in for the worker in the engine's tests: started with the same four arguments, it takes the lines
+// of its task text as what to do. It knows nothing of plug-ins.
+//
+//   connect            to the engine, with the token and the attempt from the environment
+//   connect-again      a second connection with the same attempt; the answer's code goes into the next final
+//   status notice ID | status N | progress PERCENT SPEED final N            and waits for its
+//   acknowledgement; final-text N TEXT is one with an error text await ID           waits for this order;
+//   reply ID answers one bye | close        ends the connection in good order, or just so print TEXT | sleep
+//   MS | hang | exit CODE | signal NUMBER
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <thread>
+
+#include "engine/link_client.h"
+#include "platform/environment.h"
+
+namespace {
+
+using namespace rq;
+using namespace rq::engine;
+
+struct Script {
+    std::uint16_t port = 0;
+    std::unique_ptr<LinkClient> link = std::make_unique<LinkClient>();
+    std::string furtherText;
+
+    std::string Environment(const char* name) { return platform::GetEnvironment(name).value_or(""); }
+
+    std::optional<std::uint32_t> Greet(LinkClient& client) {
+        if (!client.Connect(port)) return std::nullopt;
+        return client.Greet(Environment("RQ_ENGINE_TOKEN"), Environment("RQ_ATTEMPT"));
+    }
+
+    void Final(std::uint32_t status, const std::string& text) {
+        auto message = StateMessage(status);
+        auto& entry = message.entries.back();
+        entry.errorText = text;
+        entry.furtherText = furtherText;
+        if (status == kTaskFinished) {
+            auto result = std::make_shared<stMD5TaskResult>();
+            result->files.push_back(
+                {1, "/a b", "", "", "", kNotCompared, "d41d8cd98f00b204e9800998ecf8427e"});
+            entry.result = std::move(result);
+        }
+        link->WaitAck(link->Send(TCP_WORKER_STATE_ID, message));
+    }
+
+    // False: the script is over.
+    bool Do(const std::string& verb, std::istringstream& rest) {
+        std::string text;
+        double number = 0, second = 0;
+        if (verb == "connect") return Greet(*link) == 0u;
+        if (verb == "connect-again") {
+            LinkClient other;
+            furtherText = "refused " + std::to_string(Greet(other).value_or(99));
+        } else if (verb == "notice") {
+            rest >> text;
+            link->Send(TCP_WORKER_SEND_ID, TaskNotice{"1.0", "guid-1", text});
+        } else if (verb == "status") {
+            rest >> number;
+            link->Send(TCP_WORKER_STATE_ID, StateMessage(static_cast<std::uint32_t>(number)));
+        } else if (verb == "progress") {
+            rest >> number >> second;
+            const auto seq = link->Send(TCP_WORKER_PROGRESS_ID, ProgressMessage(static_cast<float>(number),
+                                                                                static_cast<float>(second)));
+            return link->WaitAck(seq);
+        } else if (verb == "final" || verb == "final-text") {
+            rest >> number;
+            std::getline(rest >> std::ws, text);
+            Final(static_cast<std::uint32_t>(number), text);
+        } else if (verb == "await") {
+            rest >> number;
+            for (auto order = link->WaitOrder(); order && order->id != number;) order = link->WaitOrder();
+        } else if (verb == "reply") {
+            rest >> number;
+            // "ended" in GBK
+            link->Send(static_cast<std::uint32_t>(number),
+                       TaskCommandReply{"1.0", "guid-1", "job", "0", "\xBD\xE1\xCA\xF8"});
+        } else if (verb == "bye") {
+            link->SendFrame({0, 0, link::kByeId, {}});
+            link->WaitClose();
+        } else if (verb == "close") {
+            link->Close();
+        } else if (verb == "print") {
+            std::getline(rest >> std::ws, text);
+            std::printf("%s\n", text.c_str());
+        } else if (verb == "sleep") {
+            rest >> number;
+            std::this_thread::sleep_for(std::chrono::milliseconds(static_cast<int>(number)));
+        } else if (verb == "hang") {
+            for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
+        } else if (verb == "exit") {
+            rest >> number;
+            std::fflush(stdout);
+            std::_Exit(static_cast<int>(number));
+        } else if (verb == "signal") {
+            rest >> number;
+            std::raise(static_cast<int>(number));
+        }
+        return true;
+    }
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 5) return 64;
+    std::ifstream file(argv[2]);
+    Script script;
+    script.port = static_cast<std::uint16_t>(std::stoi(argv[3]));
+    std::printf("type %s flag %s\n", argv[1], argv[4]);
+    for (std::string line; std::getline(file, line);) {
+        std::istringstream rest(line);
+        std::string verb;
+        if (rest >> verb && !script.Do(verb, rest)) return 65;
+    }
+    return 0;
+}
