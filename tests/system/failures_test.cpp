@@ -1,0 +1,147 @@
+// What an operator sees when something is wrong.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <fstream>
+
+#include "base/paths.h"
+#include "node.h"
+
+namespace rq::system_test {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Large enough that a task on it is still running whenever a test looks; it takes no space.
+fs::path EndlessFile(const kit::TempDir& folder) {
+    return MakeSparse(folder.Path() / "endless", 1ull << 40);
+}
+
+TEST(Failures, MissingFileIsRefusedBeforeSubmission) {
+    Node node;
+    const Outcome outcome = node.Ctl({"submit", "md5", "/nowhere/at/all.mxf"});
+    EXPECT_EQ(outcome.code, 2);
+    EXPECT_NE(outcome.errors.find("/nowhere/at/all.mxf"), std::string::npos) << outcome.errors;
+}
+
+TEST(Failures, FileThatVanishedFailsTheTask) {
+    Node node;
+    const auto record = node.WaitForEnd(node.SubmitText(
+        "mc",
+        "<MD5Task><ID>gone</ID><Files><File><Path>/nowhere/at/all.mxf</Path></File></Files></MD5Task>"));
+    EXPECT_EQ(record["state"], "failed");
+    EXPECT_EQ(record["status"], 4);
+    const auto& attempt = record["attempt_list"][0];
+    EXPECT_NE(attempt["detail_error"]["code"], 0);
+    EXPECT_NE(attempt["detail_error"]["text"].get<std::string>().find("/nowhere/at/all.mxf"),
+              std::string::npos);
+}
+
+TEST(Failures, TextThatIsNoXml) {
+    Node node;
+    const auto record = node.WaitForEnd(node.SubmitText("mc", "this is no task"));
+    EXPECT_EQ(record["state"], "failed");
+    const auto& attempt = record["attempt_list"][0];
+    EXPECT_EQ(attempt["error"]["code"], 0xFFFFFFFBu);
+    EXPECT_EQ(attempt["error"]["text"], "KWR_OVL_ERROR_FFFFFFFB");
+    EXPECT_EQ(attempt["detail_error"]["text"], "Analyze Task Info Failed!");
+    EXPECT_TRUE(kit::WaitUntil([&] {
+        return node.WorkerLog().find("AnalyseTask failed. taskInfo:this is no task") != std::string::npos;
+    }));
+    // The plug-in says what is wrong with the text, and where.
+    EXPECT_NE(node.WorkerLog().find("line 1"), std::string::npos) << node.WorkerLog();
+}
+
+TEST(Failures, CancelEndsARunningTask) {
+    kit::TempDir folder;
+    Node node;
+    const std::string task = node.SubmitMd5(EndlessFile(folder));
+    node.WaitForState(task, {"running"});
+    const Outcome cancel = node.Ctl({"cancel", task});
+    EXPECT_EQ(cancel.code, 0) << cancel.errors;
+    const auto record = node.WaitForEnd(task);
+    EXPECT_EQ(record["state"], "cancelled");
+    EXPECT_EQ(record["status"], 5);
+    const auto pid = record["attempt_list"][0]["pid"].get<std::uint64_t>();
+    EXPECT_TRUE(kit::WaitUntil([&] { return !ProcessExists(pid); }));
+}
+
+TEST(Failures, ProgressReachesTheEngine) {
+    kit::TempDir folder;
+    Node node;
+    const std::string task = node.SubmitMd5(MakeSparse(folder.Path() / "long", 8ull << 30));
+    EXPECT_TRUE(kit::WaitUntil([&] {
+        const auto record = node.Show(task);
+        return record["percent"].is_number() && record["percent"].get<double>() > 0 &&
+               record["percent"].get<double>() < 100;
+    }));
+    EXPECT_EQ(node.Ctl({"cancel", task}).code, 0);
+    EXPECT_EQ(node.WaitForEnd(task)["state"], "cancelled");
+}
+
+TEST(Failures, WorkerEndsWhenTheEngineIsKilled) {
+    kit::TempDir folder;
+    Node node;
+    const std::string task = node.SubmitMd5(EndlessFile(folder));
+    const auto record = node.WaitForState(task, {"running"});
+    const auto pid = record["attempt_list"][0]["pid"].get<std::uint64_t>();
+    ASSERT_TRUE(ProcessExists(pid));
+    ASSERT_EQ(::kill(static_cast<pid_t>(node.Engine().Id()), SIGKILL), 0);
+    EXPECT_TRUE(kit::WaitUntil([&] { return !ProcessExists(pid); }));
+    EXPECT_NE(node.WorkerLog().find("Worker will be cancel!!!! Because Socket Server is Disconnect."),
+              std::string::npos)
+        << node.WorkerLog();
+}
+
+TEST(Failures, KilledWorkerIsInTheTasksRecord) {
+    kit::TempDir folder;
+    Node node;
+    const std::string task = node.SubmitMd5(EndlessFile(folder));
+    const auto record = node.WaitForState(task, {"running"});
+    const auto pid = record["attempt_list"][0]["pid"].get<pid_t>();
+    ASSERT_EQ(::kill(pid, SIGKILL), 0);
+    const auto after = node.WaitForEnd(task);
+    EXPECT_EQ(after["state"], "failed");
+    EXPECT_NE(after["reason"].get<std::string>().find("signal 9"), std::string::npos) << after["reason"];
+    EXPECT_EQ(after["attempt_list"][0]["state"], "lost");
+    EXPECT_EQ(after["attempt_list"][0]["exit"]["signal"], 9);
+}
+
+TEST(Failures, OrderlyEndOfTheEngineLeavesNoWorker) {
+    kit::TempDir folder;
+    Node node;
+    const std::string task = node.SubmitMd5(EndlessFile(folder));
+    const auto record = node.WaitForState(task, {"running"});
+    const auto pid = record["attempt_list"][0]["pid"].get<std::uint64_t>();
+    EXPECT_EQ(node.EndEngine(), 0);
+    EXPECT_FALSE(ProcessExists(pid));
+    node.StartEngine();
+    EXPECT_EQ(node.Show(task)["state"], "cancelled");
+}
+
+TEST(Failures, WrongTokenOfRqctl) {
+    Node node;
+    std::ofstream(node.Data() / "engine.token") << std::string(64, '0') << "\n";
+    const Outcome outcome = node.Ctl({"list"});
+    EXPECT_EQ(outcome.code, 3);
+    EXPECT_NE(outcome.errors.find("token"), std::string::npos) << outcome.errors;
+}
+
+TEST(Failures, NoEngine) {
+    Node node(false);
+    const Outcome outcome = node.Ctl({"list"});
+    EXPECT_EQ(outcome.code, 3);
+    EXPECT_NE(outcome.errors.find("rqengine"), std::string::npos) << outcome.errors;
+}
+
+TEST(Failures, SecondEngineOnTheSameDataIsRefused) {
+    Node node;
+    kit::Child second(kit::ProgramIn(node.Stage(), "rqengine"),
+                      {"--data", Utf8FromPath(node.Data()), "--port", "0", "--http-port", "0"});
+    EXPECT_NE(second.ExitCode(), 0);
+    EXPECT_NE((second.Output() + second.Errors()).find(Utf8FromPath(node.Data())), std::string::npos);
+    EXPECT_EQ(node.Ctl({"list"}).code, 0);
+}
+
+}  // namespace
+}  // namespace rq::system_test

@@ -1,0 +1,160 @@
+// MD5 tasks from the command line of rqctl to the values that the engine received.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "base/paths.h"
+#include "node.h"
+
+namespace rq::system_test {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Submits the file, waits, and compares the value in the result with one computed here.
+void ExpectMd5(const fs::path& file) {
+    Node node;
+    const Outcome outcome = node.Ctl({"submit", "md5", "--watch", Utf8FromPath(file)});
+    EXPECT_EQ(outcome.code, 0) << outcome.output << outcome.errors;
+    EXPECT_NE(outcome.output.find(Md5Of(file) + "  " + Utf8FromPath(file) + "\n"), std::string::npos)
+        << outcome.output << outcome.errors;
+}
+
+TEST(Md5Tasks, EmptyFile) {
+    kit::TempDir folder;
+    ExpectMd5(folder.Write("empty", ""));
+}
+
+TEST(Md5Tasks, OneByte) {
+    kit::TempDir folder;
+    ExpectMd5(folder.Write("one", "x"));
+}
+
+// The plug-in reads 1 MiB at a time.
+TEST(Md5Tasks, ExactlyOneBuffer) {
+    kit::TempDir folder;
+    ExpectMd5(folder.Write("buffer", std::string(1 << 20, '\x5a')));
+}
+
+TEST(Md5Tasks, SparseFileOf300MB) {
+    kit::TempDir folder;
+    ExpectMd5(MakeSparse(folder.Path() / "sparse", 300'000'000));
+}
+
+TEST(Md5Tasks, ChineseNameWithBlanks) {
+    kit::TempDir folder;
+    ExpectMd5(folder.Write("新闻 联播 第1期.mxf", "内容"));
+}
+
+TEST(Md5Tasks, SeveralFilesKeepTheirOrder) {
+    kit::TempDir folder;
+    const fs::path a = folder.Write("b", "second letter");
+    const fs::path b = folder.Write("a", "first letter");
+    Node node;
+    const Outcome outcome = node.Ctl({"submit", "md5", "--watch", Utf8FromPath(a), Utf8FromPath(b)});
+    EXPECT_EQ(outcome.code, 0) << outcome.errors;
+    const auto first = outcome.output.find(Md5Of(a) + "  " + Utf8FromPath(a));
+    const auto second = outcome.output.find(Md5Of(b) + "  " + Utf8FromPath(b));
+    ASSERT_NE(first, std::string::npos) << outcome.output;
+    ASSERT_NE(second, std::string::npos) << outcome.output;
+    EXPECT_LT(first, second);
+}
+
+TEST(Md5Tasks, RecordHoldsWhatHappened) {
+    kit::TempDir folder;
+    const fs::path file = folder.Write("file", "bytes");
+    Node node;
+    const std::string task = node.SubmitMd5(file);
+    const auto record = node.WaitForEnd(task);
+    EXPECT_EQ(record["state"], "finished");
+    EXPECT_EQ(record["status"], 0);
+    EXPECT_EQ(record["type"], 3);
+    ASSERT_EQ(record["attempt_list"].size(), 1u);
+    const auto& attempt = record["attempt_list"][0];
+    EXPECT_EQ(attempt["status"], 0);
+    EXPECT_EQ(attempt["detail_error"]["code"], 0);
+    // The text of code 0 is looked up too.
+    EXPECT_EQ(attempt["error"]["text"], "KWR_OVL_ERROR_0");
+    EXPECT_EQ(attempt["worker_guid"].get<std::string>().size(), 36u);
+    ASSERT_EQ(record["result"]["kind"], "md5");
+    const auto& entry = record["result"]["files"][0];
+    EXPECT_EQ(entry["mode"], "computation");
+    EXPECT_EQ(entry["first"], Utf8FromPath(file));
+    EXPECT_EQ(entry["computed_md5"], Md5Of(file));
+    EXPECT_EQ(entry["verification"], "not-compared");
+}
+
+// The worker of a finished task is told to exit; nothing of it stays.
+TEST(Md5Tasks, NothingStaysBehind) {
+    kit::TempDir folder;
+    Node node;
+    const std::string task = node.SubmitMd5(folder.Write("file", "bytes"));
+    const auto record = node.WaitForEnd(task);
+    const auto pid = record["attempt_list"][0]["pid"].get<std::uint64_t>();
+    EXPECT_TRUE(kit::WaitUntil([&] { return !node.Show(task)["attempt_list"][0]["exit"].is_null(); }));
+    EXPECT_EQ(node.Show(task)["attempt_list"][0]["exit"]["code"], 0);
+    EXPECT_FALSE(ProcessExists(pid));
+    // The private file with the task text is gone.
+    EXPECT_TRUE(fs::is_empty(node.Data() / "params"));
+    EXPECT_EQ(node.EndEngine(), 0);
+}
+
+TEST(Md5Tasks, WorkerLogTellsTheRun) {
+    kit::TempDir folder;
+    Node node;
+    node.WaitForEnd(node.SubmitMd5(folder.Write("file", "bytes")));
+    EXPECT_TRUE(
+        kit::WaitUntil([&] { return node.WorkerLog().find("RQWorker is destroyed") != std::string::npos; }));
+    const std::string log = node.WorkerLog();
+    std::size_t at = 0;
+    for (const char* line :
+         {"RQWorkerU.exe Version:1.13.0.0 build20170531",
+          "==>Worker Begin Load CrashDump.dll",
+          "==>Worker End Load CrashDump.dll",
+          "==>Worker Begin DoWork",
+          "==>Worker Begin init..",
+          "====> Change Work Path to [",
+          "m_workerPlugin.pInitFunc begin..",
+          "m_workerPlugin.pInitFunc end..",
+          "Worker Init. PID:",
+          "Prepare work begin..",
+          "AnalysTask Begin! TaskStr: ",
+          "SendMSG: TCP_WORKER_SEND_ID. TaskID:[",
+          "Prepare work end. TaskID:[",
+          "Start do work..",
+          "m_workerPlugin.pPerformTaskFunc begin..",
+          "m_workerPlugin.pPerformTaskFunc end..",
+          "Status=Finished, SendMSG.",
+          "Stop progress thread begin..",
+          "End do work. Status=[0].",
+          "WorkerBase Release begin..",
+          "m_workerPlugin.pReleaseFunc begin..",
+          "m_workerPlugin.pReleaseFunc end..",
+          "WorkerBase Release end..",
+          "RQWorker is destroyed............................................................."}) {
+        const auto found = log.find(line, at);
+        ASSERT_NE(found, std::string::npos) << "missing, or out of order: " << line << "\n" << log;
+        at = found;
+    }
+}
+
+TEST(Md5Tasks, VerificationTellsEqualFromDifferent) {
+    kit::TempDir folder;
+    const fs::path file = folder.Write("file", "bytes");
+    Node node;
+    const auto Text = [&](const std::string& md5) {
+        return "<MD5Task><ID>v</ID><Files><File><Path>" + Utf8FromPath(file) + "</Path><MD5>" + md5 +
+               "</MD5></File></Files></MD5Task>";
+    };
+    const auto good = node.WaitForEnd(node.SubmitText("mv", Text(Md5Of(file))));
+    EXPECT_EQ(good["state"], "finished");
+    EXPECT_EQ(good["result"]["files"][0]["verification"], "equal");
+    const auto bad = node.WaitForEnd(node.SubmitText("mv", Text(std::string(32, 'a'))));
+    EXPECT_EQ(bad["state"], "failed");
+    EXPECT_EQ(bad["result"]["files"][0]["verification"], "different");
+    const auto& error = bad["attempt_list"].back()["error"];
+    EXPECT_EQ(error["code"], 7);
+}
+
+}  // namespace
+}  // namespace rq::system_test
