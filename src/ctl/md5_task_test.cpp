@@ -1,0 +1,96 @@
+#include "ctl/md5_task.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "base/paths.h"
+#include "kit/temp_dir.h"
+
+namespace rq::ctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(Md5TaskXml, HasOneFileElementForEachJob) {
+    EXPECT_EQ(BuildMd5TaskXml("job-1", {{"/a", ""}, {"/片 & b", ""}}),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+              "<MD5Task>\n"
+              "  <ID>job-1</ID>\n"
+              "  <Files>\n"
+              "    <File><Path>/a</Path></File>\n"
+              "    <File><Path>/片 &amp; b</Path></File>\n"
+              "  </Files>\n"
+              "</MD5Task>\n");
+    EXPECT_NE(BuildMd5TaskXml("j", {{"/a", "d41d8cd98f00b204e9800998ecf8427e"}})
+                  .find("<File><Path>/a</Path><MD5>d41d8cd98f00b204e9800998ecf8427e</MD5></File>"),
+              std::string::npos);
+}
+
+TEST(Md5TaskXml, EscapesWhatAParserWouldChange) {
+    EXPECT_EQ(EscapeXml("a<b>&\"'\t\r\n ]]> 片"), "a&lt;b&gt;&amp;\"'&#9;&#13;&#10; ]]&gt; 片");
+}
+
+TEST(PrepareMd5Jobs, MakesNamesAbsoluteAndKeepsTheirOrder) {
+    kit::TempDir folder;
+    folder.Write("a  b.bin", "1");
+    folder.Write("sub/c", "2");
+    kit::ScopedDirectory inside(folder.Path());
+    const auto jobs = PrepareMd5Jobs({"./a  b.bin", "sub/c", folder.Utf8("a  b.bin")}, {});
+    ASSERT_TRUE(jobs) << jobs.error().message;
+    ASSERT_EQ(jobs->size(), 3u);
+    EXPECT_TRUE(fs::path(jobs->at(0).path).is_absolute());
+    EXPECT_EQ(fs::path(jobs->at(0).path).filename(), "a  b.bin");
+    EXPECT_EQ(jobs->at(0).path.find("/./"), std::string::npos);
+    EXPECT_TRUE(fs::equivalent(jobs->at(1).path, folder.Path() / "sub" / "c"));
+    EXPECT_EQ(jobs->at(2).expected, "");
+}
+
+TEST(PrepareMd5Jobs, DotDotBehindALinkKeepsItsMeaning) {
+    kit::TempDir folder;
+    folder.Write("far/away/x", "");
+    folder.Write("far/y", "right");
+    folder.Write("y", "wrong");
+    fs::create_directory_symlink(folder.Path() / "far" / "away", folder.Path() / "link");
+    const auto jobs = PrepareMd5Jobs({folder.Utf8("link/../y")}, {});
+    ASSERT_TRUE(jobs);
+    EXPECT_TRUE(fs::equivalent(jobs->at(0).path, folder.Path() / "far" / "y"));
+}
+
+TEST(PrepareMd5Jobs, SaysWhatIsWrongWithAFile) {
+    kit::TempDir folder;
+    folder.Write("ok", "");
+    const struct {
+        std::string name, why;
+    } cases[] = {
+        {folder.Utf8("gone"), "no such file"},
+        {folder.Utf8(), "is a folder"},
+        {"/dev/null", "not a plain file"},
+        {"", "empty file name"},
+        {"/tmp/\xff\xfe", "not UTF-8"},
+        {"/tmp/a\x01", "control character"},
+        {"/tmp/a\xEF\xBF\xBF", "control character"},
+    };
+    for (const auto& one : cases) {
+        const auto jobs = PrepareMd5Jobs({folder.Utf8("ok"), one.name}, {});
+        ASSERT_FALSE(jobs) << one.name;
+        EXPECT_NE(jobs.error().message.find(one.why), std::string::npos) << jobs.error().message;
+    }
+    EXPECT_FALSE(PrepareMd5Jobs({}, {}));
+}
+
+TEST(PrepareMd5Jobs, WantsAnExpectedDigestForEachFile) {
+    kit::TempDir folder;
+    folder.Write("a", "");
+    const std::string sum(32, 'A');
+    const auto jobs = PrepareMd5Jobs({folder.Utf8("a")}, {sum});
+    ASSERT_TRUE(jobs);
+    EXPECT_EQ(jobs->at(0).expected, sum);
+    EXPECT_FALSE(PrepareMd5Jobs({folder.Utf8("a")}, {sum, sum}));
+    EXPECT_FALSE(PrepareMd5Jobs({folder.Utf8("a"), folder.Utf8("a")}, {sum}));
+    EXPECT_FALSE(PrepareMd5Jobs({folder.Utf8("a")}, {"12"}));
+    EXPECT_FALSE(PrepareMd5Jobs({folder.Utf8("a")}, {std::string(32, 'g')}));
+}
+
+}  // namespace
+}  // namespace rq::ctl

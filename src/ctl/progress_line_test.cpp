@@ -1,0 +1,93 @@
+#include "ctl/progress_line.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "records/engine_messages.h"
+
+namespace rq::ctl {
+namespace {
+
+using std::chrono::seconds;
+
+ProgressView View(double percent, double speed) {
+    return {"running", percent, speed, RQ_TASK_MD5_COMPUTE, seconds(12)};
+}
+
+TEST(BarLine, ShowsBarPercentSpeedAndTimeLeft) {
+    EXPECT_EQ(BarLine(View(50, 812.44), 80),
+              "[" + std::string(15, '#') + std::string(15, ' ') + "]  50.0 %   812.4 MiB/s   0:12 left");
+    EXPECT_EQ(BarLine(View(0, 0), 80), "[" + std::string(30, ' ') + "]   0.0 %   0:12 left");
+}
+
+TEST(BarLine, NeverFillsTheLastColumn) {
+    for (unsigned columns = 1; columns < 200; ++columns) {
+        for (const double percent : {0.0, 7.7, 99.99, 100.0})
+            EXPECT_LT(BarLine(View(percent, 12345.6), columns).size(), std::max(2u, columns)) << columns;
+    }
+}
+
+TEST(BarLine, LeavesOutWhatDoesNotFit) {
+    EXPECT_EQ(BarLine(View(50, 800), 24), "[######       ]  50.0 %");
+}
+
+TEST(BarLine, SaysTheStateOfATaskThatDoesNotRun) {
+    ProgressView view = View(0, 0);
+    view.state = "queued";
+    EXPECT_EQ(BarLine(view, 80), "[" + std::string(30, ' ') + "]   0.0 %   queued");
+}
+
+TEST(BarLine, IsNotFullBeforeTheEnd) {
+    EXPECT_NE(BarLine(View(99.99, 0), 80).find(" 99.9 %"), std::string::npos);
+    EXPECT_NE(BarLine(View(100, 0), 80).find("100.0 %"), std::string::npos);
+    EXPECT_EQ(BarLine(View(99.99, 0), 80).find(std::string(30, '#')), std::string::npos);
+}
+
+TEST(PlainLine, HasTheSameInWords) {
+    EXPECT_EQ(PlainLine(View(41.5, 812.44)), "running, 41.5 %, 812.4 MiB/s, 0:12 left");
+    EXPECT_EQ(PlainLine({"queued", 0, 0, 3, {}}), "queued");
+    EXPECT_EQ(PlainLine({"running", 0, 0, 3, {}}), "running, 0.0 %");
+}
+
+TEST(SpeedText, HasTheUnitOfTheType) {
+    EXPECT_EQ(SpeedText(2, RQ_TASK_TRANSFER), "2.0 MiB/s");
+    EXPECT_EQ(SpeedText(2, RQ_TASK_TRANSCODE), "2.0x");
+    EXPECT_EQ(SpeedText(2, RQ_TASK_REVIEW), "2.0 /s");
+    EXPECT_EQ(SpeedText(2, RQ_TASK_FRAMES), "2.0 /ms");
+    EXPECT_EQ(SpeedText(0, 3), "");
+    EXPECT_EQ(SpeedText(std::nan(""), 3), "");
+    EXPECT_EQ(SpeedText(INFINITY, 3), "");
+}
+
+TEST(DurationText, HasHoursOnlyWhenNeeded) {
+    EXPECT_EQ(DurationText(seconds(0)), "0:00");
+    EXPECT_EQ(DurationText(seconds(-5)), "0:00");
+    EXPECT_EQ(DurationText(seconds(754)), "12:34");
+    EXPECT_EQ(DurationText(seconds(3723)), "1:02:03");
+}
+
+TEST(RemainingTime, FollowsThePaceSinceTheFirstValue) {
+    RemainingTime remaining;
+    const RemainingTime::Time start{};
+    EXPECT_FALSE(remaining.Update(20, start));
+    EXPECT_FALSE(remaining.Update(40, start + std::chrono::milliseconds(500)));
+    EXPECT_EQ(remaining.Update(40, start + seconds(10)), seconds(30));
+    EXPECT_EQ(remaining.Update(100, start + seconds(40)), seconds(0));
+}
+
+TEST(RemainingTime, SaysNothingWithoutMovementAndBeginsAnewAfterAStepBack) {
+    RemainingTime remaining;
+    const RemainingTime::Time start{};
+    EXPECT_FALSE(remaining.Update(0, start));
+    EXPECT_FALSE(remaining.Update(0, start + seconds(10)));
+    EXPECT_TRUE(remaining.Update(50, start + seconds(20)));
+    EXPECT_FALSE(remaining.Update(0, start + seconds(30))) << "the same as the first value: no movement";
+    RemainingTime other;
+    EXPECT_FALSE(other.Update(50, start));
+    EXPECT_FALSE(other.Update(10, start + seconds(10)));
+    EXPECT_EQ(other.Update(55, start + seconds(20)), seconds(10));
+}
+
+}  // namespace
+}  // namespace rq::ctl
