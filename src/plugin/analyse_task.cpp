@@ -21,8 +21,7 @@ WorkRunner::State::Analysis WorkRunner::State::CallAnalyse(const std::string& te
         return analysis;
     }
     analysis.info = before;
-    const std::string copy = text;
-    analysis.result = m_workerPlugin.pAnalyseTaskFunc(RQText{copy.data(), copy.size()}, &analysis.info);
+    analysis.result = m_workerPlugin.pAnalyseTaskFunc(RQText{text.data(), text.size()}, &analysis.info);
     if (analysis.info == nullptr) return analysis;
     if (std::optional<std::string> complaint = CheckTaskInfo(*analysis.info, pluginName)) {
         analysis.complaint = *std::move(complaint);
@@ -104,9 +103,9 @@ std::int32_t WorkRunner::State::Update(const std::string& text) {
         before = taskInformation.info;
     }
     // The record that is being performed stays valid, so that readers need not wait for the analysis.
-    Analysis analysis = CallAnalyse(text, before);
+    const Analysis analysis = CallAnalyse(text, before);
     MutexLock lock(recordLock);
-    return EndUpdate(std::move(analysis));
+    return EndUpdate(analysis);
 }
 
 // No perform call is running: the plug-in may free any record it has, so nobody may read one until it has
@@ -119,7 +118,7 @@ std::int32_t WorkRunner::State::UpdateBetweenCalls(const std::string& text) {
     return EndUpdate(CallAnalyse(text, taskInformation.info));
 }
 
-std::int32_t WorkRunner::State::EndUpdate(Analysis analysis) {
+std::int32_t WorkRunner::State::EndUpdate(const Analysis& analysis) {
     if (!analysis.complaint.empty()) Log(4, analysis.complaint);
     taskInformation = {};
     if (analysis.info != nullptr) taskInformation = {analysis.info, ReadTaskId(*analysis.info)};

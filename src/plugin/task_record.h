@@ -1,9 +1,10 @@
 // TaskRecord: the task information record as the runner's readers see it, and what was read of it once and
 // for all.
 //
-// A record belongs to the plug-in, which may free it in any analyse call but the ones that come while it is
-// being performed. Before such a call what a finished task left behind is copied (KeptTask), so that an
-// update that comes late neither loses a task's outcome nor lets a reader touch freed memory.
+// A record belongs to the plug-in. The contract keeps one that was performed until the next perform call; a
+// plug-in that frees it in an analysis all the same would take a finished task's outcome away with an update
+// that comes late. So what the task left behind is copied before such a call (KeptTask), and no reader looks
+// at the record after that.
 #pragma once
 
 #include <rqworker/plugin.h>

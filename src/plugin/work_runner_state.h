@@ -124,7 +124,7 @@ struct WorkRunner::State {
     void ForgetTask();
     std::int32_t Update(const std::string& text) RQ_REQUIRES(callLock);
     std::int32_t UpdateBetweenCalls(const std::string& text) RQ_REQUIRES(callLock, recordLock);
-    std::int32_t EndUpdate(Analysis analysis) RQ_REQUIRES(recordLock);
+    std::int32_t EndUpdate(const Analysis& analysis) RQ_REQUIRES(recordLock);
     std::unique_ptr<KeptTask> KeepTask() RQ_REQUIRES(recordLock);
 
     // ---- steps of PerformTask ----
