@@ -132,9 +132,7 @@ Problem AudioTrack::Take(AVPacket* packet) {
 Problem AudioTrack::OnFrame(AVFrame& frame) {
     if (m_done || frame.sample_rate < 1) return std::nullopt;
     const AVRational base{1, frame.sample_rate};
-    const std::int64_t time_us = frame.best_effort_timestamp == AV_NOPTS_VALUE
-                                     ? m_nextTime_us
-                                     : TargetTime_us(frame.best_effort_timestamp, m_from.time_base);
+    const std::int64_t time_us = FrameTime_us(frame);
     m_nextTime_us = time_us + ToMicroseconds(frame.nb_samples, base);
     Reach(m_nextTime_us);
     if (m_cut.length_us && time_us >= *m_cut.length_us) {

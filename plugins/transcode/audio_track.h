@@ -45,8 +45,7 @@ class AudioTrack final : public Track {
     int m_inRate_Hz = 0;  // of what the filter was built for
     int m_inFormat = -1;
     int m_inChannels = 0;
-    std::int64_t m_nextTime_us = 0;  // of a frame that does not tell its own
-    std::int64_t m_samples = 0;      // given to the encoder
+    std::int64_t m_samples = 0;  // given to the encoder
     bool m_done = false;
 };
 

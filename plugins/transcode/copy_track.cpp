@@ -25,8 +25,8 @@ Problem CopyTrack::Begin() {
     if (!m_target.Takes(m_from.codecpar->codec_id))
         return m_target.Fail(
             task::kErrorProcessing, isVideo ? Detail::kMuxerRefusesVideo : Detail::kMuxerRefusesAudio,
-            std::string("the container does not take ") + avcodec_get_name(m_from.codecpar->codec_id) +
-                "; encode it, or choose another");
+            m_target.Container() + " does not take " + avcodec_get_name(m_from.codecpar->codec_id) +
+                "; encode it, or choose another container");
     m_to = m_target.AddStream();
     if (m_to == nullptr || !m_packet || avcodec_parameters_copy(m_to->codecpar, m_from.codecpar) < 0 ||
         !CopySideData(m_from, *m_to))

@@ -30,32 +30,38 @@ Problem Decoder::Open() {
     return std::nullopt;
 }
 
-Problem Decoder::Damage(const std::string& words) const {
+Problem Decoder::Damage(Detail detail, const std::string& words) const {
     if (m_ignoreDamage || !m_hasFrames) return std::nullopt;
-    return Fail(task::kErrorSourceDamaged, IsVideo() ? Detail::kDecodeVideo : Detail::kDecodeAudio,
+    return Fail(task::kErrorSourceDamaged, detail,
                 std::string(IsVideo() ? "the video" : "the audio") + " is damaged: " + words);
+}
+
+std::string Decoder::Incomplete() {
+    const std::string line = AvLog::TakeError();
+    return "a frame is incomplete" + (line.empty() ? "" : " (" + line + ")");
 }
 
 Problem Decoder::Decode(const AVPacket* packet, const OnFrame& onFrame) {
     if (packet != nullptr && (packet->flags & AV_PKT_FLAG_CORRUPT) != 0)
-        if (Problem problem = Damage("a packet is cut short")) return problem;
+        if (Problem problem = Damage(Detail::kSourceRead, "a packet is cut short")) return problem;
+    const Detail broken = IsVideo() ? Detail::kDecodeVideo : Detail::kDecodeAudio;
     int code = avcodec_send_packet(m_codec.get(), packet);
     if (code == AVERROR_EXIT || code == AVERROR(ENOMEM))
         return Fail(task::kErrorProcessing, Detail::kNoMemory, AvWordsWithLog(code));
     if (code < 0 && code != AVERROR_EOF)
-        if (Problem problem = Damage(AvWordsWithLog(code))) return problem;
+        if (Problem problem = Damage(broken, AvWordsWithLog(code))) return problem;
     for (;;) {
         code = avcodec_receive_frame(m_codec.get(), m_frame.get());
         if (code == AVERROR(EAGAIN) || code == AVERROR_EOF) return std::nullopt;
         if (code < 0) {
-            if (Problem problem = Damage(AvWordsWithLog(code))) return problem;
+            if (Problem problem = Damage(broken, AvWordsWithLog(code))) return problem;
             if (packet != nullptr) return std::nullopt;
             continue;  // a flush goes on behind the damage, to the end
         }
         const bool isWhole =
             m_frame->decode_error_flags == 0 && (m_frame->flags & AV_FRAME_FLAG_CORRUPT) == 0;
         if (!isWhole)
-            if (Problem problem = Damage("a frame is incomplete")) return problem;
+            if (Problem problem = Damage(broken, Incomplete())) return problem;
         m_hasFrames = true;
         Problem problem = onFrame(*m_frame);
         av_frame_unref(m_frame.get());

@@ -26,7 +26,8 @@ class Decoder {
   private:
     bool IsVideo() const { return m_stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO; }
     Failure Fail(std::int32_t errorCode, Detail detail, const std::string& words) const;
-    Problem Damage(const std::string& words) const;
+    Problem Damage(Detail detail, const std::string& words) const;
+    static std::string Incomplete();
 
     const Source& m_source;
     const AVStream& m_stream;

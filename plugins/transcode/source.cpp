@@ -146,7 +146,7 @@ AVRational Source::FrameRate() const {
 }
 
 std::int64_t Source::Start_us() const {
-    return m_format->start_time == AV_NOPTS_VALUE ? 0 : m_format->start_time;
+    return HasTimes() ? m_format->start_time : 0;
 }
 
 std::int64_t Source::Length_us(const AVStream* stream) const {
@@ -175,7 +175,7 @@ int Source::Read(AVPacket* packet) {
 Problem Source::SeekBefore(std::int64_t time_us) {
     const bool hasIndex = (m_format->iformat->flags & AVFMT_TS_DISCONT) == 0;
     const std::int64_t place_us = time_us - (hasIndex ? kRunUp_us : kRunUpWithoutIndex_us);
-    if (place_us <= 0) return std::nullopt;
+    if (place_us <= 0 || !HasTimes()) return std::nullopt;
     const std::int64_t to = Start_us() + place_us;
     const int code = avformat_seek_file(m_format, -1, INT64_MIN, to, to, 0);
     if (code >= 0) return std::nullopt;

@@ -35,6 +35,8 @@ class Source {
 
     // Frames per second of the video, 0/1 without.
     AVRational FrameRate() const;
+    // Whether the packets tell their times. Raw streams have none: their frames only follow each other.
+    bool HasTimes() const { return m_format->start_time != AV_NOPTS_VALUE; }
     // Time of the beginning on the source's own time line.
     std::int64_t Start_us() const;
     // Length as the file tells it, of the stream when it says so; -1 when only guessed or not known.

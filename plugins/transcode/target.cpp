@@ -46,6 +46,7 @@ std::int64_t Target::OnSeek(void* self, std::int64_t offset, int whence) {
 }
 
 Problem Target::Open(const std::string& container) {
+    m_container = container;
     const char* name = container == "mp4" ? "mp4" : "matroska";
     if (avformat_alloc_output_context2(&m_format, nullptr, name, nullptr) < 0)
         return Fail(task::kErrorProcessing, Detail::kMuxerMissing,

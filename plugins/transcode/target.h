@@ -41,6 +41,7 @@ class Target {
     std::int64_t End_us() const;
 
     const std::string& Path() const { return m_path; }
+    const std::string& Container() const { return m_container; }
     Failure Fail(std::int32_t errorCode, Detail detail, const std::string& words) const;
 
   private:
@@ -55,6 +56,7 @@ class Target {
     Problem Look(int code);
 
     std::string m_path;
+    std::string m_container;
     task::Publication& m_file;
     std::int64_t m_offset_bytes = 0;
     std::uint32_t m_systemCode = 0;  // of the first write that failed

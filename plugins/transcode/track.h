@@ -31,9 +31,9 @@ class Track {
     // Before the header: makes the target's stream.
     virtual Problem Begin() = 0;
     // After the source was positioned.
-    virtual Problem SetCut(const Cut& cut) {
+    void SetCut(const Cut& cut) {
         m_cut = cut;
-        return std::nullopt;
+        m_nextTime_us = m_source.Start_us() - cut.base_us;
     }
     // The packet stays the caller's.
     virtual Problem Take(AVPacket* packet) = 0;
@@ -53,6 +53,11 @@ class Track {
     std::int64_t TargetTime_us(std::int64_t time, AVRational base) const {
         return ToMicroseconds(time, base) - m_cut.base_us;
     }
+    // Time of a decoded frame; of one that tells none, the end of the one before.
+    std::int64_t FrameTime_us(const AVFrame& frame) const {
+        if (!m_source.HasTimes() || frame.best_effort_timestamp == AV_NOPTS_VALUE) return m_nextTime_us;
+        return TargetTime_us(frame.best_effort_timestamp, m_from.time_base);
+    }
     void Reach(std::int64_t end_us) {
         if (end_us > m_reached_us) m_reached_us = end_us;
     }
@@ -67,6 +72,7 @@ class Track {
     bool m_ignoreDamage;
     AVStream* m_to = nullptr;
     Cut m_cut;
+    std::int64_t m_nextTime_us = 0;  // end of the last decoded frame, in the target's time
 
   private:
     std::int64_t m_reached_us = 0;

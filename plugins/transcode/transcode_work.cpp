@@ -56,10 +56,7 @@ TranscodeWork::TranscodeWork(TranscodeRecord& record, plugin::Run& run, const pl
 
 plugin::Outcome TranscodeWork::Do() {
     const AvLog log(m_host);
-    const plugin::Outcome outcome = Conclude(Transcode());
-    m_video.reset();
-    m_audio.reset();
-    return outcome;
+    return Conclude(Transcode());
 }
 
 Problem TranscodeWork::Transcode() {
@@ -99,8 +96,14 @@ Problem TranscodeWork::ChooseStreams() {
     if (m_task.video.handling == Handling::kNone) m_source.DropVideo();
     if (m_task.audio.handling == Handling::kNone) m_source.DropAudio();
     if (m_source.Video() != nullptr || m_source.Audio() != nullptr) return std::nullopt;
+    if (m_task.video.handling == Handling::kNone)
+        return FailureOf(task::kErrorSourceLacksStream, Detail::kNoAudioInSource,
+                         m_task.source + ": the source has no audio");
+    if (m_task.audio.handling == Handling::kNone)
+        return FailureOf(task::kErrorSourceLacksStream, Detail::kNoVideoInSource,
+                         m_task.source + ": the source has no video");
     return FailureOf(task::kErrorSourceLacksStream, Detail::kNoVideoInSource,
-                     m_task.source + ": the source has nothing of what is asked for");
+                     m_task.source + ": the source has neither video nor audio");
 }
 
 Problem TranscodeWork::FromPublishing(const task::PublishFailure& failure) const {
@@ -167,8 +170,7 @@ Problem TranscodeWork::MakeCut() {
     m_length_us = sourceLength_us < 0 ? -1 : sourceLength_us - begin_us;
     if (cut.length_us) m_length_us = m_length_us < 0 ? *cut.length_us : std::min(m_length_us, *cut.length_us);
     for (Track* track : {m_video.get(), m_audio.get()}) {
-        if (track == nullptr) continue;
-        if (Problem problem = track->SetCut(cut)) return problem;
+        if (track != nullptr) track->SetCut(cut);
     }
     m_watch.Begin(m_length_us, m_video ? av_q2d(rate) : kAudioUnits_per_s);
     return std::nullopt;

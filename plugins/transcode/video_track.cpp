@@ -200,9 +200,7 @@ Problem VideoTrack::Take(AVPacket* packet) {
 
 Problem VideoTrack::OnFrame(AVFrame& frame) {
     if (m_done) return std::nullopt;
-    const std::int64_t time_us = frame.best_effort_timestamp == AV_NOPTS_VALUE
-                                     ? m_nextTime_us
-                                     : TargetTime_us(frame.best_effort_timestamp, m_from.time_base);
+    const std::int64_t time_us = FrameTime_us(frame);
     m_nextTime_us = time_us + m_sourceFrame_us;
     Reach(m_nextTime_us);
     if (time_us < -m_sourceFrame_us / 2) return std::nullopt;

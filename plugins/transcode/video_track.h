@@ -61,8 +61,7 @@ class VideoTrack final : public Track {
 
     Frame m_pending{av_frame_alloc()};  // the picture to show next
     bool m_hasPending = false;
-    std::int64_t m_nextTime_us = 0;  // of a picture that does not tell its own
-    std::int64_t m_nextIndex = 0;    // first place on the grid that is not encoded yet
+    std::int64_t m_nextIndex = 0;  // first place on the grid that is not encoded yet
     bool m_done = false;
 };
 

@@ -1,0 +1,242 @@
+// Drives the transcode plug-in through its exported functions, as the worker does, and keeps what it says;
+// makes clips with the ffmpeg command and looks at results with ffprobe. For tests.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "rqworker/plugin.hpp"
+
+extern "C" {
+const RQPluginDescription* RQWorkerDescribe(const RQHostServices* host);
+int32_t RQWorkerInit(const void* parameter);
+int32_t RQWorkerAnalyseTask(RQText taskText, TaskInfo** taskInfo);
+int32_t RQWorkerPerformTask(TaskInfo* taskInfo, const volatile uint32_t* stopFlag,
+                            RQProgressCallback progress, void* context, const RQRunningParameter* parameter);
+int32_t RQWorkerRelease(void);
+}
+
+namespace rq::transcode {
+
+struct ProgressCall {
+    std::int64_t total;
+    std::int64_t done;
+};
+
+// What a command prints; a test failure when it fails.
+inline std::string OutputOf(const std::string& command) {
+    FILE* pipe = popen(command.c_str(), "r");
+    EXPECT_NE(pipe, nullptr);
+    std::string output;
+    char buffer[4096];
+    for (std::size_t n = 0; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, n);
+    EXPECT_EQ(pclose(pipe), 0) << command << "\n" << output;
+    return output;
+}
+
+class TranscodeDriver : public testing::Test {
+  protected:
+    TranscodeDriver() {
+        std::string name = (std::filesystem::temp_directory_path() / "plugin-transcode-XXXXXX").string();
+        EXPECT_NE(mkdtemp(name.data()), nullptr);
+        m_folder = name;
+        std::filesystem::create_directory(m_folder / "out");
+        m_host.size = sizeof m_host;
+        m_host.contractVersion = RQ_CONTRACT_VERSION;
+        m_host.context = this;
+        m_host.log = [](void* self, std::int32_t level, RQText text) {
+            auto& driver = *static_cast<TranscodeDriver*>(self);
+            const std::lock_guard<std::mutex> lock(driver.m_logMutex);
+            driver.m_log.push_back(std::to_string(level) + " " + std::string(plugin::View(text)));
+        };
+        m_description = RQWorkerDescribe(&m_host);
+        EXPECT_EQ(RQWorkerInit(nullptr), 0);
+    }
+    ~TranscodeDriver() override {
+        RQWorkerRelease();
+        RQWorkerDescribe(nullptr);
+        std::filesystem::remove_all(m_folder);
+    }
+
+    std::string PathOf(const std::string& name) const { return (m_folder / name).string(); }
+    // The target of most tests, alone in its folder.
+    std::string Target(const std::string& name) const { return (m_folder / "out" / name).string(); }
+    std::string Write(const std::string& name, const std::string& bytes) const {
+        std::ofstream(PathOf(name), std::ios::binary) << bytes;
+        return PathOf(name);
+    }
+    static std::string ReadWhole(const std::string& path) {
+        std::ostringstream text;
+        text << std::ifstream(path, std::ios::binary).rdbuf();
+        return text.str();
+    }
+    // Every name in the targets' folder, hidden ones too.
+    std::vector<std::string> Made() const {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(m_folder / "out"))
+            names.push_back(entry.path().filename().string());
+        return names;
+    }
+
+    // A clip made by the ffmpeg command from these arguments.
+    std::string Make(const std::string& name, const std::string& arguments) const {
+        const std::string path = PathOf(name);
+        OutputOf("cd '" + m_folder.string() + "' && ffmpeg -nostdin -v error -y " + arguments + " '" + path +
+                 "' 2>&1");
+        return path;
+    }
+    // Moving picture and tone, `seconds` long, 25 fps.
+    std::string MakeClip(const std::string& name, const std::string& seconds = "2",
+                         const std::string& codecs = "-c:v libx264 -preset ultrafast -g 25 -c:a aac") const {
+        return Make(name, "-f lavfi -i testsrc2=s=128x72:r=25:d=" + seconds +
+                              " -f lavfi -i sine=sample_rate=48000:d=" + seconds + " " + codecs);
+    }
+
+    static std::string TaskText(const std::string& source, const std::string& target,
+                                const std::string& more = {}, const std::string& inSource = {}) {
+        const std::string container = target.substr(target.rfind('.') + 1);
+        return "<TranscodeTask><ID>t 1</ID><Source><Path>" + source + "</Path>" + inSource +
+               "</Source><Target><Path>" + target + "</Path><Container>" + container + "</Container>" + more +
+               "</Target></TranscodeTask>";
+    }
+    // <Video> with fast settings and whatever else.
+    static std::string Video(const std::string& codec, const std::string& more = {}) {
+        const bool isH264 = codec == "h264" && more.find("<Preset>") == std::string::npos;
+        return "<Video><Codec>" + codec + "</Codec>" + (isH264 ? "<Preset>ultrafast</Preset>" : "") + more +
+               "</Video>";
+    }
+    static std::string Audio(const std::string& codec, const std::string& more = {}) {
+        return "<Audio><Codec>" + codec + "</Codec>" + more + "</Audio>";
+    }
+
+    std::int32_t Analyse(const std::string& text) {
+        m_info = nullptr;
+        m_progress.clear();
+        return RQWorkerAnalyseTask(plugin::Borrow(text), &m_info);
+    }
+    void Perform() {
+        RQStore32(&m_info->status, RQ_STATUS_RUNNING);
+        RQWorkerPerformTask(
+            m_info, &m_stop,
+            [](std::int64_t total, std::int64_t done, void* self) {
+                auto& driver = *static_cast<TranscodeDriver*>(self);
+                if (total == 0) {
+                    ++driver.m_signsOfLife;
+                } else {
+                    driver.m_progress.push_back({total, done});
+                }
+                if (driver.m_onProgress) driver.m_onProgress();
+                return 0u;
+            },
+            this, nullptr);
+    }
+    std::uint32_t Do(const std::string& text) {
+        if (Analyse(text) != 0) {
+            ADD_FAILURE() << LastLog();
+            return 99;
+        }
+        Perform();
+        return RQLoad32(&m_info->status);
+    }
+    // Finished, published once, nothing else left in the folder.
+    void ExpectDone(const std::string& text) {
+        EXPECT_EQ(Do(text), RQ_STATUS_FINISHED) << plugin::View(m_info->detailErrorText);
+        EXPECT_EQ(m_info->errorCode, 0);
+        EXPECT_EQ(Made().size(), 1u);
+        EXPECT_EQ(Count(Data().outputs), 1u);
+        EXPECT_EQ(Count(Data().verifications), 1u);
+    }
+    void ExpectFailure(const std::string& text, std::uint32_t errorCode, std::uint32_t detail) {
+        EXPECT_EQ(Do(text), RQ_STATUS_ERROR);
+        EXPECT_EQ(static_cast<std::uint32_t>(m_info->errorCode), errorCode) << Detail();
+        EXPECT_EQ(m_info->detailErrorCode, detail) << Detail();
+        EXPECT_FALSE(Detail().empty());
+        EXPECT_EQ(Count(Data().outputs), 0u);
+        EXPECT_EQ(Made(), std::vector<std::string>{});
+        EXPECT_EQ(LastLog(), "4 transcode: " + Detail());
+    }
+    std::string Detail() const { return std::string(plugin::View(m_info->detailErrorText)); }
+    std::string Further() const { return std::string(plugin::View(m_info->furtherText)); }
+    std::string LastLog() {
+        const std::lock_guard<std::mutex> lock(m_logMutex);
+        return m_log.empty() ? "" : m_log.back();
+    }
+
+    const RQTranscodeData& Data() const { return *static_cast<const RQTranscodeData*>(m_info->typeData); }
+    static std::uint32_t Count(const RQResultList* list) { return RQLoad32(&list->count); }
+    const RQTranscodeOutput& Output() const {
+        EXPECT_EQ(Count(Data().outputs), 1u);
+        return *static_cast<const RQTranscodeOutput*>(Data().outputs->items[0]);
+    }
+
+    // What ffprobe says: "streams.stream.0.codec_name" and so on; packets counted.
+    static std::map<std::string, std::string> Probe(const std::string& path) {
+        std::map<std::string, std::string> facts;
+        std::istringstream lines(OutputOf(
+            "ffprobe -v error -count_packets -show_streams -show_format -of flat '" + path + "' 2>&1"));
+        for (std::string line; std::getline(lines, line);) {
+            const std::size_t equals = line.find('=');
+            if (equals == std::string::npos) continue;
+            std::string value = line.substr(equals + 1);
+            value.erase(std::remove(value.begin(), value.end(), '"'), value.end());
+            facts[line.substr(0, equals)] = value;
+        }
+        return facts;
+    }
+    // Every picture of the file, as its mean luminance (16 is black, 235 white).
+    static std::vector<int> Greys(const std::string& path) {
+        const std::string bytes = OutputOf("ffmpeg -nostdin -v error -i '" + path +
+                                           "' -vsync passthrough -vf scale=1:1:flags=area,format=gray "
+                                           "-f rawvideo -map 0:v - ");
+        std::vector<int> greys;
+        for (const char byte : bytes)
+            greys.push_back((static_cast<unsigned char>(byte) * 219 + 127) / 255 + 16);
+        return greys;
+    }
+    // That another decoder finds nothing wrong with the file.
+    static void ExpectPlayable(const std::string& path) {
+        EXPECT_EQ(OutputOf("ffmpeg -nostdin -v error -xerror -i '" + path + "' -f null - 2>&1"), "");
+    }
+
+    // Never back, never over the total, and at the end there.
+    void ExpectWholeProgress() const {
+        ASSERT_FALSE(m_progress.empty());
+        double last = 0;
+        std::int64_t lastDone = 0;
+        for (const ProgressCall& call : m_progress) {
+            EXPECT_GE(call.done, lastDone);
+            EXPECT_LE(call.done, call.total);
+            const double percent = static_cast<double>(call.done) / static_cast<double>(call.total);
+            EXPECT_GE(percent, last);
+            last = percent;
+            lastDone = call.done;
+        }
+        EXPECT_EQ(last, 1.0);
+    }
+
+    std::filesystem::path m_folder;
+    RQHostServices m_host{};
+    const RQPluginDescription* m_description = nullptr;
+    TaskInfo* m_info = nullptr;
+    volatile std::uint32_t m_stop = RQ_STOP_NONE;
+    std::vector<ProgressCall> m_progress;
+    int m_signsOfLife = 0;
+    std::function<void()> m_onProgress;
+    std::mutex m_logMutex;  // FFmpeg's threads log too
+    std::vector<std::string> m_log;
+};
+
+}  // namespace rq::transcode
