@@ -7,6 +7,7 @@
 #include "ctl/commands.h"
 #include "platform/environment.h"
 #include "platform/identity.h"
+#include "platform/start_up.h"
 
 namespace {
 
@@ -108,6 +109,7 @@ Outcome<int> Run(const CLI::App& app, const CommandLine& line) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    rq::platform::OpenStandardStreams();
     CLI::App app("Submits, lists, watches and cancels tasks of the local engine.", "rqctl");
     CommandLine line;
     AddCommands(app, line);

@@ -14,6 +14,7 @@
 #include "platform/environment.h"
 #include "platform/files.h"
 #include "platform/identity.h"
+#include "platform/start_up.h"
 
 namespace {
 
@@ -81,6 +82,7 @@ int Serve(Engine& engine) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    rq::platform::OpenStandardStreams();
     CLI::App app("The local engine: queues tasks, starts a worker for each, keeps what happened.",
                  "rqengine");
     EngineSettings settings;

@@ -19,7 +19,7 @@ using EngineMessageHandler = void (*)(std::uint32_t id, const void* payload, voi
 struct EngineClientSetup {
     void* context = nullptr;
     EngineMessageHandler handler = nullptr;
-    std::wstring logFile;  // where connects, losses and refused frames are logged
+    std::wstring logFile = L"RQCommunicate.log";  // where connects, losses and refused frames are logged
 };
 
 struct EngineEndpoint {

@@ -17,7 +17,7 @@ constexpr int kMilestone = 1;
 constexpr int kInformation = 2;
 constexpr int kWarning = 3;
 
-// Status 23 instead of type 23 is what this test has always looked for; type 23 is waited for like any other.
+// The test looks for status 23, not for type 23, which is waited for like any other. Kept so.
 constexpr std::uint32_t kPackageStatus = 23;
 
 std::string CloseLine(const std::string& taskId, std::uint32_t mode, std::int32_t wait_s) {

@@ -6,11 +6,11 @@
 #include "base/text.h"
 #include "platform/identity.h"
 #include "platform/process.h"
+#include "records/task_codes.h"
 #include "supervision/heartbeat_thread.h"
 #include "supervision/status_report.h"
 #include "util/utility.h"
 #include "util/worker_util.h"
-#include "worker/task_types.h"
 #include "worker/worker_base.h"
 
 namespace rq {

@@ -11,10 +11,15 @@ void RunnerSlot::Put(std::unique_ptr<IWorkRunner> runner) {
 }
 
 std::shared_ptr<IWorkRunner> RunnerSlot::Borrow() {
-    Signal::Hold hold(m_returned);
-    if (!m_runner) return nullptr;
-    ++m_borrowed;
-    return {m_runner.get(), [this](IWorkRunner*) { Return(); }};
+    IWorkRunner* runner = nullptr;
+    {
+        Signal::Hold hold(m_returned);
+        if (!m_runner) return nullptr;
+        ++m_borrowed;
+        runner = m_runner.get();
+    }
+    // Outside the lock: when memory for the pointer is short, its deleter runs here and takes the lock.
+    return {runner, [this](IWorkRunner*) { Return(); }};
 }
 
 std::unique_ptr<IWorkRunner> RunnerSlot::Withdraw() {

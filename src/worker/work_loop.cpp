@@ -2,10 +2,10 @@
 #include <chrono>
 
 #include "base/result.h"
+#include "records/task_codes.h"
 #include "supervision/progress_thread.h"
 #include "util/utility.h"
 #include "util/worker_util.h"
-#include "worker/task_types.h"
 #include "worker/worker_base.h"
 
 namespace rq {
@@ -83,6 +83,7 @@ std::int32_t CRQWorkerBase::DoWork(const std::string& text, std::int32_t type) {
 }
 
 std::int32_t CRQWorkerBase::DoWorkOne() {
+    JoinProgressThread();  // for callers other than DoWork, which has done so
     Log(1, "Start do work..");
     {
         // A notification that the earlier task's thread never waited for would cut this one's first wait

@@ -82,6 +82,9 @@ class CRQWorkerBase final : public IWorkerCore {
     // Reports a TaskStatus to the engine: 0, or -1 without a runner (supervision/status_report.h).
     std::int32_t thread_get_status(std::uint32_t status);
 
+    // The start record's callback: kept, and never called by the worker itself. Null before Init.
+    SupervisionCallback Supervision() const { return m_supervisionCallback; }
+
     void AddTask(std::string text);
     std::int32_t UpdateTask(const std::string& text);
     std::int32_t SetClose(std::uint32_t mode) override;
@@ -159,7 +162,7 @@ class CRQWorkerBase final : public IWorkerCore {
     Mutex m_sendLock;
     std::atomic<bool> m_exit = false;
     bool m_noticeSent = false;
-    SupervisionCallback m_supervisionCallback = nullptr;  // kept for whoever asks; never called by the worker
+    SupervisionCallback m_supervisionCallback = nullptr;  // see Supervision()
     std::string m_workerGuid RQ_GUARDED_BY(m_textLock);
     std::string m_taskId RQ_GUARDED_BY(m_textLock);
     std::atomic<bool> m_working = false;
