@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <regex>
+#include <algorithm>
 
 #include "base/paths.h"
 #include "kit/child.h"
@@ -11,6 +11,15 @@
 
 namespace rq {
 namespace {
+
+// Each address ("0x" and its digits) becomes "@".
+std::string WithoutAddresses(std::string text) {
+    for (auto at = text.find("0x"); at != std::string::npos; at = text.find("0x", at)) {
+        const auto end = std::min(text.find_first_not_of("0123456789abcdef", at + 2), text.size());
+        text.replace(at, end - at, "@");
+    }
+    return text;
+}
 
 class ProgramTest : public ::testing::Test {
   protected:
@@ -26,7 +35,7 @@ class ProgramTest : public ::testing::Test {
         EXPECT_EQ(child.ExitCode(), 0) << child.Errors();
         const auto text = platform::GbkToUtf8(child.Output());
         EXPECT_TRUE(text) << "not GBK";
-        return std::regex_replace(text.value_or(""), std::regex("0x[0-9a-f]+"), "@");
+        return WithoutAddresses(text.value_or(""));
     }
     std::string Log() const {
         std::string all;
@@ -113,7 +122,7 @@ TEST_F(RestartTest, StartsACopyWithoutArgumentsAndAborts) {
     kit::Child child(m_program, {"time-out"}, m_options);
     EXPECT_EQ(child.ExitCode(), 1000 + SIGABRT);
     EXPECT_EQ(child.Errors(), "") << "a wanted abort says nothing";
-    EXPECT_TRUE(kit::WaitForText(m_dir.Path() / PathFromUtf8("重启 worker.ran"), "started again"));
+    EXPECT_TRUE(kit::WaitForText(m_dir.Path() / PathFromUtf8("重启 worker.ran"), "1\n"));
 }
 
 TEST_F(RestartTest, WithoutTheLockFileTheExceptionEndsTheProcess) {
