@@ -1,6 +1,7 @@
 // Connecting, the handshake, the log, the interface's form.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -174,6 +175,27 @@ TEST(EngineClientConnect, ConnectsAgainAfterALossAndAfterDisconnect) {
     EXPECT_EQ(handled[0].id, TCP_SERVER_DISCONNECT_ID);
     EXPECT_EQ(handled[0].sessionId, 1u);
     EXPECT_EQ(handled[1].sessionId, 3u);
+}
+
+// How many sockets a program started by this process gets from it.
+std::ptrdiff_t InheritedSockets(const kit::TempDir& folder) {
+    const std::filesystem::path list = folder.Path() / "handles.txt";
+    EXPECT_EQ(std::system(("ls -l /proc/self/fd > '" + list.string() + "'").c_str()), 0);
+    const std::string text = LogText(list);
+    std::ptrdiff_t count = 0;
+    for (std::size_t at = text.find("socket:"); at != std::string::npos; at = text.find("socket:", at + 1))
+        ++count;
+    return count;
+}
+
+TEST(EngineClientConnect, TheConnectionIsNotInheritedByChildren) {
+    if (!std::filesystem::exists("/proc/self/fd")) GTEST_SKIP() << "no list of handles here";
+    kit::TempDir folder;
+    const std::ptrdiff_t before = InheritedSockets(folder);
+    kit::ScriptedEngine engine;
+    TestClient test;
+    ASSERT_EQ(test.Connect(engine.Port()), 1u);
+    EXPECT_EQ(InheritedSockets(folder), before);
 }
 
 TEST(EngineClientConnect, TheLogHoldsConnectsLossesAndAtItsDebugLevelFrames) {

@@ -16,7 +16,7 @@ constexpr std::uint8_t kBodyTag = 4 << 3 | 2;
 // Tags, three longest varints and the longest length: what a frame has besides its body, at most.
 constexpr std::size_t kLongestHead_bytes = 4 + 10 + 10 + 5 + 5;
 // What the reader keeps of a consumed buffer before it moves the rest to the front.
-constexpr std::size_t kCompactAt_bytes = 64 * 1024;
+constexpr std::size_t kCompactAt_bytes = std::size_t{64} * 1024;
 
 void PutNumber(std::string& out, std::uint8_t tag, std::uint64_t value) {
     if (value == 0) return;

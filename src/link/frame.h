@@ -13,9 +13,9 @@ namespace rq::link {
 
 inline constexpr std::size_t kLengthBytes = 4;
 // Largest value of the length field.
-inline constexpr std::size_t kFrameLimit_bytes = 16u * 1024 * 1024;
+inline constexpr std::size_t kFrameLimit_bytes = std::size_t{16} * 1024 * 1024;
 // The same for the first frame of a side, before anyone has shown a token.
-inline constexpr std::size_t kHandshakeLimit_bytes = 64u * 1024;
+inline constexpr std::size_t kHandshakeLimit_bytes = std::size_t{64} * 1024;
 
 // Ids below 4000 are the link's own: they never reach a handler and have seq 0.
 enum ControlId : std::uint32_t {

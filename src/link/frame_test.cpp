@@ -20,7 +20,7 @@ void ExpectEqual(const Frame& left, const Frame& right) {
     EXPECT_EQ(left.body, right.body);
 }
 
-std::string WithLength(std::string bytes) {
+std::string WithLength(const std::string& bytes) {
     std::string out;
     for (int i = 0; i < 4; ++i) out.push_back(static_cast<char>(bytes.size() >> (8 * i) & 0xFF));
     return out + bytes;
@@ -133,7 +133,8 @@ TEST(Frame, SurvivesBitFlipsInAValidStream) {
         stream += Encoded({seq, seq, 4008, std::string(seq * 3, 'p')});
     for (int round = 0; round < 3000; ++round) {
         std::string broken = stream;
-        broken[random() % broken.size()] ^= static_cast<char>(1u << random() % 8);
+        char& byte = broken[random() % broken.size()];
+        byte = static_cast<char>(byte ^ (1 << random() % 8));
         FrameReader reader;
         reader.Feed(broken);
         Frame frame;

@@ -7,7 +7,7 @@ namespace rq::link {
 namespace {
 
 // A batch is closed when it has reached this size.
-constexpr std::size_t kBatch_bytes = 256u * 1024;
+constexpr std::size_t kBatch_bytes = std::size_t{256} * 1024;
 // What an order costs in memory besides its body, for the bound on waiting orders.
 constexpr std::size_t kOrderOverhead_bytes = 256;
 
@@ -41,11 +41,11 @@ void Session::OnBytes(std::string_view bytes, SteadyTime now) {
             Note(LogLevel::Debug, "in " + IdText(frame.id) + " seq " + std::to_string(frame.seq) + " ack " +
                                       std::to_string(frame.ack) + " body " +
                                       std::to_string(frame.body.size()));
-        OnFrame(std::move(frame));
+        OnFrame(frame);
     }
 }
 
-void Session::OnFrame(Frame frame) {
+void Session::OnFrame(const Frame& frame) {
     const bool isControl = frame.id < TCP_WORKER_HEARTBEAT_ID;
     if (frame.id == 0) return Close("the engine sent a frame with the id 0");
     if (isControl != (frame.seq == 0))
@@ -55,7 +55,7 @@ void Session::OnFrame(Frame frame) {
     if (isControl)
         OnControl(frame);
     else
-        OnNumbered(std::move(frame));
+        OnNumbered(frame);
 }
 
 void Session::OnHandshakeFrame(const Frame& frame) {
@@ -107,7 +107,7 @@ void Session::OnControl(const Frame& frame) {
     }
 }
 
-void Session::OnNumbered(Frame frame) {
+void Session::OnNumbered(const Frame& frame) {
     if (m_state == State::Ending) return;  // dropped, and not acknowledged
     if (frame.seq <= m_lastReceived)
         return Note(LogLevel::Warning,

@@ -21,10 +21,10 @@
 namespace rq::link {
 
 struct SessionLimits {
-    std::chrono::milliseconds connect{5'000};      // TCP connection and handshake together
-    std::chrono::milliseconds write{10'000};       // one write
-    std::size_t queue_bytes = 64u * 1024 * 1024;   // own messages that wait to be written
-    std::size_t orders_bytes = 64u * 1024 * 1024;  // orders that the handler has not taken yet
+    std::chrono::milliseconds connect{5'000};                  // TCP connection and handshake together
+    std::chrono::milliseconds write{10'000};                   // one write
+    std::size_t queue_bytes = std::size_t{64} * 1024 * 1024;   // own messages that wait to be written
+    std::size_t orders_bytes = std::size_t{64} * 1024 * 1024;  // orders that the handler has not taken yet
 };
 
 enum class LogLevel { Debug, Info, Warning };
@@ -102,11 +102,11 @@ class Session {
         std::size_t cost_bytes;
     };
 
-    void OnFrame(Frame frame);
+    void OnFrame(const Frame& frame);
     void OnHandshakeFrame(const Frame& frame);
     void OnWelcome(const Frame& frame);
     void OnControl(const Frame& frame);
-    void OnNumbered(Frame frame);
+    void OnNumbered(const Frame& frame);
     void OnOrder(const Frame& frame);
     bool TakePeerAck(std::uint64_t ack);
     std::uint64_t OwnAck() const;

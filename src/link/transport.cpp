@@ -8,6 +8,8 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/inherit.h"
+
 namespace rq::link {
 
 namespace asio = boost::asio;
@@ -65,15 +67,17 @@ void Connection::Open(const std::string& address, std::uint16_t port) {
 
 void Connection::ConnectTo(const Resolved& endpoints) {
     if (m_listener == nullptr) return;
-    asio::async_connect(m_socket, endpoints,
-                        [self = shared_from_this()](const Error& error, const tcp::endpoint&) {
-                            if (error) return self->Fail("connect", error);
-                            if (self->m_listener == nullptr) return;
-                            Error ignored;
-                            self->m_socket.set_option(tcp::no_delay(true), ignored);
-                            self->Read();
-                            self->m_listener->OnConnected();
-                        });
+    asio::async_connect(
+        m_socket, endpoints, [self = shared_from_this()](const Error& error, const tcp::endpoint&) {
+            if (error) return self->Fail("connect", error);
+            if (self->m_listener == nullptr) return;
+            Error ignored;
+            self->m_socket.set_option(tcp::no_delay(true), ignored);
+            // Else a program that a plug-in started would keep the connection open after the worker's end.
+            platform::KeepFromChildren(static_cast<std::uintptr_t>(self->m_socket.native_handle()));
+            self->Read();
+            self->m_listener->OnConnected();
+        });
 }
 
 void Connection::Read() {

@@ -86,7 +86,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     boost::asio::ip::tcp::resolver m_resolver;
     boost::asio::steady_timer m_timer;
     std::optional<SteadyTime> m_timerAt;
-    std::array<char, 64 * 1024> m_input{};
+    std::array<char, std::size_t{64} * 1024> m_input{};
     std::string m_output;
 };
 

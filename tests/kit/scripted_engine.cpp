@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "base/sync.h"
+#include "platform/inherit.h"
 
 namespace rq::kit {
 
@@ -29,7 +30,7 @@ struct Peer {
     tcp::socket socket;
     std::size_t number;
     FrameReader reader;
-    std::array<char, 64 * 1024> input{};
+    std::array<char, std::size_t{64} * 1024> input{};
     std::deque<std::string> output;
     std::uint64_t received = 0;  // the worker's seq
     std::uint64_t firstHeldFinal = 0;
@@ -54,6 +55,7 @@ struct ScriptedEngine::State {
     explicit State(ScriptedEngineOptions given)
         : options(std::move(given)),
           acceptor(io, tcp::endpoint(asio::ip::address_v4::loopback(), options.port)) {
+        platform::KeepFromChildren(static_cast<std::uintptr_t>(acceptor.native_handle()));
         Accept();
         thread = std::thread([this] { io.run(); });
     }
@@ -67,6 +69,7 @@ struct ScriptedEngine::State {
             if (error) return;
             error_code ignored;
             socket.set_option(tcp::no_delay(true), ignored);
+            platform::KeepFromChildren(static_cast<std::uintptr_t>(socket.native_handle()));
             auto peer = std::make_shared<Peer>(std::move(socket), ++connections);
             {
                 Signal::Hold hold(signal);
