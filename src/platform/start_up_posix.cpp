@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 
+#include <initializer_list>
+
 namespace rq::platform {
 
 // open takes the lowest free number, so a closed stream gets its own back.
