@@ -205,6 +205,7 @@ class Orders(WorkerCase):
         link, _ = engine.welcome()
         guid = link.wait_for(peer.ID_NOTICE).body["worker_guid"].decode()
         link.wait_for(is_status(3))
+        link.wait_for(peer.ID_PROGRESS)  # from here on the plug-in works on its text, and an update comes too late
         self.assertEqual(self.answer(link, 4004, order(), 4005, "任务已暂停"), guid)
         self.assertEqual(self.answer(link, 4006, order(), 4007, "任务已恢复"), guid)
         text = peer.md5_text("T-9", "/nowhere") + "\nleft over"
