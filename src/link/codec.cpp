@@ -211,6 +211,9 @@ Result<Order> DecodeCommand(std::uint32_t id, std::string_view body) {
                         " bytes, not 16");
         std::copy(in.uuid().begin(), in.uuid().end(), command.uuid.begin());
     }
+    if (in.task_ids_size() > kTaskIdsLimit)
+        return Fail(IdText(id) + " names " + std::to_string(in.task_ids_size()) + " tasks; at most " +
+                    std::to_string(kTaskIdsLimit) + " are taken");
     command.text = in.text();
     command.taskIds.assign(in.task_ids().begin(), in.task_ids().end());
     return Result<Order>(boost::system::in_place_value, std::move(command));

@@ -95,6 +95,8 @@ bool IsOrderId(std::uint32_t id);
 Result<std::string> EncodeTaskText(std::string_view text);
 // The body of 4002, 4004, 4006 and 4019.
 std::string EncodeTaskCommand(const TaskCommand& command);
+// More task IDs than these make an order that cannot be decoded.
+inline constexpr int kTaskIdsLimit = 10'000;
 // Any order under its id; an error when the two do not belong together.
 Result<std::string> EncodeOrder(std::uint32_t id, const Order& order);
 Result<Order> DecodeOrder(std::uint32_t id, std::string_view body);

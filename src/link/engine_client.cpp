@@ -90,9 +90,16 @@ std::uint32_t EngineClient::AwaitConnect(const std::string& where) {
     std::uint32_t sessionId = kNoSession;
     std::string reason;
     {
-        // The I/O thread decides at the latest when the time for connecting has passed.
+        // The I/O thread decides at the latest when the time for connecting has passed; the second more is
+        // for the case that it cannot.
+        const SteadyTime last = Now() + m_options.limits.connect + std::chrono::seconds(1);
         Signal::Hold hold(m_connectSignal);
-        while (!m_connectOutcome) m_connectSignal.WaitFor(hold, m_options.limits.connect);
+        while (!m_connectOutcome && m_connectSignal.WaitUntil(hold, last)) {
+        }
+        if (!m_connectOutcome) {
+            m_connectOutcome = kNoSession;
+            m_connectReason = "no outcome in time";
+        }
         sessionId = *m_connectOutcome;
         reason = m_connectReason;
     }

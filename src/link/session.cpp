@@ -59,6 +59,7 @@ void Session::OnFrame(const Frame& frame) {
 }
 
 void Session::OnHandshakeFrame(const Frame& frame) {
+    if (!TakePeerAck(frame.ack)) return;
     if (frame.id == kWelcomeId) return OnWelcome(frame);
     if (frame.id != kRefuseId) return Close("the engine answered HELLO with " + IdText(frame.id));
     const Result<Refuse> refuse = DecodeRefuse(frame.body);
@@ -119,6 +120,8 @@ void Session::OnNumbered(const Frame& frame) {
     if (IsOrderId(frame.id)) return OnOrder(frame);
     Note(LogLevel::Warning, "refused: unknown id " + std::to_string(frame.id) + ", " +
                                 std::to_string(frame.body.size()) + " bytes");
+    // The handler prints an id that it does not know and does nothing else. 12306 would mean a loss to it.
+    if (frame.id != TCP_SERVER_DISCONNECT_ID) Hand(frame, DestroyOrder{}, 0);
 }
 
 void Session::OnOrder(const Frame& frame) {
@@ -127,12 +130,19 @@ void Session::OnOrder(const Frame& frame) {
     if (const auto* text = std::get_if<TaskTextOrder>(&*order); text != nullptr && text->cut_bytes > 0)
         Note(LogLevel::Warning, "a zero byte in the text of " + IdText(frame.id) + ": " +
                                     std::to_string(text->cut_bytes) + " bytes cut off");
-    const std::size_t cost = frame.body.size() + kOrderOverhead_bytes;
+    // Texts in a list take more memory than bytes on the wire.
+    const auto* command = std::get_if<TaskCommand>(&*order);
+    const std::size_t list = command != nullptr ? command->taskIds.size() * sizeof(std::string) : 0;
+    Hand(frame, std::move(*order), list);
+}
+
+void Session::Hand(const Frame& frame, Order order, std::size_t extra_bytes) {
+    const std::size_t cost = frame.body.size() + kOrderOverhead_bytes + extra_bytes;
     if (m_outstanding_bytes + cost > m_limits.orders_bytes)
         return Close("too many orders wait for the handler");
     m_outstanding_bytes += cost;
     m_outstanding.push_back({frame.seq, cost});
-    m_events.emplace_back(OrderArrived{frame.seq, frame.id, std::move(*order)});
+    m_events.emplace_back(OrderArrived{frame.seq, frame.id, std::move(order)});
 }
 
 void Session::OnWritten(SteadyTime now) {

@@ -108,6 +108,8 @@ class Session {
     void OnControl(const Frame& frame);
     void OnNumbered(const Frame& frame);
     void OnOrder(const Frame& frame);
+    // Queues it for the handler; `extra_bytes` is memory beyond the body's.
+    void Hand(const Frame& frame, Order order, std::size_t extra_bytes);
     bool TakePeerAck(std::uint64_t ack);
     std::uint64_t OwnAck() const;
     void AppendFrame(std::string* out, std::uint64_t seq, std::uint32_t id, std::string_view body);

@@ -156,6 +156,8 @@ TEST(Session, AnUnknownNumberedFrameIsAcknowledgedInItsTurn) {
     f.Receive({3, 0, 4009, "an id that only a worker sends"});
     EXPECT_TRUE(f.Written().empty());  // 1 is not handed yet
     f.session.MarkHanded(1);
+    EXPECT_EQ(f.Written().at(0).ack, 1u);
+    f.session.MarkHanded(3);
     EXPECT_EQ(f.Written().at(0).ack, 3u);
     EXPECT_EQ(f.session.CurrentState(), Session::State::Open);
 }

@@ -128,9 +128,8 @@ bool ProgressWatch::IsStalled() const {
 }
 
 void ProgressWatch::HandleStall() {
-    Log(4, "Progress is not be updated for long time", "BASE");
-    m_core.SetClose(kClosePatrol);
-
+    // Everything that takes time comes before the close: the task's own final status, which the work loop sends
+    // as soon as the plug-in gives up, should find this one sent.
     auto message = MakeReport<EngineStateMessage>("state");
     TaskStatusEntry entry;
     entry.status = kTaskError;
@@ -139,6 +138,9 @@ void ProgressWatch::HandleStall() {
     entry.detailErrorText = ReportedErrorText(kStallDetailError, kFamilyCodec);
     entry.errorCode = kStallTaskError;
     entry.errorText = ReportedErrorText(kStallTaskError, kFamilyTask);
+
+    Log(4, "Progress is not be updated for long time", "BASE");
+    m_core.SetClose(kClosePatrol);
     if (const auto runner = m_core.Runner()) entry.result = runner->GetTaskResult(m_core.TaskType());
     entry.taskId = m_core.TaskId();
     message.entries.push_back(entry);

@@ -1,4 +1,6 @@
 // What the supervision and the engine's orders read and change of the core.
+#include <exception>
+#include <string>
 #include <utility>
 
 #include "base/result.h"
@@ -85,8 +87,14 @@ void CRQWorkerBase::ResumeTask() {
 
 boost::thread CRQWorkerBase::StartThread(std::uint32_t (*function)(IWorkerCore&)) {
     try {
-        return boost::thread([this, function] { function(*this); });
-    } catch (const boost::thread_resource_error& error) {
+        return boost::thread([this, function] {
+            try {
+                function(*this);
+            } catch (const std::exception& error) {
+                Log(5, std::string("A supervision thread ended by an exception: ") + error.what());
+            }
+        });
+    } catch (const std::exception& error) {
         Log(4, std::string("A supervision thread could not be started: ") + error.what());
         return {};
     }
