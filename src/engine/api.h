@@ -46,6 +46,8 @@ class Api {
     Api(boost::asio::io_context& io, Store& store, ApiHost& host, std::string token);
     ~Api();
 
+    // The answer to a request that names another host or lacks the token; its body need not be there yet.
+    std::optional<ApiResponse> Refuse(const ApiRequest& request) const;
     // `reply` is called exactly once, unless the Api is destroyed first.
     void Handle(const ApiRequest& request, Reply reply);
     // A task has new events.
@@ -62,7 +64,6 @@ class Api {
         Wait(boost::asio::io_context& io) : timer(io) {}
     };
 
-    std::optional<ApiResponse> Refuse(const ApiRequest& request) const;
     void Route(const ApiRequest& request, const Target& target, const Reply& reply);
     void RouteTask(const ApiRequest& request, const Target& target, const Reply& reply);
     ApiResponse Health();

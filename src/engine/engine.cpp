@@ -32,7 +32,7 @@ class EngineImpl final : public Engine, public ApiHost {
     explicit EngineImpl(const EngineSettings& settings) : m_settings(Completed(settings)) {}
 
     Result<void> Start();
-    void Run() override { m_io.run(); }
+    void Run() override;
     void RequestEnd() override {
         boost::asio::post(m_io, [this] { BeginEnd(); });
     }
@@ -94,6 +94,18 @@ Result<void> EngineImpl::Start() {
                 ", http 127.0.0.1:" + std::to_string(HttpPort()) + ", data " + m_settings.dataFolder);
     boost::asio::post(m_io, [this] { m_scheduler->Pump(); });
     return {};
+}
+
+// What a library throws ends the operation that it happened in, not the engine.
+void EngineImpl::Run() {
+    for (;;) {
+        try {
+            m_io.run();
+            return;
+        } catch (const std::exception& problem) {
+            m_log->Warn(std::string("an operation failed: ") + problem.what());
+        }
+    }
 }
 
 Result<void> EngineImpl::OpenStore() {

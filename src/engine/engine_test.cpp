@@ -470,6 +470,8 @@ TEST_F(EngineTest, HttpLimitsHold) {
     Start();
     ctl::HttpClient stranger(m_engine->HttpPort(), "wrong");
     EXPECT_EQ(stranger.Send("GET", "/api/v1/health")->status, 401u);
+    EXPECT_EQ(stranger.Send("POST", "/api/v1/tasks", std::string(1u << 20, ' '))->status, 401u);
+    EXPECT_EQ(stranger.Send("POST", "/api/v1/tasks", std::string(17u << 20, ' '))->status, 401u);
     EXPECT_EQ(m_http->Send("GET", "/api/v1/health")->status, 200u);
     EXPECT_EQ(m_http->Send("PUT", "/api/v1/health")->status, 405u);
     EXPECT_EQ(m_http->Send("GET", "/" + std::string(20'000, 'x'))->status, 431u);

@@ -1,6 +1,5 @@
 #include "engine/http_connection.h"
 
-#include <boost/asio/dispatch.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http.hpp>
@@ -39,44 +38,66 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
         m_parser->header_limit(kHeaderLimit_bytes);
         m_parser->body_limit(kBodyLimit_bytes);
         m_stream.expires_after(kRequestLimit);
-        http::async_read(m_stream, m_buffer, *m_parser,
-                         [self = shared_from_this()](const beast::error_code& error, std::size_t) {
-                             self->OnRead(error);
-                         });
+        http::async_read_header(m_stream, m_buffer, *m_parser,
+                                [self = shared_from_this()](const beast::error_code& error, std::size_t) {
+                                    self->OnHeader(error);
+                                });
     }
 
   private:
+    // Nobody gets a body read who has not shown the token.
+    void OnHeader(const beast::error_code& error) {
+        if (error) {
+            OnBadRequest(error);
+            return;
+        }
+        TakeHeader();
+        if (auto refusal = m_api.Refuse(m_request)) {
+            m_keepAlive = m_keepAlive && m_parser->is_done();
+            Write(std::move(*refusal));
+            return;
+        }
+        http::async_read(m_stream, m_buffer, *m_parser,
+                         [self = shared_from_this()](const beast::error_code& failed, std::size_t) {
+                             self->OnRead(failed);
+                         });
+    }
+
+    void TakeHeader() {
+        const auto& message = m_parser->get();
+        m_request = {};
+        m_request.method = std::string(message.method_string());
+        m_request.target = std::string(message.target());
+        m_request.host = Field(message, http::field::host);
+        m_request.authorization = Field(message, http::field::authorization);
+        m_request.contentType = Field(message, http::field::content_type);
+        m_isHead = message.method() == http::verb::head;
+        m_keepAlive = message.keep_alive();
+    }
+
     void OnRead(const beast::error_code& error) {
         if (error) {
             OnBadRequest(error);
             return;
         }
-        const auto& message = m_parser->get();
-        ApiRequest request;
-        request.method = std::string(message.method_string());
-        request.target = std::string(message.target());
-        request.host = Field(message, http::field::host);
-        request.authorization = Field(message, http::field::authorization);
-        request.contentType = Field(message, http::field::content_type);
-        m_isHead = message.method() == http::verb::head;
-        m_keepAlive = message.keep_alive();
-        request.body = m_parser->release().body();
+        m_request.body = m_parser->release().body();
         // The answer may take a while (an event poll); its own limits apply.
         m_stream.expires_never();
-        m_api.Handle(request,
+        m_api.Handle(m_request,
                      [self = shared_from_this()](ApiResponse response) { self->Write(std::move(response)); });
+        m_request.body = {};
     }
 
     // Says what was wrong when there is somebody to say it to, and closes.
     void OnBadRequest(const beast::error_code& error) {
         m_keepAlive = false;
         if (error == http::error::body_limit) {
-            Write(MakeError(413, "too-large", "the body is over 16 MiB"));
+            TakeHeader();
+            m_keepAlive = false;
+            auto refusal = m_api.Refuse(m_request);
+            Write(refusal ? std::move(*refusal) : MakeError(413, "too-large", "the body is over 16 MiB"));
         } else if (error == http::error::header_limit) {
             Write(MakeError(431, "header-too-large", "the header is over 16 KiB"));
-        } else if (error == beast::error::timeout && m_parser->got_some()) {
-            // The stream has closed the socket; there is no way to send an answer.
-            return;
         } else if (error.category() == http::make_error_code(http::error::bad_method).category() &&
                    error != http::error::end_of_stream && error != http::error::partial_message) {
             Write(MakeError(400, "bad-request", "not an HTTP request: " + error.message()));
@@ -130,6 +151,7 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
     std::function<void()> m_onGone;
     beast::flat_buffer m_buffer;
     std::optional<http::request_parser<http::string_body>> m_parser;
+    ApiRequest m_request;
     http::response<http::string_body> m_response;
     std::uint64_t m_drained = 0;
     bool m_isHead = false;
