@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <string>
 
 #include "worker/testing/worker_fixture.h"
 
@@ -10,6 +10,13 @@ namespace {
 using testing::Line;
 using testing::RunnerAnswers;
 using testing::WorkerFixture;
+
+// `text` with an "x" for each lower-case hexadecimal digit.
+std::string Shape(std::string text) {
+    for (char& c : text)
+        if (std::string("0123456789abcdef").find(c) != std::string::npos) c = 'x';
+    return text;
+}
 
 class Prepare : public WorkerFixture {
   protected:
@@ -37,8 +44,7 @@ TEST_F(Prepare, FirstTaskIsAnnounced) {
     const auto notice = Notices()[0].As<TaskNotice>();
     EXPECT_EQ(notice.version, "1.0");
     EXPECT_EQ(notice.taskId, "T1");
-    EXPECT_TRUE(std::regex_match(notice.workerGuid,
-                                 std::regex("[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}")));
+    EXPECT_EQ(Shape(notice.workerGuid), "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx");
     EXPECT_EQ(m_core->WorkerGuid(), notice.workerGuid);
     EXPECT_EQ(m_core->TaskId(), "T1");
 }
