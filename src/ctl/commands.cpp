@@ -38,21 +38,36 @@ std::string NameFrom(std::string text) {
     return std::string(CutUtf8(text, kNameLimit_bytes));
 }
 
+std::string FileName(const std::string& path) {
+    return Utf8FromPath(PathFromUtf8(path).filename());
+}
+
 std::string NameOf(const std::vector<Md5Job>& jobs) {
     const std::string more = jobs.size() > 1 ? " and " + std::to_string(jobs.size() - 1) + " more" : "";
-    const std::string first = Utf8FromPath(PathFromUtf8(jobs.front().path).filename());
+    const std::string first = FileName(jobs.front().path);
     return NameFrom(std::string(CutUtf8(first, kNameLimit_bytes - more.size())) + more);
 }
 
+std::uintmax_t TotalSize(const std::vector<Md5Job>& jobs) {
+    std::uintmax_t total_bytes = 0;
+    for (const auto& job : jobs) {
+        std::error_code unknown;
+        const auto size = std::filesystem::file_size(PathFromUtf8(job.path), unknown);
+        if (!unknown) total_bytes += size;
+    }
+    return total_bytes;
+}
+
 Outcome<int> Submit(const std::string& dataFolder, const std::string& type, const std::string& text,
-                    const std::string& name, const std::optional<Follow>& follow) {
+                    const std::string& name, const std::optional<Follow>& follow,
+                    std::uintmax_t work_bytes = 0) {
     auto engine = EngineAccess::Open(dataFolder);
     if (!engine) return engine.error();
     const json body = {{"type", type}, {"text", text}, {"name", name}};
     const auto answer = (*engine)->Post("/api/v1/tasks", body.dump());
     if (!answer) return answer.error();
     const std::string id = answer->value("id", "");
-    if (follow) return WatchTask(**engine, id, *follow);
+    if (follow) return WatchTask(**engine, id, *follow, work_bytes);
     Print(id + "\n");
     return kExitFinished;
 }
@@ -81,7 +96,18 @@ Outcome<int> SubmitMd5(const std::string& dataFolder, const std::vector<std::str
     if (!jobs) return Failure(kExitUsage, jobs.error().message);
     const std::string xml = BuildMd5TaskXml("md5-" + platform::RandomHex(8), *jobs);
     const std::string name = options.name.empty() ? NameOf(*jobs) : options.name;
-    return Submit(dataFolder, expected.empty() ? "mc" : "mv", xml, name, options.follow);
+    return Submit(dataFolder, expected.empty() ? "mc" : "mv", xml, name, options.follow, TotalSize(*jobs));
+}
+
+Outcome<int> SubmitTranscode(const std::string& dataFolder, const TranscodeOptions& transcode,
+                             const SubmitOptions& options) {
+    const auto prepared = PrepareTranscode(transcode);
+    if (!prepared) return Failure(kExitUsage, prepared.error().message);
+    const std::string xml = BuildTranscodeTaskXml("transcode-" + platform::RandomHex(8), *prepared);
+    const std::string name = options.name.empty()
+                                 ? NameFrom(FileName(prepared->source) + " to " + FileName(prepared->target))
+                                 : options.name;
+    return Submit(dataFolder, "tc", xml, name, options.follow);
 }
 
 Outcome<int> SubmitText(const std::string& dataFolder, const std::string& type, const std::string& textFile,

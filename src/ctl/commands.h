@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "ctl/engine_access.h"
+#include "ctl/transcode_task.h"
 #include "ctl/watch.h"
 
 namespace rq::ctl {
@@ -30,6 +31,8 @@ struct ShowOptions {
 // Files are looked at before the engine is asked.
 Outcome<int> SubmitMd5(const std::string& dataFolder, const std::vector<std::string>& files,
                        const std::vector<std::string>& expected, const SubmitOptions& options);
+Outcome<int> SubmitTranscode(const std::string& dataFolder, const TranscodeOptions& transcode,
+                             const SubmitOptions& options);
 // `textFile` is a path, or "-" for standard input.
 Outcome<int> SubmitText(const std::string& dataFolder, const std::string& type, const std::string& textFile,
                         const SubmitOptions& options);

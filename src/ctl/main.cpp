@@ -20,12 +20,44 @@ struct CommandLine {
     bool wait = false, watch = false;
     ListOptions list;
     ShowOptions show;
+    TranscodeOptions transcode;
 };
 
 void AddSubmitOptions(CLI::App* command, CommandLine& line) {
     command->add_option("--name", line.name, "A name for people, at most 200 bytes");
     command->add_flag("--wait", line.wait, "Wait for the end and print the result");
     command->add_flag("--watch", line.watch, "The same, with a progress bar");
+}
+
+// The values' texts go into the task as they are; the plug-in says what is wrong with them.
+void AddTranscode(CLI::App& submit, CommandLine& line) {
+    TranscodeOptions& to = line.transcode;
+    auto* command = submit.add_subcommand("transcode", "Make an MP4 or MKV file out of a media file");
+    command->fallthrough();
+    command->add_option("source", to.source, "File to read")->required()->type_name("SOURCE");
+    command->add_option("target", to.target, "File to make")->required()->type_name("TARGET");
+    command->add_option("--container", to.container, "mp4 or mkv; otherwise by TARGET's ending");
+    command->add_flag("--overwrite", to.overwrite, "Replace TARGET when it exists");
+    command->add_flag("--ignore-damage", to.ignoreDamage, "Go on after damage in SOURCE");
+    command->add_option("--in", to.in_s, "Where to begin, in seconds");
+    command->add_option("--out", to.out_s, "Where to end, in seconds");
+    command->add_option("--video", to.video,
+                        "h264, mpeg2video, copy or none; otherwise h264 if there is any");
+    command->add_option("--width", to.width_px, "Pixels, even; otherwise by the height or the source");
+    command->add_option("--height", to.height_px, "Pixels, even");
+    command->add_option("--fps", to.frameRate_fps, "Frames per second: 25, 23.976, 30000/1001");
+    command->add_option("--bitrate", to.videoBitRate_kbps, "Of the video, in 1000 bit/s");
+    command->add_option("--crf,--quality", to.quality,
+                        "Instead: h264 0 to 51, mpeg2video 1 to 31; less is better");
+    command->add_option("--preset", to.preset, "h264: ultrafast to placebo");
+    command->add_option("--gop", to.keyFrameInterval_frames, "Frames between pictures that stand alone");
+    command->add_option("--bframes", to.bFrames, "B frames in a row");
+    command->add_option("--audio", to.audio,
+                        "aac, pcm_s16le, pcm_s24le, copy or none; otherwise aac if there is any");
+    command->add_option("--rate", to.sampleRate_Hz, "Samples a second");
+    command->add_option("--channels", to.channels, "1 to 8");
+    command->add_option("--audio-bitrate", to.audioBitRate_kbps, "Of AAC, in 1000 bit/s");
+    AddSubmitOptions(command, line);
 }
 
 void AddSubmit(CLI::App& app, CommandLine& line) {
@@ -45,6 +77,7 @@ void AddSubmit(CLI::App& app, CommandLine& line) {
         ->type_name("HEX")
         ->allow_extra_args(false);
     AddSubmitOptions(md5, line);
+    AddTranscode(*submit, line);
 }
 
 void AddCommands(CLI::App& app, CommandLine& line) {
@@ -88,10 +121,15 @@ Outcome<int> RunSubmit(const CLI::App& submit, const CommandLine& line) {
         if (raw) return Failure(kExitUsage, "--type and --text do not go with \"submit md5\"");
         return SubmitMd5(line.dataFolder, line.files, line.expected, options);
     }
+    if (submit.got_subcommand("transcode")) {
+        if (raw) return Failure(kExitUsage, "--type and --text do not go with \"submit transcode\"");
+        return SubmitTranscode(line.dataFolder, line.transcode, options);
+    }
     if (line.type.empty() || line.text.empty())
-        return Failure(
-            kExitUsage,
-            "submit needs either \"md5 FILE...\" or both --type and --text; see rqctl submit --help");
+        return Failure(kExitUsage,
+                       "submit needs \"md5 FILE...\", \"transcode SOURCE TARGET\", or both --type and "
+                       "--text; see rqctl submit "
+                       "--help");
     return SubmitText(line.dataFolder, line.type, line.text, options);
 }
 

@@ -22,7 +22,4 @@ Result<std::vector<Md5Job>> PrepareMd5Jobs(const std::vector<std::string>& files
 // `id` is the ID within the text.
 std::string BuildMd5TaskXml(const std::string& id, const std::vector<Md5Job>& jobs);
 
-// Text content of an element: & < > escaped, and what a parser would change kept as character references.
-std::string EscapeXml(const std::string& text);
-
 }  // namespace rq::ctl

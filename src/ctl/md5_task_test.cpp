@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "base/paths.h"
+#include "ctl/file_argument.h"
 #include "kit/temp_dir.h"
 
 namespace rq::ctl {
@@ -44,6 +45,9 @@ TEST(PrepareMd5Jobs, MakesNamesAbsoluteAndKeepsTheirOrder) {
     EXPECT_EQ(jobs->at(0).path.find("/./"), std::string::npos);
     EXPECT_TRUE(fs::equivalent(jobs->at(1).path, folder.Path() / "sub" / "c"));
     EXPECT_EQ(jobs->at(2).expected, "");
+    const auto up = PrepareMd5Jobs({"sub/../sub/./c"}, {});
+    ASSERT_TRUE(up);
+    EXPECT_EQ(up->at(0).path, jobs->at(1).path);
 }
 
 TEST(PrepareMd5Jobs, DotDotBehindALinkKeepsItsMeaning) {

@@ -98,17 +98,25 @@ std::string PlainLine(const ProgressView& view) {
     return line;
 }
 
-std::optional<std::chrono::seconds> RemainingTime::Update(double percent, Time now) {
+std::optional<std::chrono::seconds> TimeLeft(double percent, double percentPerSecond) {
+    const double left_s = (100.0 - percent) / percentPerSecond;
+    if (!(left_s >= 0 && left_s < 1e8)) return std::nullopt;
+    return std::chrono::seconds(std::llround(left_s));
+}
+
+std::optional<double> Pace::Update(double percent, Time now) {
     // One that goes back begins anew.
-    if (!m_since || percent < m_first) {
-        m_since = now;
-        m_first = percent;
+    if (!m_since || percent < m_latest) {
+        m_since = m_changed = now;
+        m_first = m_latest = percent;
     }
-    const std::chrono::duration<double> passed = now - *m_since;
-    if (passed.count() < 1.0 || percent <= m_first) return std::nullopt;
-    const double left = (100.0 - percent) * passed.count() / (percent - m_first);
-    if (!(left < 1e8)) return std::nullopt;
-    return std::chrono::seconds(std::llround(left));
+    if (percent > m_latest) {
+        m_latest = percent;
+        m_changed = now;
+    }
+    const std::chrono::duration<double> passed = m_changed - *m_since;
+    if (passed.count() < 1.0) return std::nullopt;
+    return (m_latest - m_first) / passed.count();
 }
 
 }  // namespace rq::ctl

@@ -26,20 +26,25 @@ std::string PlainLine(const ProgressView& view);
 // "0:07", "12:34", "1:02:03"
 std::string DurationText(std::chrono::seconds duration);
 
+// Until 100 at this pace; nothing when that is out of sight.
+std::optional<std::chrono::seconds> TimeLeft(double percent, double percentPerSecond);
+
 // "812.4 MiB/s"; empty when nothing is known. Units by task type: MiB/s, "x" real time, units a second or
 // millisecond.
 std::string SpeedText(double speed, std::int32_t type);
 
-// Estimates what is left from how the percentage moved since the first value that it was given.
-class RemainingTime {
+// How fast the percentage moves, from the first value that it was given to its latest change.
+class Pace {
   public:
     using Time = std::chrono::steady_clock::time_point;
-    // Nothing until the percentage has moved for a second at least.
-    std::optional<std::chrono::seconds> Update(double percent, Time now);
+    // Percent per second; nothing until there was a change at least a second after the first value.
+    std::optional<double> Update(double percent, Time now);
 
   private:
     std::optional<Time> m_since;
+    Time m_changed;
     double m_first = 0;
+    double m_latest = 0;
 };
 
 }  // namespace rq::ctl

@@ -67,26 +67,32 @@ TEST(DurationText, HasHoursOnlyWhenNeeded) {
     EXPECT_EQ(DurationText(seconds(3723)), "1:02:03");
 }
 
-TEST(RemainingTime, FollowsThePaceSinceTheFirstValue) {
-    RemainingTime remaining;
-    const RemainingTime::Time start{};
-    EXPECT_FALSE(remaining.Update(20, start));
-    EXPECT_FALSE(remaining.Update(40, start + std::chrono::milliseconds(500)));
-    EXPECT_EQ(remaining.Update(40, start + seconds(10)), seconds(30));
-    EXPECT_EQ(remaining.Update(100, start + seconds(40)), seconds(0));
+TEST(Pace, IsThatFromTheFirstValueToTheLatestChange) {
+    Pace pace;
+    const Pace::Time start{};
+    EXPECT_FALSE(pace.Update(20, start));
+    EXPECT_FALSE(pace.Update(30, start + std::chrono::milliseconds(500)));
+    EXPECT_EQ(pace.Update(40, start + seconds(10)), 2.0);
+    EXPECT_EQ(pace.Update(40, start + seconds(15)), 2.0);
+    EXPECT_EQ(pace.Update(100, start + seconds(40)), 2.0);
 }
 
-TEST(RemainingTime, SaysNothingWithoutMovementAndBeginsAnewAfterAStepBack) {
-    RemainingTime remaining;
-    const RemainingTime::Time start{};
-    EXPECT_FALSE(remaining.Update(0, start));
-    EXPECT_FALSE(remaining.Update(0, start + seconds(10)));
-    EXPECT_TRUE(remaining.Update(50, start + seconds(20)));
-    EXPECT_FALSE(remaining.Update(0, start + seconds(30))) << "the same as the first value: no movement";
-    RemainingTime other;
-    EXPECT_FALSE(other.Update(50, start));
-    EXPECT_FALSE(other.Update(10, start + seconds(10)));
-    EXPECT_EQ(other.Update(55, start + seconds(20)), seconds(10));
+TEST(Pace, SaysNothingWithoutMovementAndBeginsAnewAfterAStepBack) {
+    Pace still;
+    const Pace::Time start{};
+    EXPECT_FALSE(still.Update(0, start));
+    EXPECT_FALSE(still.Update(0, start + seconds(10)));
+    Pace back;
+    EXPECT_FALSE(back.Update(50, start));
+    EXPECT_FALSE(back.Update(10, start + seconds(10)));
+    EXPECT_EQ(back.Update(60, start + seconds(20)), 5.0);
+}
+
+TEST(TimeLeft, IsWhatIsMissingAtThatPace) {
+    EXPECT_EQ(TimeLeft(40, 2), seconds(30));
+    EXPECT_EQ(TimeLeft(100, 2), seconds(0));
+    EXPECT_EQ(TimeLeft(0, 0), std::nullopt);
+    EXPECT_EQ(TimeLeft(0, 1e-9), std::nullopt);
 }
 
 }  // namespace

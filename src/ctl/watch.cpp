@@ -5,6 +5,7 @@
 
 #include "ctl/md5_output.h"
 #include "ctl/progress_line.h"
+#include "ctl/transcode_output.h"
 #include "platform/console.h"
 
 namespace rq::ctl {
@@ -25,10 +26,11 @@ bool IsEnded(const std::string& state) {
 // The one line, or the lines, on standard error.
 class Display {
   public:
-    Display(Follow follow, std::string id)
+    Display(Follow follow, std::string id, std::uintmax_t work_bytes)
         : m_on(follow == Follow::WithProgress),
           m_bar(m_on && platform::IsTerminal(platform::StandardStream::Errors)),
-          m_id(std::move(id)) {}
+          m_id(std::move(id)),
+          m_work_MiB(static_cast<double>(work_bytes) / (1024.0 * 1024.0)) {}
     ~Display() { End(); }
     Display(const Display&) = delete;
     Display& operator=(const Display&) = delete;
@@ -42,8 +44,13 @@ class Display {
         view.percent = task.value("percent", 0.0);
         view.speed = task.value("speed", 0.0);
         if (task.contains("type") && task["type"].is_number()) view.type = task["type"];
-        if (view.state == "running")
-            view.left = m_remaining.Update(view.percent, std::chrono::steady_clock::now());
+        if (view.state == "running") {
+            const auto pace = m_pace.Update(view.percent, std::chrono::steady_clock::now());
+            if (pace) view.left = TimeLeft(view.percent, *pace);
+            if (pace && view.speed <= 0) view.speed = *pace / 100.0 * m_work_MiB;
+            m_speed = view.speed;
+        }
+        if (view.state == "finished") view.speed = m_speed;
         if (view.state == "finished") view.left = std::chrono::seconds(0);
         if (m_bar)
             Draw(BarLine(view, platform::TerminalColumns()));
@@ -77,7 +84,9 @@ class Display {
     const bool m_on;
     const bool m_bar;
     const std::string m_id;
-    RemainingTime m_remaining;
+    const double m_work_MiB;
+    Pace m_pace;
+    double m_speed = 0;
     std::string m_drawn;
     std::string m_lastState;
     int m_lastStep = 0;
@@ -85,7 +94,7 @@ class Display {
 
 int Conclude(const json& task, const std::string& id) {
     const Md5Report report = ReportMd5(task.value("result", json()));
-    platform::WriteStandardOutput(report.text);
+    platform::WriteStandardOutput(report.text + ReportTranscode(task.value("result", json())));
     for (const auto& problem : report.problems) std::fprintf(stderr, "rqctl: %s\n", problem.c_str());
     const std::string state = task.value("state", "");
     if (state == "finished") return report.problems.empty() ? kExitFinished : kExitFailed;
@@ -97,9 +106,10 @@ int Conclude(const json& task, const std::string& id) {
 
 }  // namespace
 
-Outcome<int> WatchTask(EngineAccess& engine, const std::string& id, Follow follow) {
+Outcome<int> WatchTask(EngineAccess& engine, const std::string& id, Follow follow,
+                       std::uintmax_t work_bytes) {
     const std::string path = "/api/v1/tasks/" + EncodeSegment(id);
-    Display display(follow, id);
+    Display display(follow, id, work_bytes);
     std::int64_t last = 0;
     for (;;) {
         const auto answer = engine.Get(path + "/events?after=" + std::to_string(last) +

@@ -1,0 +1,20 @@
+// File names of a command line on their way into a task text. They only look at the file system; any thread.
+#pragma once
+
+#include <string>
+
+#include "base/result.h"
+
+namespace rq::ctl {
+
+// The absolute path (links are not followed) of a readable plain file, in UTF-8 and fit for XML. Errors begin
+// with the name.
+Result<std::string> ExistingFile(const std::string& name);
+
+// The same of a file that is to be made: its folder must be there, itself only with `overwrite`.
+Result<std::string> NewFile(const std::string& name, bool overwrite);
+
+// Text content of an element: & < > escaped, and what a parser would change kept as character references.
+std::string EscapeXml(const std::string& text);
+
+}  // namespace rq::ctl
