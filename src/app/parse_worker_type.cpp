@@ -5,25 +5,11 @@
 #include <limits>
 #include <string>
 
-#include "records/engine_messages.h"
+#include "records/task_codes.h"
 
 namespace rq {
 
 namespace {
-
-struct TypeCode {
-    std::string_view code;
-    std::int32_t number;
-};
-
-// "mix", "pd" and "fc" of the usage text are absent: they become 0, which the run driver rejects.
-constexpr TypeCode kTypeCodes[] = {
-    {"tc", RQ_TASK_TRANSCODE},     {"tf", RQ_TASK_TRANSFER},   {"vac", RQ_TASK_REVIEW},
-    {"mc", RQ_TASK_MD5_COMPUTE},   {"mv", RQ_TASK_MD5_VERIFY}, {"gfs", RQ_TASK_SOURCE_SIZE},
-    {"df", RQ_TASK_DELETE},        {"rp", RQ_TASK_REPAIR},     {"itc", RQ_TASK_REALTIME_MERGE},
-    {"irc", RQ_TASK_REVIEW_MERGE}, {"afd", RQ_TASK_AFD},       {"lc", RQ_TASK_LOUDNESS},
-    {"kf", RQ_TASK_FRAMES},
-};
 
 // atoi with the behaviour that it leaves open: the nearest number that fits.
 std::int32_t ToNumber(std::string_view text) {
@@ -35,10 +21,8 @@ std::int32_t ToNumber(std::string_view text) {
 }  // namespace
 
 std::int32_t ParseWorkerType(std::string_view type) {
-    for (const TypeCode& entry : kTypeCodes) {
-        if (type == entry.code) return entry.number;
-    }
-    return ToNumber(type);
+    // "mix", "pd" and "fc" of the usage text have no code: they become 0, which the run driver rejects.
+    return TypeOfTaskCode(type).value_or(ToNumber(type));
 }
 
 }  // namespace rq
