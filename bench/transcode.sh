@@ -46,7 +46,7 @@ END
         other+=("$(stamp "$begin")")
     done
     local made
-    made=$(ffprobe -v error -select_streams v -count_packets -show_entries stream=nb_read_packets -of csv=p=0 "$folder/command.mp4")
+    made=$(ffprobe -v error -select_streams v -count_packets -show_entries stream=nb_read_packets -of csv=p=0 "$folder/command.mp4" | tr -cd 0-9)
     [ "$made" = "$frames" ] || { echo "transcode.sh: $name: the plug-in made $frames frames, the command $made" >&2; exit 1; }
     awk -v p="$(best "${plugin[@]}")" -v o="$(best "${other[@]}")" -v s="$start_up_s" -v n="$frames" -v name="$name" 'BEGIN {
         o -= s
