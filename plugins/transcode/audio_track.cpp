@@ -56,9 +56,8 @@ AudioTrack::AudioTrack(const Source& source, const AVStream& from, Target& targe
                        bool ignoreDamage, const AudioSettings& settings, bool leads)
     : Track(source, from, target, watch, ignoreDamage),
       m_settings(settings),
-      m_leads(leads),
       m_decoder(source, from, ignoreDamage),
-      m_encoder(target) {}
+      m_encoder(target, watch, leads) {}
 
 Problem AudioTrack::Begin() {
     if (Problem problem = m_decoder.Open()) return problem;
@@ -149,12 +148,7 @@ Problem AudioTrack::OnFrame(AVFrame& frame) {
     // A channel order that nobody told was given a usual one, and the frame must agree.
     if (frame.ch_layout.order == AV_CHANNEL_ORDER_UNSPEC)
         av_channel_layout_default(&frame.ch_layout, m_inChannels);
-    if (Problem problem = Pass(&frame)) return problem;
-    if (m_leads) {
-        m_watch.At(ToMicroseconds(m_samples, m_encoder.Context().time_base));
-        m_watch.Tick();
-    }
-    return std::nullopt;
+    return Pass(&frame);
 }
 
 Problem AudioTrack::Pass(AVFrame* frame) {

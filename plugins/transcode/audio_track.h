@@ -37,7 +37,6 @@ class AudioTrack final : public Track {
     Problem NoMemory() const;
 
     const AudioSettings& m_settings;
-    bool m_leads;
     Decoder m_decoder;
     Encoder m_encoder;
     Filter m_filter;

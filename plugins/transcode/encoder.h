@@ -6,18 +6,21 @@
 #include "av.h"
 #include "failure.h"
 #include "target.h"
+#include "watch.h"
 
 namespace rq::transcode {
 
 class Encoder {
   public:
-    explicit Encoder(Target& target) : m_target(target) {}
+    // `leads`: the progress follows what this one has written.
+    Encoder(Target& target, Watch& watch, bool leads) : m_target(target), m_watch(watch), m_leads(leads) {}
 
     // The settings are to be made in Context() between Find and Open; `name` is the encoder's in FFmpeg.
     Problem Find(const char* name, Detail missing);
     // Starts it and makes the target's stream.
     Problem Open(AVDictionary** options, Detail failed);
-    // Null flushes. `packetDuration` in the encoder's time base, for packets that do not tell it.
+    // Null flushes, which can take as long as many pictures: progress is told and a cancel ends it in
+    // between. `packetDuration` in the encoder's time base, for packets that do not tell it.
     Problem Encode(const AVFrame* frame, std::int64_t packetDuration);
 
     AVCodecContext& Context() const { return *m_codec; }
@@ -27,6 +30,8 @@ class Encoder {
     bool IsVideo() const { return m_codec->codec_type == AVMEDIA_TYPE_VIDEO; }
 
     Target& m_target;
+    Watch& m_watch;
+    bool m_leads;
     Codec m_codec;
     Packet m_packet{av_packet_alloc()};
     AVStream* m_stream = nullptr;

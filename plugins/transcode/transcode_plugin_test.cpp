@@ -567,6 +567,26 @@ TEST_F(TranscodePlugin, TellsProgressOften) {
         EXPECT_LT(m_progress[i].done, m_progress[i].total);
 }
 
+// An encoder that looks far ahead holds this whole clip until the end: what then takes its time is told too.
+TEST_F(TranscodePlugin, TellsProgressAndTakesACancelWhileTheEncoderEmpties) {
+    const std::string clip =
+        Make("clip.mkv", "-f lavfi -i testsrc2=s=640x360:r=25:d=1.6 -c:v libx264 -preset ultrafast");
+    const std::string text = TaskText(clip, Target("made.mp4"), Video("h264", "<Preset>veryslow</Preset>"));
+    ExpectDone(text);
+    ExpectWholeProgress();
+    const auto between = std::count_if(m_progress.begin(), m_progress.end(), [](const ProgressCall& call) {
+        return call.done > 0 && call.done < call.total;
+    });
+    EXPECT_GE(between, 3);
+    std::filesystem::remove(Target("made.mp4"));
+    m_onProgress = [&] {
+        if (!m_progress.empty() && m_progress.back().done > 0) RQStore32(&m_stop, RQ_STOP_CANCEL);
+    };
+    EXPECT_EQ(Do(text), RQ_STATUS_CANCELLED);
+    EXPECT_LT(m_progress.back().done, 30);
+    EXPECT_TRUE(Made().empty());
+}
+
 TEST_F(TranscodePlugin, CancelLeavesNothing) {
     const std::string clip = MakeClip("clip.mp4", "20");
     m_onProgress = [&] {

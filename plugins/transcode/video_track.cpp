@@ -51,7 +51,7 @@ VideoTrack::VideoTrack(const Source& source, const AVStream& from, Target& targe
     : Track(source, from, target, watch, ignoreDamage),
       m_settings(settings),
       m_decoder(source, from, ignoreDamage),
-      m_encoder(target) {}
+      m_encoder(target, watch, true) {}
 
 Problem VideoTrack::Begin() {
     if (Problem problem = m_decoder.Open()) return problem;
@@ -236,7 +236,6 @@ Problem VideoTrack::ShowUntil(std::int64_t index) {
             return SourceFailure(
                 task::kErrorProcessing, Detail::kProcessing,
                 "the video cannot be brought into the target's form: " + AvWordsWithLog(code));
-        m_watch.At(av_rescale_q(m_nextIndex + 1, av_inv_q(m_rate), kMicroseconds));
         m_watch.Tick();
     }
     return std::nullopt;
