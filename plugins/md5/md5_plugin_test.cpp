@@ -94,7 +94,7 @@ TEST_F(Md5Plugin, ComputesFilesOfEverySize) {
         EXPECT_EQ(RQLoad32(&m_info->status), RQ_STATUS_FINISHED) << size;
         ASSERT_EQ(ResultCount(), 1u);
         EXPECT_EQ(Result(0).size, sizeof(RQMd5File));
-        EXPECT_EQ(Result(0).has, RQ_HAS_COMPUTED_MD5);
+        EXPECT_EQ(Result(0).has, RQ_HAS_SECOND_MD5 | RQ_HAS_COMPUTED_MD5);
         EXPECT_EQ(Text(Result(0).first), path);
         EXPECT_EQ(Text(Result(0).second), "");
         EXPECT_EQ(Hex(Result(0).computedMd5), Md5sum(path)) << size;
@@ -135,7 +135,7 @@ TEST_F(Md5Plugin, VerifiesEqualFiles) {
        FileElement(Write("e", ""), "D41D8CD98F00B204E9800998ECF8427E"));
     EXPECT_EQ(RQLoad32(&m_info->status), RQ_STATUS_FINISHED);
     ASSERT_EQ(ResultCount(), 2u);
-    EXPECT_EQ(Result(0).has, RQ_HAS_FIRST_MD5 | RQ_HAS_SECOND_MD5);
+    EXPECT_EQ(Result(0).has, RQ_HAS_FIRST_MD5 | RQ_HAS_SECOND_MD5 | RQ_HAS_COMPUTED_MD5);
     EXPECT_EQ(Hex(Result(0).firstMd5), kAbcMd5);
     EXPECT_EQ(Hex(Result(0).secondMd5), kAbcMd5);
     EXPECT_EQ(Hex(Result(1).secondMd5), kEmptyMd5);
@@ -179,7 +179,7 @@ TEST_F(Md5Plugin, GoesOnAfterFilesThatFail) {
     ASSERT_EQ(ResultCount(), 4u);
     EXPECT_EQ(Result(0).has, 0u);
     EXPECT_EQ(Text(Result(0).second), "No such file or directory");
-    EXPECT_EQ(Result(1).has, RQ_HAS_COMPUTED_MD5);
+    EXPECT_EQ(Result(1).has, RQ_HAS_SECOND_MD5 | RQ_HAS_COMPUTED_MD5);
     EXPECT_EQ(Hex(Result(1).computedMd5), kAbcMd5);
     EXPECT_EQ(Text(Result(2).second), "Is a directory");
     ExpectWholeProgress(3);
@@ -285,7 +285,8 @@ TEST_F(Md5Plugin, ResultsCanBeReadWhileTheyGrow) {
     std::size_t seen = 0;
     std::thread reader([&] {
         while (!stop.load()) {
-            for (; seen < ResultCount(); ++seen) EXPECT_EQ(Result(seen).has, RQ_HAS_COMPUTED_MD5);
+            for (; seen < ResultCount(); ++seen)
+                EXPECT_EQ(Result(seen).has, RQ_HAS_SECOND_MD5 | RQ_HAS_COMPUTED_MD5);
         }
     });
     Perform();

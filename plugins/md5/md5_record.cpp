@@ -18,8 +18,10 @@ void Md5Record::Publish(const task::Md5Digest* digest, std::string failure) {
         std::copy(file.expected->begin(), file.expected->end(), entry.firstMd5);
     }
     if (digest != nullptr) {
-        entry.has |= m_task.verify ? RQ_HAS_SECOND_MD5 : RQ_HAS_COMPUTED_MD5;
-        std::copy(digest->begin(), digest->end(), m_task.verify ? entry.secondMd5 : entry.computedMd5);
+        // In both places: a text that does not fit the type it was submitted under still shows its digests.
+        entry.has |= RQ_HAS_SECOND_MD5 | RQ_HAS_COMPUTED_MD5;
+        std::copy(digest->begin(), digest->end(), entry.secondMd5);
+        std::copy(digest->begin(), digest->end(), entry.computedMd5);
     }
     m_results.Publish(entry);
 }

@@ -64,7 +64,13 @@ class Wrapper : public testing::Test {
         RQWorkerDescribe(nullptr);
     }
 
-    std::int32_t Analyse() { return RQWorkerAnalyseTask(Borrow("text"), &m_info); }
+    // A new task.
+    std::int32_t Analyse() {
+        m_info = nullptr;
+        return RQWorkerAnalyseTask(Borrow("text"), &m_info);
+    }
+    // Another text for the present one.
+    std::int32_t Update() { return RQWorkerAnalyseTask(Borrow("text"), &m_info); }
     void Perform() {
         RQStore32(&m_info->status, RQ_STATUS_RUNNING);
         RQWorkerPerformTask(m_info, &m_stop, nullptr, nullptr, nullptr);
@@ -127,6 +133,23 @@ TEST_F(Wrapper, KeepsAPerformedRecordUntilTheNextPerformCall) {
     EXPECT_EQ(View(performed->taskId), "id");
     Perform();
     EXPECT_EQ(g_script.alive, 1);
+}
+
+// The worker may be about to perform the record that an update replaces.
+TEST_F(Wrapper, KeepsARecordThatAnUpdateReplacedUntilItIsPerformed) {
+    Analyse();
+    TaskInfo* const first = m_info;
+    Update();
+    EXPECT_NE(m_info, first);
+    EXPECT_EQ(g_script.alive, 2);
+    TaskInfo* const second = m_info;
+    m_info = first;
+    Perform();
+    EXPECT_EQ(RQLoad32(&first->status), RQ_STATUS_FINISHED);
+    EXPECT_EQ(View(first->taskId), "id");
+    EXPECT_EQ(View(second->taskId), "id");
+    Analyse();
+    EXPECT_EQ(g_script.alive, 2);  // the performed one and the new one
 }
 
 TEST_F(Wrapper, StoresTheOutcomeAsStatus) {

@@ -65,7 +65,7 @@ std::optional<ApiResponse> Api::Refuse(const ApiRequest& request) const {
     return std::nullopt;
 }
 
-void Api::Handle(const ApiRequest& request, Reply reply) {
+void Api::Handle(const ApiRequest& request, const Reply& reply) {
     if (auto refusal = Refuse(request)) {
         reply(std::move(*refusal));
         return;

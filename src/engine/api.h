@@ -49,7 +49,7 @@ class Api {
     // The answer to a request that names another host or lacks the token; its body need not be there yet.
     std::optional<ApiResponse> Refuse(const ApiRequest& request) const;
     // `reply` is called exactly once, unless the Api is destroyed first.
-    void Handle(const ApiRequest& request, Reply reply);
+    void Handle(const ApiRequest& request, const Reply& reply);
     // A task has new events.
     void OnEvents(std::int64_t task);
     // Answers every waiting poll now, and from now on none waits.

@@ -60,21 +60,29 @@ int Complain(const std::string& message) {
     return 1;
 }
 
-// The engine runs on a thread of its own; this one waits for a signal that asks it to end.
-int Serve(Engine& engine) {
-    boost::asio::io_context signalContext;
-    boost::asio::signal_set signals(signalContext, SIGINT, SIGTERM);
+// The signals that ask the engine to end. They are caught from construction on, and kept until Serve takes
+// them.
+struct EndSignals {
+    boost::asio::io_context context;
+    boost::asio::signal_set signals{context, SIGINT, SIGTERM};
+
+    EndSignals() {
 #ifdef SIGHUP
-    signals.add(SIGHUP);
+        signals.add(SIGHUP);
 #endif
-    signals.async_wait([&](const boost::system::error_code& error, int) {
+    }
+};
+
+// The engine runs on a thread of its own; this one waits for a signal that asks it to end.
+int Serve(Engine& engine, EndSignals& end) {
+    end.signals.async_wait([&](const boost::system::error_code& error, int) {
         if (!error) engine.RequestEnd();
     });
     std::thread runner([&] {
         engine.Run();
-        signalContext.stop();
+        end.context.stop();
     });
-    signalContext.run();
+    end.context.run();
     runner.join();
     return 0;
 }
@@ -97,10 +105,11 @@ int main(int argc, char** argv) {
     settings.stageFolder = Absolute(settings.stageFolder);
     if (!settings.logFolder.empty()) settings.logFolder = Absolute(settings.logFolder);
 
+    EndSignals end;  // before the engine says that it is there
     auto engine = Engine::Create(settings);
     if (!engine) return Complain(engine.error().message);
     rq::platform::WriteStandardOutput("rqengine: link 127.0.0.1:" + std::to_string((*engine)->LinkPort()) +
                                       ", http 127.0.0.1:" + std::to_string((*engine)->HttpPort()) +
                                       ", data " + settings.dataFolder + "\n");
-    return Serve(**engine);
+    return Serve(**engine, end);
 }

@@ -10,7 +10,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr std::size_t kReadSize_bytes = 16 * 1024;
+constexpr std::size_t kReadSize_bytes = std::size_t{16} * 1024;
 // Orders are small; a worker that takes none of this many is gone.
 constexpr std::size_t kMaxOutgoing = 10'000;
 

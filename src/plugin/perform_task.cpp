@@ -62,9 +62,15 @@ void WorkRunner::State::RunPerformCall(TaskInfo& info, WorkRunner& runner) {
     idle = false;
     services.BeginPerform();
     const std::optional<std::string> thrown = CallPerform(info, runner);
-    performing = nullptr;
-    ApplyPublishedError(info);
-    if (thrown) ApplyException(info, *thrown);
+    const std::optional<PublishedError> error = services.EndPerform();
+    {
+        // An update that comes now finds the record in use until its outcome is whole. A cancel at this
+        // moment is not overwritten either.
+        MutexLock lock(recordLock);
+        if (error) ApplyPublishedError(info, *error);
+        if (thrown) ApplyException(info, *thrown);
+        performing = nullptr;
+    }
     idle = true;
 }
 
@@ -91,20 +97,15 @@ std::optional<std::string> WorkRunner::State::CallPerform(TaskInfo& info, WorkRu
     return std::nullopt;
 }
 
-void WorkRunner::State::ApplyPublishedError(TaskInfo& info) {
-    const std::optional<PublishedError> error = services.EndPerform();
-    if (!error) return;
-    MutexLock lock(recordLock);
-    info.detailErrorCode = error->detailErrorCode;
-    info.errorCode = error->errorCode;
-    info.detailErrorText = keeper.Keep(error->detailErrorText);
-    info.furtherText = keeper.Keep(error->furtherText);
+void WorkRunner::State::ApplyPublishedError(TaskInfo& info, const PublishedError& error) {
+    info.detailErrorCode = error.detailErrorCode;
+    info.errorCode = error.errorCode;
+    info.detailErrorText = keeper.Keep(error.detailErrorText);
+    info.furtherText = keeper.Keep(error.furtherText);
 }
 
-// A task that the plug-in left running has failed; a status that it set itself before it threw is kept. The
-// lock keeps a cancel that comes at this moment from being overwritten.
+// A task that the plug-in left running has failed; a status that it set itself before it threw is kept.
 void WorkRunner::State::ApplyException(TaskInfo& info, const std::string& text) {
-    MutexLock lock(recordLock);
     if (RQLoad32(&info.status) != kTaskRunning) return;
     if (!text.empty()) info.detailErrorText = keeper.Keep(text);
     info.furtherText = info.detailErrorText;

@@ -51,16 +51,19 @@ std::uint32_t WorkRunner::State::OnProgress(std::int64_t total, std::int64_t don
 }
 
 void WorkRunner::State::HoldWhilePaused(TaskInfo& info) {
-    while (pauseFlag && RQLoad32(stopFlag) == RQ_STOP_NONE) {
+    // A thread of the plug-in's own that is still here when perform has returned is let go: the record may be
+    // gone.
+    const auto isInUse = [this, &info] { return performing == &info; };
+    while (pauseFlag && RQLoad32(stopFlag) == RQ_STOP_NONE && isInUse()) {
         SetStatus(info.status, kTaskPaused);
         clock.SleepFor(kPausePass);
         pausedTime_ms = pausedTime_ms + static_cast<float>(kPausePass.count());
-        if (!pauseFlag) {
+        if (!pauseFlag && isInUse()) {
             Log(2, "Update Status to Running After Pause!111111111");
             SetStatus(info.status, kTaskRunning);
         }
     }
-    if (RQLoad32(&info.status) == kTaskPaused) {  // the stop flag ended the pause
+    if (isInUse() && RQLoad32(&info.status) == kTaskPaused) {  // the stop flag ended the pause
         Log(2, "Update Status to Running After Pause!22222222222");
         SetStatus(info.status, kTaskRunning);
     }

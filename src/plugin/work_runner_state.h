@@ -133,8 +133,8 @@ struct WorkRunner::State {
     void RunPerformCall(TaskInfo& info, WorkRunner& runner);
     // What the perform call threw: its text; nothing when it returned.
     std::optional<std::string> CallPerform(TaskInfo& info, WorkRunner& runner);
-    void ApplyPublishedError(TaskInfo& info);
-    void ApplyException(TaskInfo& info, const std::string& text);
+    void ApplyPublishedError(TaskInfo& info, const PublishedError& error) RQ_REQUIRES(recordLock);
+    void ApplyException(TaskInfo& info, const std::string& text) RQ_REQUIRES(recordLock);
 
     // ---- progress ----
     static std::uint32_t ProgressCallback(std::int64_t total, std::int64_t done, void* context);

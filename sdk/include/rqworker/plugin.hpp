@@ -322,6 +322,12 @@ class Exports {
             Guard("update", [&] { code = state.author.Update(View(text), *state.performing); });
             return code;
         }
+        // An update of a task that is not performed yet, or just about to be: the worker may have it in its
+        // hands.
+        if (state.record && *taskInfo == state.record->Info())
+            state.replaced.push_back(std::move(state.record));
+        else if (*taskInfo == nullptr)
+            state.replaced.clear();
         state.record.reset();
         Guard("analysis", [&] {
             Analysis analysis = state.author.Analyse(View(text));
@@ -358,6 +364,7 @@ class Exports {
         if (state.performing == nullptr) {
             state.record.reset();
             state.performed.reset();
+            state.replaced.clear();
         }
         return 0;
     }
@@ -365,8 +372,9 @@ class Exports {
   private:
     struct State {
         Author author;
-        std::mutex mutex;                    // guards the three below
-        std::unique_ptr<TaskRecord> record;  // of the last analysis, not performed yet
+        std::mutex mutex;                                   // guards the four below
+        std::unique_ptr<TaskRecord> record;                 // of the last analysis, not performed yet
+        std::vector<std::unique_ptr<TaskRecord>> replaced;  // by updates; one of them may still be performed
         std::unique_ptr<TaskRecord>
             performed;                     // of the last perform call: the worker still reads its outcome
         TaskRecord* performing = nullptr;  // the one that a perform call is using
@@ -383,12 +391,16 @@ class Exports {
         const std::lock_guard<std::mutex> lock(state.mutex);
         state.performing = record;
         if (state.record.get() == record) state.performed = std::move(state.record);
+        for (auto& candidate : state.replaced) {
+            if (candidate.get() == record) state.performed = std::move(candidate);
+        }
     }
 
     static void EndPerforming() {
         State& state = Get();
         const std::lock_guard<std::mutex> lock(state.mutex);
         state.performing = nullptr;
+        state.replaced.clear();
     }
 
     // Runs `work`; the text of what it threw, empty when it did not.
