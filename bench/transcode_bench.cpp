@@ -21,7 +21,7 @@ int32_t RQWorkerRelease(void);
 }
 
 // Of all threads, also those that have ended.
-static double Processor_s() {
+static double ProcessorSeconds() {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
     const auto seconds = [](const timeval& time) {
@@ -51,11 +51,11 @@ int main(int argc, char** argv) {
     if (RQWorkerAnalyseTask(rq::plugin::Borrow(task), &info) != 0) return 1;
     const volatile uint32_t stop = RQ_STOP_NONE;
     const auto progress = [](int64_t, int64_t, void*) { return 0u; };
-    const double processorBegin_s = Processor_s();
+    const double begin_s = ProcessorSeconds();
     const auto begin = std::chrono::steady_clock::now();
     RQWorkerPerformTask(info, &stop, progress, nullptr, nullptr);
     const std::chrono::duration<double> took_s = std::chrono::steady_clock::now() - begin;
-    const double processor_s = Processor_s() - processorBegin_s;
+    const double processor_s = ProcessorSeconds() - begin_s;
     if (RQLoad32(&info->status) != RQ_STATUS_FINISHED) {
         std::fprintf(stderr, "transcode_bench: 0x%08X 0x%08X %.*s\n", static_cast<unsigned>(info->errorCode),
                      info->detailErrorCode, static_cast<int>(info->detailErrorText.n),

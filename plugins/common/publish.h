@@ -60,7 +60,7 @@ class Publication {
     // Writes all of it at that place of the temporary. The system is told now and then to begin writing to
     // the disk, so that the sync at the end is short.
     std::uint32_t WriteAt(std::uint64_t offset_bytes, const void* bytes, std::size_t count);
-    std::uint64_t Size_bytes() const { return m_size_bytes; }
+    std::uint64_t SizeBytes() const { return m_sizeBytes; }
     // For libraries that read or write by name.
     const std::string& TemporaryPath() const { return m_temporary; }
 
@@ -83,8 +83,8 @@ class Publication {
     std::string m_temporary;  // empty: there is none
     bool m_overwrite = false;
     std::intptr_t m_handle = -1;
-    std::uint64_t m_size_bytes = 0;
-    std::uint64_t m_startedWriting_bytes = 0;  // up to here the system was told to write
+    std::uint64_t m_sizeBytes = 0;
+    std::uint64_t m_startedWritingBytes = 0;  // up to here the system was told to write
 };
 
 }  // namespace rq::task

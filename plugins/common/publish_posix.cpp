@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -111,11 +112,13 @@ std::optional<PublishFailure> Publication::Begin(const std::string& target,
     Discard();
     m_target = target;
     m_overwrite = overwrite;
-    m_size_bytes = 0;
-    m_startedWriting_bytes = 0;
-    for (const std::string& source : sources)
-        if (source == target || IsSameFile(source, target))
-            return Fail(PublishProblem::kTargetIsSource, 0, target + ": the target is the source " + source);
+    m_sizeBytes = 0;
+    m_startedWritingBytes = 0;
+    const auto same = std::find_if(sources.begin(), sources.end(), [&](const std::string& source) {
+        return source == target || IsSameFile(source, target);
+    });
+    if (same != sources.end())
+        return Fail(PublishProblem::kTargetIsSource, 0, target + ": the target is the source " + *same);
     struct stat facts {};
     if (::lstat(target.c_str(), &facts) == 0) {
         if (!overwrite) return Fail(PublishProblem::kTargetExists, 0, target + ": the target exists already");
@@ -129,10 +132,12 @@ std::optional<PublishFailure> Publication::Begin(const std::string& target,
 }
 
 std::optional<PublishFailure> Publication::CreateTemporary(const std::string& folder, std::string_view name) {
+    const std::string begin = folder + "/." + std::string(name) + ".";
     for (int i = 0; i < kMaxAttempts; ++i) {
         std::string digits;
         if (!RandomDigits(digits)) break;
-        const std::string path = folder + "/." + std::string(name) + "." + digits + ".rqpart";
+        std::string path = begin;
+        path.append(digits).append(".rqpart");
         const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
         if (fd < 0) {
             const std::uint32_t code = LastCode();
@@ -165,13 +170,13 @@ std::uint32_t Publication::WriteAt(std::uint64_t offset_bytes, const void* bytes
         offset_bytes += static_cast<std::uint64_t>(n);
         count -= static_cast<std::size_t>(n);
     }
-    if (offset_bytes > m_size_bytes) m_size_bytes = offset_bytes;
-    if (m_size_bytes - m_startedWriting_bytes >= kStartWriting_bytes) {
+    if (offset_bytes > m_sizeBytes) m_sizeBytes = offset_bytes;
+    if (m_sizeBytes - m_startedWritingBytes >= kStartWriting_bytes) {
         // Advice only; what cannot be written is found by the sync.
-        (void)::sync_file_range(fd, static_cast<off_t>(m_startedWriting_bytes),
-                                static_cast<off_t>(m_size_bytes - m_startedWriting_bytes),
+        (void)::sync_file_range(fd, static_cast<off_t>(m_startedWritingBytes),
+                                static_cast<off_t>(m_sizeBytes - m_startedWritingBytes),
                                 SYNC_FILE_RANGE_WRITE);
-        m_startedWriting_bytes = m_size_bytes;
+        m_startedWritingBytes = m_sizeBytes;
     }
     return 0;
 }

@@ -68,7 +68,7 @@ TEST_F(PublishTest, TheTargetAppearsAtTheEnd) {
     EXPECT_EQ(publication.WriteAt(0, "hello", 5), 0u);
     EXPECT_EQ(publication.WriteAt(5, " world", 6), 0u);
     EXPECT_EQ(publication.WriteAt(0, "H", 1), 0u);
-    EXPECT_EQ(publication.Size_bytes(), 11u);
+    EXPECT_EQ(publication.SizeBytes(), 11u);
     const std::string temporary = publication.TemporaryPath();
     EXPECT_EQ(fs::path(temporary).parent_path(), m_folder);
     EXPECT_TRUE(rq::task::IsTemporaryName(fs::path(temporary).filename().string())) << temporary;

@@ -95,18 +95,18 @@ Problem AudioTrack::OpenEncoder() {
 }
 
 bool AudioTrack::FitsFilter(const AVFrame& frame) const {
-    return m_filter.IsBuilt() && frame.sample_rate == m_inRate_Hz && frame.format == m_inFormat &&
+    return m_filter.IsBuilt() && frame.sample_rate == m_inRate && frame.format == m_inFormat &&
            frame.ch_layout.nb_channels == m_inChannels;
 }
 
 Problem AudioTrack::BuildFilter(const AVFrame& frame) {
     const bool isFirst = !m_filter.IsBuilt();
-    m_inRate_Hz = frame.sample_rate;
+    m_inRate = frame.sample_rate;
     m_inFormat = frame.format;
     m_inChannels = frame.ch_layout.nb_channels;
     const AVCodecContext& context = m_encoder.Context();
     const std::string in =
-        "time_base=1/" + std::to_string(m_inRate_Hz) + ":sample_rate=" + std::to_string(m_inRate_Hz) +
+        "time_base=1/" + std::to_string(m_inRate) + ":sample_rate=" + std::to_string(m_inRate) +
         ":sample_fmt=" + std::to_string(m_inFormat) + ":channel_layout=" + LayoutWords(frame.ch_layout);
     // Times more than 0.1 s off the count of samples are believed, and filled with silence or cut.
     const std::string chain = "atrim=start=0" +
@@ -131,14 +131,14 @@ Problem AudioTrack::Take(AVPacket* packet) {
 Problem AudioTrack::OnFrame(AVFrame& frame) {
     if (m_done || frame.sample_rate < 1) return std::nullopt;
     const AVRational base{1, frame.sample_rate};
-    const std::int64_t time_us = FrameTime_us(frame);
-    m_nextTime_us = time_us + ToMicroseconds(frame.nb_samples, base);
-    Reach(m_nextTime_us);
+    const std::int64_t time_us = FrameTimeUs(frame);
+    m_nextTimeUs = time_us + ToMicroseconds(frame.nb_samples, base);
+    Reach(m_nextTimeUs);
     if (m_cut.length_us && time_us >= *m_cut.length_us) {
         m_done = true;
         return std::nullopt;
     }
-    if (m_nextTime_us <= 0) return std::nullopt;
+    if (m_nextTimeUs <= 0) return std::nullopt;
     if (!FitsFilter(frame)) {
         if (m_filter.IsBuilt())
             if (Problem problem = Pass(nullptr)) return problem;

@@ -41,7 +41,7 @@ class AudioTrack final : public Track {
     Encoder m_encoder;
     Filter m_filter;
     SampleFifo m_gathered;
-    int m_inRate_Hz = 0;  // of what the filter was built for
+    int m_inRate = 0;  // of what the filter was built for
     int m_inFormat = -1;
     int m_inChannels = 0;
     std::int64_t m_samples = 0;  // given to the encoder

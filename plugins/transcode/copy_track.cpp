@@ -51,12 +51,12 @@ Problem CopyTrack::Take(AVPacket* packet) {
     const AVRational base = m_from.time_base;
     const std::int64_t half_us = 1;
     if (packet->pts != AV_NOPTS_VALUE) {
-        const std::int64_t time_us = TargetTime_us(packet->pts, base);
+        const std::int64_t time_us = TargetTimeUs(packet->pts, base);
         if (time_us < -half_us && !isVideo) return std::nullopt;
         Reach(time_us + ToMicroseconds(packet->duration, base));
     }
     if (packet->dts != AV_NOPTS_VALUE && m_cut.length_us &&
-        TargetTime_us(packet->dts, base) >= *m_cut.length_us) {
+        TargetTimeUs(packet->dts, base) >= *m_cut.length_us) {
         m_done = true;
         return std::nullopt;
     }

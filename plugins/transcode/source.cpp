@@ -51,10 +51,10 @@ int Source::OnRead(void* self, std::uint8_t* buffer, int size) {
     auto& source = *static_cast<Source*>(self);
     if (source.m_interrupted()) return AVERROR_EXIT;
     std::size_t got = 0;
-    const std::uint32_t code = source.m_file.ReadAt(static_cast<std::uint64_t>(source.m_offset_bytes), buffer,
+    const std::uint32_t code = source.m_file.ReadAt(static_cast<std::uint64_t>(source.m_offsetBytes), buffer,
                                                     static_cast<std::size_t>(size), got);
     if (code != 0) return AVERROR(static_cast<int>(code));
-    source.m_offset_bytes += static_cast<std::int64_t>(got);
+    source.m_offsetBytes += static_cast<std::int64_t>(got);
     return got == 0 ? AVERROR_EOF : static_cast<int>(got);
 }
 
@@ -63,11 +63,11 @@ std::int64_t Source::OnSeek(void* self, std::int64_t offset, int whence) {
     const auto size = static_cast<std::int64_t>(source.m_file.Size());
     if ((whence & AVSEEK_SIZE) != 0) return size;
     const int from = whence & ~AVSEEK_FORCE;
-    const std::int64_t place = offset + (from == SEEK_CUR   ? source.m_offset_bytes
+    const std::int64_t place = offset + (from == SEEK_CUR   ? source.m_offsetBytes
                                          : from == SEEK_END ? size
                                                             : 0);
     if (place < 0) return AVERROR(EINVAL);
-    return source.m_offset_bytes = place;
+    return source.m_offsetBytes = place;
 }
 
 int Source::OnInterrupt(void* self) {
@@ -114,7 +114,7 @@ void Source::Close() {
     m_audio = nullptr;
     avformat_close_input(&m_format);
     m_io.reset();
-    m_offset_bytes = 0;
+    m_offsetBytes = 0;
     m_file.Close();
 }
 
@@ -145,20 +145,20 @@ AVRational Source::FrameRate() const {
     return IsRate(average) ? Nearest(average) : AVRational{25, 1};
 }
 
-std::int64_t Source::Start_us() const {
+std::int64_t Source::StartUs() const {
     return HasTimes() ? m_format->start_time : 0;
 }
 
-std::int64_t Source::Length_us(const AVStream* stream) const {
+std::int64_t Source::LengthUs(const AVStream* stream) const {
     if (m_format->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE) return -1;
     if (stream->duration > 0) return ToMicroseconds(stream->duration, stream->time_base);
     return m_format->duration > 0 ? m_format->duration : -1;
 }
 
-std::int64_t Source::Length_us() const {
+std::int64_t Source::LengthUs() const {
     std::int64_t longest = -1;
     for (const AVStream* stream : {m_video, m_audio})
-        if (stream != nullptr) longest = std::max(longest, Length_us(stream));
+        if (stream != nullptr) longest = std::max(longest, LengthUs(stream));
     return longest;
 }
 
@@ -176,7 +176,7 @@ Problem Source::SeekBefore(std::int64_t time_us) {
     const bool hasIndex = (m_format->iformat->flags & AVFMT_TS_DISCONT) == 0;
     const std::int64_t place_us = time_us - (hasIndex ? kRunUp_us : kRunUpWithoutIndex_us);
     if (place_us <= 0 || !HasTimes()) return std::nullopt;
-    const std::int64_t to = Start_us() + place_us;
+    const std::int64_t to = StartUs() + place_us;
     const int code = avformat_seek_file(m_format, -1, INT64_MIN, to, to, 0);
     if (code >= 0) return std::nullopt;
     return Fail(task::kErrorProcessing, Detail::kInPoint,
@@ -184,7 +184,7 @@ Problem Source::SeekBefore(std::int64_t time_us) {
 }
 
 double Source::Fraction() const {
-    return static_cast<double>(m_offset_bytes) /
+    return static_cast<double>(m_offsetBytes) /
            static_cast<double>(std::max<std::uint64_t>(1, m_file.Size()));
 }
 

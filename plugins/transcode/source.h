@@ -38,11 +38,11 @@ class Source {
     // Whether the packets tell their times. Raw streams have none: their frames only follow each other.
     bool HasTimes() const { return m_format->start_time != AV_NOPTS_VALUE; }
     // Time of the beginning on the source's own time line.
-    std::int64_t Start_us() const;
+    std::int64_t StartUs() const;
     // Length as the file tells it, of the stream when it says so; -1 when only guessed or not known.
-    std::int64_t Length_us(const AVStream* stream) const;
+    std::int64_t LengthUs(const AVStream* stream) const;
     // The longest of the streams that are worked on, -1 when not known.
-    std::int64_t Length_us() const;
+    std::int64_t LengthUs() const;
 
     // The next packet of those streams. AVERROR_EOF at the end, AVERROR_EXIT when interrupted.
     int Read(AVPacket* packet);
@@ -66,7 +66,7 @@ class Source {
     Interrupted m_interrupted;
     std::string m_path;
     task::InputFile m_file;
-    std::int64_t m_offset_bytes = 0;
+    std::int64_t m_offsetBytes = 0;
     Io m_io;
     AVFormatContext* m_format = nullptr;
     AVStream* m_video = nullptr;

@@ -23,26 +23,26 @@ Failure Target::Fail(std::int32_t errorCode, Detail detail, const std::string& w
 
 int Target::OnWrite(void* self, std::uint8_t* bytes, int size) {
     auto& target = *static_cast<Target*>(self);
-    const std::uint32_t code = target.m_file.WriteAt(static_cast<std::uint64_t>(target.m_offset_bytes), bytes,
+    const std::uint32_t code = target.m_file.WriteAt(static_cast<std::uint64_t>(target.m_offsetBytes), bytes,
                                                      static_cast<std::size_t>(size));
     if (code != 0) {
         if (target.m_systemCode == 0) target.m_systemCode = code;
         return AVERROR(static_cast<int>(code));
     }
-    target.m_offset_bytes += size;
+    target.m_offsetBytes += size;
     return size;
 }
 
 std::int64_t Target::OnSeek(void* self, std::int64_t offset, int whence) {
     auto& target = *static_cast<Target*>(self);
-    const auto size = static_cast<std::int64_t>(target.m_file.Size_bytes());
+    const auto size = static_cast<std::int64_t>(target.m_file.SizeBytes());
     if ((whence & AVSEEK_SIZE) != 0) return size;
     const int from = whence & ~AVSEEK_FORCE;
-    const std::int64_t place = offset + (from == SEEK_CUR   ? target.m_offset_bytes
+    const std::int64_t place = offset + (from == SEEK_CUR   ? target.m_offsetBytes
                                          : from == SEEK_END ? size
                                                             : 0);
     if (place < 0) return AVERROR(EINVAL);
-    return target.m_offset_bytes = place;
+    return target.m_offsetBytes = place;
 }
 
 Problem Target::Open(const std::string& container) {
@@ -102,7 +102,7 @@ Problem Target::Look(int code) {
     return Fail(task::kErrorProcessing, Detail::kTargetWrite, AvWordsWithLog(code));
 }
 
-std::int64_t Target::End_us() const {
+std::int64_t Target::EndUs() const {
     std::int64_t end = 0;
     for (const Written& written : m_written) end = std::max(end, written.end_us);
     return end;

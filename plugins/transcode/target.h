@@ -37,8 +37,8 @@ class Target {
     // What has been written of a stream: packets, and the end of the last one in the target's time (0 without
     // any).
     std::int64_t Packets(const AVStream* stream) const { return m_written[Index(stream)].packets; }
-    std::int64_t End_us(const AVStream* stream) const { return m_written[Index(stream)].end_us; }
-    std::int64_t End_us() const;
+    std::int64_t EndUs(const AVStream* stream) const { return m_written[Index(stream)].end_us; }
+    std::int64_t EndUs() const;
 
     const std::string& Path() const { return m_path; }
     const std::string& Container() const { return m_container; }
@@ -58,7 +58,7 @@ class Target {
     std::string m_path;
     std::string m_container;
     task::Publication& m_file;
-    std::int64_t m_offset_bytes = 0;
+    std::int64_t m_offsetBytes = 0;
     std::uint32_t m_systemCode = 0;  // of the first write that failed
     Io m_io;
     AVFormatContext* m_format = nullptr;

@@ -33,7 +33,7 @@ class Track {
     // After the source was positioned.
     void SetCut(const Cut& cut) {
         m_cut = cut;
-        m_nextTime_us = m_source.Start_us() - cut.base_us;
+        m_nextTimeUs = m_source.StartUs() - cut.base_us;
     }
     // The packet stays the caller's.
     virtual Problem Take(AVPacket* packet) = 0;
@@ -45,21 +45,21 @@ class Track {
     const AVStream& From() const { return m_from; }
     AVStream* To() const { return m_to; }
     // End of what the source gave, in the target's time.
-    std::int64_t Reached_us() const { return m_reached_us; }
+    std::int64_t ReachedUs() const { return m_reachedUs; }
     // Frames or samples written; for copies packets and 0.
     virtual std::int64_t Units() const = 0;
 
   protected:
-    std::int64_t TargetTime_us(std::int64_t time, AVRational base) const {
+    std::int64_t TargetTimeUs(std::int64_t time, AVRational base) const {
         return ToMicroseconds(time, base) - m_cut.base_us;
     }
     // Time of a decoded frame; of one that tells none, the end of the one before.
-    std::int64_t FrameTime_us(const AVFrame& frame) const {
-        if (!m_source.HasTimes() || frame.best_effort_timestamp == AV_NOPTS_VALUE) return m_nextTime_us;
-        return TargetTime_us(frame.best_effort_timestamp, m_from.time_base);
+    std::int64_t FrameTimeUs(const AVFrame& frame) const {
+        if (!m_source.HasTimes() || frame.best_effort_timestamp == AV_NOPTS_VALUE) return m_nextTimeUs;
+        return TargetTimeUs(frame.best_effort_timestamp, m_from.time_base);
     }
     void Reach(std::int64_t end_us) {
-        if (end_us > m_reached_us) m_reached_us = end_us;
+        if (end_us > m_reachedUs) m_reachedUs = end_us;
     }
     Failure SourceFailure(std::int32_t errorCode, Detail detail, const std::string& words) const {
         return Failure{errorCode, detail, m_source.Path() + ": " + words};
@@ -72,10 +72,10 @@ class Track {
     bool m_ignoreDamage;
     AVStream* m_to = nullptr;
     Cut m_cut;
-    std::int64_t m_nextTime_us = 0;  // end of the last decoded frame, in the target's time
+    std::int64_t m_nextTimeUs = 0;  // end of the last decoded frame, in the target's time
 
   private:
-    std::int64_t m_reached_us = 0;
+    std::int64_t m_reachedUs = 0;
 };
 
 }  // namespace rq::transcode

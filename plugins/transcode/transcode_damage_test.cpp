@@ -11,6 +11,7 @@
 #include <cstring>
 #include <iostream>
 
+#include "encoder.h"
 #include "plugin_common/codes.h"
 #include "transcode_test_driver.h"
 
@@ -167,6 +168,20 @@ TEST_F(TranscodeDamage, SettingsThatTheEncoderRefuses) {
     EXPECT_NE(Detail().find("at most 8192"), std::string::npos) << Detail();
 }
 
+// As in a build of FFmpeg without libx264.
+TEST(TranscodeEncoder, OneThatIsMissingIsNamed) {
+    task::Publication publication;
+    Target target("/out.mp4", publication);
+    plugin::Run run(nullptr, nullptr, nullptr, nullptr);
+    Watch watch(run);
+    Encoder encoder(target, watch, true);
+    const Problem problem = encoder.Find("libx264-of-another-build", Detail::kH264EncoderMissing);
+    ASSERT_TRUE(problem);
+    EXPECT_EQ(static_cast<std::uint32_t>(problem->errorCode), kProcessing);
+    EXPECT_EQ(static_cast<std::uint32_t>(problem->detail), 0x8000050Fu);
+    EXPECT_EQ(problem->words, "/out.mp4: this build of FFmpeg has no encoder \"libx264-of-another-build\"");
+}
+
 // ---- the target ----
 
 TEST_F(TranscodeDamage, TheTargetIsTheSource) {
@@ -174,9 +189,10 @@ TEST_F(TranscodeDamage, TheTargetIsTheSource) {
     std::filesystem::create_symlink(clip, PathOf("link.mp4"));
     std::filesystem::create_hard_link(clip, PathOf("second.mp4"));
     const std::string before = ReadWhole(clip);
+    const std::string words = ": the target is the source " + clip;
     for (const std::string& target : {clip, PathOf("link.mp4"), PathOf("second.mp4"), PathOf("./clip.mp4")}) {
         ExpectFailure(TaskText(clip, target, "<Overwrite>true</Overwrite>"), 0x84100001, 0);
-        EXPECT_EQ(Detail(), target + ": the target is the source " + clip);
+        EXPECT_EQ(Detail(), target + words);
     }
     EXPECT_EQ(ReadWhole(clip), before);
 }

@@ -230,7 +230,18 @@ TEST(TranscodeDocumentation, SchemaAndReaderAgree) {
     const auto audio = [](const std::string& more) {
         return Text("<Audio><Codec>aac</Codec>" + more + "</Audio>");
     };
+    const auto plain = [](const std::string& id, const std::string& source, const std::string& target) {
+        return "<TranscodeTask><ID>" + id + "</ID><Source><Path>" + source +
+               "</Path></Source><Target><Path>" + target +
+               "</Path><Container>mp4</Container></Target></TranscodeTask>";
+    };
+    const std::string withHint =
+        "<TranscodeTask xmlns:xsi='http://www.w3.org/2001/XMLSchema-instance' "
+        "xsi:noNamespaceSchemaLocation='transcode.xsd'><ID>x</ID><Source><Path>/a</Path></"
+        "Source><Target><Path>/b</Path>"
+        "<Container>mp4</Container></Target></TranscodeTask>";
     const std::string texts[] = {
+        withHint,
         Text(""),
         Text("", " mp4\n"),
         Text("", "MP4"),
@@ -272,19 +283,9 @@ TEST(TranscodeDocumentation, SchemaAndReaderAgree) {
         audio("<SampleRate_Hz>7999</SampleRate_Hz>"),
         audio("<Channels>0</Channels>"),
         audio("<Loudness>1</Loudness>"),
-        "<TranscodeTask><ID>x</ID><Source><Path>/a/</Path></Source><Target><Path>/b</Path><Container>mp4</"
-        "Container>"
-        "</Target></TranscodeTask>",
-        "<TranscodeTask><ID>x</ID><Source><Path>/a</Path></Source><Target><Path>b</Path><Container>mp4</"
-        "Container>"
-        "</Target></TranscodeTask>",
-        "<TranscodeTask><ID> "
-        "</ID><Source><Path>/a</Path></Source><Target><Path>/b</Path><Container>mp4</Container>"
-        "</Target></TranscodeTask>",
-        "<TranscodeTask xmlns:xsi='http://www.w3.org/2001/XMLSchema-instance' "
-        "xsi:noNamespaceSchemaLocation='transcode.xsd'><ID>x</ID><Source><Path>/a</Path></"
-        "Source><Target><Path>/b</Path>"
-        "<Container>mp4</Container></Target></TranscodeTask>",
+        plain("x", "/a/", "/b"),
+        plain("x", "/a", "b"),
+        plain(" ", "/a", "/b"),
         "<Transcode/>",
     };
     for (const std::string& text : texts)

@@ -93,7 +93,7 @@ class TranscodeDriver : public testing::Test {
 
     // A clip made by the ffmpeg command from these arguments.
     std::string Make(const std::string& name, const std::string& arguments) const {
-        const std::string path = PathOf(name);
+        std::string path = PathOf(name);
         OutputOf("cd '" + m_folder.string() + "' && ffmpeg -nostdin -v error -y " + arguments + " '" + path +
                  "' 2>&1");
         return path;
@@ -195,6 +195,10 @@ class TranscodeDriver : public testing::Test {
             facts[line.substr(0, equals)] = value;
         }
         return facts;
+    }
+    // The decoded pictures of the file.
+    static std::string PictureMd5(const std::string& path) {
+        return OutputOf("ffmpeg -nostdin -v error -i '" + path + "' -map 0:v -f md5 - ");
     }
     // Every picture of the file, as its mean luminance (16 is black, 235 white).
     static std::vector<int> Greys(const std::string& path) {

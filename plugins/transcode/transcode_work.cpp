@@ -71,7 +71,7 @@ Problem TranscodeWork::Transcode() {
     m_isEarly = m_watch.Stopped();
     if (m_watch.Cancelled()) return std::nullopt;
     if (Problem problem = FinishTracks()) return problem;
-    if (m_watch.Cancelled() || m_target.End_us() == 0) return std::nullopt;
+    if (m_watch.Cancelled() || m_target.EndUs() == 0) return std::nullopt;
     return Publish();
 }
 
@@ -143,7 +143,7 @@ Problem TranscodeWork::MakeTracks() {
 }
 
 Problem TranscodeWork::MakeCut() {
-    const std::int64_t sourceLength_us = m_source.Length_us();
+    const std::int64_t sourceLength_us = m_source.LengthUs();
     if (sourceLength_us >= 0 && m_task.in_us >= sourceLength_us && m_task.in_us > 0)
         return FailureOf(task::kErrorProcessing, Detail::kInPoint,
                          m_task.source + ": the in point lies at " + Seconds(m_task.in_us) +
@@ -157,22 +157,22 @@ Problem TranscodeWork::MakeCut() {
     };
     const std::int64_t in_us = atPicture(m_task.in_us);
     Cut cut;
-    cut.base_us = m_source.Start_us() + in_us;
+    cut.base_us = m_source.StartUs() + in_us;
     if (Problem problem = m_source.SeekBefore(in_us)) return problem;
     if (m_source.Video() != nullptr && m_task.video.handling == Handling::kCopy && in_us > 0)
         if (Problem problem = FindCopyBase(cut)) return problem;
-    const std::int64_t begin_us = cut.base_us - m_source.Start_us();
+    const std::int64_t begin_us = cut.base_us - m_source.StartUs();
     if (m_task.out_us) {
         const std::int64_t one_us =
             m_source.Video() == nullptr ? 1 : av_rescale_q(1, av_inv_q(rate), kMicroseconds);
         cut.length_us = std::max(one_us, atPicture(*m_task.out_us) - begin_us);
     }
-    m_length_us = sourceLength_us < 0 ? -1 : sourceLength_us - begin_us;
-    if (cut.length_us) m_length_us = m_length_us < 0 ? *cut.length_us : std::min(m_length_us, *cut.length_us);
+    m_lengthUs = sourceLength_us < 0 ? -1 : sourceLength_us - begin_us;
+    if (cut.length_us) m_lengthUs = m_lengthUs < 0 ? *cut.length_us : std::min(m_lengthUs, *cut.length_us);
     for (Track* track : {m_video.get(), m_audio.get()}) {
         if (track != nullptr) track->SetCut(cut);
     }
-    m_watch.Begin(m_length_us, m_video ? av_q2d(rate) : kAudioUnits_per_s);
+    m_watch.Begin(m_lengthUs, m_video ? av_q2d(rate) : kAudioUnits_per_s);
     return std::nullopt;
 }
 
@@ -234,7 +234,7 @@ Problem TranscodeWork::Pump() {
             m_atEnd = true;
             if (m_task.ignoreDamage) return std::nullopt;
             return FailureOf(task::kErrorSourceDamaged, Detail::kSourceRead,
-                             m_task.source + ": reading fails after " + Seconds(m_target.End_us()) + ": " +
+                             m_task.source + ": reading fails after " + Seconds(m_target.EndUs()) + ": " +
                                  AvWordsWithLog(code));
         }
         Problem problem = TakePacket(packet.get());
@@ -249,7 +249,7 @@ Problem TranscodeWork::TakePacket(AVPacket* packet) {
     Track* track = isVideo ? m_video.get() : m_audio.get();
     if (Problem problem = track->Take(packet)) return problem;
     const bool leads = isVideo || !m_video;
-    if (leads && dynamic_cast<CopyTrack*>(track) != nullptr) m_watch.At(track->Reached_us());
+    if (leads && dynamic_cast<CopyTrack*>(track) != nullptr) m_watch.At(track->ReachedUs());
     m_watch.Fraction(m_source.Fraction());
     m_watch.Tick();
     return std::nullopt;
@@ -260,16 +260,16 @@ Problem TranscodeWork::CheckEnd() const {
     if (m_source.Changed())
         return FailureOf(task::kErrorSourceChanged, Detail::kSourceRead,
                          m_task.source + ": the file changed while it was read");
-    if (!m_atEnd || m_task.ignoreDamage || m_length_us < 0) return std::nullopt;
+    if (!m_atEnd || m_task.ignoreDamage || m_lengthUs < 0) return std::nullopt;
     std::int64_t reached_us = 0;
     for (const Track* track : {m_video.get(), m_audio.get()})
-        if (track != nullptr) reached_us = std::max(reached_us, track->Reached_us());
-    if (reached_us + kEarlyEnd_us >= m_length_us) return std::nullopt;
-    const std::int64_t before_us = m_source.Length_us() - m_length_us;
+        if (track != nullptr) reached_us = std::max(reached_us, track->ReachedUs());
+    if (reached_us + kEarlyEnd_us >= m_lengthUs) return std::nullopt;
+    const std::int64_t before_us = m_source.LengthUs() - m_lengthUs;
     const std::string line = AvLog::TakeError();
     return FailureOf(task::kErrorSourceDamaged, Detail::kSourceRead,
                      m_task.source + ": the source is cut short: it tells a length of " +
-                         Seconds(m_source.Length_us()) + ", but ends after " +
+                         Seconds(m_source.LengthUs()) + ", but ends after " +
                          Seconds(before_us + reached_us) + (line.empty() ? "" : " (" + line + ")"));
 }
 
@@ -281,7 +281,7 @@ Problem TranscodeWork::FinishTracks() {
         if (problem && !(m_watch.Stopped() && track->Units() == 0)) return problem;
     }
     if (Problem problem = CheckEnd()) return problem;
-    if (m_target.End_us() == 0) {
+    if (m_target.EndUs() == 0) {
         if (m_watch.Stopped()) return std::nullopt;
         return FailureOf(task::kErrorSourceDamaged, m_video ? Detail::kNoVideoFrame : Detail::kNoAudioFrame,
                          m_task.source + ": nothing lies between the in and out points");
@@ -292,7 +292,7 @@ Problem TranscodeWork::FinishTracks() {
 Expected TranscodeWork::ExpectedTarget() const {
     Expected expected;
     expected.container = m_task.container;
-    expected.duration_us = m_target.End_us();
+    expected.duration_us = m_target.EndUs();
     if (m_video) {
         const AVCodecParameters& to = *m_video->To()->codecpar;
         expected.video = Expected::Video{avcodec_get_name(to.codec_id), to.width, to.height};
@@ -313,7 +313,7 @@ Problem TranscodeWork::Look(const std::string& path, task::MediaFormat& format) 
         problem->errorCode = task::kErrorOutputCheck;
         return problem;
     }
-    format = Describe(written, m_publication.Size_bytes());
+    format = Describe(written, m_publication.SizeBytes());
     const std::string difference = Difference(format, ExpectedTarget());
     if (difference.empty()) return std::nullopt;
     return m_target.Fail(task::kErrorOutputCheck, Detail::kTargetWrite,
@@ -331,9 +331,9 @@ Problem TranscodeWork::Publish() {
     if (auto failure = m_publication.Publish(check)) return found ? found : FromPublishing(*failure);
     m_isPublished = true;
     const std::int64_t frames = m_video ? m_target.Packets(m_video->To()) : 0;
-    const std::int64_t audio_us = m_audio ? m_target.End_us(m_audio->To()) : 0;
+    const std::int64_t audio_us = m_audio ? m_target.EndUs(m_audio->To()) : 0;
     m_host.Log(plugin::Level::kInformation, "transcode: " + m_task.target + ": " + std::to_string(frames) +
-                                                " frames, " + Seconds(m_target.End_us()) + ", " +
+                                                " frames, " + Seconds(m_target.EndUs()) + ", " +
                                                 std::to_string(format.size_bytes) + " bytes");
     m_record.Publish(Clamped(frames), Clamped(audio_us / 1000), std::move(format));
     return std::nullopt;
@@ -372,8 +372,8 @@ plugin::Outcome TranscodeWork::Conclude(const Problem& problem) {
 
 plugin::Outcome TranscodeWork::ConcludeEarly() {
     std::string text = "ended early: nothing is written";
-    if (m_isPublished) text = "ended early: " + Seconds(m_target.End_us()) + " written";
-    if (m_isPublished && m_length_us > 0) text += " of " + Seconds(m_length_us);
+    if (m_isPublished) text = "ended early: " + Seconds(m_target.EndUs()) + " written";
+    if (m_isPublished && m_lengthUs > 0) text += " of " + Seconds(m_lengthUs);
     m_record.SetFurtherText(text);
     return plugin::Outcome::kFinished;
 }

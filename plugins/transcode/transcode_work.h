@@ -60,10 +60,10 @@ class TranscodeWork {
     Target m_target;
     std::unique_ptr<Track> m_video;
     std::unique_ptr<Track> m_audio;
-    std::int64_t m_length_us = -1;  // of the target, as far as it can be told before
-    std::deque<Packet> m_read;      // packets that were read while looking for the in point
-    bool m_atEnd = false;           // of the source
-    bool m_isEarly = false;         // a stop ended the reading
+    std::int64_t m_lengthUs = -1;  // of the target, as far as it can be told before
+    std::deque<Packet> m_read;     // packets that were read while looking for the in point
+    bool m_atEnd = false;          // of the source
+    bool m_isEarly = false;        // a stop ended the reading
     bool m_isPublished = false;
 };
 

@@ -55,7 +55,7 @@ VideoTrack::VideoTrack(const Source& source, const AVStream& from, Target& targe
 
 Problem VideoTrack::Begin() {
     if (Problem problem = m_decoder.Open()) return problem;
-    m_rotation_degrees = RotationOf(m_from);
+    m_rotationDegrees = RotationOf(m_from);
     if (Problem problem = ChooseSize()) return problem;
     if (Problem problem = OpenEncoder()) return problem;
     m_to = m_encoder.Stream();
@@ -68,7 +68,7 @@ Problem VideoTrack::ChooseSize() {
     if (from.width < 1 || from.height < 1 || from.format == AV_PIX_FMT_NONE)
         return SourceFailure(task::kErrorSourceDamaged, Detail::kUnknownSourceVideo,
                              "the video's size and format cannot be told; nothing in it can be decoded");
-    const bool isTurned = m_rotation_degrees % 180 != 0;
+    const bool isTurned = m_rotationDegrees % 180 != 0;
     const double width = isTurned ? from.height : from.width;
     const double height = isTurned ? from.width : from.height;
     if (m_settings.width_px && m_settings.height_px) {
@@ -89,7 +89,7 @@ Problem VideoTrack::ChooseSize() {
 
 void VideoTrack::ChooseRate() {
     m_rate = m_source.FrameRate();
-    m_sourceFrame_us = av_rescale_q(1, av_inv_q(m_rate), kMicroseconds);
+    m_sourceFrameUs = av_rescale_q(1, av_inv_q(m_rate), kMicroseconds);
     if (m_settings.frameRate_fps)
         m_rate = {m_settings.frameRate_fps->numerator, m_settings.frameRate_fps->denominator};
     const AVRational* known = m_encoder.Context().codec->supported_framerates;
@@ -101,7 +101,7 @@ AVRational VideoTrack::PixelAspect() const {
     AVRational aspect = m_from.sample_aspect_ratio.num > 0 ? m_from.sample_aspect_ratio
                                                            : m_from.codecpar->sample_aspect_ratio;
     if (aspect.num <= 0 || aspect.den <= 0) return {0, 1};
-    const bool isTurned = m_rotation_degrees % 180 != 0;
+    const bool isTurned = m_rotationDegrees % 180 != 0;
     const std::int64_t width = isTurned ? m_from.codecpar->height : m_from.codecpar->width;
     const std::int64_t height = isTurned ? m_from.codecpar->width : m_from.codecpar->height;
     if (isTurned) aspect = av_inv_q(aspect);
@@ -158,9 +158,9 @@ Problem VideoTrack::OpenEncoder() {
 
 std::string VideoTrack::FilterChain() const {
     std::string chain;
-    if (m_rotation_degrees == 90) chain = "transpose=clock,";
-    if (m_rotation_degrees == 180) chain = "hflip,vflip,";
-    if (m_rotation_degrees == 270) chain = "transpose=cclock,";
+    if (m_rotationDegrees == 90) chain = "transpose=clock,";
+    if (m_rotationDegrees == 180) chain = "hflip,vflip,";
+    if (m_rotationDegrees == 270) chain = "transpose=cclock,";
     return chain + "scale=" + std::to_string(m_size.width_px) + ":" + std::to_string(m_size.height_px) +
            ":flags=bicubic,format=" + av_get_pix_fmt_name(kPixelFormat);
 }
@@ -200,11 +200,11 @@ Problem VideoTrack::Take(AVPacket* packet) {
 
 Problem VideoTrack::OnFrame(AVFrame& frame) {
     if (m_done) return std::nullopt;
-    const std::int64_t time_us = FrameTime_us(frame);
-    m_nextTime_us = time_us + m_sourceFrame_us;
-    Reach(m_nextTime_us);
-    if (time_us < -m_sourceFrame_us / 2) return std::nullopt;
-    if (m_cut.length_us && time_us >= *m_cut.length_us - m_sourceFrame_us / 2) {
+    const std::int64_t time_us = FrameTimeUs(frame);
+    m_nextTimeUs = time_us + m_sourceFrameUs;
+    Reach(m_nextTimeUs);
+    if (time_us < -m_sourceFrameUs / 2) return std::nullopt;
+    if (m_cut.length_us && time_us >= *m_cut.length_us - m_sourceFrameUs / 2) {
         m_done = true;
         return ShowUntil(EndIndex());
     }
@@ -259,7 +259,7 @@ Problem VideoTrack::Finish() {
                              "no picture of the video can be decoded");
     if (!m_done && m_hasPending) {
         // The last picture is shown for its own time.
-        const auto end = std::max<std::int64_t>(m_nextIndex == 0 ? 1 : 0, std::llround(Index(m_nextTime_us)));
+        const auto end = std::max<std::int64_t>(m_nextIndex == 0 ? 1 : 0, std::llround(Index(m_nextTimeUs)));
         if (Problem problem = ShowUntil(std::min(end, EndIndex()))) return problem;
     }
     m_done = true;

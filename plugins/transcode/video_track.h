@@ -56,8 +56,8 @@ class VideoTrack final : public Track {
     int m_inFormat = -1;
     Size m_size;  // of the target
     AVRational m_rate{25, 1};
-    std::int64_t m_sourceFrame_us = 0;
-    int m_rotation_degrees = 0;
+    std::int64_t m_sourceFrameUs = 0;
+    int m_rotationDegrees = 0;
 
     Frame m_pending{av_frame_alloc()};  // the picture to show next
     bool m_hasPending = false;

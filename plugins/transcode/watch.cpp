@@ -6,7 +6,7 @@
 namespace rq::transcode {
 
 void Watch::Begin(std::int64_t length_us, double units_per_s) {
-    m_units_per_s = units_per_s;
+    m_unitsPerSecond = units_per_s;
     m_total = length_us < 1 ? 0
                             : std::max<std::int64_t>(
                                   1, std::llround(static_cast<double>(length_us) * 1e-6 * units_per_s));
@@ -18,13 +18,13 @@ void Watch::Fraction(double fraction) {
 }
 
 void Watch::At(std::int64_t position_us) {
-    m_position_us = std::max(m_position_us, position_us);
+    m_positionUs = std::max(m_positionUs, position_us);
 }
 
 void Watch::Tick() {
     const auto now = std::chrono::steady_clock::now();
     if (now - m_toldAt < kReport_ms) return;
-    const std::int64_t done = std::llround(static_cast<double>(m_position_us) * 1e-6 * m_units_per_s);
+    const std::int64_t done = std::llround(static_cast<double>(m_positionUs) * 1e-6 * m_unitsPerSecond);
     std::int64_t total = m_total;
     if (total == 0) {
         if (m_fraction <= 0 || done < 1) {

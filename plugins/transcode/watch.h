@@ -36,10 +36,10 @@ class Watch {
 
     plugin::Run& m_run;
     std::chrono::steady_clock::time_point m_toldAt = std::chrono::steady_clock::now();
-    double m_units_per_s = 0;
+    double m_unitsPerSecond = 0;
     std::int64_t m_total = 0;  // 0: not known
     double m_fraction = 0;
-    std::int64_t m_position_us = 0;
+    std::int64_t m_positionUs = 0;
     std::int64_t m_toldTotal = 0;
     std::int64_t m_toldDone = 0;
 };
