@@ -32,7 +32,8 @@ inline Error Fail(std::string message) {
 
 // 32-bit signed status codes of the worker's operations.
 inline constexpr std::int32_t kStatusOk = 0;
-inline constexpr std::int32_t kStatusMissing = -1;                                     // a needed object is not there
-inline constexpr std::int32_t kStatusFail = static_cast<std::int32_t>(0x80004005u);  // null argument, load failure
+inline constexpr std::int32_t kStatusMissing = -1;  // a needed object is not there
+inline constexpr std::int32_t kStatusFail =
+    static_cast<std::int32_t>(0x80004005u);  // null argument, load failure
 
 }  // namespace rq

@@ -1,10 +1,11 @@
 // Locks and waits, the only ones in the project: every mutex here carries clang thread-safety annotations.
 //
 // Mutex / MutexLock   a plain lock and its scope.
-// Signal              a wait that one thread makes and another ends. The notification is a token kept under the
+// Signal              a wait that one thread makes and another ends. The notification is a token kept under
+// the
 //                     signal's own mutex: it is never lost when it comes before the wait, it ends exactly one
-//                     wait, and a spurious wake ends none. A flag that a waiter tests is stored while holding the
-//                     same mutex (Signal::Hold).
+//                     wait, and a spurious wake ends none. A flag that a waiter tests is stored while holding
+//                     the same mutex (Signal::Hold).
 //
 // Any thread may call anything here. Time is taken from the Clock given to the Signal, so that tests move it.
 #pragma once
@@ -81,12 +82,13 @@ class RQ_CAPABILITY("signal") Signal {
         boost::unique_lock<boost::mutex> m_lock;
     };
 
-    // Waits until the token is there (consumes it, true) or the clock reaches `deadline` (false). A token that
-    // is already there ends the wait at once. The mutex is free while waiting and held again on return.
+    // Waits until the token is there (consumes it, true) or the clock reaches `deadline` (false). A token
+    // that is already there ends the wait at once. The mutex is free while waiting and held again on return.
     bool WaitUntil(Hold& hold, SteadyTime deadline);
     bool WaitFor(Hold& hold, std::chrono::milliseconds duration);
 
-    // Leaves the token and wakes the waiter. The caller keeps the mutex: the waiter goes on when it is let go.
+    // Leaves the token and wakes the waiter. The caller keeps the mutex: the waiter goes on when it is let
+    // go.
     void Notify(Hold& hold);
     // Takes away a token that nobody consumed.
     void Reset(Hold& hold);

@@ -1,6 +1,6 @@
-// Text kinds. Narrow text is UTF-8 everywhere in this project (docs/adr/0002); wide text is UTF-16 on Windows and
-// UTF-32 on Linux. GBK exists at the console, in the reply texts fixed as GBK, and as a fallback for foreign
-// files (platform/codepage.h). All functions are pure; any thread.
+// Text kinds. Narrow text is UTF-8 everywhere in this project (docs/adr/0002); wide text is UTF-16 on Windows
+// and UTF-32 on Linux. GBK exists at the console, in the reply texts fixed as GBK, and as a fallback for
+// foreign files (platform/codepage.h). All functions are pure; any thread.
 #pragma once
 
 #include <string>

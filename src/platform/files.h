@@ -10,7 +10,8 @@
 
 namespace rq::platform {
 
-// Full path of the running executable (links resolved), at most 260 wide characters on Windows; empty on failure.
+// Full path of the running executable (links resolved), at most 260 wide characters on Windows; empty on
+// failure.
 std::string ModuleFileName();
 
 std::string CurrentDirectory();
@@ -22,19 +23,19 @@ std::FILE* OpenFile(const std::string& path, const char* mode);
 // The whole file as bytes; nothing when it cannot be opened or read.
 std::optional<std::string> ReadWholeFile(const std::string& path, OsError* error = nullptr);
 
-// Makes a new file that only its owner can read (0600; an owner-only ACL on Windows) and writes `bytes`. Fails when
-// the file is already there.
+// Makes a new file that only its owner can read (0600; an owner-only ACL on Windows) and writes `bytes`.
+// Fails when the file is already there.
 bool CreatePrivateFile(const std::string& path, std::string_view bytes, OsError* error = nullptr);
 
 // Makes a folder (with missing parents) that only its owner can enter. True when it is there afterwards.
 bool CreatePrivateFolder(const std::string& path, OsError* error = nullptr);
 
-// Writes `bytes` to a temporary file beside `path`, syncs it and renames it over `path`: readers see the old text or
-// the new one. A private file stays private.
+// Writes `bytes` to a temporary file beside `path`, syncs it and renames it over `path`: readers see the old
+// text or the new one. A private file stays private.
 bool ReplaceFile(const std::string& path, std::string_view bytes, bool isPrivate, OsError* error = nullptr);
 
-// An exclusive advisory lock held until the handle is released or the process ends. Null when another process (or
-// this one) holds it. Used for "one engine per data folder".
+// An exclusive advisory lock held until the handle is released or the process ends. Null when another process
+// (or this one) holds it. Used for "one engine per data folder".
 class FolderLock {
   public:
     virtual ~FolderLock() = default;

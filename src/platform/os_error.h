@@ -1,5 +1,5 @@
-// An operating-system failure: its number and a text in UTF-8 that names the call. The platform room uses nothing
-// of the project, so it has this instead of Result<T>.
+// An operating-system failure: its number and a text in UTF-8 that names the call. The platform room uses
+// nothing of the project, so it has this instead of Result<T>.
 #pragma once
 
 #include <string>

@@ -17,10 +17,10 @@ namespace rq::platform {
 struct ProcessSpec {
     enum class Stream { Null, Inherit, File };
 
-    std::string program;                                              // path of the executable
-    std::vector<std::string> arguments;                               // without argument 0
-    std::vector<std::pair<std::string, std::string>> environment;     // added to or replacing this process's own
-    std::string directory;                                            // empty: this process's current directory
+    std::string program;                                           // path of the executable
+    std::vector<std::string> arguments;                            // without argument 0
+    std::vector<std::pair<std::string, std::string>> environment;  // added to or replacing this process's own
+    std::string directory;                                         // empty: this process's current directory
     Stream input = Stream::Null;
     Stream output = Stream::Null;
     Stream errors = Stream::Null;
@@ -54,8 +54,8 @@ class ChildProcess {
 std::uint64_t CurrentProcessId();
 std::uint64_t CurrentThreadId();
 
-// Starts `commandLine` (a quoted program path, nothing else) detached, as WinExec does: above 31 on success, a
-// failure code below 32 otherwise.
+// Starts `commandLine` (a quoted program path, nothing else) detached, as WinExec does: above 31 on success,
+// a failure code below 32 otherwise.
 unsigned StartDetached(const std::string& commandLine);
 
 }  // namespace rq::platform

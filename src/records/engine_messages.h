@@ -12,23 +12,23 @@ namespace rq {
 
 // "In" is from the engine to the worker, "out" from the worker to the engine.
 enum MessageId : std::uint32_t {
-    TCP_WORKER_HEARTBEAT_ID = 4000,       // out: HeartbeatRecord
-    TCP_WORKER_SEND_ID = 4001,            // out: TaskNotice, once per process
-    TCP_TASK_CANCEL_ID = 4002,            // in:  TaskCommandPayload
-    TCP_TASK_CANCEL_REPLY_ID = 4003,      // out: TaskCommandReply
-    TCP_TASK_SUSPEND_ID = 4004,           // in:  TaskCommandPayload
-    TCP_TASK_SUSPEND_REPLY_ID = 4005,     // out: TaskCommandReply
-    TCP_TASK_RESUME_ID = 4006,            // in:  TaskCommandPayload
-    TCP_TASK_RESUME_REPLY_ID = 4007,      // out: TaskCommandReply
-    TCP_WORKER_PROGRESS_ID = 4008,        // out: EngineProgressMessage
-    TCP_WORKER_STATE_ID = 4009,           // out: EngineStateMessage
-    TCP_WORKER_DESTROY_ID = 4014,         // in:  no payload is read
-    TCP_TASK_UPDATE_ID = 4015,            // in:  TaskTextPayload
-    TCP_TASK_UPDATE_REPLY_ID = 4016,      // out: TaskCommandReply
-    TCP_TASK_ADD_ID = 4017,               // in:  TaskTextPayload; deliberately not answered
-    TCP_TASK_FINISH_ID = 4019,            // in:  TaskCommandPayload
-    TCP_TASK_FINISH_REPLY_ID = 4020,      // out: TaskCommandReply
-    TCP_SERVER_DISCONNECT_ID = 12306,     // in:  session ID only; made by the client library itself
+    TCP_WORKER_HEARTBEAT_ID = 4000,    // out: HeartbeatRecord
+    TCP_WORKER_SEND_ID = 4001,         // out: TaskNotice, once per process
+    TCP_TASK_CANCEL_ID = 4002,         // in:  TaskCommandPayload
+    TCP_TASK_CANCEL_REPLY_ID = 4003,   // out: TaskCommandReply
+    TCP_TASK_SUSPEND_ID = 4004,        // in:  TaskCommandPayload
+    TCP_TASK_SUSPEND_REPLY_ID = 4005,  // out: TaskCommandReply
+    TCP_TASK_RESUME_ID = 4006,         // in:  TaskCommandPayload
+    TCP_TASK_RESUME_REPLY_ID = 4007,   // out: TaskCommandReply
+    TCP_WORKER_PROGRESS_ID = 4008,     // out: EngineProgressMessage
+    TCP_WORKER_STATE_ID = 4009,        // out: EngineStateMessage
+    TCP_WORKER_DESTROY_ID = 4014,      // in:  no payload is read
+    TCP_TASK_UPDATE_ID = 4015,         // in:  TaskTextPayload
+    TCP_TASK_UPDATE_REPLY_ID = 4016,   // out: TaskCommandReply
+    TCP_TASK_ADD_ID = 4017,            // in:  TaskTextPayload; deliberately not answered
+    TCP_TASK_FINISH_ID = 4019,         // in:  TaskCommandPayload
+    TCP_TASK_FINISH_REPLY_ID = 4020,   // out: TaskCommandReply
+    TCP_SERVER_DISCONNECT_ID = 12306,  // in:  session ID only; made by the client library itself
 };
 
 // No session: the server is not running, or the connection broke.
@@ -124,12 +124,12 @@ struct TaskStatusEntry {
     std::string second;  // left empty
     std::string third;   // left empty
     std::uint32_t taskType = 0;
-    std::uint32_t status = 0;           // TaskStatus, others pass unchanged
-    std::uint32_t detailErrorCode = 0;  // the processing library's own code
-    std::string detailErrorText;        // UTF-8
-    std::uint32_t errorCode = 0;        // a negative code travels as its two's complement
-    std::string errorText;              // UTF-8
-    std::string furtherText;            // UTF-8
+    std::uint32_t status = 0;                        // TaskStatus, others pass unchanged
+    std::uint32_t detailErrorCode = 0;               // the processing library's own code
+    std::string detailErrorText;                     // UTF-8
+    std::uint32_t errorCode = 0;                     // a negative code travels as its two's complement
+    std::string errorText;                           // UTF-8
+    std::string furtherText;                         // UTF-8
     std::shared_ptr<const stTaskResultBase> result;  // null when there is none
 };
 
@@ -142,7 +142,8 @@ struct ProgressEntry {
     float speed = 0;     // by task type: times real time, units per second, units per millisecond or MiB/s
 };
 
-// The shape shared by both reports. `id` is 4009 in both, also where the report travels under 4008: deliberate.
+// The shape shared by both reports. `id` is 4009 in both, also where the report travels under 4008:
+// deliberate.
 template <class Entry>
 struct EngineMessage {
     std::uint32_t id = TCP_WORKER_STATE_ID;

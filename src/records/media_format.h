@@ -1,4 +1,5 @@
-// KWOVL::tagAVFormat: the description of a media file that RQAVFormatToXmlString turns into XML. Texts are UTF-8.
+// KWOVL::tagAVFormat: the description of a media file that RQAVFormatToXmlString turns into XML. Texts are
+// UTF-8.
 #pragma once
 
 #include <cstdint>

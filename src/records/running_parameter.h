@@ -1,5 +1,6 @@
-// tagOVLCommunicationParam: the running parameters of a worker, read from "actor.xml" and handed to the plug-in.
-// Copied freely; whoever holds a copy owns it. Texts are UTF-8. The fields stand in running_parameter_table.inc.
+// tagOVLCommunicationParam: the running parameters of a worker, read from "actor.xml" and handed to the
+// plug-in. Copied freely; whoever holds a copy owns it. Texts are UTF-8. The fields stand in
+// running_parameter_table.inc.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +16,8 @@ struct tagOVLCommunicationParam {
 #define RQ_PARAM_TEXT(position, member, element, def, unit, meaning) std::string member = def;
 #define RQ_PARAM_TEXTS(position, member, element, def, unit, meaning) \
     std::vector<std::string> member = DefaultTexts(def);
-#define RQ_PARAM_PORTS(position, member, element, def, unit, meaning) std::vector<std::uint16_t> member = {def};
+#define RQ_PARAM_PORTS(position, member, element, def, unit, meaning) \
+    std::vector<std::uint16_t> member = {def};
 #define RQ_PARAM_INDEX(position, member, element, def, unit, meaning) std::int32_t member = def;
 #include "records/running_parameter_table.inc"
 #undef RQ_PARAM_VALUE

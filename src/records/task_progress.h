@@ -1,5 +1,5 @@
-// TaskProgress: what a plug-in has told of its task so far. Owned by the plug-in runner under its progress lock; all
-// others read copies.
+// TaskProgress: what a plug-in has told of its task so far. Owned by the plug-in runner under its progress
+// lock; all others read copies.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// Task results: per-file outcomes that a final status carries to the engine. All texts are UTF-8. Records are always
-// deleted through stTaskResultBase.
+// Task results: per-file outcomes that a final status carries to the engine. All texts are UTF-8. Records are
+// always deleted through stTaskResultBase.
 #pragma once
 
 #include <cstdint>
@@ -25,8 +25,8 @@ struct Md5FileEntry {
     std::uint8_t mode = 0;  // 0 verification (type 4), 1 computation (type 3)
     std::string first;
     std::string second;
-    std::string firstMd5;   // 32 hexadecimal characters; verification only
-    std::string secondMd5;  // verification only
+    std::string firstMd5;                      // 32 hexadecimal characters; verification only
+    std::string secondMd5;                     // verification only
     std::int32_t verification = kNotCompared;  // always 0 for computation
     std::string computedMd5;                   // computation only
 };

@@ -128,8 +128,8 @@ bool ProgressWatch::IsStalled() const {
 }
 
 void ProgressWatch::HandleStall() {
-    // Everything that takes time comes before the close: the task's own final status, which the work loop sends
-    // as soon as the plug-in gives up, should find this one sent.
+    // Everything that takes time comes before the close: the task's own final status, which the work loop
+    // sends as soon as the plug-in gives up, should find this one sent.
     auto message = MakeReport<EngineStateMessage>("state");
     TaskStatusEntry entry;
     entry.status = kTaskError;

@@ -275,7 +275,8 @@ TEST_F(Progress, StopWaitsForTheEndOfAMeasuredRound) {
         m_core.progressSignal.Notify();
         stopped.Open();
     });
-    EXPECT_FALSE(stopped.Wait(std::chrono::seconds(1)));  // it would come at once if the round did not hold it
+    EXPECT_FALSE(
+        stopped.Wait(std::chrono::seconds(1)));  // it would come at once if the round did not hold it
     goOn.Open();
     stopper.join();
     m_thread.join();

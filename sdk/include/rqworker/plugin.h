@@ -236,11 +236,10 @@ typedef struct RQMd5Data { /* types 3 and 4 */
  * Made by the plug-in in RQWorkerAnalyseTask and freed by the plug-in alone. A record of another contract
  * version, or one smaller than this, is taken as none, with a line in the log. A record lives at least until
  * the next analyse call that is entered with *taskInfo NULL, as it is for a new task, or RQWorkerRelease; an
- * update is entered with *taskInfo at the task's present record, which the worker may be about to perform. One
- * that RQWorkerPerformTask was given lives longer: until the
- * next RQWorkerPerformTask or RQWorkerRelease, whatever analyse calls come meanwhile. An update of the task
- * is such a call; it may come while RQWorkerPerformTask runs, or just as it returns, and the worker reads the
- * task's outcome after that.
+ * update is entered with *taskInfo at the task's present record, which the worker may be about to perform.
+ * One that RQWorkerPerformTask was given lives longer: until the next RQWorkerPerformTask or RQWorkerRelease,
+ * whatever analyse calls come meanwhile. An update of the task is such a call; it may come while
+ * RQWorkerPerformTask runs, or just as it returns, and the worker reads the task's outcome after that.
  *
  * The worker writes these fields and no others: `status` (atomically, any thread), and on the main thread,
  * while no plug-in function runs, `errorCode`, `detailErrorText` and `furtherText`, and `detailErrorCode` for
