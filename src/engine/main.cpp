@@ -101,6 +101,14 @@ int main(int argc, char** argv) {
         const int code = app.exit(problem);
         return code == 0 ? 0 : 2;
     }
+    if (settings.dataFolder.empty()) {
+        Complain("--data (or RQ_ENGINE_DATA) is empty; name a folder");
+        return 2;
+    }
+    if (settings.stageFolder.empty()) {
+        Complain("--stage is empty; name the folder of RQWorkerU");
+        return 2;
+    }
     settings.dataFolder = Absolute(settings.dataFolder);
     settings.stageFolder = Absolute(settings.stageFolder);
     if (!settings.logFolder.empty()) settings.logFolder = Absolute(settings.logFolder);

@@ -209,7 +209,7 @@ TEST(EngineClientConnect, TheLogHoldsConnectsLossesAndAtItsDebugLevelFrames) {
         EXPECT_TRUE(test.SendState(0));
         engine.SendNumbered(5000, "??");
         engine.CloseConnection();
-        ASSERT_TRUE(test.handler.WaitFor(1));
+        ASSERT_TRUE(test.handler.WaitFor(2));  // the unknown id, then the loss
     };
     run(plain);
     {

@@ -134,6 +134,14 @@ TEST(Failures, NoEngine) {
     EXPECT_NE(outcome.errors.find("rqengine"), std::string::npos) << outcome.errors;
 }
 
+TEST(Failures, EmptyDataFolderIsRefused) {
+    Node node(false);
+    kit::Child engine(kit::ProgramIn(node.Stage(), "rqengine"),
+                      {"--data", "", "--port", "0", "--http-port", "0"});
+    EXPECT_EQ(engine.ExitCode(), 2);
+    EXPECT_NE(engine.Errors().find("--data"), std::string::npos) << engine.Errors();
+}
+
 TEST(Failures, SecondEngineOnTheSameDataIsRefused) {
     Node node;
     kit::Child second(kit::ProgramIn(node.Stage(), "rqengine"),
