@@ -346,6 +346,9 @@ class End(WorkerCase):
         engine, link = self.start_running()
         for _ in range(20):
             link.send(4017, {"text": "<a>x</a>"})
+        # Closing with bytes unread would reset the connection and drop orders that the worker has not received.
+        link.sock.shutdown(1)
+        link.wait_for_close(5, [])
         link.close()
         self.assert_ends(engine)
         written = engine.written()
