@@ -33,6 +33,38 @@ if(RQ_SANITIZE)
   endif()
 endif()
 
+# Where the programs that are built see the file system's root: Wine shows it as a drive. For paths compiled into tests.
+set(RQ_PATH_ROOT "")
+if(CMAKE_CROSSCOMPILING AND WIN32)
+  set(RQ_PATH_ROOT "Z:")
+endif()
+
+# Ends the names of the sources that differ by platform: x_${RQ_PLATFORM}.cpp.
+if(WIN32)
+  set(RQ_PLATFORM win)
+else()
+  set(RQ_PLATFORM posix)
+endif()
+
+if(WIN32)
+  add_compile_definitions(UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN)
+endif()
+if(MINGW)
+  # Programs and libraries need no DLL of the compiler's, and libraries are called what they are asked for by.
+  add_link_options(-static)
+  set(CMAKE_SHARED_LIBRARY_PREFIX "")
+  set(CMAKE_SHARED_MODULE_PREFIX "")
+endif()
+
+# rq_wide_main(<target>...): these programs have wmain instead of main when built for Windows.
+function(rq_wide_main)
+  if(MINGW)
+    foreach(target IN LISTS ARGN)
+      target_link_options(${target} PRIVATE -municode)
+    endforeach()
+  endif()
+endfunction()
+
 add_library(rq_warnings INTERFACE)
 target_compile_options(rq_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Werror

@@ -1,5 +1,10 @@
 # Every third-party library, found once. docs/dependencies.md says what each is for.
 
+if(CMAKE_CROSSCOMPILING AND WIN32)
+  include(RQDependenciesWindows)
+  return()
+endif()
+
 find_package(Threads REQUIRED)
 
 # Boost 1.81, not Debian's default 1.74.
@@ -18,6 +23,8 @@ find_package(EXPAT 2.5 REQUIRED)
 find_package(Protobuf 3.21 REQUIRED)
 find_package(SQLite3 REQUIRED)
 find_package(OpenSSL REQUIRED COMPONENTS Crypto)
+add_library(RQ::Digest INTERFACE IMPORTED GLOBAL)
+set_target_properties(RQ::Digest PROPERTIES INTERFACE_LINK_LIBRARIES OpenSSL::Crypto)
 find_package(spdlog 1.10 REQUIRED)
 find_package(fmt 9 REQUIRED)
 find_package(nlohmann_json 3.11 REQUIRED)
