@@ -19,18 +19,12 @@ class Md5Plugin final : public plugin::Plugin {
         Md5Task task;
         task::XmlError error;
         if (ReadMd5Task(taskText, task, error)) return {0, std::make_unique<Md5Record>(std::move(task))};
-        Services().Log(plugin::Level::kFailure, "md5: the task text is refused: " + error.Text());
-        return {task::kAnalysisTaskText, std::make_unique<plugin::TaskRecord>(RQ_TYPE_MD5_COMPUTE, task.id)};
+        return {task::kAnalysisTaskText, std::make_unique<plugin::TaskRecord>(RQ_TYPE_MD5_COMPUTE, task.id),
+                error.Text()};
     }
 
     plugin::Outcome Perform(plugin::TaskRecord& record, plugin::Run& run) override {
-        auto* md5Record = dynamic_cast<Md5Record*>(&record);
-        if (md5Record == nullptr) {
-            record.SetError(0, task::kAnalysisTaskText, "the task text was refused; there is nothing to do",
-                            "");
-            return plugin::Outcome::kFailed;
-        }
-        return Md5Work(*md5Record, run, Services()).Do();
+        return Md5Work(dynamic_cast<Md5Record&>(record), run, Services()).Do();
     }
 };
 

@@ -67,6 +67,7 @@ TEST_F(Md5Plugin, RefusedTextsLeaveARecordAndALogLine) {
     EXPECT_EQ(Analyse("no xml at all"), task::kAnalysisTaskText);
     ASSERT_NE(m_info, nullptr);
     EXPECT_EQ(Text(m_info->taskId), "");
+    EXPECT_EQ(Text(m_info->furtherText), "line 1: not well-formed XML: syntax error");
     ASSERT_EQ(m_log.size(), 1u);
     EXPECT_EQ(m_log[0], "4 md5: the task text is refused: line 1: not well-formed XML: syntax error");
 
@@ -80,6 +81,8 @@ TEST_F(Md5Plugin, RefusedTextsLeaveARecordAndALogLine) {
 
     Perform();  // nobody should, but then it is an error and no crash
     EXPECT_EQ(RQLoad32(&m_info->status), RQ_STATUS_ERROR);
+    EXPECT_EQ(m_info->errorCode, task::kAnalysisTaskText);
+    EXPECT_EQ(Text(m_info->furtherText).rfind("line 2: <Path> is not an absolute path", 0), 0u);
 }
 
 TEST_F(Md5Plugin, ComputesFilesOfEverySize) {

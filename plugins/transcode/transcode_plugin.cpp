@@ -18,18 +18,12 @@ class TranscodePlugin final : public plugin::Plugin {
             const SourceFacts facts = LookAtSource(task.source, Services());
             return {0, std::make_unique<TranscodeRecord>(std::move(task), facts)};
         }
-        Services().Log(plugin::Level::kFailure, "transcode: the task text is refused: " + error.Text());
-        return {task::kAnalysisTaskText, std::make_unique<plugin::TaskRecord>(RQ_TYPE_TRANSCODE, task.id)};
+        return {task::kAnalysisTaskText, std::make_unique<plugin::TaskRecord>(RQ_TYPE_TRANSCODE, task.id),
+                error.Text()};
     }
 
     plugin::Outcome Perform(plugin::TaskRecord& record, plugin::Run& run) override {
-        auto* transcode = dynamic_cast<TranscodeRecord*>(&record);
-        if (transcode == nullptr) {
-            record.SetError(0, task::kAnalysisTaskText, "the task text was refused; there is nothing to do",
-                            "");
-            return plugin::Outcome::kFailed;
-        }
-        return TranscodeWork(*transcode, run, Services()).Do();
+        return TranscodeWork(dynamic_cast<TranscodeRecord&>(record), run, Services()).Do();
     }
 };
 

@@ -74,8 +74,12 @@ TEST_F(TranscodePlugin, RefusedTextsLeaveARecordAndALogLine) {
         LastLog(),
         "4 transcode: the task text is refused: line 1: <TranscodeTask> has no <Source>; say what is to be "
         "transcoded");
+    const std::string reason = "line 1: <TranscodeTask> has no <Source>; say what is to be transcoded";
+    EXPECT_EQ(plugin::View(m_info->furtherText), reason);
     Perform();  // nobody should, but then it is an error and no crash
     EXPECT_EQ(RQLoad32(&m_info->status), RQ_STATUS_ERROR);
+    EXPECT_EQ(m_info->errorCode, task::kAnalysisTaskText);
+    EXPECT_EQ(plugin::View(m_info->furtherText), reason);
 }
 
 // ---- every pair of codecs and containers ----
@@ -110,14 +114,14 @@ TEST_P(TranscodePairs, GoThrough) {
 
     const RQTranscodeOutput& output = Output();
     EXPECT_EQ(output.size, sizeof output);
-    EXPECT_EQ(output.value1, 50u);
-    EXPECT_NEAR(output.value2, 2000, 50);
-    EXPECT_EQ(output.value64, std::filesystem::file_size(target));
+    EXPECT_EQ(output.frames, 50u);
+    EXPECT_NEAR(output.audio_ms, 2000, 50);
+    EXPECT_EQ(output.size_bytes, std::filesystem::file_size(target));
     EXPECT_EQ(plugin::View(output.first), target);
     EXPECT_EQ(plugin::View(output.second), pair.container);
     ASSERT_NE(output.format, nullptr);
     EXPECT_EQ(plugin::View(output.format->container), pair.container);
-    EXPECT_EQ(output.format->size_bytes, output.value64);
+    EXPECT_EQ(output.format->size_bytes, output.size_bytes);
     EXPECT_NEAR(static_cast<double>(output.format->duration_us), Seconds(facts) * 1e6, 2);
     ASSERT_EQ(output.format->streamCount, 2u);
     const RQMediaStream& video = *output.format->streams[0];
@@ -220,7 +224,7 @@ TEST_F(TranscodePlugin, ChangesTheFrameRate) {
         EXPECT_EQ(facts["streams.stream.0.avg_frame_rate"], expected.words);
         EXPECT_EQ(facts["streams.stream.0.nb_read_packets"], expected.frames) << expected.rate;
         EXPECT_NEAR(Seconds(facts), 2.0, 0.05);
-        EXPECT_EQ(Output().value1, std::stoul(expected.frames));
+        EXPECT_EQ(Output().frames, std::stoul(expected.frames));
         // The progress counts the source's frames, so that frames a second over its rate is the speed.
         EXPECT_EQ(m_progress.back().total, 50);
         ExpectWholeProgress();
@@ -235,7 +239,7 @@ TEST_F(TranscodePlugin, TakesWhatTheSourceHasWhenNothingIsSaid) {
     auto facts = Probe(Target("made.mp4"));
     EXPECT_EQ(facts["format.nb_streams"], "1");
     EXPECT_EQ(facts["streams.stream.0.codec_name"], "aac");
-    EXPECT_EQ(Output().value1, 0u);
+    EXPECT_EQ(Output().frames, 0u);
     EXPECT_NEAR(Output().value2, 1000, 30);
     ExpectWholeProgress();
     EXPECT_EQ(m_progress.back().total, 1000);
@@ -374,11 +378,11 @@ TEST_F(TranscodePlugin, ProgressWithoutAKnownLengthFollowsTheBytes) {
         Make("raw.m2v", "-f lavfi -i testsrc2=s=320x180:r=25:d=20 -c:v mpeg2video -f mpeg2video");
     ExpectDone(TaskText(clip, Target("made.mp4"), Video("h264", "<Preset>medium</Preset>")));
     ExpectWholeProgress();
-    EXPECT_EQ(Output().value1, 500u);
+    EXPECT_EQ(Output().frames, 500u);
     EXPECT_GE(m_progress.size(), 3u);
     ExpectDone(TaskText(clip, Target("made.mp4"), "<Overwrite>true</Overwrite>" + Video("h264"),
                         "<In_s>1</In_s><Out_s>3</Out_s>"));
-    EXPECT_EQ(Output().value1, 50u);
+    EXPECT_EQ(Output().frames, 50u);
 }
 
 TEST_F(TranscodePlugin, TellsProgressOften) {
@@ -470,7 +474,7 @@ TEST_F(TranscodePlugin, FinishClosesAPlayableFile) {
         const double seconds = Seconds(Probe(Target(name)));
         EXPECT_GT(seconds, 2.0);
         EXPECT_LT(seconds, 19.0);
-        EXPECT_EQ(Output().value1, std::stoul(Probe(Target(name))["streams.stream.0.nb_read_packets"]));
+        EXPECT_EQ(Output().frames, std::stoul(Probe(Target(name))["streams.stream.0.nb_read_packets"]));
         EXPECT_EQ(Further().substr(0, 13), "ended early: ");
         EXPECT_NEAR(std::stod(Further().substr(13)), seconds, 0.1) << Further();
         EXPECT_NE(Further().find(" s written of 20.0"), std::string::npos) << Further();

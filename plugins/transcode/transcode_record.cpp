@@ -24,9 +24,9 @@ void TranscodeRecord::Publish(std::uint32_t frames, std::uint32_t audio_ms, task
     verification.second = plugin::Borrow(m_task.target);
     m_verifications.Publish(verification);
     RQTranscodeOutput output{};
-    output.value1 = frames;
-    output.value2 = audio_ms;
-    output.value64 = m_format->Format().size_bytes;
+    output.frames = frames;
+    output.audio_ms = audio_ms;
+    output.size_bytes = m_format->Format().size_bytes;
     output.first = plugin::Borrow(m_task.target);
     output.second = plugin::Borrow(m_task.container);
     output.format = m_format->Raw();

@@ -111,6 +111,32 @@ TEST_F(Wrapper, AlwaysLeavesARecord) {
     EXPECT_EQ(Analyse(), kInternalError);
     ASSERT_NE(m_info, nullptr);
     EXPECT_EQ(m_log, "5 analysis: bad text\n");
+    EXPECT_EQ(View(m_info->furtherText), "bad text");
+}
+
+TEST_F(Wrapper, TellsWhyATextIsRefused) {
+    g_script.analyse = [] { return Analysis{5, std::make_unique<Counted>("id"), "line 3: no"}; };
+    EXPECT_EQ(Analyse(), 5);
+    EXPECT_EQ(View(m_info->taskId), "id");
+    EXPECT_EQ(View(m_info->furtherText), "line 3: no");
+    EXPECT_EQ(m_log, "4 scripted: the task text is refused: line 3: no\n");
+    EXPECT_EQ(static_cast<TaskRecord*>(m_info->own)->Refusal(), 5);
+}
+
+TEST_F(Wrapper, NeverPerformsARefusedText) {
+    bool performed = false;
+    g_script.perform = [&](TaskRecord&, Work&) {
+        performed = true;
+        return Outcome::kFinished;
+    };
+    g_script.analyse = [] { return Analysis{5, std::make_unique<Counted>("id"), "line 3: no"}; };
+    Analyse();
+    Perform();
+    EXPECT_FALSE(performed);
+    EXPECT_EQ(RQLoad32(&m_info->status), RQ_STATUS_ERROR);
+    EXPECT_EQ(m_info->errorCode, 5);
+    EXPECT_EQ(View(m_info->detailErrorText), "the task text was refused; there is nothing to do");
+    EXPECT_EQ(View(m_info->furtherText), "line 3: no");
 }
 
 TEST_F(Wrapper, KeepsOneRecordAtATime) {

@@ -132,7 +132,16 @@ TEST(PluginDescription, AnotherContractVersionIsRefusedWithBothVersions) {
     const Result<PluginDescription> description = DescribePlugin(plugin, nullptr);
     ASSERT_TRUE(description.has_error());
     EXPECT_EQ(description.error().message,
-              "plug-in library wrong_version was built for contract version 7, this worker speaks version 0");
+              "plug-in library wrong_version was built for contract version 7, this worker speaks version 1");
+}
+
+TEST(PluginDescription, VersionZeroIsRefused) {
+    WorkerPlugin plugin = Load("version_0");
+    ASSERT_TRUE(FindEntryPoints(plugin));
+    const Result<PluginDescription> description = DescribePlugin(plugin, nullptr);
+    ASSERT_TRUE(description.has_error());
+    EXPECT_EQ(description.error().message,
+              "plug-in library version_0 was built for contract version 0, this worker speaks version 1");
 }
 
 TEST(PluginDescription, TooShortIsRefused) {
@@ -218,7 +227,7 @@ TEST(CheckTaskInfo, AnotherVersionNamesBoth) {
     info.contractVersion = 3;
     EXPECT_EQ(
         CheckTaskInfo(info, "md5"),
-        "plug-in md5: its task information record is of contract version 3, this worker speaks version 0");
+        "plug-in md5: its task information record is of contract version 3, this worker speaks version 1");
 }
 
 }  // namespace

@@ -58,9 +58,9 @@ class Copier {
 
     bool Copy(const RQTranscodeOutput& from, TranscodeOutputCopy& to) {
         if (!IsUsable(&from)) return false;
-        to.value1 = from.value1;
-        to.value2 = from.value2;
-        to.value64 = from.value64;
+        to.value1 = from.frames;
+        to.value2 = from.audio_ms;
+        to.value64 = from.size_bytes;
         to.first = Text(from.first);
         to.second = Text(from.second);
         to.format = Format(from.format);

@@ -188,9 +188,9 @@ TEST_F(ResultCopy, TranscodeTypesShareTheirForm) {
     List<RQVerification> verifications(1);
     RQStore32(&verifications.plain.count, 1);
     List<RQTranscodeOutput> outputs(1);
-    outputs.records[0].value1 = 1;
-    outputs.records[0].value2 = 0xFFFFFFFFu;
-    outputs.records[0].value64 = 0x123456789ABCDEF0u;
+    outputs.records[0].frames = 1;
+    outputs.records[0].audio_ms = 0xFFFFFFFFu;
+    outputs.records[0].size_bytes = 0x123456789ABCDEF0u;
     outputs.records[0].first = Text("a");
     outputs.records[0].second = Text("b");
     RQStore32(&outputs.plain.count, 1);

@@ -52,6 +52,20 @@ TEST_F(RealLibraryTest, OfAnotherContractVersion) {
     EXPECT_THAT(Lines(), Contains(HasSubstr("contract version 7")));
 }
 
+TEST_F(RealLibraryTest, OfContractVersionZero) {
+    EXPECT_EQ(InitWith("version_0"), kStatusFail);
+    EXPECT_THAT(Lines(), Contains("4 plug-in library version_0 was built for contract version 0, this worker "
+                                  "speaks version 1"));
+}
+
+TEST_F(RealLibraryTest, OfContractVersionZeroWithoutADescriptionIsRefusedByItsRecord) {
+    EXPECT_EQ(InitWith("version_0_silent"), 0);
+    Analyse();
+    EXPECT_THAT(Lines(), Contains("4 plug-in version_0_silent: its task information record is of contract "
+                                  "version 0, this worker speaks version 1"));
+    EXPECT_EQ(Perform(), kStatusFail);
+}
+
 TEST_F(RealLibraryTest, WhoseInitFails) {
     EXPECT_EQ(InitWith("init_fails"), 77);
     EXPECT_THAT(Lines(), Contains("4 m_workerPlugin init func failed.."));

@@ -1,5 +1,5 @@
 /*
- * rqworker/plugin.h: the contract between a worker and a task plug-in. Contract version 0.
+ * rqworker/plugin.h: the contract between a worker and a task plug-in. Contract version 1.
  *
  * A plug-in is one shared library that does the media work of one or more task types. The worker loads it
  * once, calls four exported functions and, when it is there, a fifth:
@@ -43,7 +43,7 @@
 extern "C" {
 #endif
 
-#define RQ_CONTRACT_VERSION 0u
+#define RQ_CONTRACT_VERSION 1u
 
 #if defined(_WIN32)
 #define RQ_PLUGIN_EXPORT __declspec(dllexport)
@@ -182,15 +182,15 @@ typedef struct RQTransferOutput {
     RQText further;
 } RQTransferOutput;
 
-/* One output of a transcode (types 1, 8, 30). The three values travel as they stand. */
+/* One output of a transcode (types 1, 8, 30). */
 typedef struct RQTranscodeOutput {
     uint32_t size;
-    uint32_t value1;
-    uint32_t value2;
+    uint32_t frames;   /* pictures written, 0 without video */
+    uint32_t audio_ms; /* length of the sound, 0 without audio */
     uint32_t reserved;
-    uint64_t value64;
-    RQText first;
-    RQText second;
+    uint64_t size_bytes;         /* of the file */
+    RQText first;                /* its path */
+    RQText second;               /* its container: "mp4" */
     const RQMediaFormat* format; /* may be NULL: the report then carries no format */
 } RQTranscodeOutput;
 
@@ -348,16 +348,18 @@ typedef int32_t (*RQWorkerInitFunc)(const void* parameter);
 
 /* Reads a task text (UTF-8, borrowed for the call) and sets *taskInfo to the task's record. 0 is success. It
  * must set a record also when it fails (with the task ID when that much could be read): the worker writes the
- * error into it, error code -5 with the text "Analyze Task Info Failed!". What the task text got wrong
- * belongs into the log (host service). Thread: main for a new task; link for an update, which may come while
- * RQWorkerPerformTask runs. */
+ * error into it, error code -5 with the detail error text "Analyze Task Info Failed!", and leaves
+ * `furtherText` alone: what the task text got wrong goes there, reaches the operator with the report, and
+ * belongs into the log too (host service). Thread: main for a new task; link for an update, which may come
+ * while RQWorkerPerformTask runs. */
 typedef int32_t (*RQWorkerAnalyseTaskFunc)(RQText taskText, TaskInfo** taskInfo);
 
-/* Does the task's work. Thread: main. `stopFlag` lives until the process ends: read it with RQLoad32 at least
- * every 100 ms (and every 8 MiB of data), and return soon when it is not 0. Before returning the plug-in
- * stores into TaskInfo.status: 0 when the task is done; 4 with the error fields set when it failed; 5 after
- * RQ_STOP_CANCEL; 0 after RQ_STOP_FINISH, with what is done; never 3. The return value is not looked at: the
- * status tells. */
+/* Does the task's work. Thread: main. Called only with a record whose latest analysis returned 0, or, after
+ * an update between two calls that failed, with the record which that update left. `stopFlag` lives until the
+ * process ends: read it with RQLoad32 at least every 100 ms (and every 8 MiB of data), and return soon when
+ * it is not 0. Before returning the plug-in stores into TaskInfo.status: 0 when the task is done; 4 with the
+ * error fields set when it failed; 5 after RQ_STOP_CANCEL; 0 after RQ_STOP_FINISH, with what is done;
+ * never 3. The return value is not looked at: the status tells. */
 typedef int32_t (*RQWorkerPerformTaskFunc)(TaskInfo* taskInfo, const volatile uint32_t* stopFlag,
                                            RQProgressCallback progress, void* context,
                                            const RQRunningParameter* parameter);

@@ -33,6 +33,9 @@
 
 namespace rq::plugin {
 
+template <class Author>
+class Exports;
+
 // ---- texts
 // ----------------------------------------------------------------------------------------------------------
 
@@ -187,12 +190,19 @@ class TaskRecord {
         m_info.furtherText = Borrow(m_furtherText);
     }
 
+    // The code of the analysis that made this record; other than 0 when it refused the task text.
+    std::int32_t Refusal() const { return m_refusal; }
+
   protected:
     // One of the RQ...Data records, a member of the derived class. In its constructor only.
     void SetTypeData(const void* data) { m_info.typeData = data; }
 
   private:
+    template <class Author>
+    friend class Exports;
+
     TaskInfo m_info{};
+    std::int32_t m_refusal = 0;
     std::string m_taskId;
     std::string m_detailErrorText;
     std::string m_furtherText;
@@ -240,11 +250,14 @@ class Run {
 // ---- the plug-in
 // ----------------------------------------------------------------------------------------------------
 
-// What an analysis gives. With a code other than 0 the task is not performed; a record with the task's ID is
-// still wanted when that much could be read. Without a record the wrapper gives an empty one.
+// What an analysis gives. With a code other than 0 the task is not performed, and `reason` says what is wrong
+// with the text, and where: the wrapper logs it and puts it into the record's further text, with which it
+// reaches the operator. A record with the task's ID is still wanted when that much could be read. Without a
+// record the wrapper gives an empty one.
 struct Analysis {
     std::int32_t code = 0;
     std::unique_ptr<TaskRecord> record;
+    std::string reason = {};
 };
 
 struct Description {
@@ -276,6 +289,8 @@ class Plugin {
     // `parameter`: see RQWorkerInitFunc.
     virtual std::int32_t Init(const void* /*parameter*/) { return 0; }
     virtual Analysis Analyse(std::string_view taskText) = 0;
+    // Never called with a record whose text was refused; such a task ends with status 4 and the refusal's
+    // code.
     virtual Outcome Perform(TaskRecord& record, Run& run) = 0;
     // A new text for the task that Perform is working on, on the link thread, beside Perform: what both touch
     // needs a lock or atomics. The record in use stays the task's record. Perform does not return before
@@ -329,15 +344,19 @@ class Exports {
         else if (*taskInfo == nullptr)
             state.replaced.clear();
         state.record.reset();
-        Guard("analysis", [&] {
+        std::string reason;
+        const std::string thrown = Guard("analysis", [&] {
             Analysis analysis = state.author.Analyse(View(text));
             state.record = std::move(analysis.record);
+            reason = std::move(analysis.reason);
             code = analysis.code;
         });
         const RQPluginDescription* description = state.author.Raw();
         if (!state.record)
             state.record =
                 std::make_unique<TaskRecord>(description->typeCount == 0 ? 0 : description->types[0]);
+        if (code != 0)
+            Refuse(*state.record, code, thrown.empty() ? std::move(reason) : thrown, thrown.empty());
         *taskInfo = state.record->Info();
         return code;
     }
@@ -348,6 +367,14 @@ class Exports {
         State& state = Get();
         auto* record = static_cast<TaskRecord*>(taskInfo->own);
         BeginPerforming(record);
+        // An update between two perform calls that was refused leaves such a record.
+        if (record->m_refusal != 0) {
+            record->SetError(0, record->m_refusal, "the task text was refused; there is nothing to do",
+                             record->m_furtherText);
+            RQStore32(&taskInfo->status, RQ_STATUS_ERROR);
+            EndPerforming();
+            return 0;
+        }
         Run run(stopFlag, progress, context, parameter);
         Outcome outcome = Outcome::kFailed;
         const std::string thrown = Guard("perform", [&] { outcome = state.author.Perform(*record, run); });
@@ -379,6 +406,15 @@ class Exports {
             performed;                     // of the last perform call: the worker still reads its outcome
         TaskRecord* performing = nullptr;  // the one that a perform call is using
     };
+
+    static void Refuse(TaskRecord& record, std::int32_t code, std::string reason, bool isNews) {
+        const Author& author = Get().author;
+        record.m_refusal = code;
+        if (isNews && !reason.empty())
+            author.Services().Log(Level::kFailure, std::string(View(author.Raw()->name)) +
+                                                       ": the task text is refused: " + reason);
+        record.SetFurtherText(std::move(reason));
+    }
 
     // Never destroyed: a perform call that was given up may still use it while the process ends.
     static State& Get() {
