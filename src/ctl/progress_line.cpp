@@ -66,13 +66,21 @@ std::string SpeedText(double speed, std::int32_t type) {
     return OneDigit(speed) + UnitOf(type);
 }
 
+std::string FrameRateText(double frameRate_fps, std::int32_t type) {
+    if (type != RQ_TASK_TRANSCODE && type != RQ_TASK_REALTIME_MERGE) return {};
+    if (!std::isfinite(frameRate_fps) || frameRate_fps <= 0) return {};
+    return OneDigit(frameRate_fps) + " fps";
+}
+
 std::string BarLine(const ProgressView& view, unsigned columns) {
     std::string right = " " + PercentText(view.percent);
+    const std::string frames = FrameRateText(view.frameRate_fps, view.type);
     const std::string speed = SpeedText(view.speed, view.type);
     std::string more;
     if (view.state != "running" && view.state != "finished") {
         more = "   " + view.state;
     } else {
+        if (!frames.empty()) more += "   " + frames;
         if (!speed.empty()) more += "   " + speed;
         if (view.left) more += "   " + DurationText(*view.left) + " left";
     }
@@ -92,6 +100,8 @@ std::string PlainLine(const ProgressView& view) {
     std::string percent = PercentText(view.percent);
     percent.erase(0, percent.find_first_not_of(' '));
     line += ", " + percent;
+    const std::string frames = FrameRateText(view.frameRate_fps, view.type);
+    if (!frames.empty()) line += ", " + frames;
     const std::string speed = SpeedText(view.speed, view.type);
     if (!speed.empty()) line += ", " + speed;
     if (view.left) line += ", " + DurationText(*view.left) + " left";

@@ -14,13 +14,15 @@ struct ProgressView {
     double speed = 0;    // in the unit of the type
     std::int32_t type = 0;
     std::optional<std::chrono::seconds> left;
+    double frameRate_fps = 0;  // frames worked on in a second; 0 when there are none to tell of
 };
 
-// "[########            ]  41.5 %   812.4 MiB/s   0:12 left", in ASCII, never longer than `columns` - 1; what
-// does not fit is left out from the right.
+// "[########            ]  41.5 %   812.4 MiB/s   0:12 left", for a transcode
+// "[########            ]  41.5 %   62.3 fps   2.5x   0:12 left", in ASCII, never longer than `columns` - 1;
+// what does not fit is left out from the right.
 std::string BarLine(const ProgressView& view, unsigned columns);
 
-// "running, 41.5 %, 812.4 MiB/s, 0:12 left"
+// "running, 41.5 %, 812.4 MiB/s, 0:12 left", "running, 41.5 %, 62.3 fps, 2.5x, 0:12 left"
 std::string PlainLine(const ProgressView& view);
 
 // "0:07", "12:34", "1:02:03"
@@ -32,6 +34,9 @@ std::optional<std::chrono::seconds> TimeLeft(double percent, double percentPerSe
 // "812.4 MiB/s"; empty when nothing is known. Units by task type: MiB/s, "x" real time, units a second or
 // millisecond.
 std::string SpeedText(double speed, std::int32_t type);
+
+// "62.3 fps"; empty when nothing is known, or for a task that does not work on frames.
+std::string FrameRateText(double frameRate_fps, std::int32_t type);
 
 // How fast the percentage moves, from the first value that it was given to its latest change.
 class Pace {

@@ -12,13 +12,30 @@ namespace {
 using std::chrono::seconds;
 
 ProgressView View(double percent, double speed) {
-    return {"running", percent, speed, RQ_TASK_MD5_COMPUTE, seconds(12)};
+    return {"running", percent, speed, RQ_TASK_MD5_COMPUTE, seconds(12), 0};
 }
 
 TEST(BarLine, ShowsBarPercentSpeedAndTimeLeft) {
     EXPECT_EQ(BarLine(View(50, 812.44), 80),
               "[" + std::string(15, '#') + std::string(15, ' ') + "]  50.0 %   812.4 MiB/s   0:12 left");
     EXPECT_EQ(BarLine(View(0, 0), 80), "[" + std::string(30, ' ') + "]   0.0 %   0:12 left");
+}
+
+TEST(BarLine, ShowsTheFramesOfATranscode) {
+    const ProgressView view{"running", 50, 2.5, RQ_TASK_TRANSCODE, seconds(12), 62.34};
+    EXPECT_EQ(BarLine(view, 80),
+              "[" + std::string(15, '#') + std::string(15, ' ') + "]  50.0 %   62.3 fps   2.5x   0:12 left");
+    EXPECT_EQ(PlainLine(view), "running, 50.0 %, 62.3 fps, 2.5x, 0:12 left");
+}
+
+TEST(FrameRateText, IsForTasksThatWorkOnFrames) {
+    EXPECT_EQ(FrameRateText(62.34, RQ_TASK_TRANSCODE), "62.3 fps");
+    EXPECT_EQ(FrameRateText(62.34, RQ_TASK_REALTIME_MERGE), "62.3 fps");
+    EXPECT_EQ(FrameRateText(62.34, RQ_TASK_MD5_COMPUTE), "");
+    EXPECT_EQ(FrameRateText(62.34, RQ_TASK_REVIEW), "");
+    EXPECT_EQ(FrameRateText(0, RQ_TASK_TRANSCODE), "");
+    EXPECT_EQ(FrameRateText(INFINITY, RQ_TASK_TRANSCODE), "");
+    EXPECT_EQ(FrameRateText(std::nan(""), RQ_TASK_TRANSCODE), "");
 }
 
 TEST(BarLine, NeverFillsTheLastColumn) {
@@ -46,8 +63,8 @@ TEST(BarLine, IsNotFullBeforeTheEnd) {
 
 TEST(PlainLine, HasTheSameInWords) {
     EXPECT_EQ(PlainLine(View(41.5, 812.44)), "running, 41.5 %, 812.4 MiB/s, 0:12 left");
-    EXPECT_EQ(PlainLine({"queued", 0, 0, 3, {}}), "queued");
-    EXPECT_EQ(PlainLine({"running", 0, 0, 3, {}}), "running, 0.0 %");
+    EXPECT_EQ(PlainLine({"queued", 0, 0, 3, {}, 0}), "queued");
+    EXPECT_EQ(PlainLine({"running", 0, 0, 3, {}, 0}), "running, 0.0 %");
 }
 
 TEST(SpeedText, HasTheUnitOfTheType) {

@@ -43,15 +43,20 @@ class Display {
         view.state = task.value("state", "");
         view.percent = task.value("percent", 0.0);
         view.speed = task.value("speed", 0.0);
+        view.frameRate_fps = task.value("average_speed", 0.0);
         if (task.contains("type") && task["type"].is_number()) view.type = task["type"];
         if (view.state == "running") {
             const auto pace = m_pace.Update(view.percent, std::chrono::steady_clock::now());
             if (pace) view.left = TimeLeft(view.percent, *pace);
             if (pace && view.speed <= 0) view.speed = *pace / 100.0 * m_work_MiB;
             m_speed = view.speed;
+            m_frameRate_fps = view.frameRate_fps;
         }
-        if (view.state == "finished") view.speed = m_speed;
-        if (view.state == "finished") view.left = std::chrono::seconds(0);
+        if (view.state == "finished") {
+            view.speed = m_speed;
+            view.frameRate_fps = m_frameRate_fps;
+            view.left = std::chrono::seconds(0);
+        }
         if (m_bar)
             Draw(BarLine(view, platform::TerminalColumns()));
         else
@@ -87,6 +92,7 @@ class Display {
     const double m_work_MiB;
     Pace m_pace;
     double m_speed = 0;
+    double m_frameRate_fps = 0;
     std::string m_drawn;
     std::string m_lastState;
     int m_lastStep = 0;

@@ -102,8 +102,9 @@ std::string StatusEventJson(std::uint32_t status) {
     return Dump({{"status", status}});
 }
 
-std::string ProgressEventJson(double percent, double speed) {
-    return Dump({{"percent", percent}, {"speed", speed}});
+std::string ProgressEventJson(const ProgressFigures& figures) {
+    return Dump(
+        {{"percent", figures.percent}, {"speed", figures.speed}, {"average_speed", figures.averageSpeed}});
 }
 
 std::string OrderEventJson(std::uint32_t id) {

@@ -47,6 +47,7 @@ json AttemptJson(const AttemptRow& attempt) {
             {"exit", ExitJson(attempt)},
             {"percent", attempt.percent},
             {"speed", attempt.speed},
+            {"average_speed", attempt.averageSpeed},
             {"status", OrNull(attempt.status)},
             {"detail_error", CodeAndText(attempt.detailErrorCode, attempt.detailErrorText)},
             {"error", CodeAndText(attempt.errorCode, attempt.errorText)},
@@ -82,6 +83,7 @@ json TaskJson(const TaskRow& task) {
             {"attempts", task.attempts},
             {"percent", task.percent},
             {"speed", task.speed},
+            {"average_speed", task.averageSpeed},
             {"status", OrNull(task.status)}};
 }
 

@@ -20,7 +20,7 @@ std::string ProcessEventJson(std::uint64_t processId);
 std::string ConnectedEventJson(std::uint32_t session, std::uint64_t processId, const std::string& version);
 std::string NoticeEventJson(const std::string& taskId, const std::string& guid);
 std::string StatusEventJson(std::uint32_t status);
-std::string ProgressEventJson(double percent, double speed);
+std::string ProgressEventJson(const ProgressFigures& figures);
 std::string OrderEventJson(std::uint32_t id);
 std::string ReplyEventJson(std::uint32_t id, const std::string& resultCode, const std::string& message);
 std::string CancelEventJson(const std::string& by);

@@ -120,8 +120,9 @@ bool Scheduler::TakeRecord(Run& run, std::uint32_t id, const link::WorkerRecord&
 void Scheduler::TakeProgress(Run& run, const EngineProgressMessage& message) {
     if (message.entries.empty()) return;
     const auto& latest = message.entries.back();
-    const double percent = std::clamp(Shown(latest.percent), 0.0, 100.0);
-    Report(m_store.Progress(run.claim.token, percent, Shown(latest.speed)), "progress");
+    const ProgressFigures figures{std::clamp(Shown(latest.percent), 0.0, 100.0), Shown(latest.speed),
+                                  Shown(latest.averageSpeed)};
+    Report(m_store.Progress(run.claim.token, figures), "progress");
 }
 
 bool Scheduler::TakeState(Run& run, const EngineStateMessage& message) {

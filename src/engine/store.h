@@ -18,7 +18,7 @@
 namespace rq::engine {
 
 // Newest schema that this program knows.
-inline constexpr int kSchemaVersion = 1;
+inline constexpr int kSchemaVersion = 2;
 
 class Store {
   public:
@@ -48,7 +48,7 @@ class Store {
     Result<void> Notice(const std::string& token, const std::string& taskId, const std::string& guid);
     Result<void> Status(const std::string& token, std::uint32_t status);
     Result<void> TypeSeen(const std::string& token, std::int32_t type);
-    Result<void> Progress(const std::string& token, double percent, double speed);
+    Result<void> Progress(const std::string& token, const ProgressFigures& figures);
     Result<void> Seen(const std::string& token);
     // An event of the attempt that changes nothing else; `json` is an object.
     Result<void> Note(const std::string& token, const std::string& kind, const std::string& json);

@@ -118,13 +118,17 @@ Result<void> Store::TypeSeen(const std::string& token, std::int32_t type) {
     });
 }
 
-Result<void> Store::Progress(const std::string& token, double percent, double speed) {
+Result<void> Store::Progress(const std::string& token, const ProgressFigures& figures) {
     return ForHolder(token, Transaction::Sync::Relaxed, [&](const Holder& holder) {
         if (!IsOpen(holder.state)) return;
         const auto now = m_now();
-        m_database->Prepare("UPDATE attempts SET percent = ?1, speed = ?2, last_seen_us = ?3 WHERE id = ?4")
-            .Bind(percent)
-            .Bind(speed)
+        m_database
+            ->Prepare(
+                "UPDATE attempts SET percent = ?1, speed = ?2, average_speed = ?3, last_seen_us = ?4 "
+                "WHERE id = ?5")
+            .Bind(figures.percent)
+            .Bind(figures.speed)
+            .Bind(figures.averageSpeed)
             .Bind(now)
             .Bind(holder.attempt)
             .Run();
@@ -132,13 +136,13 @@ Result<void> Store::Progress(const std::string& token, double percent, double sp
             ->Prepare(
                 "UPDATE attempts SET noted_percent = ?1, noted_us = ?2 "
                 "WHERE id = ?3 AND (noted_percent <> ?1 OR noted_us + ?4 <= ?2)")
-            .Bind(static_cast<std::int64_t>(percent))
+            .Bind(static_cast<std::int64_t>(figures.percent))
             .Bind(now)
             .Bind(holder.attempt)
             .Bind(kProgressEvent_us)
             .Run();
         if (m_database->Changes() != 0)
-            AddEvent(holder.task, holder.attempt, "progress", ProgressEventJson(percent, speed));
+            AddEvent(holder.task, holder.attempt, "progress", ProgressEventJson(figures));
     });
 }
 

@@ -7,7 +7,8 @@ namespace {
 
 constexpr const char* kTaskColumns =
     "SELECT t.id, t.public_id, t.type, t.name, t.origin, t.state, t.reason, t.created_us, t.started_us, "
-    "t.finished_us, t.cancel_us, t.attempts, coalesce(a.percent, 0), coalesce(a.speed, 0), a.status "
+    "t.finished_us, t.cancel_us, t.attempts, coalesce(a.percent, 0), coalesce(a.speed, 0), "
+    "coalesce(a.average_speed, 0), a.status "
     "FROM tasks t LEFT JOIN attempts a ON a.id = t.last_attempt ";
 
 TaskRow ReadTask(Statement& row) {
@@ -26,6 +27,7 @@ TaskRow ReadTask(Statement& row) {
     task.attempts = row.Number();
     task.percent = row.Real();
     task.speed = row.Real();
+    task.averageSpeed = row.Real();
     task.status = row.OptionalNumber();
     return task;
 }
@@ -50,6 +52,7 @@ AttemptRow ReadAttempt(Statement& row) {
     attempt.exitSignal = row.OptionalNumber();
     attempt.percent = row.Real();
     attempt.speed = row.Real();
+    attempt.averageSpeed = row.Real();
     attempt.status = row.OptionalNumber();
     attempt.detailErrorCode = row.Number();
     attempt.detailErrorText = row.Text();
@@ -94,7 +97,7 @@ void Store::FillAttempts(TaskDetails& details) {
     Statement rows = m_database->Prepare(
         "SELECT id, number, state, session, pid, worker_version, worker_guid, reported_task, created_us, "
         "connected_us, started_us, finished_us, last_seen_us, exited_us, exit_code, exit_signal, percent, "
-        "speed, "
+        "speed, average_speed, "
         "status, detail_code, detail_text, error_code, error_text, further_text, reason, output "
         "FROM attempts WHERE task = ?1 ORDER BY number");
     rows.Bind(details.task.key);

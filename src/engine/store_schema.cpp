@@ -80,7 +80,13 @@ CREATE TRIGGER events_stay BEFORE DELETE ON events
 PRAGMA user_version = 1;
 )sql";
 
-constexpr const char* kSteps[] = {kStep1};
+constexpr const char* kStep2 = R"sql(
+ALTER TABLE attempts ADD COLUMN average_speed REAL NOT NULL DEFAULT 0;
+
+PRAGMA user_version = 2;
+)sql";
+
+constexpr const char* kSteps[] = {kStep1, kStep2};
 static_assert(std::size(kSteps) == kSchemaVersion);
 
 }  // namespace

@@ -131,7 +131,7 @@ TEST_F(StoreTest, AfterTheEndReportsDoNotReviveATask) {
     const Claim claim = Claimed();
     ASSERT_TRUE(m_store->Finish(claim.token, Final(kTaskFinished)));
     ASSERT_TRUE(m_store->Status(claim.token, kTaskRunning));
-    ASSERT_TRUE(m_store->Progress(claim.token, 5, 1));
+    ASSERT_TRUE(m_store->Progress(claim.token, {5, 1, 0}));
     ASSERT_TRUE(m_store->Lost(claim.token, "gone"));
     EXPECT_EQ(Task(key).state, TaskState::Finished);
     EXPECT_EQ(Task(key).percent, 100.0);
@@ -193,13 +193,14 @@ TEST_F(StoreTest, ProgressIsAnEventForEachWholePercentOrAfterAWhile) {
         const auto kinds = Kinds(key);
         return std::count(kinds.begin(), kinds.end(), "progress");
     };
-    for (const double percent : {1.0, 1.2, 1.9}) ASSERT_TRUE(m_store->Progress(claim.token, percent, 10));
+    for (const double percent : {1.0, 1.2, 1.9})
+        ASSERT_TRUE(m_store->Progress(claim.token, {percent, 10, 0}));
     EXPECT_EQ(count(), 1);
     EXPECT_EQ(Task(key).percent, 1.9);
-    ASSERT_TRUE(m_store->Progress(claim.token, 2.0, 10));
+    ASSERT_TRUE(m_store->Progress(claim.token, {2.0, 10, 0}));
     EXPECT_EQ(count(), 2);
     m_now += 10'000'000;
-    ASSERT_TRUE(m_store->Progress(claim.token, 2.1, 10));
+    ASSERT_TRUE(m_store->Progress(claim.token, {2.1, 10, 0}));
     EXPECT_EQ(count(), 3);
 }
 
@@ -280,6 +281,25 @@ TEST_F(StoreTest, EventsCannotBeChangedOrRemoved) {
     EXPECT_FALSE(database->Execute("UPDATE events SET kind = 'x'"));
     EXPECT_NE(database->TakeError().message.find("only ever added"), std::string::npos);
     EXPECT_FALSE(database->Execute("DELETE FROM events"));
+}
+
+TEST_F(StoreTest, AStoreOfTheFirstSchemaIsBroughtUpWithItsTasks) {
+    const auto key = Submit();
+    m_store.reset();
+    {
+        auto database = Database::Open(m_folder.Utf8("store.db")).value();
+        ASSERT_TRUE(database->Execute("ALTER TABLE attempts DROP COLUMN average_speed"));
+        ASSERT_TRUE(database->Execute("PRAGMA user_version = 1"));
+    }
+    Open();
+    const Claim claim = Claimed();
+    EXPECT_EQ(claim.task, key);
+    ASSERT_TRUE(m_store->Progress(claim.token, {41.5, 2.5, 62.25}));
+    const TaskRow task = Task(key);
+    EXPECT_EQ(task.percent, 41.5);
+    EXPECT_EQ(task.speed, 2.5);
+    EXPECT_EQ(task.averageSpeed, 62.25);
+    EXPECT_EQ(m_store->Details(key).value().value().attempts.at(0).averageSpeed, 62.25);
 }
 
 TEST_F(StoreTest, ANewerSchemaIsRefused) {

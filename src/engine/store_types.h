@@ -83,7 +83,15 @@ struct TaskRow {
     // Of the latest attempt.
     double percent = 0;
     double speed = 0;
+    double averageSpeed = 0;
     std::optional<std::int64_t> status;
+};
+
+// What a progress report says; finite numbers.
+struct ProgressFigures {
+    double percent = 0;       // 0 to 100
+    double speed = 0;         // in the unit of the type
+    double averageSpeed = 0;  // units (frames of a transcode) a second; 0 for types that tell none
 };
 
 struct AttemptRow {
@@ -105,6 +113,7 @@ struct AttemptRow {
     std::optional<std::int64_t> exitSignal;
     double percent = 0;
     double speed = 0;
+    double averageSpeed = 0;
     std::optional<std::int64_t> status;
     std::int64_t detailErrorCode = 0;
     std::string detailErrorText;

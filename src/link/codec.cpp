@@ -52,6 +52,7 @@ void FillEntry(const ProgressEntry& entry, wire::ProgressEntry* out) {
     out->set_third(entry.third);
     out->set_percent(entry.percent);
     out->set_speed(entry.speed);
+    out->set_average_speed(entry.averageSpeed);
 }
 
 void FillEntry(const TaskStatusEntry& entry, wire::StatusEntry* out) {
@@ -101,7 +102,7 @@ TaskCommandReply FromWire(const wire::TaskCommandReply& in) {
 }
 
 ProgressEntry FromWire(const wire::ProgressEntry& in) {
-    return {in.task_id(), in.second(), in.third(), in.percent(), in.speed()};
+    return {in.task_id(), in.second(), in.third(), in.percent(), in.speed(), in.average_speed()};
 }
 
 TaskStatusEntry FromWire(const wire::StatusEntry& in) {

@@ -88,8 +88,8 @@ TEST(Codec, RepliesUnderEachOfTheirIds) {
 
 TEST(Codec, ProgressKeepsItsOwnIdAndAnySpeed) {
     EngineProgressMessage message{4009, "process", "Worker", "Lite/Agent", {}};
-    message.entries.push_back({"a", "b", "c", 99.5f, std::numeric_limits<float>::infinity()});
-    message.entries.push_back({"", "", "", 0.0f, std::numeric_limits<float>::quiet_NaN()});
+    message.entries.push_back({"a", "b", "c", 99.5f, std::numeric_limits<float>::infinity(), 62.25f});
+    message.entries.push_back({"", "", "", 0.0f, std::numeric_limits<float>::quiet_NaN(), 0.0f});
     const EngineProgressMessage back = ThereAndBack(4008, message);
     EXPECT_EQ(back.id, 4009u);
     EXPECT_EQ(back.kind, "process");
@@ -102,6 +102,7 @@ TEST(Codec, ProgressKeepsItsOwnIdAndAnySpeed) {
     EXPECT_EQ(back.entries[0].percent, 99.5f);
     EXPECT_TRUE(std::isinf(back.entries[0].speed));
     EXPECT_TRUE(std::isnan(back.entries[1].speed));
+    EXPECT_EQ(back.entries[0].averageSpeed, 62.25f);
 }
 
 EngineStateMessage StateWith(std::uint32_t status, std::shared_ptr<const stTaskResultBase> result = nullptr) {

@@ -140,6 +140,7 @@ struct ProgressEntry {
     std::string third;   // left empty
     float percent = 0;   // 0 to 100
     float speed = 0;     // by task type: times real time, units per second, units per millisecond or MiB/s
+    float averageSpeed = 0;  // units per second (frames of a transcode); types 1, 2 and 8 only
 };
 
 // The shape shared by both reports. `id` is 4009 in both, also where the report travels under 4008:

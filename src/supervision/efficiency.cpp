@@ -39,18 +39,20 @@ Efficiency ComputeEfficiency(std::int32_t taskType, double percent, std::int64_t
                              double pluginSpeed, std::int64_t elapsed_ms, std::int32_t frameRate) {
     const double count = static_cast<double>(processed);
     const double elapsed = static_cast<double>(elapsed_ms);
-    if (!IsSpeedComputed(taskType)) return {pluginSpeed, {}};
+    if (!IsSpeedComputed(taskType)) return {pluginSpeed, 0, {}};
     // Units per millisecond, without the factor 1000 of the others: readers of these types expect it so.
-    if (!IsSpeedPerFrame(taskType)) return {count / elapsed, {}};
+    if (!IsSpeedPerFrame(taskType)) return {count / elapsed, 0, {}};
 
     const double averageSpeed = count * 1000.0 / elapsed;
     const double timeSpeed = averageSpeed / frameRate;
     if (IsTranscode(taskType)) {
-        return {timeSpeed, Format("Efficiency: Percent:%.2f %% , AverageSpeed:%.2f frame/s, TimeSpeed:%.2f.",
-                                  percent, averageSpeed, timeSpeed)};
+        return {timeSpeed, averageSpeed,
+                Format("Efficiency: Percent:%.2f %% , AverageSpeed:%.2f frame/s, TimeSpeed:%.2f.", percent,
+                       averageSpeed, timeSpeed)};
     }
     // A review prints its average speed under the name TimeSpeed.
-    return {averageSpeed, Format("Efficiency: Percent:%.2f %% , TimeSpeed:%.2f.", percent, averageSpeed)};
+    return {averageSpeed, averageSpeed,
+            Format("Efficiency: Percent:%.2f %% , TimeSpeed:%.2f.", percent, averageSpeed)};
 }
 
 }  // namespace rq

@@ -12,6 +12,7 @@ TEST(Efficiency, TranscodeAndRealtimeMergeAreTimesRealTime) {
     for (const std::int32_t type : {1, 8}) {
         const auto efficiency = ComputeEfficiency(type, 12.345, 500, 7.0, 10'000, 25);
         EXPECT_DOUBLE_EQ(efficiency.speed, 2.0);
+        EXPECT_DOUBLE_EQ(efficiency.averageSpeed, 50.0);
         EXPECT_EQ(efficiency.logLine,
                   "Efficiency: Percent:12.35 % , AverageSpeed:50.00 frame/s, TimeSpeed:2.00.");
     }
@@ -20,6 +21,7 @@ TEST(Efficiency, TranscodeAndRealtimeMergeAreTimesRealTime) {
 TEST(Efficiency, ReviewKeepsTheAverageSpeedUnderTheNameTimeSpeed) {
     const auto efficiency = ComputeEfficiency(2, 50.0, 500, 7.0, 10'000, 25);
     EXPECT_DOUBLE_EQ(efficiency.speed, 50.0);
+    EXPECT_DOUBLE_EQ(efficiency.averageSpeed, 50.0);
     EXPECT_EQ(efficiency.logLine, "Efficiency: Percent:50.00 % , TimeSpeed:50.00.");
 }
 
@@ -27,6 +29,7 @@ TEST(Efficiency, FramesAndItsKinAreUnitsPerMillisecond) {
     for (const std::int32_t type : {13, 20, 23}) {
         const auto efficiency = ComputeEfficiency(type, 50.0, 500, 7.0, 10'000, 25);
         EXPECT_DOUBLE_EQ(efficiency.speed, 0.05) << type;
+        EXPECT_EQ(efficiency.averageSpeed, 0.0) << type;
         EXPECT_EQ(efficiency.logLine, "") << type;
     }
 }
@@ -35,6 +38,7 @@ TEST(Efficiency, AllOthersKeepThePluginsFigure) {
     for (const std::int32_t type : {0, 3, 4, 5, 6, 7, 9, 10, 12, 14, 30, 299, -1}) {
         const auto efficiency = ComputeEfficiency(type, 50.0, 500, 7.25, 10'000, 25);
         EXPECT_DOUBLE_EQ(efficiency.speed, 7.25) << type;
+        EXPECT_EQ(efficiency.averageSpeed, 0.0) << type;
         EXPECT_EQ(efficiency.logLine, "") << type;
     }
 }

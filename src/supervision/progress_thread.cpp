@@ -40,6 +40,7 @@ class ProgressWatch {
     IWorkerCore& m_core;
     double m_percent = 0.0;
     double m_speed = 0.0;
+    double m_averageSpeed = 0.0;
     double m_previousPercent = -1.0;      // so that the first round always counts as a change
     std::uint32_t m_unchangedRounds = 0;  // kept for a debugger's eye; decides nothing
 };
@@ -59,6 +60,7 @@ void ProgressWatch::Measure() {
     const TaskProgress progress = runner ? runner->GetProgress() : TaskProgress{};
     m_percent = progress.percent;
     m_speed = progress.speed;
+    m_averageSpeed = 0.0;
     const std::int32_t type = m_core.TaskType();
     if (!runner || !IsSpeedComputed(type)) return;
 
@@ -69,6 +71,7 @@ void ProgressWatch::Measure() {
     const Efficiency efficiency =
         ComputeEfficiency(type, m_percent, progress.processed, m_speed, elapsed_ms, frameRate);
     m_speed = efficiency.speed;
+    m_averageSpeed = efficiency.averageSpeed;
     if (!efficiency.logLine.empty()) Log(2, efficiency.logLine, "PROG");
 }
 
@@ -84,6 +87,7 @@ EngineProgressMessage ProgressWatch::MakeMessage() const {
     entry.taskId = m_core.TaskId();
     entry.percent = static_cast<float>(m_percent);
     entry.speed = static_cast<float>(m_speed);
+    entry.averageSpeed = static_cast<float>(m_averageSpeed);
     if (m_percent > kFullPercent) {
         const auto runner = m_core.Runner();
         const std::string id = runner ? runner->GetTaskId() : std::string();

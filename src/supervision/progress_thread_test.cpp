@@ -160,6 +160,7 @@ TEST_F(Progress, TranscodeSendsItsTimeSpeed) {
     Start();
     Round();  // 5 s after the start
     EXPECT_EQ(Reports().at(0).Progress().speed, 4.0f);
+    EXPECT_EQ(Reports().at(0).Progress().averageSpeed, 100.0f);
     EXPECT_EQ(m_core.journal.LogLines(),
               std::vector<std::string>{Line(
                   2, "Efficiency: Percent:10.00 % , AverageSpeed:100.00 frame/s, TimeSpeed:4.00.", "PROG")});
@@ -181,6 +182,7 @@ TEST_F(Progress, ReviewSendsItsAverageSpeed) {
     Start();
     Round();
     EXPECT_EQ(Reports().at(0).Progress().speed, 100.0f);
+    EXPECT_EQ(Reports().at(0).Progress().averageSpeed, 100.0f);
     EXPECT_EQ(m_core.journal.LogLines(),
               std::vector<std::string>{Line(2, "Efficiency: Percent:10.00 % , TimeSpeed:100.00.", "PROG")});
 }
@@ -194,6 +196,7 @@ TEST_F(Progress, FramesAndKinSendUnitsPerMillisecondAndLogNothing) {
         Round();
         Stop();
         EXPECT_EQ(Reports().at(0).Progress().speed, 0.1f) << type;
+        EXPECT_EQ(Reports().at(0).Progress().averageSpeed, 0.0f) << type;
     }
     EXPECT_EQ(m_core.journal.LogLines().size(), 3u);  // the three end lines
 }

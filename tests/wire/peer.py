@@ -41,7 +41,7 @@ TASK_NOTICE = {1: _field("version", BYTES), 2: _field("worker_guid", BYTES), 3: 
 REPLY = {1: _field("version", BYTES), 2: _field("guid", BYTES), 3: _field("task_id", BYTES),
          4: _field("result_code", BYTES), 5: _field("message", BYTES)}
 PROGRESS_ENTRY = {1: _field("task_id", BYTES), 2: _field("second", BYTES), 3: _field("third", BYTES),
-                  4: _field("percent", FLOAT), 5: _field("speed", FLOAT)}
+                  4: _field("percent", FLOAT), 5: _field("speed", FLOAT), 6: _field("average_speed", FLOAT)}
 _RECORD_HEAD = {1: _field("id", UINT), 2: _field("kind", BYTES), 3: _field("sender", BYTES),
                 4: _field("receiver", BYTES)}
 PROGRESS = dict(_RECORD_HEAD)

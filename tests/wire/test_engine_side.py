@@ -102,11 +102,12 @@ class TypicalTask(EngineCase):
         self.assertIsNotNone(task["started"])
         self.assertIsNone(task["result"])
 
-        link.send(peer.ID_PROGRESS, record({"percent": 41.5, "speed": 12.25}, "process"))
+        link.send(peer.ID_PROGRESS, record({"percent": 41.5, "speed": 12.25, "average_speed": 306.25}, "process"))
         seq = link.send(peer.ID_HEARTBEAT, {"version": "1.0", "worker_guid": GUID})
         link.wait_for_ack(seq, 3)
         task = engine.wait_for_task(task_id, lambda task: task["percent"] == 41.5)
         self.assertEqual(task["speed"], 12.25)
+        self.assertEqual(task["average_speed"], 306.25)
 
         seq = link.send(peer.ID_STATE, finished())
         link.wait_for_ack(seq)
