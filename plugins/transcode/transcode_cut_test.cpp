@@ -126,7 +126,7 @@ TEST_F(TranscodeCut, CopiesStreams) {
         ExpectPlayable(Target(name));
         auto facts = Probe(Target(name));
         EXPECT_EQ(facts["streams.stream.0.nb_read_packets"], "50");
-        EXPECT_EQ(Output().value1, 50u);
+        EXPECT_EQ(Output().frames, 50u);
         EXPECT_EQ(facts["streams.stream.0.codec_name"], "h264");
         EXPECT_EQ(facts["streams.stream.1.codec_name"], "aac");
         // The very bits: decoded, both are the same.

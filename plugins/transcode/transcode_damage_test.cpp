@@ -104,12 +104,12 @@ TEST_F(TranscodeDamage, AFileThatIsCutOffSaysWhere) {
     // Whoever wants what is there says so.
     ExpectDone(TaskText(clip, Target("made.mp4"), Video("h264"), "<IgnoreDamage>true</IgnoreDamage>"));
     ExpectPlayable(Target("made.mp4"));
-    EXPECT_GT(Output().value1, 20u);
-    EXPECT_LT(Output().value1, 90u);
+    EXPECT_GT(Output().frames, 20u);
+    EXPECT_LT(Output().frames, 90u);
     // And an out point before the cut is none of its business.
     std::filesystem::remove(Target("made.mp4"));
     ExpectDone(TaskText(clip, Target("made.mp4"), Video("h264"), "<Out_s>1</Out_s>"));
-    EXPECT_EQ(Output().value1, 25u);
+    EXPECT_EQ(Output().frames, 25u);
 }
 
 TEST_F(TranscodeDamage, BytesThatWereChanged) {
@@ -125,7 +125,7 @@ TEST_F(TranscodeDamage, BytesThatWereChanged) {
     EXPECT_TRUE(Made().empty());
     ExpectDone(TaskText(clip, Target("made.mp4"), Video("h264"), "<IgnoreDamage>true</IgnoreDamage>"));
     ExpectPlayable(Target("made.mp4"));
-    EXPECT_NEAR(Output().value1, 100, 3);
+    EXPECT_NEAR(Output().frames, 100, 3);
 }
 
 TEST_F(TranscodeDamage, AStreamThatIsNotThere) {

@@ -240,7 +240,7 @@ TEST_F(TranscodePlugin, TakesWhatTheSourceHasWhenNothingIsSaid) {
     EXPECT_EQ(facts["format.nb_streams"], "1");
     EXPECT_EQ(facts["streams.stream.0.codec_name"], "aac");
     EXPECT_EQ(Output().frames, 0u);
-    EXPECT_NEAR(Output().value2, 1000, 30);
+    EXPECT_NEAR(Output().audio_ms, 1000, 30);
     ExpectWholeProgress();
     EXPECT_EQ(m_progress.back().total, 1000);
 
@@ -311,7 +311,7 @@ TEST_F(TranscodePlugin, SoundTakesRateChannelsAndBitRate) {
     auto facts = Probe(Target("made.mkv"));
     EXPECT_EQ(facts["streams.stream.0.sample_rate"], "32000");
     EXPECT_EQ(facts["streams.stream.0.channels"], "1");
-    EXPECT_EQ(Output().value2, 2000u);
+    EXPECT_EQ(Output().audio_ms, 2000u);
     ExpectDone(TaskText(clip, Target("made.mkv"),
                         "<Overwrite>true</Overwrite>" + Audio("aac", "<Channels>6</Channels>")));
     facts = Probe(Target("made.mkv"));
