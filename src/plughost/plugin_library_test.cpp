@@ -165,6 +165,7 @@ class DescriptionCheck : public ::testing::Test {
     DescriptionCheck() {
         g_description = {};
         g_description.size = sizeof g_description;
+        g_description.contractVersion = RQ_CONTRACT_VERSION;
         m_plugin.dllPath = L"/somewhere/own.so";
         m_plugin.pDescribeFunc = &Describe;
     }
@@ -206,6 +207,7 @@ TEST(PluginFileStem, DropsFolderAndExtension) {
 TEST(CheckTaskInfo, WholeRecordPasses) {
     TaskInfo info{};
     info.size = sizeof info;
+    info.contractVersion = RQ_CONTRACT_VERSION;
     EXPECT_EQ(CheckTaskInfo(info, "md5"), std::nullopt);
     info.size = sizeof info + 8;
     EXPECT_EQ(CheckTaskInfo(info, "md5"), std::nullopt);
@@ -214,6 +216,7 @@ TEST(CheckTaskInfo, WholeRecordPasses) {
 TEST(CheckTaskInfo, TooSmallNamesThePlugIn) {
     TaskInfo info{};
     info.size = sizeof info - 1;
+    info.contractVersion = RQ_CONTRACT_VERSION;
     EXPECT_EQ(CheckTaskInfo(info, "md5"),
               "plug-in md5: its task information record is too small: 87 bytes, at least 88 are needed");
     info.size = 0;
