@@ -16,7 +16,7 @@ endfunction()
 # rq_use_bad_plugins(<target>): <target> is built after all of them and may include "bad_plugins/bad_plugins.h".
 function(rq_use_bad_plugins target)
   target_compile_definitions(${target} PRIVATE
-    "RQ_BAD_PLUGIN_DIR=\"${RQ_BAD_PLUGIN_DIR}\""
+    "RQ_BAD_PLUGIN_DIR=\"${RQ_PATH_ROOT}${RQ_BAD_PLUGIN_DIR}\""
     "RQ_BAD_PLUGIN_SUFFIX=\"${CMAKE_SHARED_MODULE_SUFFIX}\"")
   rq_include_root(${target} PRIVATE bad_plugins "${PROJECT_SOURCE_DIR}/tests/bad_plugins")
   add_dependencies(${target} bad_plugins)
