@@ -42,6 +42,20 @@ TEST_F(ErrorTextTest, TheFileGivesTheReadableText) {
     EXPECT_EQ(Text(7, 4), L"MD5 Verify Error!");
 }
 
+// The file that is delivered: an operator reads words, not numbers.
+TEST_F(ErrorTextTest, EveryErrorOfThePlugInsHereHasWords) {
+    const kit::ScopedEnvironment config("RQ_CONFIG_DIR", RQ_DATA_DIR);
+    ForgetProcessDirectories();
+    for (const std::uint32_t code :
+         {0x6u, 0x7u, 0x84100000u, 0x84100001u, 0x84100010u, 0x84100011u, 0x84100012u, 0x84100013u,
+          0x84100014u, 0x84100015u, 0x84100016u, 0x84100017u, 0x84100018u, 0x84100020u, 0xFFFFFFFBu}) {
+        const std::wstring text = Text(code, 4);
+        EXPECT_GT(text.size(), 10u) << std::hex << code;
+        EXPECT_EQ(text.find(L"KWR_OVL_ERROR"), std::wstring::npos) << std::hex << code;
+        EXPECT_EQ(text.back(), L')') << std::hex << code;
+    }
+}
+
 TEST_F(ErrorTextTest, AGbkFileReadsTheSame) {
     m_folder.Write("KWROVLApparitor.ini", "[dwKWRSOFTCODEC_NoErr]\r\n1=\xC8\xCE\xCE\xF1\r\n");
     EXPECT_EQ(Text(0, 2), L"\u4efb\u52a1");

@@ -43,8 +43,12 @@ TEST(Failures, TextThatIsNoXml) {
     EXPECT_EQ(record["state"], "failed");
     const auto& attempt = record["attempt_list"][0];
     EXPECT_EQ(attempt["error"]["code"], 0xFFFFFFFBu);
-    EXPECT_EQ(attempt["error"]["text"], "KWR_OVL_ERROR_FFFFFFFB");
+    EXPECT_EQ(attempt["error"]["text"], "任务文本被拒绝 (the task text is refused)");
     EXPECT_EQ(attempt["detail_error"]["text"], "Analyze Task Info Failed!");
+    EXPECT_EQ(attempt["further_text"], "line 1: not well-formed XML: syntax error");
+    EXPECT_EQ(record["reason"],
+              "任务文本被拒绝 (the task text is refused): Analyze Task Info Failed!: line 1: not well-formed "
+              "XML: syntax error");
     EXPECT_TRUE(kit::WaitUntil([&] {
         return node.WorkerLog().find("AnalyseTask failed. taskInfo:this is no task") != std::string::npos;
     }));
