@@ -96,16 +96,21 @@ function(rq_room name)
   target_link_libraries(rq_${name} PRIVATE ${ROOM_LIBRARIES})
 endfunction()
 
-# rq_test(<name> SOURCES ... [USES room...] [LIBRARIES lib...] [LABELS ...] [SERIAL])
-# A GoogleTest program; each of its tests becomes one of ctest's. SERIAL keeps it from running beside others.
+# rq_test(<name> SOURCES ... [USES room...] [LIBRARIES lib...] [LABELS ...] [SERIAL] [WINE_PATH folder])
+# A GoogleTest program; each of its tests becomes one of ctest's. SERIAL keeps it from running beside others. WINE_PATH is
+# where, in Wine, it finds DLLs and programs.
 include(GoogleTest)
 function(rq_test name)
-  cmake_parse_arguments(T "SERIAL" "TIMEOUT" "SOURCES;USES;LIBRARIES;LABELS" ${ARGN})
+  cmake_parse_arguments(T "SERIAL" "TIMEOUT;WINE_PATH" "SOURCES;USES;LIBRARIES;LABELS" ${ARGN})
   add_executable(${name} ${T_SOURCES})
   target_link_libraries(${name} PRIVATE rq_warnings GTest::gmock GTest::gtest_main ${T_LIBRARIES})
   foreach(used IN LISTS T_USES)
     target_link_libraries(${name} PRIVATE rq_${used})
   endforeach()
+  if(RQ_PATH_ROOT AND T_WINE_PATH)
+    set_target_properties(${name} PROPERTIES
+      CROSSCOMPILING_EMULATOR "env;WINEPATH=${RQ_PATH_ROOT}${T_WINE_PATH};${CMAKE_CROSSCOMPILING_EMULATOR}")
+  endif()
   set(props LABELS "${T_LABELS}")
   if(T_SERIAL)
     list(APPEND props RUN_SERIAL TRUE)

@@ -64,6 +64,9 @@ if(EXISTS "${root}/media.ready")
     INTERFACE_LINK_LIBRARIES
       "${root}/media/lib/libavformat.dll.a;${root}/media/lib/libavcodec.dll.a;${root}/media/lib/libavfilter.dll.a;${root}/media/lib/libavutil.dll.a")
   file(GLOB RQ_FFMPEG_DLLS "${root}/media/bin/*.dll")
+  list(FILTER RQ_FFMPEG_DLLS EXCLUDE REGEX "/avdevice-")
+  # The same DLLs, and the commands ffmpeg and ffprobe, for tests.
+  set(RQ_FFMPEG_FOLDER "${root}/media/bin")
 else()
   message(STATUS "No FFmpeg for Windows: the transcode plug-in and its tests are left out (scripts/setup windows-media)")
 endif()

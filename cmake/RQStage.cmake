@@ -28,3 +28,11 @@ endfunction()
 function(rq_stage_file from to)
   configure_file("${from}" "${RQ_STAGE}/${to}" COPYONLY)
 endfunction()
+
+# DLLs that a staged plug-in needs and that no system has, beside it.
+function(rq_stage_plugin_libraries name)
+  foreach(library IN LISTS ARGN)
+    get_filename_component(file "${library}" NAME)
+    rq_stage_file("${library}" "plugins/${name}/${file}")
+  endforeach()
+endfunction()
