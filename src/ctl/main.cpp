@@ -5,6 +5,8 @@
 
 #include "base/paths.h"
 #include "ctl/commands.h"
+#include "ctl/error_names.h"
+#include "platform/console.h"
 #include "platform/environment.h"
 #include "platform/identity.h"
 #include "platform/start_up.h"
@@ -16,7 +18,9 @@ using namespace rq::ctl;
 struct CommandLine {
     std::string dataFolder;
     std::vector<std::string> files, expected;
-    std::string type, text, name, id;
+    std::string type, text, name, id, code;
+    std::uint32_t family = 0;
+    bool all = false;
     bool wait = false, watch = false;
     ListOptions list;
     ShowOptions show;
@@ -104,8 +108,17 @@ void AddCommands(CLI::App& app, CommandLine& line) {
     watch->add_option("id", line.id, "Task ID")->required();
     auto* cancel = app.add_subcommand("cancel", "Cancel a task");
     cancel->add_option("id", line.id, "Task ID")->required();
+    auto* errorName =
+        app.add_subcommand("error-name", "Tell the name and text of a result code; needs no engine");
+    auto* code = errorName->add_option("code", line.code, "0x84100014, 2215641108 or -5")->type_name("CODE");
+    errorName
+        ->add_option("--family", line.family,
+                     "0 codec, 1 network, 3 inspection, 4 task; otherwise those that know it")
+        ->check(CLI::Range(0u, 4u))
+        ->needs(code);
+    errorName->add_flag("--all", line.all, "Every known code as CSV: family,code,name")->excludes(code);
     auto* shutdown = app.add_subcommand("shutdown", "End the engine in good order");
-    for (auto* command : {list, show, watch, cancel, shutdown}) command->fallthrough();
+    for (auto* command : {list, show, watch, cancel, errorName, shutdown}) command->fallthrough();
     app.footer("Ends with 0 finished, 1 failed, 2 wrong use, 3 no engine, 4 cancelled.");
 }
 
@@ -133,7 +146,22 @@ Outcome<int> RunSubmit(const CLI::App& submit, const CommandLine& line) {
     return SubmitText(line.dataFolder, line.type, line.text, options);
 }
 
+Outcome<int> TellErrorName(const CLI::App& command, const CommandLine& line) {
+    if (line.all) {
+        rq::platform::WriteStandardOutput(AllErrorNamesCsv());
+        return kExitFinished;
+    }
+    if (line.code.empty()) return Failure(kExitUsage, "error-name needs a CODE, or --all");
+    const auto code = ParseErrorCode(line.code);
+    if (!code) return Failure(kExitUsage, code.error().message);
+    std::optional<std::uint32_t> family;
+    if (command.count("--family") > 0) family = line.family;
+    rq::platform::WriteStandardOutput(ErrorNameText(*code, family));
+    return kExitFinished;
+}
+
 Outcome<int> Run(const CLI::App& app, const CommandLine& line) {
+    if (app.got_subcommand("error-name")) return TellErrorName(*app.get_subcommand("error-name"), line);
     if (app.got_subcommand("submit")) return RunSubmit(*app.get_subcommand("submit"), line);
     auto engine = EngineAccess::Open(line.dataFolder);
     if (!engine) return engine.error();
@@ -153,6 +181,11 @@ int main(int argc, char** argv) {
     AddCommands(app, line);
     try {
         app.parse(argc, argv);
+    } catch (const CLI::RequiredError& problem) {
+        const auto unknown = app.remaining();
+        if (unknown.empty()) return app.exit(problem) == 0 ? 0 : kExitUsage;
+        std::fprintf(stderr, "rqctl: there is no command \"%s\"; see rqctl --help\n", unknown[0].c_str());
+        return kExitUsage;
     } catch (const CLI::ParseError& problem) {
         return app.exit(problem) == 0 ? 0 : kExitUsage;
     }
