@@ -381,10 +381,27 @@ def md5_text(task_id, *paths):
     return '<?xml version="1.0" encoding="UTF-8"?>\n<MD5Task><ID>%s</ID><Files>%s</Files></MD5Task>' % (task_id, files)
 
 
+# Programs of another system: RQ_STARTER starts them, and they see this machine's root as RQ_PATH_ROOT. A process has
+# another number there than here.
+STARTER = os.environ.get("RQ_STARTER", "")
+
+
+def as_seen(path):
+    """The name by which the programs know a file of this machine."""
+    return os.environ.get("RQ_PATH_ROOT", "") + path
+
+
+def program(folder, name):
+    """How the command line of a program of the stage begins."""
+    path = os.path.join(folder, name)
+    return [STARTER, path + ".exe"] if STARTER else [path]
+
+
 def sparse_file(path, size):
+    """Returns the name by which the programs know it."""
     with open(path, "wb") as file:
         file.truncate(size)
-    return path
+    return as_seen(path)
 
 
 class Stage:
@@ -435,11 +452,11 @@ class EnginePlace:
         if not file:
             with open(parameter, "wb") as out:
                 out.write(text if isinstance(text, bytes) else text.encode())
-        environment = dict(os.environ, RQ_LOG_DIR=self.folder, RQ_ENGINE_TOKEN=self.TOKEN, RQ_ATTEMPT=self.ATTEMPT,
+        environment = dict(os.environ, RQ_LOG_DIR=as_seen(self.folder), RQ_ENGINE_TOKEN=self.TOKEN, RQ_ATTEMPT=self.ATTEMPT,
                            RQ_CONSOLE_ENCODING="UTF-8")
         self.output = open(os.path.join(self.folder, "output"), "wb")
         self.worker = subprocess.Popen(
-            [os.path.join(stage.folder, "RQWorkerU"), task_type, parameter, str(self.port), "0"],
+            program(stage.folder, "RQWorkerU") + [task_type, as_seen(parameter), str(self.port), "0"],
             cwd=self.folder, env=environment, stdin=subprocess.DEVNULL, stdout=self.output, stderr=self.output)
         self.links = []
 
@@ -487,17 +504,20 @@ class RealEngine:
         self.start()
 
     def start(self):
+        facts = os.path.join(self.data, "engine.json")
+        before = os.stat(facts).st_mtime_ns if os.path.exists(facts) else None
         output = open(os.path.join(self.stage.new_folder(), "output"), "wb")
         self.process = subprocess.Popen(
-            [os.path.join(self.stage.folder, "rqengine"), "--data", self.data, "--port", "0", "--http-port", "0"],
+            program(self.stage.folder, "rqengine") +
+            ["--data", as_seen(self.data), "--port", "0", "--http-port", "0"],
             stdin=subprocess.DEVNULL, stdout=output, stderr=output)
         output.close()
         until = time.monotonic() + 30
         while True:
             try:
-                with open(os.path.join(self.data, "engine.json"), encoding="utf-8") as file:
+                with open(facts, encoding="utf-8") as file:
                     where = json.load(file)
-                if where["pid"] == self.process.pid:
+                if where["pid"] == self.process.pid or (STARTER and os.stat(facts).st_mtime_ns != before):
                     break
             except (OSError, ValueError):
                 pass

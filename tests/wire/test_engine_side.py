@@ -285,6 +285,7 @@ class Handshake(EngineCase):
                 link, answer = engine.shake_hands(**hello)
                 self.assert_refused(link, answer, code)
 
+    @unittest.skipIf(peer.STARTER, "what the engine hands its worker can be read by the worker's own number only")
     def test_attempt_in_use_and_ended(self):
         path = peer.sparse_file(stage.new_folder() + "/big.bin", 1 << 40)
         code, task = engine.ask("POST", "/tasks", {"type": "mc", "text": peer.md5_text("T-1", path)})
