@@ -40,7 +40,7 @@ rq_imported(SQLite::SQLite3 sqlite3)
 rq_imported(protobuf::libprotobuf-lite protobuf-lite LINK Threads::Threads)
 rq_imported_headers(nlohmann_json::nlohmann_json "${RQ_WINDOWS_PREFIX}/include")
 rq_imported_headers(CLI11::CLI11 "${RQ_WINDOWS_PREFIX}/include")
-rq_imported_headers(RQ::SimpleIni "${RQ_WINDOWS_PREFIX}/include/simpleini")
+rq_imported_headers(RQ::SimpleIni "${RQ_WINDOWS_PREFIX}/include")
 
 # Digests are Windows' own.
 add_library(RQ::Digest INTERFACE IMPORTED GLOBAL)
