@@ -132,8 +132,6 @@ bool ProgressWatch::IsStalled() const {
 }
 
 void ProgressWatch::HandleStall() {
-    // Everything that takes time comes before the close: the task's own final status, which the work loop
-    // sends as soon as the plug-in gives up, should find this one sent.
     auto message = MakeReport<EngineStateMessage>("state");
     TaskStatusEntry entry;
     entry.status = kTaskError;
@@ -144,12 +142,14 @@ void ProgressWatch::HandleStall() {
     entry.errorText = ReportedErrorText(kStallTaskError, kFamilyTask);
 
     Log(4, "Progress is not be updated for long time", "BASE");
-    m_core.SetClose(kClosePatrol);
-    if (const auto runner = m_core.Runner()) entry.result = runner->GetTaskResult(m_core.TaskType());
-    entry.taskId = m_core.TaskId();
-    message.entries.push_back(entry);
-    // Once: the work loop reports the task's own final status with retries.
-    m_core.Send(TCP_WORKER_STATE_ID, &message);
+    // Once: the work loop reports the task's own final status with retries, as soon as the plug-in gives up,
+    // and that must come behind this one.
+    m_core.CloseAndSend(kClosePatrol, TCP_WORKER_STATE_ID, [&] {
+        if (const auto runner = m_core.Runner()) entry.result = runner->GetTaskResult(m_core.TaskType());
+        entry.taskId = m_core.TaskId();
+        message.entries.push_back(entry);
+        return &message;
+    });
 }
 
 std::uint32_t ProgressWatch::RunnerStatus() const {

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -51,6 +52,11 @@ class IWorkerCore {
 
     // Sets the stop flag and closes the runner's task in that CloseMode; -1 without a runner.
     virtual std::int32_t SetClose(std::uint32_t mode) = 0;
+
+    // SetClose in that mode, then sends the record that `make` gives, with no other send between the two:
+    // what the closed task reports of itself comes after it. The engine link's success flag.
+    virtual bool CloseAndSend(std::uint32_t mode, std::uint32_t id,
+                              const std::function<const void*()>& make) = 0;
 
     // Sends under the send lock with the session ID of that moment; the engine link's success flag.
     virtual bool Send(std::uint32_t id, const void* record) = 0;

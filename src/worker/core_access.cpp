@@ -50,6 +50,15 @@ bool CRQWorkerBase::Send(std::uint32_t id, const void* record) {
     return m_pEngineClient != nullptr && m_pEngineClient->SendMessage(m_sessionId, id, record);
 }
 
+// Nothing that the runner does when it is closed or asked for its result sends: the lock may be kept.
+bool CRQWorkerBase::CloseAndSend(std::uint32_t mode, std::uint32_t id,
+                                 const std::function<const void*()>& make) {
+    MutexLock lock(m_sendLock);
+    SetClose(mode);
+    const void* record = make();
+    return m_pEngineClient != nullptr && m_pEngineClient->SendMessage(m_sessionId, id, record);
+}
+
 void CRQWorkerBase::SetFlag(std::atomic<bool>& flag, bool value) {
     Signal::Hold hold(m_wake);
     flag = value;

@@ -355,32 +355,73 @@ TEST_F(WorkLoop, LossDuringATaskReportsNothingAndEnds) {
     EXPECT_EQ(m_engine.sent.Statuses(), std::vector<std::uint32_t>{3});
 }
 
-TEST_F(WorkLoop, StalledTaskIsClosedReportedAndTheWorkerEnds) {
-    Begin(RQ_TASK_PACKAGE);
-    m_script.onClose = [this](std::uint32_t) {
-        m_script.SetStatus(kTaskCancelled);
-        m_closed.Open();
-    };
-    m_script.onPerform = [this] {
-        m_closed.Wait();
-        return 0;
-    };
-    const LocalTime stamp = m_clock.Local();
-    m_script.With([&](RunnerAnswers& answers) {
-        answers.progress.percent = 50;
-        answers.progress.expectedNextUpdate = stamp;
-    });
-    StartWork();
-    ASSERT_TRUE(m_journal.WaitFor("runner.PerformTask"));
-    for (int second = 5; second <= 60; second += 5) {
-        WaitForIdle();  // heartbeat and progress
-        EXPECT_EQ(m_engine.sent.Statuses(), std::vector<std::uint32_t>{3});
-        m_clock.Advance(5s);
+// A task that stands still at 50 percent and ends as cancelled when it is closed.
+class StalledTask : public WorkLoop {
+  protected:
+    void Stall(std::int32_t type) {
+        Begin(type);
+        if (!m_script.onClose) {
+            m_script.onClose = [this](std::uint32_t) {
+                m_script.SetStatus(kTaskCancelled);
+                m_closed.Open();
+            };
+        }
+        m_script.onPerform = [this] {
+            m_closed.Wait();
+            return 0;
+        };
+        const LocalTime stamp = m_clock.Local();
+        m_script.With([&](RunnerAnswers& answers) {
+            answers.progress.percent = 50;
+            answers.progress.expectedNextUpdate = stamp;
+        });
+        StartWork();
+        ASSERT_TRUE(m_journal.WaitFor("runner.PerformTask"));
+        for (int second = 5; second <= 60; second += 5) {
+            WaitForIdle();  // heartbeat and progress
+            EXPECT_EQ(m_engine.sent.Statuses(), std::vector<std::uint32_t>{3});
+            m_clock.Advance(5s);
+        }
     }
-    EXPECT_EQ(JoinWork(), 0);  // the stop flag ends the loop
+};
+
+TEST_F(StalledTask, IsClosedAndReportedAndTheWorkerWaitsForItsOrderToEnd) {
+    Stall(RQ_TASK_MD5_COMPUTE);
+    ASSERT_TRUE(m_journal.WaitFor("send 4009", 3));
+    m_engine.DeliverDestroy();
+    EXPECT_EQ(JoinWork(), 0);
     // The patrol's own report and the work loop's, where 5 has become 4.
     EXPECT_EQ(m_engine.sent.Statuses(), (std::vector<std::uint32_t>{3, 4, 4}));
     EXPECT_EQ(m_journal.Count("runner.CloseTask 1 0"), 1u);
+}
+
+// The close mode of a package's task is not kept, so that its 5 stays.
+TEST_F(StalledTask, OfAPackageEndsTheWorkerByTheStopFlag) {
+    m_script.onClose = [this](std::uint32_t) {
+        m_script.SetStatus(kTaskCancelled);
+        m_script.With([](RunnerAnswers& answers) { answers.closeMode = 0; });
+        m_closed.Open();
+    };
+    Stall(RQ_TASK_PACKAGE);
+    EXPECT_EQ(JoinWork(), 0);
+    EXPECT_EQ(m_engine.sent.Statuses(), (std::vector<std::uint32_t>{3, 4, 5}));
+}
+
+// The task gives up at once and has its final status ready while the patrol still closes it.
+TEST_F(StalledTask, IsReportedBeforeItReportsItself) {
+    m_script.onClose = [this](std::uint32_t) {
+        m_script.SetStatus(kTaskCancelled);
+        m_closed.Open();
+        EXPECT_TRUE(m_journal.WaitFor("runner.GetTaskResult 3"));  // the work loop's
+    };
+    Stall(RQ_TASK_MD5_COMPUTE);
+    ASSERT_TRUE(m_journal.WaitFor("send 4009", 3));
+    m_engine.DeliverDestroy();
+    EXPECT_EQ(JoinWork(), 0);
+    const auto reports = m_engine.sent.WithId(TCP_WORKER_STATE_ID);
+    ASSERT_EQ(reports.size(), 3u);
+    EXPECT_EQ(reports[1].Status().errorCode, 6u);
+    EXPECT_EQ(reports[2].Status().errorCode, 0u);
 }
 
 TEST_F(WorkLoop, RefusedFinalStatusLetsOrdersAndHeartbeatsThrough) {

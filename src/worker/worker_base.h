@@ -108,6 +108,8 @@ class CRQWorkerBase final : public IWorkerCore {
     bool HeartbeatShouldStop() override { return m_exit || m_heartbeatStop; }
     Signal& ProgressSignal() override { return m_progressSignal; }
     Signal& HeartbeatSignal() override { return m_heartbeatSignal; }
+    bool CloseAndSend(std::uint32_t mode, std::uint32_t id,
+                      const std::function<const void*()>& make) override;
     bool Send(std::uint32_t id, const void* record) override;
 
   private:

@@ -40,6 +40,11 @@ class FakeCore final : public IWorkerCore {
         if (goesAtClose) hasRunner = false;
         return hasRunner ? kStatusOk : kStatusMissing;
     }
+    bool CloseAndSend(std::uint32_t mode, std::uint32_t id,
+                      const std::function<const void*()>& make) override {
+        SetClose(mode);
+        return Send(id, make());
+    }
     bool Send(std::uint32_t id, const void* record) override {
         if (onSend) onSend(id);
         journal.Note("core.Send " + std::to_string(id));
