@@ -1,5 +1,6 @@
 // What the engine tells the worker. Everything here runs on the engine link's handler thread and only sets
 // flags, calls the runner and answers; the work loop and the supervision act on the flags.
+#include <exception>
 #include <string>
 #include <utility>
 
@@ -193,7 +194,14 @@ void EngineOrders::Dispatch(std::uint32_t id, const void* payload) {
 }
 
 void OnEngineMessage(std::uint32_t id, const void* payload, void* context) {
-    EngineOrders(*static_cast<CRQWorkerBase*>(context)).Dispatch(id, payload);
+    // The link drops what its handler throws; nobody would know that an order was only half obeyed.
+    try {
+        EngineOrders(*static_cast<CRQWorkerBase*>(context)).Dispatch(id, payload);
+    } catch (const std::exception& error) {
+        Log(5, "Message " + std::to_string(id) + " ended by an exception: " + error.what());
+    } catch (...) {
+        Log(5, "Message " + std::to_string(id) + " ended by an unknown exception.");
+    }
 }
 
 }  // namespace rq

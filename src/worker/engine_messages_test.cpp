@@ -245,6 +245,14 @@ TEST_F(Orders, RunnerIsCalledOutsideTheSendLock) {
     EXPECT_EQ(m_engine.sent.All().size(), 2u);
 }
 
+TEST_F(Orders, AnExceptionEndsItsOrderAloneAndIsLogged) {
+    m_script.onUpdate = [] { throw std::bad_alloc(); };
+    m_engine.DeliverText(TCP_TASK_UPDATE_ID, "<t/>");
+    EXPECT_EQ(m_journal.LogLines().back(), Line(5, "Message 4015 ended by an exception: std::bad_alloc"));
+    m_engine.DeliverCommand(TCP_TASK_SUSPEND_ID);
+    EXPECT_EQ(m_engine.sent.WithId(TCP_TASK_SUSPEND_REPLY_ID).size(), 1u);
+}
+
 class EarlyOrders : public WorkerFixture {};
 
 TEST_F(EarlyOrders, ReplyBeforeAnalysisHasNoIdAndNoGuid) {
