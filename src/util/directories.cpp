@@ -29,6 +29,16 @@ std::string EnvironmentOr(const char* name, const std::string& otherwise) {
     return value && !value->empty() ? *value : otherwise;
 }
 
+// [Log] Root of "RQWorker.ini"; else below the data folder of the user that runs the process.
+std::string ConfiguredLogRoot(const std::string& iniFolder) {
+    const KWOVL_UTILITY::OVLIniHandle file = KWOVL_UTILITY::OVLIniLoad(iniFolder + "RQWorker.ini");
+    std::wstring root;
+    KWOVL_UTILITY::OVLIniGetString(file, "Log:Root", "", root);
+    KWOVL_UTILITY::OVLIniFree(file);
+    if (!root.empty()) return NarrowUtf8(root);
+    return platform::DefaultDataFolder() + Separator() + "logs";
+}
+
 struct Cache {
     Mutex mutex;
     std::optional<Directories> directories RQ_GUARDED_BY(mutex);
@@ -45,10 +55,10 @@ Directories ProcessDirectories() {
     Cache& cache = TheCache();
     MutexLock lock(cache.mutex);
     if (!cache.directories) {
-        const std::string logs = platform::DefaultDataFolder() + Separator() + "logs";
         const std::string modules = NarrowUtf8(GetModuleDirectory());
-        cache.directories = Directories{AbsoluteFolder(EnvironmentOr("RQ_LOG_DIR", logs)),
-                                        AbsoluteFolder(EnvironmentOr("RQ_CONFIG_DIR", modules))};
+        const std::string iniFolder = AbsoluteFolder(EnvironmentOr("RQ_CONFIG_DIR", modules));
+        const std::string logs = EnvironmentOr("RQ_LOG_DIR", ConfiguredLogRoot(iniFolder));
+        cache.directories = Directories{AbsoluteFolder(logs), iniFolder};
     }
     return *cache.directories;
 }

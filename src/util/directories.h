@@ -1,6 +1,7 @@
-// The folders of this process: log root, INI folder, executable's folder. Both environment variables are
-// read, and made absolute against the working directory, when the first of them is asked for: the worker
-// moves its working directory later. Any thread.
+// The folders of this process: log root, INI folder, executable's folder. The log root is RQ_LOG_DIR, else
+// [Log] Root of "RQWorker.ini" in the INI folder, else "logs" in the data folder of the user; the INI folder
+// is RQ_CONFIG_DIR, else the executable's. All are found, and made absolute against the working directory,
+// when the first of them is asked for: the worker moves its working directory later. Any thread.
 #pragma once
 
 #include <string>

@@ -81,6 +81,18 @@ TEST_F(DirectoriesTest, DefaultsWithoutTheEnvironment) {
     EXPECT_EQ(IniPath(), NarrowUtf8(GetModuleDirectory()));
 }
 
+TEST_F(DirectoriesTest, TheConfigurationSetsTheLogRootWhereTheEnvironmentDoesNot) {
+    m_folder.Write("config/RQWorker.ini", "[Log]\nRoot = " + m_folder.Utf8("记录") + "\n");
+    kit::ScopedEnvironment config("RQ_CONFIG_DIR", m_folder.Utf8("config"));
+    {
+        kit::ScopedEnvironment logs("RQ_LOG_DIR", std::nullopt);
+        EXPECT_EQ(LogDir(), m_folder.Utf8("记录") + Separator());
+    }
+    ForgetProcessDirectories();
+    kit::ScopedEnvironment logs("RQ_LOG_DIR", m_folder.Utf8("logs"));
+    EXPECT_EQ(LogDir(), m_folder.Utf8("logs") + Separator());
+}
+
 TEST_F(DirectoriesTest, RelativeFoldersStayWhereTheyWereAtTheFirstCall) {
     m_folder.Write("elsewhere/x", "");
     kit::ScopedEnvironment logs("RQ_LOG_DIR", "logs");

@@ -137,7 +137,7 @@ bool LogFile::OpenNumber(unsigned number) {
         if (!IsOpen()) std::fputs(line.c_str(), stderr);
         return false;
     }
-    delete m_file.exchange(file.release());
+    m_previous.reset(m_file.exchange(file.release()));
     m_number = number;
     return true;
 }

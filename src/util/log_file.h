@@ -69,6 +69,8 @@ class LogFile final : public spdlog::sinks::sink {
     spdlog::pattern_formatter m_formatter RQ_GUARDED_BY(m_mutex);
     spdlog::memory_buf_t m_line RQ_GUARDED_BY(m_mutex);
     unsigned m_number RQ_GUARDED_BY(m_mutex) = 0;
+    // The file before the one in use: a crash handler that has just read the pointer may still write to it.
+    std::unique_ptr<platform::AppendFile> m_previous RQ_GUARDED_BY(m_mutex);
     // The crash handler reads these three without the lock: complete lines are there before m_used counts
     // them.
     const std::unique_ptr<char[]> m_buffer;
