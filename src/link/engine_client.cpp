@@ -22,6 +22,7 @@ EngineClientOptions OptionsFromEnvironment() {
     options.token = platform::GetEnvironment("RQ_ENGINE_TOKEN").value_or("");
     options.attempt = platform::GetEnvironment("RQ_ATTEMPT").value_or("");
     options.workerVersion = RQ_LINK_VERSION;
+    options.journal = platform::GetEnvironment("RQ_LINK_JOURNAL").value_or("");
     return options;
 }
 
@@ -42,6 +43,9 @@ void EngineClient::Initialize(const EngineClientSetup* setup) {
     m_handler = setup->handler;
     m_context = setup->context;
     m_log.Open(setup->logFile);
+    if (m_options.journal.empty() || m_journal.IsOpen()) return;
+    if (const std::string problem = m_journal.Open(m_options.journal); !problem.empty())
+        m_log.Write(LogLevel::Warning, problem);
 }
 
 void EngineClient::Uninitialize() {
@@ -157,6 +161,7 @@ void EngineClient::OpenConnection(std::uint64_t attempt, const std::string& addr
 }
 
 void EngineClient::OnConnected() {
+    m_journal.Connected(m_options.workerVersion);
     {
         MutexLock lock(m_lock);
         if (m_session) m_session->OnConnected(Now());
@@ -165,6 +170,7 @@ void EngineClient::OnConnected() {
 }
 
 void EngineClient::OnBytes(std::string_view bytes) {
+    m_journal.Received(bytes);
     {
         MutexLock lock(m_lock);
         if (m_session) m_session->OnBytes(bytes, Now());
@@ -211,7 +217,10 @@ void EngineClient::Settle() {
     }
     for (SessionEvent& event : events) Carry(std::move(event));
     if (!m_connection) return;  // closed, perhaps by one of the events
-    if (!output.empty()) m_connection->Write(std::move(output));
+    if (!output.empty()) {
+        m_journal.Sent(output);
+        m_connection->Write(std::move(output));
+    }
     m_connection->SetTimer(deadline);
 }
 
@@ -236,6 +245,7 @@ void EngineClient::Carry(SessionEvent event) {
 }
 
 void EngineClient::CarryClosed(const SessionClosed& closed) {
+    m_journal.Closed(closed.reason);
     CloseConnection();
     std::optional<Delivery> lost;
     {

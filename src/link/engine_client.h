@@ -18,6 +18,7 @@
 #include "link/engine_communicate.h"
 #include "link/final_waits.h"
 #include "link/handler_thread.h"
+#include "link/journal.h"
 #include "link/link_log.h"
 #include "link/session.h"
 #include "link/transport.h"
@@ -28,13 +29,15 @@ struct EngineClientOptions {
     std::string token;
     std::string attempt;
     std::string workerVersion;
+    std::string journal;  // path of the journal (link/journal.h); empty: none
     SessionLimits limits;
     std::chrono::milliseconds finalWait{5'000};       // for the acknowledgement of a final status
     std::chrono::milliseconds disconnectWait{1'000};  // for what is queued and the peer's end
     Clock* clock = nullptr;                           // for the wait of a final status; null: the system's
 };
 
-// What CreateEngineClient() uses: token and attempt from RQ_ENGINE_TOKEN and RQ_ATTEMPT.
+// What CreateEngineClient() uses: token, attempt and journal from RQ_ENGINE_TOKEN, RQ_ATTEMPT and
+// RQ_LINK_JOURNAL.
 EngineClientOptions OptionsFromEnvironment();
 // For tests and programs with values of their own. Destroyed by DeleteEngineClient.
 IEngineCommunicate* CreateEngineClient(const EngineClientOptions& options);
@@ -105,6 +108,7 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     std::atomic<bool> m_settleRequested{false};
     HandlerThread m_handlerThread;
     IoThread m_io;
+    LinkJournal m_journal;                     // the same
     std::shared_ptr<Connection> m_connection;  // the I/O thread; the owner's while that does not run
 };
 

@@ -1,0 +1,135 @@
+#include "link/journal.h"
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <chrono>
+#include <utility>
+
+#include "base/text.h"
+#include "link/codec.h"
+#include "platform/files.h"
+#include "platform/process.h"
+
+namespace rq::link {
+namespace {
+
+std::int64_t SystemNow_us() {
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+std::string TimeText(std::int64_t time_us) {
+    using namespace boost::posix_time;
+    const ptime time = ptime(boost::gregorian::date(1970, 1, 1)) + microseconds(time_us);
+    std::string text = to_iso_extended_string(time);
+    // The library leaves a fraction of zero out.
+    if (text.find('.') == std::string::npos) text += ".000000";
+    return text + "Z";
+}
+
+std::string Hex(std::string_view bytes) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(bytes.size() * 2);
+    for (const char c : bytes) {
+        const auto byte = static_cast<unsigned char>(c);
+        text += kDigits[byte >> 4];
+        text += kDigits[byte & 15];
+    }
+    return text;
+}
+
+std::string Quoted(std::string_view text) {
+    std::string out = "\"";
+    for (const char c : RepairUtf8(text)) {
+        if (c == '"' || c == '\\') out += '\\';
+        out += static_cast<unsigned char>(c) < 0x20 ? ' ' : c;
+    }
+    return out + "\"";
+}
+
+std::string WithProcessId(std::string path) {
+    const std::string id = std::to_string(platform::CurrentProcessId());
+    for (std::size_t at = path.find("%p"); at != std::string::npos; at = path.find("%p", at + id.size()))
+        path.replace(at, 2, id);
+    return path;
+}
+
+// Nobody who can read the journal is to get the token.
+std::string WithoutToken(const std::string& body) {
+    Result<Hello> hello = DecodeHello(body);
+    if (!hello) return {};
+    hello->token.clear();
+    return EncodeHello(*hello);
+}
+
+}  // namespace
+
+LinkJournal::LinkJournal(Clock clock) : m_clock(clock ? std::move(clock) : Clock(&SystemNow_us)) {}
+
+std::string LinkJournal::Open(const std::string& path) {
+    const std::string name = WithProcessId(path);
+    platform::CreatePrivateFile(name, "");  // one that is there is continued
+    platform::OsError error;
+    m_file = platform::AppendFile::Open(name, &error);
+    return m_file ? std::string() : "no link journal: " + error.message;
+}
+
+void LinkJournal::Connected(const std::string& workerVersion) {
+    if (!m_file) return;
+    m_out = {"out", FrameReader()};
+    m_in = {"in", FrameReader()};
+    m_isConnected = true;
+    WriteEvent("connect", ", \"pid\": " + std::to_string(platform::CurrentProcessId()) +
+                              ", \"worker\": " + Quoted(workerVersion));
+}
+
+void LinkJournal::Sent(std::string_view bytes) {
+    Feed(m_out, bytes);
+}
+
+void LinkJournal::Received(std::string_view bytes) {
+    Feed(m_in, bytes);
+}
+
+void LinkJournal::Closed(const std::string& reason) {
+    if (!m_file || !m_isConnected) return;
+    m_isConnected = false;
+    WriteEvent("close", ", \"reason\": " + Quoted(reason));
+}
+
+void LinkJournal::Feed(Direction& direction, std::string_view bytes) {
+    if (!m_file || direction.isBad) return;
+    direction.reader.Feed(bytes);
+    Frame frame;
+    for (;;) {
+        switch (direction.reader.Next(&frame)) {
+            case FrameReader::Status::Ready:
+                WriteFrame(direction.way, frame);
+                break;
+            case FrameReader::Status::NeedMore:
+                return;
+            case FrameReader::Status::Bad:
+                direction.isBad = true;
+                WriteEvent("bad", ", \"reason\": " + Quoted(direction.reader.Problem()));
+                return;
+        }
+    }
+}
+
+void LinkJournal::WriteFrame(const char* way, const Frame& frame) {
+    const bool isHello = frame.id == kHelloId;
+    WriteLine("\"way\": \"" + std::string(way) + "\", \"id\": " + std::to_string(frame.id) +
+              ", \"seq\": " + std::to_string(frame.seq) + ", \"ack\": " + std::to_string(frame.ack) +
+              ", \"body\": \"" + Hex(isHello ? WithoutToken(frame.body) : frame.body) + "\"");
+}
+
+void LinkJournal::WriteEvent(const std::string& event, const std::string& more) {
+    WriteLine("\"event\": \"" + event + "\"" + more);
+}
+
+void LinkJournal::WriteLine(const std::string& rest) {
+    m_file->Append("{\"time\": \"" + TimeText(m_clock()) + "\", " + rest + "}\n");
+}
+
+}  // namespace rq::link

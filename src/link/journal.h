@@ -1,0 +1,55 @@
+// The link's journal: every frame of a worker's connections with its time, for "rqctl replay"
+// (docs/link-journal.md gives the format). The bytes are cut into frames here, apart from the session, so
+// that what the session refuses is seen too.
+//
+// One thread at a time (the I/O thread, once it runs). A journal that cannot be opened or written stops
+// nothing.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "link/frame.h"
+#include "platform/append_file.h"
+
+namespace rq::link {
+
+class LinkJournal {
+  public:
+    // Microseconds since 1970, UTC; for tests.
+    using Clock = std::function<std::int64_t()>;
+    explicit LinkJournal(Clock clock = {});
+
+    // Continues the file, or makes it for its owner alone; "%p" in the path becomes the process ID. Why not,
+    // or empty.
+    std::string Open(const std::string& path);
+    bool IsOpen() const { return m_file != nullptr; }
+
+    void Connected(const std::string& workerVersion);
+    void Sent(std::string_view bytes);
+    void Received(std::string_view bytes);
+    void Closed(const std::string& reason);
+
+  private:
+    struct Direction {
+        const char* way;
+        FrameReader reader;
+        bool isBad = false;
+    };
+
+    void Feed(Direction& direction, std::string_view bytes);
+    void WriteFrame(const char* way, const Frame& frame);
+    void WriteEvent(const std::string& event, const std::string& more);
+    void WriteLine(const std::string& rest);
+
+    const Clock m_clock;
+    std::unique_ptr<platform::AppendFile> m_file;
+    Direction m_out{"out", FrameReader()};
+    Direction m_in{"in", FrameReader()};
+    bool m_isConnected = false;
+};
+
+}  // namespace rq::link

@@ -1,0 +1,93 @@
+#include "link/journal.h"
+
+#include <gtest/gtest.h>
+
+#include "kit/temp_dir.h"
+#include "link/codec.h"
+#include "platform/files.h"
+#include "platform/process.h"
+
+namespace rq::link {
+namespace {
+
+class Journal : public testing::Test {
+  protected:
+    Journal() : m_journal([this] { return m_now_us; }) {}
+
+    std::string Text(const std::string& name = "journal") const {
+        return platform::ReadWholeFile(m_folder.Utf8(name)).value_or("none");
+    }
+    static std::string Encoded(std::uint64_t seq, std::uint64_t ack, std::uint32_t id,
+                               const std::string& body) {
+        return EncodeFrame({seq, ack, id, body}).value();
+    }
+
+    kit::TempDir m_folder;
+    std::int64_t m_now_us = 1'738'317'600'000'000;  // 2025-01-31 10:00:00 UTC
+    LinkJournal m_journal;
+};
+
+TEST_F(Journal, HasALineForEachFrameHoweverItCame) {
+    ASSERT_EQ(m_journal.Open(m_folder.Utf8("journal")), "");
+    m_journal.Connected("1.13.0");
+    const std::string bytes = Encoded(1, 0, 4014, "") + Encoded(2, 5, 4015, std::string("\x01\xFF", 2));
+    m_now_us += 1'200;
+    m_journal.Received(bytes.substr(0, 7));
+    m_journal.Received(bytes.substr(7));
+    m_journal.Sent(Encoded(0, 2, kAckId, ""));
+    m_now_us += 1'000'000;
+    m_journal.Closed("the \"engine\" left\n");
+    const std::string pid = std::to_string(platform::CurrentProcessId());
+    EXPECT_EQ(Text(),
+              "{\"time\": \"2025-01-31T10:00:00.000000Z\", \"event\": \"connect\", \"pid\": " + pid +
+                  ", \"worker\": \"1.13.0\"}\n"
+                  "{\"time\": \"2025-01-31T10:00:00.001200Z\", \"way\": \"in\", \"id\": 4014, \"seq\": 1, "
+                  "\"ack\": 0, \"body\": \"\"}\n"
+                  "{\"time\": \"2025-01-31T10:00:00.001200Z\", \"way\": \"in\", \"id\": 4015, \"seq\": 2, "
+                  "\"ack\": 5, \"body\": \"01ff\"}\n"
+                  "{\"time\": \"2025-01-31T10:00:00.001200Z\", \"way\": \"out\", \"id\": 4, \"seq\": 0, "
+                  "\"ack\": 2, \"body\": \"\"}\n"
+                  "{\"time\": \"2025-01-31T10:00:01.001200Z\", \"event\": \"close\", \"reason\": \"the "
+                  "\\\"engine\\\" left \"}\n");
+}
+
+TEST_F(Journal, NeverHoldsTheToken) {
+    ASSERT_EQ(m_journal.Open(m_folder.Utf8("journal")), "");
+    Hello hello;
+    hello.token = "abc";
+    hello.attempt = "x";
+    m_journal.Connected("1");
+    m_journal.Sent(Encoded(0, 0, kHelloId, EncodeHello(hello)));
+    EXPECT_EQ(Text().find("616263"), std::string::npos) << Text();
+    hello.token.clear();
+    EXPECT_NE(Text().find("\"body\": \"" + std::string("08011a0178") + "\""), std::string::npos) << Text();
+}
+
+TEST_F(Journal, SaysWhereBytesAreNoFrameAndReadsNoFurther) {
+    ASSERT_EQ(m_journal.Open(m_folder.Utf8("journal")), "");
+    m_journal.Connected("1");
+    m_journal.Received(std::string("\0\0\0\0", 4));
+    m_journal.Received(Encoded(1, 0, 4014, ""));
+    const std::string text = Text();
+    EXPECT_NE(text.find("\"event\": \"bad\", \"reason\": \""), std::string::npos) << text;
+    EXPECT_EQ(text.find("4014"), std::string::npos) << text;
+}
+
+TEST_F(Journal, ContinuesAFileAndPutsTheProcessIdIntoTheName) {
+    const std::string pid = std::to_string(platform::CurrentProcessId());
+    m_folder.Write("j-" + pid + "-" + pid, "earlier\n");
+    ASSERT_EQ(m_journal.Open(m_folder.Utf8("j-%p-%p")), "");
+    m_journal.Connected("1");
+    EXPECT_EQ(Text("j-" + pid + "-" + pid).rfind("earlier\n{", 0), 0u);
+}
+
+TEST_F(Journal, ThatCannotBeOpenedDoesNothing) {
+    EXPECT_NE(m_journal.Open(m_folder.Utf8("no/such/folder")).find("no link journal: "), std::string::npos);
+    m_journal.Connected("1");
+    m_journal.Sent("x");
+    m_journal.Closed("y");
+    EXPECT_FALSE(m_journal.IsOpen());
+}
+
+}  // namespace
+}  // namespace rq::link
