@@ -6,6 +6,7 @@
 #include "base/paths.h"
 #include "ctl/commands.h"
 #include "ctl/error_names.h"
+#include "ctl/replay.h"
 #include "platform/console.h"
 #include "platform/environment.h"
 #include "platform/identity.h"
@@ -21,6 +22,9 @@ struct CommandLine {
     std::string type, text, name, id, code;
     std::uint32_t family = 0;
     bool all = false;
+    std::string journal;
+    ReplayOptions replay;
+    int replayWait_s = 120;
     bool wait = false, watch = false;
     ListOptions list;
     ShowOptions show;
@@ -117,8 +121,21 @@ void AddCommands(CLI::App& app, CommandLine& line) {
         ->check(CLI::Range(0u, 4u))
         ->needs(code);
     errorName->add_flag("--all", line.all, "Every known code as CSV: family,code,name")->excludes(code);
+    auto* replay =
+        app.add_subcommand("replay", "Play the engine's side of a link journal to a worker; needs no engine");
+    replay->add_option("file", line.journal, "What a worker wrote with RQ_LINK_JOURNAL")
+        ->required()
+        ->type_name("FILE");
+    replay->add_flag("--print", line.replay.print, "Only print the journal in words");
+    replay->add_option("--port", line.replay.port, "Port to wait on; otherwise a free one")
+        ->type_name("PORT");
+    replay->add_option("--connection", line.replay.connection, "Which connection of the journal")
+        ->capture_default_str();
+    replay->add_option("--wait", line.replayWait_s, "Seconds to wait for the worker's next message")
+        ->check(CLI::Range(1, 86'400))
+        ->capture_default_str();
     auto* shutdown = app.add_subcommand("shutdown", "End the engine in good order");
-    for (auto* command : {list, show, watch, cancel, errorName, shutdown}) command->fallthrough();
+    for (auto* command : {list, show, watch, cancel, errorName, replay, shutdown}) command->fallthrough();
     app.footer("Ends with 0 finished, 1 failed, 2 wrong use, 3 no engine, 4 cancelled.");
 }
 
@@ -161,6 +178,11 @@ Outcome<int> TellErrorName(const CLI::App& command, const CommandLine& line) {
 }
 
 Outcome<int> Run(const CLI::App& app, const CommandLine& line) {
+    if (app.got_subcommand("replay")) {
+        ReplayOptions options = line.replay;
+        options.wait = std::chrono::seconds(line.replayWait_s);
+        return Replay(line.journal, options);
+    }
     if (app.got_subcommand("error-name")) return TellErrorName(*app.get_subcommand("error-name"), line);
     if (app.got_subcommand("submit")) return RunSubmit(*app.get_subcommand("submit"), line);
     auto engine = EngineAccess::Open(line.dataFolder);

@@ -1,0 +1,214 @@
+#include "ctl/replay.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <thread>
+
+#include "kit/scripted_engine.h"
+#include "kit/temp_dir.h"
+#include "link/codec.h"
+#include "link/engine_client.h"
+#include "platform/files.h"
+
+namespace rq::ctl {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(ParseJournal, TakesConnectionsFramesAndEndings) {
+    const auto journal = ParseJournal(
+        "{\"time\": \"T1\", \"event\": \"connect\", \"pid\": 7, \"worker\": \"1.2\"}\n"
+        "{\"time\": \"T2\", \"way\": \"out\", \"id\": 4001, \"seq\": 1, \"ack\": 0, \"body\": \"0aff\"}\n"
+        "{\"time\": \"T3\", \"way\": \"in\", \"id\": 4014, \"seq\": 2, \"ack\": 1, \"body\": \"\", \"new\": "
+        "1}\n"
+        "{\"time\": \"T4\", \"event\": \"bad\", \"reason\": \"b\"}\n"
+        "{\"time\": \"T5\", \"event\": \"close\", \"reason\": \"c\"}\n"
+        "{\"time\": \"T6\", \"event\": \"connect\"}\n"
+        "{\"time\": \"T7\", \"way\": \"up\", \"id\": 1}\n"
+        "{\"time\": \"T7\", \"way\": \"in\", \"body\": \"0\"}\n"
+        "{\"event\": \"later\"}\nnot json\n\n[1]\n{\"time\": \"cut");
+    ASSERT_TRUE(journal) << journal.error().message;
+    ASSERT_EQ(journal->connections.size(), 2u);
+    const JournalConnection& first = journal->connections[0];
+    EXPECT_EQ(first.processId, 7);
+    EXPECT_EQ(first.workerVersion, "1.2");
+    ASSERT_EQ(first.frames.size(), 2u);
+    EXPECT_TRUE(first.frames[0].fromWorker);
+    EXPECT_EQ(first.frames[0].frame.body, "\x0A\xFF");
+    EXPECT_FALSE(first.frames[1].fromWorker);
+    EXPECT_EQ(first.frames[1].frame.id, 4014u);
+    EXPECT_EQ(first.frames[1].frame.seq, 2u);
+    EXPECT_EQ(first.frames[1].frame.ack, 1u);
+    EXPECT_EQ(first.endings, (std::vector<std::string>{"bad: b", "close: c"}));
+    EXPECT_EQ(journal->strangeLines, 6u);
+}
+
+TEST(ParseJournal, RefusesWhatIsNoJournal) {
+    EXPECT_EQ(ParseJournal("").error().message, "no connection stands in it; is it a link journal?");
+    EXPECT_FALSE(ParseJournal("{\"way\": \"in\", \"id\": 4014}\n"));
+}
+
+TEST(FrameWords, TellEachKind) {
+    EXPECT_EQ(FrameWords(4, ""), "ACK");
+    EXPECT_EQ(FrameWords(4014, ""), "4014 order to end");
+    EXPECT_EQ(FrameWords(4999, "abc"), "4999 3 bytes that this program does not know");
+    const TaskNotice notice{"1.0", "g", "任务\n1"};
+    EXPECT_EQ(FrameWords(4001, link::EncodeWorkerRecord(4001, &notice).value()),
+              "4001 task \"任务 1\" of worker \"g\"");
+    const TaskCommandReply reply{"1.0", "g", "T", "0", "\xC8\xCE\xCE\xF1\xD2\xD1\xC8\xA1\xCF\xFB"};
+    EXPECT_EQ(FrameWords(4003, link::EncodeWorkerRecord(4003, &reply).value()),
+              "4003 reply \"任务已取消\" for task \"T\"");
+    EngineStateMessage state{4009, "state", "Worker", "Lite/Agent", {}};
+    state.entries.emplace_back().status = 4;
+    state.entries[0].errorCode = 0xFFFFFFFB;
+    state.entries[0].furtherText = "line 1";
+    EXPECT_EQ(
+        FrameWords(4009, link::EncodeWorkerRecord(4009, &state).value()),
+        "4009 state 4 error, task \"\", error 0xFFFFFFFB \"\", detail 0x00000000 \"\", further \"line 1\"");
+    EXPECT_EQ(FrameWords(4015, link::EncodeTaskText(std::string(500, 'x')).value()),
+              "4015 task text of 500 bytes \"" + std::string(160, 'x') + "...\"");
+    EXPECT_NE(FrameWords(4009, "\xFF").size(), std::string("4009").size());
+}
+
+JournalFrame Line(bool fromWorker, std::uint32_t id, std::string body = {}) {
+    return {"T", fromWorker, {id >= 4000 ? 1u : 0u, 0, id, std::move(body)}};
+}
+
+// Suspended after its first status, then resumed, then told to end.
+JournalConnection Sample() {
+    JournalConnection connection;
+    link::Welcome welcome;
+    welcome.sessionId = 77;
+    const std::string command = link::EncodeTaskCommand({});
+    connection.frames = {
+        Line(true, link::kHelloId), Line(false, link::kWelcomeId, link::EncodeWelcome(welcome)),
+        Line(true, 4009),           Line(false, link::kAckId),
+        Line(false, 4004, command), Line(true, 4005),
+        Line(true, 4000),           Line(false, 4006, command),
+        Line(true, 4007),           Line(true, 4008),
+        Line(true, 4009),           Line(false, 4014)};
+    return connection;
+}
+
+TEST(ReplayScript, GivesEachOrderWhenWhatStoodBeforeItHasCome) {
+    ReplayScript script(Sample());
+    ASSERT_NE(script.Answer(), nullptr);
+    EXPECT_EQ(script.Answer()->id, link::kWelcomeId);
+    EXPECT_FALSE(script.NextDue());
+    EXPECT_EQ(script.Missing(), "4009 (0 of 1)");
+    script.Took(4000);
+    script.Took(4008);
+    EXPECT_FALSE(script.NextDue());
+    script.Took(4009);
+    EXPECT_EQ(script.NextDue()->id, 4004u);
+    EXPECT_FALSE(script.NextDue());
+    script.Took(4005);
+    EXPECT_EQ(script.NextDue()->id, 4006u);
+    script.Took(4009);
+    EXPECT_FALSE(script.NextDue());
+    EXPECT_EQ(script.Missing(), "4007 (0 of 1)");
+    EXPECT_FALSE(script.IsDone());
+    script.Took(4007);
+    EXPECT_EQ(script.NextDue()->id, 4014u);
+    EXPECT_FALSE(script.NextDue());
+    EXPECT_TRUE(script.IsDone());
+    EXPECT_EQ(script.Missing(), "");
+}
+
+TEST(ReplayScript, WaitsForTheFarewellThatTheJournalHas) {
+    JournalConnection connection = Sample();
+    connection.frames.push_back(Line(true, link::kByeId));
+    ReplayScript script(connection);
+    for (const std::uint32_t id : {4009u, 4005u, 4007u, 4009u}) script.Took(id);
+    while (script.NextDue()) {
+    }
+    EXPECT_FALSE(script.IsDone());
+    EXPECT_EQ(script.Missing(), "BYE (0 of 1)");
+    script.Took(link::kByeId);
+    EXPECT_TRUE(script.IsDone());
+}
+
+// A worker's client that answers suspend and resume, and says its two statuses.
+struct Client {
+    Client() : client(link::CreateEngineClient(link::EngineClientOptions{})) {
+        const EngineClientSetup setup{this, &Client::Handle, L""};
+        client->Initialize(&setup);
+    }
+    ~Client() { DeleteEngineClient(&client); }
+    static void Handle(std::uint32_t id, const void*, void* context) {
+        auto& self = *static_cast<Client*>(context);
+        self.orders.push_back(id);
+        const TaskCommandReply reply{"1.0", "g", "T", "0", "x"};
+        if (id == 4004 || id == 4006) self.client->SendMessage(self.session, id + 1, &reply);
+        if (id == 4006) self.SendState(kTaskFinished);
+        if (id == 4014) self.ended.set_value();
+    }
+    void SendState(std::uint32_t status) {
+        EngineStateMessage message{4009, "state", "Worker", "Lite/Agent", {}};
+        message.entries.emplace_back().status = status;
+        client->SendMessage(session, TCP_WORKER_STATE_ID, &message);
+    }
+    void Connect(std::uint16_t port) {
+        const EngineEndpoint endpoint{"127.0.0.1", port};
+        session = client->Connect(&endpoint);
+    }
+    IEngineCommunicate* client;
+    std::atomic<std::uint32_t> session = kNoSession;
+    std::vector<std::uint32_t> orders;  // the handler's thread, until `ended`
+    std::promise<void> ended;
+};
+
+TEST(Play, DoesForAWorkerWhatTheEngineDid) {
+    std::promise<std::uint16_t> port;
+    JournalConnection journal = Sample();
+    journal.frames.push_back(Line(true, link::kByeId));
+    auto played = std::async(std::launch::async, [&] {
+        ReplayOptions options;
+        options.wait = 60s;
+        return Play(journal, options, [&](std::uint16_t p) { port.set_value(p); });
+    });
+    Client worker;
+    worker.Connect(port.get_future().get());
+    EXPECT_EQ(worker.session, 77u);
+    worker.SendState(kTaskRunning);
+    ASSERT_EQ(worker.ended.get_future().wait_for(kit::ScriptedEngine::kPatience), std::future_status::ready);
+    EXPECT_EQ(worker.orders, (std::vector<std::uint32_t>{4004, 4006, 4014}));
+    worker.client->Disconnect();
+    const auto result = played.get();
+    ASSERT_TRUE(result) << result.error().message;
+    EXPECT_EQ(*result, kExitFinished);
+}
+
+TEST(Play, SaysWhatAWorkerDidNotSend) {
+    std::promise<std::uint16_t> port;
+    const JournalConnection journal = Sample();
+    auto played = std::async(std::launch::async, [&] {
+        ReplayOptions options;
+        options.wait = 60s;
+        return Play(journal, options, [&](std::uint16_t p) { port.set_value(p); });
+    });
+    Client worker;
+    worker.Connect(port.get_future().get());
+    worker.client->Disconnect();
+    const auto result = played.get();
+    ASSERT_FALSE(result);
+    EXPECT_EQ(result.error().exitCode, kExitFailed);
+    EXPECT_EQ(result.error().message, "the worker left before it sent 4009 (0 of 1)");
+}
+
+TEST(Replay, RefusesFilesThatAreNoJournal) {
+    kit::TempDir folder;
+    EXPECT_EQ(Replay(folder.Utf8("none"), {}).error().exitCode, kExitUsage);
+    folder.Write("x", "hello\n");
+    EXPECT_EQ(Replay(folder.Utf8("x"), {}).error().message,
+              folder.Utf8("x") + ": no connection stands in it; is it a link journal?");
+    folder.Write("j", "{\"event\": \"connect\"}\n");
+    ReplayOptions options;
+    options.connection = 2;
+    EXPECT_EQ(Replay(folder.Utf8("j"), options).error().message,
+              "--connection: the journal has 1 connection(s)");
+}
+
+}  // namespace
+}  // namespace rq::ctl
