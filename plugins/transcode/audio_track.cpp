@@ -53,11 +53,11 @@ std::string Seconds(std::int64_t time_us) {
 }  // namespace
 
 AudioTrack::AudioTrack(const Source& source, const AVStream& from, Target& target, Watch& watch,
-                       bool ignoreDamage, const AudioSettings& settings, bool leads)
+                       bool ignoreDamage, const AudioSettings& settings)
     : Track(source, from, target, watch, ignoreDamage),
       m_settings(settings),
       m_decoder(source, from, ignoreDamage),
-      m_encoder(target, watch, leads) {}
+      m_encoder(target, watch) {}
 
 Problem AudioTrack::Begin() {
     if (Problem problem = m_decoder.Open()) return problem;

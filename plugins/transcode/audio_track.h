@@ -12,11 +12,11 @@ namespace rq::transcode {
 
 class AudioTrack final : public Track {
   public:
-    // `leads`: there is no video, and the progress follows the audio.
     AudioTrack(const Source& source, const AVStream& from, Target& target, Watch& watch, bool ignoreDamage,
-               const AudioSettings& settings, bool leads);
+               const AudioSettings& settings);
 
     Problem Begin() override;
+    void LeadBehind(std::int64_t lag_us) override { m_encoder.LeadBehind(lag_us); }
     Problem Take(AVPacket* packet) override;
     Problem Finish() override;
     bool IsDone() const override { return m_done; }

@@ -1,11 +1,14 @@
 #include "copy_track.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "plugin_common/codes.h"
 
 namespace rq::transcode {
 namespace {
+
+constexpr std::size_t kMostHeld_packets = 64;
 
 // Facts about the stream that do not stand in its parameters, as the rotation of a picture.
 bool CopySideData(const AVStream& from, AVStream& to) {
@@ -20,17 +23,25 @@ bool CopySideData(const AVStream& from, AVStream& to) {
 
 }  // namespace
 
+Problem CopyTrack::NoMemory() const {
+    return m_target.Fail(task::kErrorProcessing, Detail::kNoMemory, "not enough memory");
+}
+
 Problem CopyTrack::Begin() {
-    const bool isVideo = m_from.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+    const Detail refused = IsVideo() ? Detail::kMuxerRefusesVideo : Detail::kMuxerRefusesAudio;
+    const std::string codec = avcodec_get_name(m_from.codecpar->codec_id);
     if (!m_target.Takes(m_from.codecpar->codec_id))
         return m_target.Fail(
-            task::kErrorProcessing, isVideo ? Detail::kMuxerRefusesVideo : Detail::kMuxerRefusesAudio,
-            m_target.Container() + " does not take " + avcodec_get_name(m_from.codecpar->codec_id) +
-                "; encode it, or choose another container");
+            task::kErrorProcessing, refused,
+            m_target.Container() + " does not take " + codec + "; encode it, or choose another container");
+    if (!m_source.HasTimes() && IsVideo())
+        return SourceFailure(task::kErrorProcessing, refused,
+                             "the source is a bare stream of " + codec +
+                                 " that tells no times, and cannot be copied; encode it");
     m_to = m_target.AddStream();
     if (m_to == nullptr || !m_packet || avcodec_parameters_copy(m_to->codecpar, m_from.codecpar) < 0 ||
         !CopySideData(m_from, *m_to))
-        return m_target.Fail(task::kErrorProcessing, Detail::kNoMemory, "not enough memory");
+        return NoMemory();
     m_to->codecpar->codec_tag = 0;  // the container's own
     m_to->time_base = m_from.time_base;
     m_to->avg_frame_rate = m_from.avg_frame_rate;
@@ -41,28 +52,68 @@ Problem CopyTrack::Begin() {
 
 Problem CopyTrack::Take(AVPacket* packet) {
     if (m_done) return std::nullopt;
-    const bool isVideo = m_from.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
-    if (!m_hasBegun && isVideo && (packet->flags & AV_PKT_FLAG_KEY) == 0) return std::nullopt;
+    if (!m_hasBegun && IsVideo() && (packet->flags & AV_PKT_FLAG_KEY) == 0) return std::nullopt;
     if ((packet->flags & AV_PKT_FLAG_CORRUPT) != 0 && m_hasBegun && !m_ignoreDamage)
         return SourceFailure(task::kErrorSourceDamaged, Detail::kSourceRead,
                              "a packet is cut short or damaged");
-    if (packet->dts == AV_NOPTS_VALUE) packet->dts = packet->pts;
-    if (packet->pts == AV_NOPTS_VALUE && !isVideo) packet->pts = packet->dts;
+    if (packet->pts == AV_NOPTS_VALUE && !IsVideo()) packet->pts = packet->dts;
     const AVRational base = m_from.time_base;
     const std::int64_t half_us = 1;
     if (packet->pts != AV_NOPTS_VALUE) {
         const std::int64_t time_us = TargetTimeUs(packet->pts, base);
-        if (time_us < -half_us && !isVideo) return std::nullopt;
+        if (time_us < -half_us && !IsVideo()) return std::nullopt;
         Reach(time_us + ToMicroseconds(packet->duration, base));
-    }
-    if (packet->dts != AV_NOPTS_VALUE && m_cut.length_us &&
-        TargetTimeUs(packet->dts, base) >= *m_cut.length_us) {
-        m_done = true;
-        return std::nullopt;
+        m_watch.At(ReachedUs() - m_lagUs);
     }
     m_hasBegun = true;
-    if (av_packet_ref(m_packet.get(), packet) < 0)
-        return m_target.Fail(task::kErrorProcessing, Detail::kNoMemory, "not enough memory");
+    if (packet->dts != AV_NOPTS_VALUE) {
+        if (Problem problem = WriteHeld(packet->dts)) return problem;
+        return Write(*packet, packet->dts);
+    }
+    // Pictures in the order in which they are shown.
+    if (!IsVideo() || (m_from.codecpar->video_delay == 0 && m_held.empty()))
+        return Write(*packet, packet->pts);
+    if (packet->pts == AV_NOPTS_VALUE)
+        return SourceFailure(task::kErrorSourceDamaged, Detail::kSourceRead, "a packet tells no time");
+    return Hold(*packet);
+}
+
+Problem CopyTrack::Hold(const AVPacket& packet) {
+    m_held.emplace_back(av_packet_clone(&packet));
+    if (!m_held.back()) return NoMemory();
+    return m_held.size() < kMostHeld_packets ? std::nullopt : WriteHeld(AV_NOPTS_VALUE);
+}
+
+std::int64_t CopyTrack::Step(const AVPacket& packet) const {
+    const std::int64_t step = packet.duration > 0
+                                  ? packet.duration
+                                  : av_rescale_q(1, av_inv_q(m_source.FrameRate()), m_from.time_base);
+    return std::max<std::int64_t>(1, step);
+}
+
+Problem CopyTrack::WriteHeld(std::int64_t next) {
+    if (m_held.empty()) return std::nullopt;
+    const std::int64_t step = Step(*m_held.front());
+    std::int64_t dts = m_held.front()->pts - step * m_from.codecpar->video_delay;
+    if (next != AV_NOPTS_VALUE) dts = std::min(dts, next - step * static_cast<std::int64_t>(m_held.size()));
+    if (m_lastDts != AV_NOPTS_VALUE) dts = std::max(dts, m_lastDts + step);
+    for (; !m_held.empty(); m_held.pop_front(), dts += step)
+        if (Problem problem = Write(*m_held.front(), dts)) return problem;
+    return std::nullopt;
+}
+
+Problem CopyTrack::Write(const AVPacket& packet, std::int64_t dts) {
+    const AVRational base = m_from.time_base;
+    if (dts != AV_NOPTS_VALUE && m_cut.length_us && TargetTimeUs(dts, base) >= *m_cut.length_us)
+        m_done = true;
+    if (m_done) return std::nullopt;
+    if (av_packet_ref(m_packet.get(), &packet) < 0) return NoMemory();
+    // Small steps back happen in recordings, and no container takes them.
+    if (dts != AV_NOPTS_VALUE && m_lastDts != AV_NOPTS_VALUE) dts = std::max(dts, m_lastDts + 1);
+    m_lastDts = dts;
+    m_packet->dts = dts;
+    if (m_packet->pts != AV_NOPTS_VALUE && dts != AV_NOPTS_VALUE)
+        m_packet->pts = std::max(m_packet->pts, dts);
     const std::int64_t shift = av_rescale_q(m_cut.base_us, kMicroseconds, base);
     if (m_packet->pts != AV_NOPTS_VALUE) m_packet->pts -= shift;
     if (m_packet->dts != AV_NOPTS_VALUE) m_packet->dts -= shift;
@@ -70,7 +121,7 @@ Problem CopyTrack::Take(AVPacket* packet) {
 }
 
 Problem CopyTrack::Finish() {
-    return std::nullopt;
+    return WriteHeld(AV_NOPTS_VALUE);
 }
 
 }  // namespace rq::transcode

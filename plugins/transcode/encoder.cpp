@@ -46,7 +46,7 @@ Problem Encoder::Encode(const AVFrame* frame, std::int64_t packetDuration) {
         if (code < 0) return failure(code);
         if (m_packet->duration == 0) m_packet->duration = packetDuration;
         if (Problem problem = m_target.Write(m_packet.get(), m_stream, m_codec->time_base)) return problem;
-        if (m_leads) m_watch.At(m_target.EndUs(m_stream));
+        m_watch.At(m_target.EndUs(m_stream) - m_lagUs);
         m_watch.Tick();
         if (m_watch.Cancelled()) return std::nullopt;
     }

@@ -1,6 +1,7 @@
 // Frames into packets of the target.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "av.h"
@@ -12,8 +13,9 @@ namespace rq::transcode {
 
 class Encoder {
   public:
-    // `leads`: the progress follows what this one has written.
-    Encoder(Target& target, Watch& watch, bool leads) : m_target(target), m_watch(watch), m_leads(leads) {}
+    Encoder(Target& target, Watch& watch) : m_target(target), m_watch(watch) {}
+    // The progress is at least this much behind what has been written; 0 unless told.
+    void LeadBehind(std::int64_t lag_us) { m_lagUs = lag_us; }
 
     // The settings are to be made in Context() between Find and Open; `name` is the encoder's in FFmpeg.
     Problem Find(const char* name, Detail missing);
@@ -31,7 +33,7 @@ class Encoder {
 
     Target& m_target;
     Watch& m_watch;
-    bool m_leads;
+    std::int64_t m_lagUs = 0;
     Codec m_codec;
     Packet m_packet{av_packet_alloc()};
     AVStream* m_stream = nullptr;

@@ -20,6 +20,11 @@ constexpr int kBuffer_bytes = 256 << 10;
 constexpr std::int64_t kRunUp_us = 1'000'000;
 // In formats without an index a seek lands anywhere, and the next picture that stands alone may be far.
 constexpr std::int64_t kRunUpWithoutIndex_us = 10'000'000;
+// A longer gap in all streams is a jump of the time stamps: in files that may have such jumps, and in others.
+constexpr std::int64_t kLongestGap_us = 10'000'000;
+constexpr std::int64_t kLongestFixedGap_us = 600'000'000;
+// The last packets before a join, which seem to be cut short.
+constexpr std::size_t kJoin_packets = 2;
 
 double Value(AVRational rate) {
     return rate.den == 0 ? 0 : av_q2d(rate);
@@ -87,6 +92,7 @@ Problem Source::Open(const std::string& path) {
         AVStream* stream = m_format->streams[i];
         if (stream != m_video && stream != m_audio) stream->discard = AVDISCARD_ALL;
     }
+    BeginTimeLine();
     return std::nullopt;
 }
 
@@ -115,6 +121,9 @@ void Source::Close() {
     avformat_close_input(&m_format);
     m_io.reset();
     m_offsetBytes = 0;
+    m_timeLine.reset();
+    m_ready.clear();
+    m_waiting.clear();
     m_file.Close();
 }
 
@@ -150,8 +159,12 @@ std::int64_t Source::StartUs() const {
 }
 
 std::int64_t Source::LengthUs(const AVStream* stream) const {
-    if (m_format->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE) return -1;
-    if (stream->duration > 0) return ToMicroseconds(stream->duration, stream->time_base);
+    if (m_format->duration_estimation_method != AVFMT_DURATION_FROM_STREAM) return -1;
+    const std::int64_t late_us =
+        HasTimes() && stream->start_time != AV_NOPTS_VALUE
+            ? std::max<std::int64_t>(0, ToMicroseconds(stream->start_time, stream->time_base) - StartUs())
+            : 0;
+    if (stream->duration > 0) return late_us + ToMicroseconds(stream->duration, stream->time_base);
     return m_format->duration > 0 ? m_format->duration : -1;
 }
 
@@ -162,30 +175,109 @@ std::int64_t Source::LengthUs() const {
     return longest;
 }
 
-int Source::Read(AVPacket* packet) {
+void Source::BeginTimeLine() {
+    m_firstBytes = m_lastBytes = -1;
+    m_ready.clear();
+    m_waiting.clear();
+    m_timeLine.reset();
+    if (HasTimes())
+        m_timeLine.emplace(m_format->nb_streams, MayJump() ? kLongestGap_us : kLongestFixedGap_us, MayJump());
+}
+
+void Source::Mend(AVPacket& packet) {
+    const auto index = static_cast<std::size_t>(packet.stream_index);
+    const AVRational base = m_format->streams[index]->time_base;
+    const std::int64_t time = packet.dts != AV_NOPTS_VALUE ? packet.dts : packet.pts;
+    const std::int64_t move_us =
+        time == AV_NOPTS_VALUE
+            ? m_timeLine->Move(index)
+            : m_timeLine->Move(index, ToMicroseconds(time, base), ToMicroseconds(packet.duration, base));
+    // No picture waits that long for those it is decoded for: its time is wrong, and is guessed by the
+    // others'.
+    if (packet.dts != AV_NOPTS_VALUE && packet.pts != AV_NOPTS_VALUE &&
+        ToMicroseconds(packet.pts - packet.dts, base) > (MayJump() ? kLongestGap_us : kLongestFixedGap_us))
+        packet.pts = AV_NOPTS_VALUE;
+    const std::int64_t move = av_rescale_q(move_us, kMicroseconds, base);
+    if (packet.pts != AV_NOPTS_VALUE) packet.pts += move;
+    if (packet.dts != AV_NOPTS_VALUE) packet.dts += move;
+}
+
+int Source::ReadOne(Packet& packet) {
+    packet.reset(av_packet_alloc());
+    if (!packet) return AVERROR(ENOMEM);
     for (;;) {
-        const int code = av_read_frame(m_format, packet);
+        const int code = av_read_frame(m_format, packet.get());
         if (code < 0) return m_interrupted() ? AVERROR_EXIT : code;
         const AVStream* stream = m_format->streams[packet->stream_index];
         if (stream == m_video || stream == m_audio) return 0;
-        av_packet_unref(packet);
+        av_packet_unref(packet.get());
     }
 }
 
+// Where two recordings were joined, the demultiplexer takes the last packet of the first one for cut short,
+// since the counters do not go on, and may say so one packet earlier. Whether it stands there, the next
+// packets of the stream tell.
+void Source::Pass(Packet packet) {
+    const int index = packet->stream_index;
+    const auto stream = static_cast<std::size_t>(index);
+    if (m_firstBytes < 0) m_firstBytes = packet->pos;
+    m_lastBytes = std::max(m_lastBytes, packet->pos);
+    if (!m_timeLine || !MayJump()) {
+        if (m_timeLine) Mend(*packet);
+        m_ready.push_back(std::move(packet));
+        return;
+    }
+    const std::size_t before = m_timeLine->SectionOf(stream);
+    Mend(*packet);
+    std::deque<Packet>& waiting = m_waiting[index];
+    if (m_timeLine->SectionOf(stream) != before) {
+        for (const Packet& old : waiting) old->flags &= ~AV_PKT_FLAG_CORRUPT;
+        PassWaiting(waiting);
+    }
+    const bool isCut = (packet->flags & AV_PKT_FLAG_CORRUPT) != 0;
+    if (!isCut && waiting.empty()) {
+        m_ready.push_back(std::move(packet));
+        return;
+    }
+    waiting.push_back(std::move(packet));
+    if (waiting.size() > kJoin_packets) PassWaiting(waiting);
+}
+
+void Source::PassWaiting(std::deque<Packet>& waiting) {
+    for (Packet& packet : waiting) m_ready.push_back(std::move(packet));
+    waiting.clear();
+}
+
+int Source::Read(AVPacket* packet) {
+    while (m_ready.empty()) {
+        Packet read;
+        const int code = ReadOne(read);
+        if (code >= 0) Pass(std::move(read));
+        if (code >= 0) continue;
+        for (auto& [stream, waiting] : m_waiting) PassWaiting(waiting);
+        if (m_ready.empty()) return code;
+    }
+    av_packet_move_ref(packet, m_ready.front().get());
+    m_ready.pop_front();
+    return 0;
+}
+
 Problem Source::SeekBefore(std::int64_t time_us) {
-    const bool hasIndex = (m_format->iformat->flags & AVFMT_TS_DISCONT) == 0;
-    const std::int64_t place_us = time_us - (hasIndex ? kRunUp_us : kRunUpWithoutIndex_us);
+    const std::int64_t place_us = time_us - (MayJump() ? kRunUpWithoutIndex_us : kRunUp_us);
     if (place_us <= 0 || !HasTimes()) return std::nullopt;
     const std::int64_t to = StartUs() + place_us;
     const int code = avformat_seek_file(m_format, -1, INT64_MIN, to, to, 0);
+    BeginTimeLine();
     if (code >= 0) return std::nullopt;
     return Fail(task::kErrorProcessing, Detail::kInPoint,
                 "the in point cannot be found: " + AvWordsWithLog(code));
 }
 
 double Source::Fraction() const {
-    return static_cast<double>(m_offsetBytes) /
-           static_cast<double>(std::max<std::uint64_t>(1, m_file.Size()));
+    const auto size = static_cast<std::int64_t>(m_file.Size());
+    const std::int64_t first = std::max<std::int64_t>(0, m_firstBytes);
+    const std::int64_t there = m_lastBytes < 0 ? m_offsetBytes : m_lastBytes;
+    return static_cast<double>(there - first) / static_cast<double>(std::max<std::int64_t>(1, size - first));
 }
 
 }  // namespace rq::transcode

@@ -3,12 +3,16 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
+#include <map>
+#include <optional>
 #include <string>
 
 #include "av.h"
 #include "failure.h"
 #include "plugin_common/file.h"
+#include "time_line.h"
 
 namespace rq::transcode {
 
@@ -39,17 +43,24 @@ class Source {
     bool HasTimes() const { return m_format->start_time != AV_NOPTS_VALUE; }
     // Time of the beginning on the source's own time line.
     std::int64_t StartUs() const;
-    // Length as the file tells it, of the stream when it says so; -1 when only guessed or not known.
+    // End of the stream, or of the file when the stream tells none, since the beginning; -1 when only guessed
+    // (from bit rate or last time stamps) or not known.
     std::int64_t LengthUs(const AVStream* stream) const;
     // The longest of the streams that are worked on, -1 when not known.
     std::int64_t LengthUs() const;
 
-    // The next packet of those streams. AVERROR_EOF at the end, AVERROR_EXIT when interrupted.
+    // The next packet of those streams. AVERROR_EOF at the end, AVERROR_EXIT when interrupted. Where the time
+    // stamps jump, what follows is moved to the end of what came before.
     int Read(AVPacket* packet);
+    // The jumps that were met since the beginning or the last SeekBefore; null when the packets tell no
+    // times.
+    const TimeLine* Jumps() const { return m_timeLine ? &*m_timeLine : nullptr; }
+    // Whether jumps belong to this kind of file, as to transport streams. In others one is damage.
+    bool MayJump() const { return (m_format->iformat->flags & AVFMT_TS_DISCONT) != 0; }
     // So that the next packets begin at a place that lets the streams be decoded from `time_us` (since the
     // beginning) on.
     Problem SeekBefore(std::int64_t time_us);
-    // How much of the file is read, 0 to 1.
+    // How much of the file, from the place of the last SeekBefore on, the packets read so far are; 0 to 1.
     double Fraction() const;
     bool Changed() const { return m_file.Changed(); }
     const std::string& Path() const { return m_path; }
@@ -61,12 +72,23 @@ class Source {
     Problem OpenFormat();
     AVStream* Best(AVMediaType kind) const;
     void Drop(AVStream*& stream);
+    void BeginTimeLine();
+    void Mend(AVPacket& packet);
+    int ReadOne(Packet& packet);
+    // A packet from the file on its way to the one who reads.
+    void Pass(Packet packet);
+    void PassWaiting(std::deque<Packet>& waiting);
     Failure Fail(std::int32_t errorCode, Detail detail, const std::string& words) const;
 
     Interrupted m_interrupted;
     std::string m_path;
     task::InputFile m_file;
     std::int64_t m_offsetBytes = 0;
+    std::int64_t m_firstBytes = -1;  // place of the first packet, -1 when there is none or it does not tell
+    std::int64_t m_lastBytes = -1;   // of the farthest
+    std::optional<TimeLine> m_timeLine;
+    std::deque<Packet> m_ready;
+    std::map<int, std::deque<Packet>> m_waiting;  // by stream: the last ones, when they may be cut short
     Io m_io;
     AVFormatContext* m_format = nullptr;
     AVStream* m_video = nullptr;

@@ -35,6 +35,8 @@ class Track {
         m_cut = cut;
         m_nextTimeUs = m_source.StartUs() - cut.base_us;
     }
+    // The progress is at least this much behind what the track has done; 0 unless told.
+    virtual void LeadBehind(std::int64_t lag_us) = 0;
     // The packet stays the caller's.
     virtual Problem Take(AVPacket* packet) = 0;
     // At the end of the source or of the work: writes what is still held.

@@ -174,7 +174,7 @@ TEST(TranscodeEncoder, OneThatIsMissingIsNamed) {
     Target target("/out.mp4", publication);
     plugin::Run run(nullptr, nullptr, nullptr, nullptr);
     Watch watch(run);
-    Encoder encoder(target, watch, true);
+    Encoder encoder(target, watch);
     const Problem problem = encoder.Find("libx264-of-another-build", Detail::kH264EncoderMissing);
     ASSERT_TRUE(problem);
     EXPECT_EQ(static_cast<std::uint32_t>(problem->errorCode), kProcessing);

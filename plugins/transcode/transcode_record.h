@@ -23,6 +23,12 @@ class TranscodeRecord final : public plugin::TaskRecord {
     TranscodeRecord(TranscodeTask task, const SourceFacts& facts);
 
     const TranscodeTask& Task() const { return m_task; }
+    // What the worker takes for a second of media: the told frame rate, and 25 without video.
+    double Units_per_s() const {
+        return m_source.hasVideo == 0 ? 25.0
+                                      : static_cast<double>(m_source.frameRateNumerator) /
+                                            static_cast<double>(m_source.frameRateDenominator);
+    }
 
     // The target as it is published: pictures and milliseconds of sound written, and the format as it was
     // read back. Once for a record.

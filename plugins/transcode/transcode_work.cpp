@@ -13,7 +13,8 @@ namespace {
 
 // Looking at a source for the analysis ends after this; the work looks again, without such a limit.
 constexpr std::chrono::seconds kMaxLook{10};
-constexpr double kAudioUnits_per_s = 1000;
+
+constexpr std::int64_t kAudioLag_us = 10'000'000;
 
 std::string Seconds(std::int64_t time_us) {
     char text[32];
@@ -68,6 +69,7 @@ Problem TranscodeWork::Transcode() {
     if (Problem problem = MakeCut()) return problem;
     LogPlan();
     if (Problem problem = Pump()) return problem;
+    LogJumps();
     m_isEarly = m_watch.Stopped();
     if (m_watch.Cancelled()) return std::nullopt;
     if (Problem problem = FinishTracks()) return problem;
@@ -135,7 +137,7 @@ Problem TranscodeWork::MakeTracks() {
             m_audio = std::make_unique<CopyTrack>(m_source, *from, m_target, m_watch, m_task.ignoreDamage);
         } else {
             m_audio = std::make_unique<AudioTrack>(m_source, *from, m_target, m_watch, m_task.ignoreDamage,
-                                                   m_task.audio, m_video == nullptr);
+                                                   m_task.audio);
         }
         if (Problem problem = m_audio->Begin()) return problem;
     }
@@ -172,8 +174,16 @@ Problem TranscodeWork::MakeCut() {
     for (Track* track : {m_video.get(), m_audio.get()}) {
         if (track != nullptr) track->SetCut(cut);
     }
-    m_watch.Begin(m_lengthUs, m_video ? av_q2d(rate) : kAudioUnits_per_s);
+    BeginProgress();
     return std::nullopt;
+}
+
+// The progress counts at the rate that the worker makes the speed of, also without pictures. It follows the
+// video, and where that has ended, the audio: until then an encoder's look ahead keeps the video this much
+// behind.
+void TranscodeWork::BeginProgress() {
+    m_watch.Begin(m_lengthUs, m_record.Units_per_s());
+    if (m_video && m_audio) m_audio->LeadBehind(kAudioLag_us);
 }
 
 // A copy begins with the last picture at or before the in point that stands alone; the target's time begins
@@ -218,6 +228,7 @@ Problem TranscodeWork::Pump() {
     const Packet packet(av_packet_alloc());
     if (!packet) return FailureOf(task::kErrorProcessing, Detail::kNoMemory, "not enough memory");
     while (!AllDone() && !m_watch.Stopped()) {
+        if (Problem problem = CheckJumps()) return problem;
         if (!m_read.empty()) {
             const Packet early = std::move(m_read.front());
             m_read.pop_front();
@@ -248,11 +259,31 @@ Problem TranscodeWork::TakePacket(AVPacket* packet) {
     const bool isVideo = m_source.Video() != nullptr && packet->stream_index == m_source.Video()->index;
     Track* track = isVideo ? m_video.get() : m_audio.get();
     if (Problem problem = track->Take(packet)) return problem;
-    const bool leads = isVideo || !m_video;
-    if (leads && dynamic_cast<CopyTrack*>(track) != nullptr) m_watch.At(track->ReachedUs());
     m_watch.Fraction(m_source.Fraction());
     m_watch.Tick();
     return std::nullopt;
+}
+
+// In a file whose clock does not jump, such a gap is damage; filling it could fill the disk.
+Problem TranscodeWork::CheckJumps() const {
+    const TimeLine* jumps = m_source.Jumps();
+    if (jumps == nullptr || jumps->Jumps() == 0 || m_source.MayJump() || m_task.ignoreDamage)
+        return std::nullopt;
+    return FailureOf(task::kErrorSourceDamaged, Detail::kSourceRead,
+                     m_task.source + ": the source has nothing between " +
+                         Seconds(jumps->JumpFromUs() - m_source.StartUs()) + " and " +
+                         Seconds(jumps->JumpToUs() - m_source.StartUs()) +
+                         "; gaps of more than 600 s are not filled");
+}
+
+void TranscodeWork::LogJumps() const {
+    const TimeLine* jumps = m_source.Jumps();
+    if (jumps == nullptr || jumps->Jumps() == 0) return;
+    m_host.Log(plugin::Level::kWarning,
+               "transcode: " + m_task.source +
+                   ": the time stamps jump, times: " + std::to_string(jumps->Jumps()) +
+                   ", the last time from " + Seconds(jumps->JumpFromUs() - m_source.StartUs()) + " to " +
+                   Seconds(jumps->JumpToUs() - m_source.StartUs()) + "; what follows is joined on");
 }
 
 // A file that was cut off ends before the length that stands in its head.
@@ -260,7 +291,7 @@ Problem TranscodeWork::CheckEnd() const {
     if (m_source.Changed())
         return FailureOf(task::kErrorSourceChanged, Detail::kSourceRead,
                          m_task.source + ": the file changed while it was read");
-    if (!m_atEnd || m_task.ignoreDamage || m_lengthUs < 0) return std::nullopt;
+    if (!m_atEnd || m_task.ignoreDamage || m_source.LengthUs() < 0) return std::nullopt;
     std::int64_t reached_us = 0;
     for (const Track* track : {m_video.get(), m_audio.get()})
         if (track != nullptr) reached_us = std::max(reached_us, track->ReachedUs());

@@ -36,10 +36,13 @@ class TranscodeWork {
     Problem MakeTracks();
     Problem MakeCut();
     Problem FindCopyBase(Cut& cut);
+    void BeginProgress();
     Problem Pump();
     Problem TakePacket(AVPacket* packet);
     bool AllDone() const;
     Problem CheckEnd() const;
+    Problem CheckJumps() const;
+    void LogJumps() const;
     Problem FinishTracks();
     Problem Publish();
     Expected ExpectedTarget() const;

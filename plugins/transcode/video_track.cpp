@@ -51,7 +51,7 @@ VideoTrack::VideoTrack(const Source& source, const AVStream& from, Target& targe
     : Track(source, from, target, watch, ignoreDamage),
       m_settings(settings),
       m_decoder(source, from, ignoreDamage),
-      m_encoder(target, watch, true) {}
+      m_encoder(target, watch) {}
 
 Problem VideoTrack::Begin() {
     if (Problem problem = m_decoder.Open()) return problem;

@@ -19,6 +19,7 @@ class VideoTrack final : public Track {
                const VideoSettings& settings);
 
     Problem Begin() override;
+    void LeadBehind(std::int64_t lag_us) override { m_encoder.LeadBehind(lag_us); }
     Problem Take(AVPacket* packet) override;
     Problem Finish() override;
     bool IsDone() const override { return m_done; }

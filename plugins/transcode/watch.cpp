@@ -41,7 +41,8 @@ void Watch::Tick() {
 }
 
 void Watch::Complete() {
-    const std::int64_t total = std::max<std::int64_t>({m_total, m_toldDone, 1});
+    const std::int64_t done = std::llround(static_cast<double>(m_positionUs) * 1e-6 * m_unitsPerSecond);
+    const std::int64_t total = m_total > 0 ? m_total : std::max<std::int64_t>({done, m_toldDone, 1});
     Tell(total, total);
 }
 

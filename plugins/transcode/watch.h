@@ -26,7 +26,7 @@ class Watch {
     void At(std::int64_t position_us);
     // Tells the progress when it is time for it; held here while the task is suspended.
     void Tick();
-    // All done.
+    // All done: everything that was to be done, or when that was not known, what was.
     void Complete();
     // A call that takes its time is next.
     void QuietFor(std::int64_t seconds) { m_run.QuietFor(seconds); }
