@@ -112,6 +112,18 @@ class RestartTest : public ::testing::Test {
         m_options.directory = m_dir.Path();
     }
 
+    // Level and text of each line of the program's log.
+    std::vector<std::string> Log() const {
+        std::vector<std::string> lines;
+        for (const std::string& line : kit::ReadLines(m_dir.Path() / PathFromUtf8("重启 worker.log"))) {
+            const auto level = line.find(" [");
+            const auto text = line.find("] ", line.find('/'));
+            if (level == std::string::npos || text == std::string::npos) return {"not a log line: " + line};
+            lines.push_back(line.substr(level + 2, 1) + line.substr(text + 1));
+        }
+        return lines;
+    }
+
     kit::TempDir m_dir;
     const std::filesystem::path m_program = m_dir.Path() / PathFromUtf8("重启 worker");
     kit::Child::Options m_options;
@@ -123,6 +135,20 @@ TEST_F(RestartTest, StartsACopyWithoutArgumentsAndAborts) {
     EXPECT_EQ(child.ExitCode(), 1000 + SIGABRT);
     EXPECT_EQ(child.Errors(), "") << "a wanted abort says nothing";
     EXPECT_TRUE(kit::WaitForText(m_dir.Path() / PathFromUtf8("重启 worker.ran"), "1\n"));
+    EXPECT_EQ(Log(), (std::vector<std::string>{"1 before", "3 patrol timeout, will restart worker .",
+                                               "3 will abort this worker..."}));
+}
+
+// It cannot be let go of by a process that does not hold it.
+TEST_F(RestartTest, ALockHeldElsewhereEndsTheProcessByTheException) {
+    const auto file = m_dir.Write("worker.uid", "x");
+    kit::Child holder(PathFromUtf8(RQ_LOCK_FIXTURE), {Utf8FromPath(file)});
+    ASSERT_TRUE(kit::WaitForText(holder.OutputFile(), "locked"));
+    kit::Child child(m_program, {"time-out"}, m_options);
+    EXPECT_EQ(child.ExitCode(), 1000 + SIGABRT);
+    EXPECT_NE(child.Errors().find("crashed with SIGABRT"), std::string::npos) << child.Errors();
+    EXPECT_FALSE(std::filesystem::exists(m_dir.Path() / PathFromUtf8("重启 worker.ran")));
+    EXPECT_EQ(Log(), (std::vector<std::string>{"1 before"}));
 }
 
 TEST_F(RestartTest, WithoutTheLockFileTheExceptionEndsTheProcess) {
