@@ -50,6 +50,28 @@ TEST(EngineClientSend, TheRecordMayGoAsSoonAsTheCallHasReturned) {
               std::string(100'000, 'g'));
 }
 
+TEST(EngineClientSend, AFinalStatusGoesWithoutAResultThatIsTooLarge) {
+    kit::ScriptedEngine engine;
+    TestClient test;
+    ASSERT_NE(test.Connect(engine.Port()), kNoSession);
+    EngineStateMessage message{4009, "state", "Worker", "Lite/Agent", {}};
+    auto result = std::make_shared<stMD5TaskResult>();
+    result->files.resize(17);
+    for (Md5FileEntry& file : result->files) file.first = std::string(1024 * 1024, 'f');
+    message.entries.emplace_back().status = kTaskFinished;
+    message.entries[0].furtherText = "kept";
+    message.entries[0].result = result;
+    EXPECT_TRUE(test.client->SendMessage(test.session, TCP_WORKER_STATE_ID, &message));
+    const auto records = engine.Records(4009);
+    ASSERT_EQ(records.size(), 1u);
+    const TaskStatusEntry& entry = std::get<EngineStateMessage>(records[0]).entries.at(0);
+    EXPECT_EQ(entry.status, static_cast<std::uint32_t>(kTaskFinished));
+    EXPECT_EQ(entry.result, nullptr);
+    EXPECT_EQ(entry.furtherText.rfind("kept; the result is left out: the report would have 178", 0), 0u)
+        << entry.furtherText;
+    EXPECT_TRUE(entry.furtherText.ends_with(" bytes, and the link takes 16777216")) << entry.furtherText;
+}
+
 TEST(EngineClientSend, OnlyFinalStatusesWaitForTheEngine) {
     kit::ScriptedEngineOptions engineOptions;
     engineOptions.acknowledge = false;

@@ -11,6 +11,18 @@ namespace {
 // A failure that repeats is logged at first and then each time that many more have come.
 constexpr std::uint32_t kLogEachFailure = 60;
 
+// Without this a task whose result is too large would never come to its end.
+Result<std::string> EncodeWithoutResults(EngineStateMessage message, std::size_t size_bytes) {
+    for (TaskStatusEntry& entry : message.entries) {
+        if (!entry.result) continue;
+        entry.result = nullptr;
+        if (!entry.furtherText.empty()) entry.furtherText += "; ";
+        entry.furtherText += "the result is left out: the report would have " + std::to_string(size_bytes) +
+                             " bytes, and the link takes " + std::to_string(kFrameLimit_bytes);
+    }
+    return EncodeWorkerRecord(TCP_WORKER_STATE_ID, &message);
+}
+
 SteadyTime Now() {
     return std::chrono::steady_clock::now();
 }
@@ -285,6 +297,11 @@ bool EngineClient::SendMessage(std::uint32_t sessionId, std::uint32_t id, const 
     if (!body) return Refused(id, body.error().message);
     const bool isFinal =
         id == TCP_WORKER_STATE_ID && IsFinalState(*static_cast<const EngineStateMessage*>(record));
+    if (isFinal && !BodyFits(body->size())) {
+        m_log.Write(LogLevel::Warning, "the result of a final status is left out: with it, " + IdText(id) +
+                                           " would have " + std::to_string(body->size()) + " bytes");
+        body = EncodeWithoutResults(*static_cast<const EngineStateMessage*>(record), body->size());
+    }
 
     FinalWait wait(m_clock);
     std::string problem;
