@@ -52,8 +52,10 @@ class Publication {
     Publication(const Publication&) = delete;
     Publication& operator=(const Publication&) = delete;
 
-    // Refuses a target that is one of the sources, and one that is there unless `overwrite`; removes
-    // temporaries that dead processes left in the folder; creates the temporary.
+    // Refuses a target that is one of the sources, one that is there unless `overwrite`, and a name that the
+    // file system cannot give; removes temporaries that dead processes left in the folder; creates the
+    // temporary. A target that replaces a plain file gets that one's access rights, as far as the system
+    // allows.
     std::optional<PublishFailure> Begin(const std::string& target, const std::vector<std::string>& sources,
                                         bool overwrite);
 
@@ -83,6 +85,7 @@ class Publication {
     std::string m_temporary;  // empty: there is none
     bool m_overwrite = false;
     std::intptr_t m_handle = -1;
+    std::int64_t m_mode = -1;  // access rights of the file that is there, -1: there is none
     std::uint64_t m_sizeBytes = 0;
     std::uint64_t m_startedWritingBytes = 0;  // up to here the system was told to write
 };

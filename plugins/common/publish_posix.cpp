@@ -112,6 +112,7 @@ std::optional<PublishFailure> Publication::Begin(const std::string& target,
     Discard();
     m_target = target;
     m_overwrite = overwrite;
+    m_mode = -1;
     m_sizeBytes = 0;
     m_startedWritingBytes = 0;
     const auto same = std::find_if(sources.begin(), sources.end(), [&](const std::string& source) {
@@ -125,6 +126,9 @@ std::optional<PublishFailure> Publication::Begin(const std::string& target,
         if (!S_ISREG(facts.st_mode) && !S_ISLNK(facts.st_mode))
             return Fail(PublishProblem::kTargetExists, 0,
                         target + ": the target exists and is no plain file; it is not overwritten");
+        if (S_ISREG(facts.st_mode)) m_mode = facts.st_mode & 07777;
+    } else if (errno == ENAMETOOLONG) {
+        return Fail(PublishProblem::kCreate, ENAMETOOLONG, target);
     }
     const std::string folder = FolderOf(target);
     RemoveLeftTemporaries(folder);
@@ -186,6 +190,8 @@ std::optional<PublishFailure> Publication::Publish(const Check& check) {
     if (::fsync(static_cast<int>(m_handle)) != 0)
         return Fail(PublishProblem::kWrite, LastCode(),
                     m_target + ": the file cannot be written to the disk");
+    // What cannot be set stays as it is for new files: the rights are no part of the output.
+    if (m_mode >= 0) (void)::fchmod(static_cast<int>(m_handle), static_cast<mode_t>(m_mode));
     if (!check(m_temporary))
         return Fail(PublishProblem::kCheck, 0, m_target + ": the written file is not as it should be");
     if (auto failure = Rename()) return failure;

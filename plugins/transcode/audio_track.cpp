@@ -18,6 +18,8 @@ namespace {
 // For encoders that take any number at a time.
 constexpr int kPortion_samples = 1024;
 constexpr int kAacBitRatePerChannel_bps = 64'000;
+// A packet of AAC has 1024 samples and at most 6144 bits for each channel.
+constexpr int kAacMostBitsPerSample = 6;
 
 // A layout for so many channels, as text for a filter.
 std::string LayoutWords(int channels) {
@@ -89,8 +91,11 @@ Problem AudioTrack::OpenEncoder() {
     context.sample_fmt = context.codec->sample_fmts[0];
     context.time_base = {1, context.sample_rate};
     if (m_settings.codec == "aac")
-        context.bit_rate = m_settings.bitRate_kbps ? std::int64_t{*m_settings.bitRate_kbps} * 1000
-                                                   : std::int64_t{kAacBitRatePerChannel_bps} * channels;
+        context.bit_rate = m_settings.bitRate_kbps
+                               ? std::int64_t{*m_settings.bitRate_kbps} * 1000
+                               : std::int64_t{std::min(kAacBitRatePerChannel_bps,
+                                                       kAacMostBitsPerSample * context.sample_rate)} *
+                                     channels;
     return m_encoder.Open(nullptr, Detail::kAudioEncoderMissing);
 }
 

@@ -17,7 +17,6 @@ class AudioTrack final : public Track {
 
     Problem Begin() override;
     void LeadBehind(std::int64_t lag_us) override { m_encoder.LeadBehind(lag_us); }
-    Problem Take(AVPacket* packet) override;
     Problem Finish() override;
     bool IsDone() const override { return m_done; }
     std::int64_t Units() const override { return m_samples; }
@@ -26,6 +25,7 @@ class AudioTrack final : public Track {
     std::string Describe() const;
 
   private:
+    Problem Take(AVPacket* packet) override;
     Problem OpenEncoder();
     Problem BuildFilter(const AVFrame& frame);
     bool FitsFilter(const AVFrame& frame) const;

@@ -8,11 +8,14 @@ extern "C" {
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
+#include <string_view>
 
 #include "av.h"
 
 namespace rq::transcode {
 namespace {
+
+constexpr std::size_t kMaxLine_bytes = 4096;
 
 struct LogState {
     std::mutex mutex;  // guards what follows
@@ -41,6 +44,14 @@ void Take(int level, const std::string& line) {
     state.host->Log(plugin::Level::kWarning, "transcode: FFmpeg: " + line);
 }
 
+// "mov: " when the one who logs has a name.
+std::string Speaker(void* object) {
+    const AVClass* kind = object == nullptr ? nullptr : *static_cast<AVClass**>(object);
+    if (kind == nullptr) return {};
+    const char* name = kind->item_name(object);
+    return name == nullptr || std::string_view(name) == "NULL" ? "" : std::string(name) + ": ";
+}
+
 void OnLine(void* object, int level, const char* format, va_list arguments) {
     if (level > AV_LOG_WARNING) return;
     char text[1024];
@@ -49,12 +60,15 @@ void OnLine(void* object, int level, const char* format, va_list arguments) {
     const int n = std::vsnprintf(text, sizeof text, format, copy);
     va_end(copy);
     if (n <= 0) return;
-    std::string line(text);
+    // A line may come in pieces; its end is a line feed.
+    thread_local std::string speaker;
+    thread_local std::string line;
+    if (line.empty()) speaker = Speaker(object);
+    line += text;
+    if (line.back() != '\n' && line.size() < kMaxLine_bytes) return;
     while (!line.empty() && (line.back() == '\n' || line.back() == ' ')) line.pop_back();
-    if (line.empty()) return;
-    const AVClass* kind = object == nullptr ? nullptr : *static_cast<AVClass**>(object);
-    if (kind != nullptr) line = std::string(kind->item_name(object)) + ": " + line;
-    Take(level, line);
+    if (!line.empty()) Take(level, speaker + line);
+    line.clear();
 }
 
 }  // namespace

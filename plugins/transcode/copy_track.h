@@ -16,12 +16,12 @@ class CopyTrack final : public Track {
     using Track::Track;
     Problem Begin() override;
     void LeadBehind(std::int64_t lag_us) override { m_lagUs = lag_us; }
-    Problem Take(AVPacket* packet) override;
     Problem Finish() override;
     bool IsDone() const override { return m_done; }
     std::int64_t Units() const override { return m_to == nullptr ? 0 : m_target.Packets(m_to); }
 
   private:
+    Problem Take(AVPacket* packet) override;
     Problem Hold(const AVPacket& packet);
     // Gives the held packets the times before `next`; AV_NOPTS_VALUE: those that the first one's time allows.
     Problem WriteHeld(std::int64_t next);

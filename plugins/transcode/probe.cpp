@@ -92,13 +92,16 @@ task::MediaFormat Describe(const Source& source, std::uint64_t size_bytes) {
     return to;
 }
 
-std::string Difference(const task::MediaFormat& found, const Expected& expected) {
+std::string Difference(const task::MediaFormat& found, std::int64_t frames, const Expected& expected) {
     if (found.container != expected.container)
         return "it is " + found.container + ", not " + expected.container;
     std::string difference;
     if (expected.video) difference = VideoDifference(found, *expected.video);
     if (difference.empty() && expected.audio) difference = AudioDifference(found, *expected.audio);
     if (!difference.empty()) return difference;
+    if (expected.video && frames > 0 && frames != expected.video->frames)
+        return "it has " + std::to_string(frames) + " pictures, not " +
+               std::to_string(expected.video->frames);
     const std::size_t streams = (expected.video ? 1u : 0u) + (expected.audio ? 1u : 0u);
     if (found.streams.size() != streams)
         return "it has " + std::to_string(found.streams.size()) + " streams, not " + std::to_string(streams);

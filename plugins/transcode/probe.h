@@ -20,6 +20,7 @@ struct Expected {
         std::string codec;
         int width_px = 0;
         int height_px = 0;
+        std::int64_t frames = 0;
     };
     struct Audio {
         std::string codec;
@@ -33,8 +34,9 @@ struct Expected {
     std::int64_t frame_us = 0;  // of one frame, 0 without video
 };
 
-// Whether the duration may be off by no more than one frame or 0.1 s, whichever is longer, and the streams
-// are those, and no more. What is wrong in words; empty when nothing is.
-std::string Difference(const task::MediaFormat& found, const Expected& expected);
+// Whether the duration is off by no more than one frame or 0.1 s, whichever is longer, and the streams are
+// those, and no more. `frames` is what the container tells of the number of pictures, 0 when it does not.
+// What is wrong in words; empty when nothing is.
+std::string Difference(const task::MediaFormat& found, std::int64_t frames, const Expected& expected);
 
 }  // namespace rq::transcode

@@ -2,6 +2,7 @@
 
 extern "C" {
 #include <libavutil/dict.h>
+#include <libavutil/display.h>
 #include <libavutil/mem.h>
 }
 
@@ -23,6 +24,11 @@ constexpr std::int64_t kRunUpWithoutIndex_us = 10'000'000;
 // A longer gap in all streams is a jump of the time stamps: in files that may have such jumps, and in others.
 constexpr std::int64_t kLongestGap_us = 10'000'000;
 constexpr std::int64_t kLongestFixedGap_us = 600'000'000;
+// A picture an hour.
+constexpr double kLeastRate_fps = 1.0 / 3600;
+// A higher one was not found, but is that of the clock.
+constexpr double kMostUnevenRate_fps = 120;
+constexpr AVRational kUsualRate{25, 1};
 // The last packets before a join, which seem to be cut short.
 constexpr std::size_t kJoin_packets = 2;
 
@@ -31,7 +37,11 @@ double Value(AVRational rate) {
 }
 
 bool IsRate(AVRational rate) {
-    return rate.num > 0 && rate.den > 0 && Value(rate) >= 1 && Value(rate) <= 240;
+    return rate.num > 0 && rate.den > 0 && Value(rate) >= kLeastRate_fps && Value(rate) <= 240;
+}
+
+bool IsAbout(double value, double wanted) {
+    return std::abs(value / wanted - 1) < 0.02;
 }
 
 // The exact rate that a measured one means.
@@ -47,6 +57,27 @@ AVRational Nearest(AVRational measured) {
 }
 
 }  // namespace
+
+AVRational RateOf(AVRational average, AVRational real, bool isInterlaced) {
+    if (!IsRate(average)) return IsRate(real) && Value(real) <= kMostUnevenRate_fps ? real : kUsualRate;
+    const double ratio = IsRate(real) ? Value(real) / Value(average) : 0;
+    if (IsAbout(ratio, 1)) return real;
+    // Fields were counted.
+    if (isInterlaced && IsAbout(ratio, 2)) return Nearest(average);
+    if (ratio > 1 && Value(real) <= kMostUnevenRate_fps) return real;
+    // Times that lie on no grid: a usual one for those that come seldom, as in a show of slides.
+    const bool isUneven = real.num > 0 && Value(real) > kMostUnevenRate_fps;
+    return isUneven && Value(average) < Value(kUsualRate) ? kUsualRate : Nearest(average);
+}
+
+int RotationDegrees(const AVStream& video) {
+    const auto* matrix = reinterpret_cast<const std::int32_t*>(
+        av_stream_get_side_data(&video, AV_PKT_DATA_DISPLAYMATRIX, nullptr));
+    if (matrix == nullptr) return 0;
+    const double degrees = av_display_rotation_get(matrix);
+    if (std::isnan(degrees)) return 0;
+    return ((static_cast<int>(std::lround(-degrees / 90)) % 4 + 4) % 4) * 90;
+}
 
 Failure Source::Fail(std::int32_t errorCode, Detail detail, const std::string& words) const {
     return Failure{errorCode, detail, m_path + ": " + words};
@@ -108,7 +139,8 @@ Problem Source::OpenFormat() {
     m_format->protocol_whitelist = av_strdup("none");
     // The content decides what it is; the name would make video of a text file.
     if (const int code = avformat_open_input(&m_format, "", nullptr, nullptr); code < 0)
-        return Fail(code == AVERROR_INVALIDDATA ? task::kErrorSourceNotMedia : task::kErrorSourceUnreadable,
+        return Fail(code == AVERROR_INVALIDDATA || code == AVERROR_EOF ? task::kErrorSourceNotMedia
+                                                                       : task::kErrorSourceUnreadable,
                     Detail::kUnknownSourceFormat, AvWordsWithLog(code));
     if (const int code = avformat_find_stream_info(m_format, nullptr); code < 0)
         return Fail(task::kErrorSourceDamaged, Detail::kUnknownSourceFormat, AvWordsWithLog(code));
@@ -147,24 +179,23 @@ void Source::DropAudio() {
 
 AVRational Source::FrameRate() const {
     if (m_video == nullptr) return {0, 1};
-    const AVRational average = m_video->avg_frame_rate;
-    const AVRational real = m_video->r_frame_rate;
-    // The real rate is exact, but in fields or in ticks of the clock for some material.
-    if (IsRate(real) && (!IsRate(average) || std::abs(Value(real) / Value(average) - 1) < 0.02)) return real;
-    return IsRate(average) ? Nearest(average) : AVRational{25, 1};
+    const AVFieldOrder order = m_video->codecpar->field_order;
+    return RateOf(m_video->avg_frame_rate, m_video->r_frame_rate,
+                  order != AV_FIELD_UNKNOWN && order != AV_FIELD_PROGRESSIVE);
 }
 
 std::int64_t Source::StartUs() const {
-    return HasTimes() ? m_format->start_time : 0;
+    return m_format->start_time != AV_NOPTS_VALUE ? m_format->start_time : 0;
+}
+
+std::int64_t Source::LateUs(const AVStream* stream) const {
+    if (!HasTimes() || stream->start_time == AV_NOPTS_VALUE) return 0;
+    return std::max<std::int64_t>(0, ToMicroseconds(stream->start_time, stream->time_base) - StartUs());
 }
 
 std::int64_t Source::LengthUs(const AVStream* stream) const {
     if (m_format->duration_estimation_method != AVFMT_DURATION_FROM_STREAM) return -1;
-    const std::int64_t late_us =
-        HasTimes() && stream->start_time != AV_NOPTS_VALUE
-            ? std::max<std::int64_t>(0, ToMicroseconds(stream->start_time, stream->time_base) - StartUs())
-            : 0;
-    if (stream->duration > 0) return late_us + ToMicroseconds(stream->duration, stream->time_base);
+    if (stream->duration > 0) return LateUs(stream) + ToMicroseconds(stream->duration, stream->time_base);
     return m_format->duration > 0 ? m_format->duration : -1;
 }
 

@@ -16,6 +16,12 @@
 
 namespace rq::transcode {
 
+// The frame rate that FFmpeg's two findings mean: `average`, and `real`, the lowest at which every time stamp
+// that was seen has a place. Either may be 0/0.
+AVRational RateOf(AVRational average, AVRational real, bool isInterlaced);
+// Clockwise, of pictures that were taken with the camera turned; 0, 90, 180 or 270.
+int RotationDegrees(const AVStream& video);
+
 class Source {
   public:
     // `interrupted` is asked with every read; when it says true, reading ends with AVERROR_EXIT.
@@ -37,12 +43,19 @@ class Source {
     void DropVideo();
     void DropAudio();
 
-    // Frames per second of the video, 0/1 without.
+    // Frames per second of the video, 0/1 without: of even ones theirs, of uneven ones the rate that has a
+    // place for every picture.
     AVRational FrameRate() const;
-    // Whether the packets tell their times. Raw streams have none: their frames only follow each other.
-    bool HasTimes() const { return m_format->start_time != AV_NOPTS_VALUE; }
+    // Whether the packets tell their times. Bare streams have none: their frames only follow each other. Of
+    // pictures that come seldom a container's beginning may not be known, but its length is.
+    bool HasTimes() const {
+        return m_format->start_time != AV_NOPTS_VALUE ||
+               m_format->duration_estimation_method == AVFMT_DURATION_FROM_STREAM;
+    }
     // Time of the beginning on the source's own time line.
     std::int64_t StartUs() const;
+    // How much later than the file the stream begins.
+    std::int64_t LateUs(const AVStream* stream) const;
     // End of the stream, or of the file when the stream tells none, since the beginning; -1 when only guessed
     // (from bit rate or last time stamps) or not known.
     std::int64_t LengthUs(const AVStream* stream) const;

@@ -59,7 +59,8 @@ Problem Target::Open(const std::string& container) {
 }
 
 bool Target::Takes(AVCodecID codec) const {
-    return avformat_query_codec(m_format->oformat, codec, FF_COMPLIANCE_NORMAL) == 1;
+    // Matroska takes more than its list says; WriteHeader finds what it does not.
+    return m_container == "mkv" || avformat_query_codec(m_format->oformat, codec, FF_COMPLIANCE_NORMAL) == 1;
 }
 
 AVStream* Target::AddStream() {
@@ -81,9 +82,11 @@ Problem Target::Write(AVPacket* packet, AVStream* stream, AVRational base) {
     packet->pos = -1;
     Written& written = m_written[Index(stream)];
     ++written.packets;
-    if (packet->pts != AV_NOPTS_VALUE)
+    if (packet->pts != AV_NOPTS_VALUE) {
         written.end_us =
             std::max(written.end_us, ToMicroseconds(packet->pts + packet->duration, stream->time_base));
+        written.begin_us = std::min(written.begin_us, ToMicroseconds(packet->pts, stream->time_base));
+    }
     return Look(av_interleaved_write_frame(m_format, packet));
 }
 
@@ -106,6 +109,12 @@ std::int64_t Target::EndUs() const {
     std::int64_t end = 0;
     for (const Written& written : m_written) end = std::max(end, written.end_us);
     return end;
+}
+
+std::int64_t Target::ShiftUs() const {
+    std::int64_t begin = 0;
+    for (const Written& written : m_written) begin = std::min(begin, written.begin_us);
+    return m_container == "mkv" ? begin : 0;
 }
 
 void Target::Close() {

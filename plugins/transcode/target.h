@@ -39,6 +39,9 @@ class Target {
     std::int64_t Packets(const AVStream* stream) const { return m_written[Index(stream)].packets; }
     std::int64_t EndUs(const AVStream* stream) const { return m_written[Index(stream)].end_us; }
     std::int64_t EndUs() const;
+    // What begins before the target does (an encoder's run-in, leading pictures): Matroska moves everything
+    // by that. 0 or less.
+    std::int64_t ShiftUs() const;
 
     const std::string& Path() const { return m_path; }
     const std::string& Container() const { return m_container; }
@@ -48,6 +51,7 @@ class Target {
     struct Written {
         std::int64_t packets = 0;
         std::int64_t end_us = 0;
+        std::int64_t begin_us = 0;  // 0 or less
     };
     static int OnWrite(void* self, std::uint8_t* bytes, int size);
     static std::int64_t OnSeek(void* self, std::int64_t offset, int whence);

@@ -38,7 +38,11 @@ class Track {
     // The progress is at least this much behind what the track has done; 0 unless told.
     virtual void LeadBehind(std::int64_t lag_us) = 0;
     // The packet stays the caller's.
-    virtual Problem Take(AVPacket* packet) = 0;
+    Problem Give(AVPacket* packet) {
+        m_hasTaken = true;
+        return Take(packet);
+    }
+    bool HasTaken() const { return m_hasTaken; }
     // At the end of the source or of the work: writes what is still held.
     virtual Problem Finish() = 0;
     // Nothing that comes later belongs to the target.
@@ -52,6 +56,8 @@ class Track {
     virtual std::int64_t Units() const = 0;
 
   protected:
+    virtual Problem Take(AVPacket* packet) = 0;
+
     std::int64_t TargetTimeUs(std::int64_t time, AVRational base) const {
         return ToMicroseconds(time, base) - m_cut.base_us;
     }
@@ -78,6 +84,7 @@ class Track {
 
   private:
     std::int64_t m_reachedUs = 0;
+    bool m_hasTaken = false;
 };
 
 }  // namespace rq::transcode

@@ -2,6 +2,7 @@
 // those between in and out points, and those of copies.
 #include <cmath>
 
+#include "source.h"
 #include "transcode_test_driver.h"
 
 namespace rq::transcode {
@@ -115,6 +116,99 @@ TEST_F(TranscodeCut, PicturesThatBeginLateAreNotEarly) {
     EXPECT_NEAR(greys[25], 50, 1);
     EXPECT_NEAR(greys[26], 51, 1);
     EXPECT_NEAR(greys[124], 149, 1);
+}
+
+// ---- frame rates ----
+
+TEST(TranscodeRate, IsThatOfEvenPicturesAndHasAPlaceForUnevenOnes) {
+    const auto rate = [](AVRational average, AVRational real, bool isInterlaced = false) {
+        const AVRational found = RateOf(average, real, isInterlaced);
+        return std::to_string(found.num) + "/" + std::to_string(found.den);
+    };
+    EXPECT_EQ(rate({25, 1}, {25, 1}), "25/1");
+    EXPECT_EQ(rate({2997, 100}, {30000, 1001}), "30000/1001");
+    EXPECT_EQ(rate({1, 2}, {1, 2}), "1/2");
+    EXPECT_EQ(rate({29, 2}, {25, 1}), "25/1");      // pictures were left out
+    EXPECT_EQ(rate({50, 167}, {25, 3}), "25/3");    // slides
+    EXPECT_EQ(rate({50, 167}, {1000, 1}), "25/1");  // slides on no grid
+    EXPECT_EQ(rate({2975, 100}, {90000, 1}), "119/4");
+    EXPECT_EQ(rate({25, 1}, {50, 1}), "50/1");
+    EXPECT_EQ(rate({25, 1}, {50, 1}, true), "25/1");  // fields
+    EXPECT_EQ(rate({0, 0}, {0, 0}), "25/1");
+    EXPECT_EQ(rate({0, 0}, {24, 1}), "24/1");
+    EXPECT_EQ(rate({0, 0}, {90000, 1}), "25/1");
+}
+
+TEST_F(TranscodeCut, NoPictureOfAnUnevenSourceIsLost) {
+    const std::string clip = Make("uneven.mp4", std::string(kNumbered) +
+                                                    "-vf \"select='not(between(n,10,20)+between(n,40,70))'\" "
+                                                    "-vsync vfr -c:v libx264 -crf 0");
+    ExpectDone(TaskText(clip, Target("made.mkv"), Video("h264", "<Quality>0</Quality>")));
+    const std::vector<int> greys = Greys(Target("made.mkv"));
+    ASSERT_EQ(greys.size(), 100u);
+    for (int i = 0; i < 100; ++i) {
+        const int shown = i >= 10 && i <= 20 ? 9 : i >= 40 && i <= 70 ? 39 : i;
+        EXPECT_NEAR(greys[static_cast<std::size_t>(i)], 50 + shown, 1) << i;
+    }
+    EXPECT_EQ(m_log.size(), 2u);
+    // Matroska says an even rate of the same pictures, which is too low for some.
+    const std::string even = Make("even.mkv", "-i uneven.mp4 -c copy");
+    ExpectDone(TaskText(even, Target("made.mkv"), "<Overwrite>true</Overwrite>" + Video("h264")));
+    EXPECT_NE(m_log[3].find("pictures that found no place at the target's frame rate: "), std::string::npos)
+        << m_log[3];
+    ExpectDone(TaskText(even, Target("made.mkv"),
+                        "<Overwrite>true</Overwrite>" + Video("h264", "<FrameRate_fps>25</FrameRate_fps>")));
+    EXPECT_NEAR(Output().frames, 100, 1);
+    EXPECT_EQ(m_log.size(), 7u);
+}
+
+TEST_F(TranscodeCut, PicturesThatStandForSecondsAreShownForThem) {
+    const std::string slow = "-f lavfi -i testsrc2=s=64x64:r=1/2:d=10 -c:v libx264 -preset ultrafast";
+    for (const char* name : {"slow.mp4", "slow.mkv"}) {
+        const std::string clip = Make(name, slow);
+        ExpectDone(TaskText(clip, Target("made.mp4"), "<Overwrite>true</Overwrite>" + Video("h264")));
+        EXPECT_EQ(Output().frames, 5u);
+        EXPECT_EQ(Output().format->duration_us, 10'000'000);
+        EXPECT_EQ(Data().sources[0]->frameRateNumerator, Data().sources[0]->frameRateDenominator);
+        EXPECT_EQ(m_progress.back().total, 10);
+        ExpectWholeProgress();
+        ExpectDone(
+            TaskText(clip, Target("made.mp4"),
+                     "<Overwrite>true</Overwrite>" + Video("h264", "<FrameRate_fps>25</FrameRate_fps>")));
+        EXPECT_EQ(Output().frames, 250u);
+        ExpectDone(TaskText(clip, Target("made.mp4"), "<Overwrite>true</Overwrite>" + Video("copy")));
+        EXPECT_EQ(Output().frames, 5u);
+    }
+    std::filesystem::remove(Target("made.mp4"));
+    const std::string slides =
+        Make("slides.mp4",
+             std::string(kNumbered) +
+                 "-vf \"select='eq(n,0)+eq(n,13)+eq(n,14)+eq(n,60)'\" -vsync vfr -c:v libx264 -crf 0");
+    for (const std::string& clip : {slides, Make("slides.mkv", "-i slides.mp4 -c copy")}) {
+        ExpectDone(TaskText(clip, Target("made.mkv"),
+                            "<Overwrite>true</Overwrite>" +
+                                Video("h264", "<Quality>0</Quality><FrameRate_fps>25</FrameRate_fps>")));
+        const std::vector<int> greys = Greys(Target("made.mkv"));
+        ASSERT_GE(greys.size(), 61u);
+        EXPECT_NEAR(greys[12], 50, 1);
+        EXPECT_NEAR(greys[13], 63, 1);
+        EXPECT_NEAR(greys[14], 64, 1);
+        EXPECT_NEAR(greys[59], 64, 1);
+        EXPECT_NEAR(greys[60], 110, 1);
+    }
+}
+
+TEST_F(TranscodeCut, Mpeg2TakesTheNearestOfItsRates) {
+    const struct {
+        const char* rate;
+        const char* words;
+    } cases[] = {{"15", "24000/1001"}, {"5", "24000/1001"}, {"48", "50/1"}, {"28", "30000/1001"}};
+    for (const auto& expected : cases) {
+        const std::string clip = Make("clip.mkv", std::string("-f lavfi -i testsrc2=s=64x64:d=2:r=") +
+                                                      expected.rate + " -c:v libx264 -preset ultrafast");
+        ExpectDone(TaskText(clip, Target("made.mkv"), "<Overwrite>true</Overwrite>" + Video("mpeg2video")));
+        EXPECT_EQ(Probe(Target("made.mkv"))["streams.stream.0.r_frame_rate"], expected.words);
+    }
 }
 
 // ---- copies ----

@@ -160,6 +160,49 @@ TEST_F(TranscodeDamage, AnInPointBehindTheEnd) {
         << Detail();
 }
 
+TEST_F(TranscodeDamage, AStreamThatHasNothingBetweenInAndOutPoint) {
+    Make("v.mp4", "-f lavfi -i testsrc2=s=64x64:r=25:d=2 -c:v libx264 -preset ultrafast");
+    Make("a.m4a", "-f lavfi -i sine=sample_rate=48000:d=6 -c:a aac");
+    const std::string cut = "<In_s>3</In_s><Out_s>4</Out_s>";
+    for (const char* name : {"clip.mp4", "clip.mkv", "clip.ts"}) {
+        const std::string clip = Make(name, "-i v.mp4 -i a.m4a -c copy");
+        for (const std::string& more : {Video("h264"), Video("copy"), Video("h264") + Audio("copy")}) {
+            ExpectFailure(TaskText(clip, Target("made.mkv"), more, cut), kProcessing, 0x80000803);
+            EXPECT_EQ(Detail().substr(0, Detail().find(';')),
+                      clip + ": no video lies between 3.00 s and 4.00 s");
+        }
+        EXPECT_EQ(Do(TaskText(clip, Target("made.mkv"), Video("none"), cut)), RQ_STATUS_FINISHED) << Detail();
+        std::filesystem::remove(Target("made.mkv"));
+    }
+    // Of an MP4 it is known before the work: nothing was counted.
+    ExpectFailure(TaskText(PathOf("clip.mp4"), Target("made.mkv"), "", cut), kProcessing, 0x80000803);
+    EXPECT_NE(Detail().find("; it ends at 2.0"), std::string::npos) << Detail();
+    EXPECT_TRUE(m_progress.empty());
+    const std::string late = Make("late.mp4", "-i a.m4a -itsoffset 3 -i v.mp4 -map 0 -map 1 -c copy");
+    ExpectFailure(TaskText(late, Target("made.mkv"), "", "<Out_s>2</Out_s>"), kProcessing, 0x80000803);
+    EXPECT_NE(Detail().find("no video lies between 0.00 s and 2.00 s; it begins at 3.0"), std::string::npos)
+        << Detail();
+    const std::string quiet = Make("quiet.mkv",
+                                   "-f lavfi -i testsrc2=s=64x64:r=25:d=6 -f lavfi -i sine=d=2 -c:v "
+                                   "libx264 -preset ultrafast -c:a pcm_s16le");
+    for (const char* codec : {"aac", "copy"})
+        ExpectFailure(TaskText(quiet, Target("made.mkv"), Video("h264") + Audio(codec), "<In_s>4</In_s>"),
+                      kProcessing, 0x80000803);
+}
+
+TEST_F(TranscodeDamage, AHeadWithoutABody) {
+    for (const char* name : {"clip.mkv", "clip.avi", "clip.wav", "clip.mp4", "clip.ogg"}) {
+        const std::string clip = Make(
+            name, "-f lavfi -i sine=d=1" + std::string(name == std::string("clip.ogg") ? " -c:a flac" : ""));
+        for (const std::uintmax_t size : {12u, 40u}) {
+            std::filesystem::resize_file(clip, 40);
+            std::filesystem::resize_file(clip, size);
+            EXPECT_EQ(Do(TaskText(clip, Target("made.mp4"))), RQ_STATUS_ERROR);
+            EXPECT_NE(static_cast<std::uint32_t>(m_info->errorCode), kUnreadable) << Detail();
+        }
+    }
+}
+
 TEST_F(TranscodeDamage, SettingsThatTheEncoderRefuses) {
     const std::string clip = MakeClip("clip.mp4", "0.4");
     // A picture of 8192 by 16 pixels is wide enough to make the other side too high.
@@ -205,6 +248,28 @@ TEST_F(TranscodeDamage, TheTargetIsThere) {
     EXPECT_EQ(ReadWhole(target), "old");
     EXPECT_EQ(Do(TaskText(clip, target, "<Overwrite>true</Overwrite>" + Video("h264"))), RQ_STATUS_FINISHED);
     ExpectPlayable(target);
+}
+
+TEST_F(TranscodeDamage, AReplacedFileKeepsItsRights) {
+    const std::string clip = MakeClip("clip.mp4", "0.4");
+    for (const mode_t mode : {0640u, 0600u, 0666u}) {
+        std::ofstream(Target("made.mp4")) << "old";
+        ASSERT_EQ(chmod(Target("made.mp4").c_str(), mode), 0);
+        ExpectDone(TaskText(clip, Target("made.mp4"), "<Overwrite>true</Overwrite>" + Video("h264")));
+        struct stat facts {};
+        ASSERT_EQ(stat(Target("made.mp4").c_str(), &facts), 0);
+        EXPECT_EQ(facts.st_mode & 07777u, mode);
+        ExpectPlayable(Target("made.mp4"));
+    }
+}
+
+TEST_F(TranscodeDamage, ANameThatCannotBeGivenIsFoundBeforeTheWork) {
+    const std::string clip = MakeClip("clip.mp4", "0.4");
+    const std::string target = Target(std::string(252, 'x') + ".mp4");
+    ExpectFailure(TaskText(clip, target), kUnwritable, 0x80000104);
+    EXPECT_EQ(Detail(), target + ": File name too long");
+    EXPECT_TRUE(m_progress.empty());
+    ExpectDone(TaskText(clip, Target(std::string(251, 'x') + ".mp4"), Video("h264")));
 }
 
 TEST_F(TranscodeDamage, TheTargetComesIntoBeingMeanwhile) {

@@ -1,6 +1,8 @@
 #include "transcode_task.h"
 
+#include <algorithm>
 #include <array>
+#include <cmath>
 #include <string>
 
 #include "fields.h"
@@ -120,6 +122,15 @@ void ReadTarget(const task::XmlElement& element, TranscodeTask& task, task::XmlE
 }
 
 }  // namespace
+
+Rational NearestMpeg2Rate(const Rational& rate) {
+    const auto distance = [&rate](const Rational& known) {
+        return std::abs(static_cast<double>(known.numerator) / known.denominator -
+                        static_cast<double>(rate.numerator) / rate.denominator);
+    };
+    return *std::min_element(kMpeg2Rates.begin(), kMpeg2Rates.end(),
+                             [&](const Rational& a, const Rational& b) { return distance(a) < distance(b); });
+}
 
 bool ReadTranscodeTask(std::string_view text, TranscodeTask& task, task::XmlError& error) {
     task::XmlElement root;

@@ -54,6 +54,9 @@ struct TranscodeTask {
     AudioSettings audio;
 };
 
+// Of the rates that MPEG-2 video can say, the nearest.
+Rational NearestMpeg2Rate(const Rational& rate);
+
 // False, with `error` set, for a text that does not fit; the ID is there when that much could be read.
 bool ReadTranscodeTask(std::string_view text, TranscodeTask& task, task::XmlError& error);
 

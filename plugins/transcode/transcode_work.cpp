@@ -14,6 +14,8 @@ namespace {
 // Looking at a source for the analysis ends after this; the work looks again, without such a limit.
 constexpr std::chrono::seconds kMaxLook{10};
 
+// Sound may come this much before the pictures of its time.
+constexpr std::int64_t kVideoWait_us = 10'000'000;
 constexpr std::int64_t kAudioLag_us = 10'000'000;
 
 std::string Seconds(std::int64_t time_us) {
@@ -40,7 +42,8 @@ SourceFacts LookAtSource(const std::string& path, const plugin::Host& host) {
     if (source.Open(path) || source.Video() == nullptr) return facts;
     const AVRational rate = source.FrameRate();
     facts.hasVideo = true;
-    facts.frameRate_fps = {rate.num, rate.den};
+    // The worker counts whole frames a second.
+    facts.frameRate_fps = rate.num < rate.den ? Rational{1, 1} : Rational{rate.num, rate.den};
     return facts;
 }
 
@@ -69,7 +72,7 @@ Problem TranscodeWork::Transcode() {
     if (Problem problem = MakeCut()) return problem;
     LogPlan();
     if (Problem problem = Pump()) return problem;
-    LogJumps();
+    LogRemarks();
     m_isEarly = m_watch.Stopped();
     if (m_watch.Cancelled()) return std::nullopt;
     if (Problem problem = FinishTracks()) return problem;
@@ -158,6 +161,7 @@ Problem TranscodeWork::MakeCut() {
         return av_rescale_q(picture, av_inv_q(rate), kMicroseconds);
     };
     const std::int64_t in_us = atPicture(m_task.in_us);
+    if (Problem problem = CheckStreams(in_us)) return problem;
     Cut cut;
     cut.base_us = m_source.StartUs() + in_us;
     if (Problem problem = m_source.SeekBefore(in_us)) return problem;
@@ -186,6 +190,28 @@ void TranscodeWork::BeginProgress() {
     if (m_video && m_audio) m_audio->LeadBehind(kAudioLag_us);
 }
 
+Problem TranscodeWork::NothingInCut(const AVStream& stream, const std::string& reason) const {
+    const bool isVideo = stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+    return FailureOf(task::kErrorProcessing, Detail::kInPoint,
+                     m_task.source + ": no " + (isVideo ? "video" : "audio") + " lies between " +
+                         Seconds(m_task.in_us) + " and " +
+                         (m_task.out_us ? Seconds(*m_task.out_us) : "the end") + reason);
+}
+
+// Finds a stream that has nothing between in and out point before the work, where the source tells it.
+Problem TranscodeWork::CheckStreams(std::int64_t in_us) const {
+    for (const AVStream* stream : {m_source.Video(), m_source.Audio()}) {
+        if (stream == nullptr) continue;
+        const std::int64_t end_us = m_source.LengthUs(stream);
+        if (in_us > 0 && end_us >= 0 && end_us <= in_us)
+            return NothingInCut(*stream, "; it ends at " + Seconds(end_us));
+        const std::int64_t first_us = m_source.LateUs(stream);
+        if (m_task.out_us && first_us >= *m_task.out_us)
+            return NothingInCut(*stream, "; it begins at " + Seconds(first_us));
+    }
+    return std::nullopt;
+}
+
 // A copy begins with the last picture at or before the in point that stands alone; the target's time begins
 // there, so that copied and encoded streams stay together.
 Problem TranscodeWork::FindCopyBase(Cut& cut) {
@@ -193,23 +219,29 @@ Problem TranscodeWork::FindCopyBase(Cut& cut) {
     const std::int64_t in_us = cut.base_us;
     std::optional<std::int64_t> found_us;
     std::size_t keptFrom = 0;
+    std::int64_t videoEnd_us = INT64_MIN;
     for (;;) {
         Packet packet(av_packet_alloc());
         if (!packet) return FailureOf(task::kErrorProcessing, Detail::kNoMemory, "not enough memory");
         const int code = m_source.Read(packet.get());
         if (code < 0) break;
-        const bool isKey = packet->stream_index == video->index && (packet->flags & AV_PKT_FLAG_KEY) != 0 &&
-                           packet->pts != AV_NOPTS_VALUE;
-        const std::int64_t time_us = isKey ? ToMicroseconds(packet->pts, video->time_base) : 0;
-        if (isKey && (!found_us || time_us <= in_us + 1)) {
+        const AVRational base = m_source.Format()->streams[packet->stream_index]->time_base;
+        const bool isVideo = packet->stream_index == video->index;
+        const bool hasTime = isVideo && packet->pts != AV_NOPTS_VALUE;
+        const std::int64_t time_us = hasTime ? ToMicroseconds(packet->pts, base) : 0;
+        if (hasTime)
+            videoEnd_us = std::max(
+                videoEnd_us, time_us + std::max<std::int64_t>(1, ToMicroseconds(packet->duration, base)));
+        if (hasTime && (packet->flags & AV_PKT_FLAG_KEY) != 0 && (!found_us || time_us <= in_us + 1)) {
             found_us = time_us;
             keptFrom = m_read.size();
         }
-        const bool isBehind = packet->stream_index == video->index && packet->dts != AV_NOPTS_VALUE &&
-                              ToMicroseconds(packet->dts, video->time_base) > in_us;
+        const bool isBehind = packet->dts != AV_NOPTS_VALUE &&
+                              ToMicroseconds(packet->dts, base) > in_us + (isVideo ? 0 : kVideoWait_us);
         m_read.push_back(std::move(packet));
-        if (found_us && isBehind) break;
+        if (isBehind && (found_us || !isVideo)) break;
     }
+    if (videoEnd_us <= in_us && !m_watch.Stopped()) return NothingInCut(*video, "");
     // Pictures before that one are not wanted; sound is sorted out by its times.
     std::size_t index = 0;
     std::deque<Packet> kept;
@@ -258,7 +290,7 @@ Problem TranscodeWork::Pump() {
 Problem TranscodeWork::TakePacket(AVPacket* packet) {
     const bool isVideo = m_source.Video() != nullptr && packet->stream_index == m_source.Video()->index;
     Track* track = isVideo ? m_video.get() : m_audio.get();
-    if (Problem problem = track->Take(packet)) return problem;
+    if (Problem problem = track->Give(packet)) return problem;
     m_watch.Fraction(m_source.Fraction());
     m_watch.Tick();
     return std::nullopt;
@@ -276,7 +308,13 @@ Problem TranscodeWork::CheckJumps() const {
                          "; gaps of more than 600 s are not filled");
 }
 
-void TranscodeWork::LogJumps() const {
+void TranscodeWork::LogRemarks() const {
+    if (const auto* video = dynamic_cast<const VideoTrack*>(m_video.get());
+        video != nullptr && video->LeftOut() > 0 && !m_task.video.frameRate_fps)
+        m_host.Log(plugin::Level::kWarning,
+                   "transcode: " + m_task.source +
+                       ": pictures that found no place at the target's frame rate: " +
+                       std::to_string(video->LeftOut()) + "; a higher one can be given with <FrameRate_fps>");
     const TimeLine* jumps = m_source.Jumps();
     if (jumps == nullptr || jumps->Jumps() == 0) return;
     m_host.Log(plugin::Level::kWarning,
@@ -305,17 +343,22 @@ Problem TranscodeWork::CheckEnd() const {
 }
 
 Problem TranscodeWork::FinishTracks() {
+    const bool isCut = m_task.in_us > 0 || m_task.out_us;
     for (Track* track : {m_video.get(), m_audio.get()}) {
         if (track == nullptr) continue;
+        const bool mayBeEmpty = m_watch.Stopped();
+        if (isCut && !mayBeEmpty && !track->HasTaken()) return NothingInCut(track->From(), "");
         // What has hardly begun when the task is ended early may have nothing to give.
         Problem problem = track->Finish();
-        if (problem && !(m_watch.Stopped() && track->Units() == 0)) return problem;
+        if (problem && !(mayBeEmpty && track->Units() == 0)) return problem;
+        if (isCut && !mayBeEmpty && !m_watch.Stopped() && track->Units() == 0)
+            return NothingInCut(track->From(), "");
     }
     if (Problem problem = CheckEnd()) return problem;
     if (m_target.EndUs() == 0) {
         if (m_watch.Stopped()) return std::nullopt;
         return FailureOf(task::kErrorSourceDamaged, m_video ? Detail::kNoVideoFrame : Detail::kNoAudioFrame,
-                         m_task.source + ": nothing lies between the in and out points");
+                         m_task.source + ": nothing of the source can be written");
     }
     return m_target.Finish();
 }
@@ -323,10 +366,11 @@ Problem TranscodeWork::FinishTracks() {
 Expected TranscodeWork::ExpectedTarget() const {
     Expected expected;
     expected.container = m_task.container;
-    expected.duration_us = m_target.EndUs();
+    expected.duration_us = m_target.EndUs() - m_target.ShiftUs();
     if (m_video) {
         const AVCodecParameters& to = *m_video->To()->codecpar;
-        expected.video = Expected::Video{avcodec_get_name(to.codec_id), to.width, to.height};
+        expected.video = Expected::Video{avcodec_get_name(to.codec_id), to.width, to.height,
+                                         m_target.Packets(m_video->To())};
         const AVRational rate = m_video->To()->avg_frame_rate;
         if (rate.num > 0) expected.frame_us = av_rescale_q(1, av_inv_q(rate), kMicroseconds);
     }
@@ -345,7 +389,14 @@ Problem TranscodeWork::Look(const std::string& path, task::MediaFormat& format) 
         return problem;
     }
     format = Describe(written, m_publication.SizeBytes());
-    const std::string difference = Difference(format, ExpectedTarget());
+    const Expected expected = ExpectedTarget();
+    // MP4 does not tell layer 2 from layer 3, and is read as the latter.
+    for (task::MediaStream& stream : format.streams)
+        if (expected.container == "mp4" && expected.audio && expected.audio->codec == "mp2" &&
+            stream.codec == "mp3")
+            stream.codec = "mp2";
+    const std::int64_t frames = written.Video() == nullptr ? 0 : written.Video()->nb_frames;
+    const std::string difference = Difference(format, frames, expected);
     if (difference.empty()) return std::nullopt;
     return m_target.Fail(task::kErrorOutputCheck, Detail::kTargetWrite,
                          "the written file is not as it should be: " + difference);
@@ -380,6 +431,12 @@ void TranscodeWork::LogPlan() const {
     m_host.Log(plugin::Level::kInformation, "transcode: " + m_task.source + " to " + m_task.target + ": " +
                                                 m_task.container + "; video " + words(m_video.get()) +
                                                 "; audio " + words(m_audio.get()));
+    if (m_video && m_task.video.handling == Handling::kCopy && m_task.container == "mkv" &&
+        RotationDegrees(m_video->From()) != 0)
+        m_host.Log(plugin::Level::kWarning,
+                   "transcode: " + m_task.source + ": the pictures were taken turned by " +
+                       std::to_string(RotationDegrees(m_video->From())) +
+                       " degrees, and mkv does not keep that; encode them, or choose mp4");
 }
 
 plugin::Outcome TranscodeWork::Conclude(const Problem& problem) {

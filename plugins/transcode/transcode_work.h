@@ -35,6 +35,8 @@ class TranscodeWork {
     Problem BeginTarget();
     Problem MakeTracks();
     Problem MakeCut();
+    Problem CheckStreams(std::int64_t in_us) const;
+    Problem NothingInCut(const AVStream& stream, const std::string& reason) const;
     Problem FindCopyBase(Cut& cut);
     void BeginProgress();
     Problem Pump();
@@ -42,7 +44,7 @@ class TranscodeWork {
     bool AllDone() const;
     Problem CheckEnd() const;
     Problem CheckJumps() const;
-    void LogJumps() const;
+    void LogRemarks() const;
     Problem FinishTracks();
     Problem Publish();
     Expected ExpectedTarget() const;

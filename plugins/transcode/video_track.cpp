@@ -1,7 +1,6 @@
 #include "video_track.h"
 
 extern "C" {
-#include <libavutil/display.h>
 #include <libavutil/opt.h>
 #include <libavutil/pixdesc.h>
 }
@@ -20,6 +19,7 @@ constexpr int kMaxSide_px = 8192;
 // A picture may begin this much of a target's frame late and still be the one of that place: times in files
 // are rounded, often to milliseconds.
 constexpr double kLate = 0.25;
+constexpr std::int64_t kMostOwnTime_us = 600'000'000;
 constexpr int kH264Quality = 23;
 constexpr int kMpeg2Quality = 5;
 constexpr int kH264Interval_frames = 250;
@@ -27,16 +27,6 @@ constexpr int kMpeg2Interval_frames = 12;
 
 int Even(double side) {
     return std::max(2, static_cast<int>(std::lround(side / 2)) * 2);
-}
-
-// Clockwise, of a picture that was taken with the camera turned; 0, 90, 180 or 270.
-int RotationOf(const AVStream& stream) {
-    const auto* matrix = reinterpret_cast<const std::int32_t*>(
-        av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr));
-    if (matrix == nullptr) return 0;
-    const double degrees = av_display_rotation_get(matrix);
-    if (std::isnan(degrees)) return 0;
-    return ((static_cast<int>(std::lround(-degrees / 90)) % 4 + 4) % 4) * 90;
 }
 
 std::string Words(AVRational rate) {
@@ -55,7 +45,7 @@ VideoTrack::VideoTrack(const Source& source, const AVStream& from, Target& targe
 
 Problem VideoTrack::Begin() {
     if (Problem problem = m_decoder.Open()) return problem;
-    m_rotationDegrees = RotationOf(m_from);
+    m_rotationDegrees = RotationDegrees(m_from);
     if (Problem problem = ChooseSize()) return problem;
     if (Problem problem = OpenEncoder()) return problem;
     m_to = m_encoder.Stream();
@@ -92,8 +82,10 @@ void VideoTrack::ChooseRate() {
     m_sourceFrameUs = av_rescale_q(1, av_inv_q(m_rate), kMicroseconds);
     if (m_settings.frameRate_fps)
         m_rate = {m_settings.frameRate_fps->numerator, m_settings.frameRate_fps->denominator};
-    const AVRational* known = m_encoder.Context().codec->supported_framerates;
-    if (known != nullptr) m_rate = known[av_find_nearest_q_idx(m_rate, known)];
+    if (m_settings.codec == "mpeg2video") {
+        const Rational rate = NearestMpeg2Rate({m_rate.num, m_rate.den});
+        m_rate = {rate.numerator, rate.denominator};
+    }
 }
 
 // Scaling does not change how wide a picture is shown: pixels become broader or narrower.
@@ -198,10 +190,20 @@ Problem VideoTrack::Take(AVPacket* packet) {
     return m_decoder.Decode(packet, [this](AVFrame& frame) { return OnFrame(frame); });
 }
 
+// How long a picture is shown when none follows: one place on the source's grid, or longer when it says so,
+// but not beyond the end that the source tells.
+std::int64_t VideoTrack::OwnTimeUs(const AVFrame& frame) const {
+    if (!m_source.HasTimes() || frame.pkt_duration <= 0) return m_sourceFrameUs;
+    std::int64_t told_us = ToMicroseconds(frame.pkt_duration, m_from.time_base);
+    if (const std::int64_t length_us = m_source.LengthUs(&m_from); length_us >= 0)
+        told_us = std::min(told_us, m_source.StartUs() - m_cut.base_us + length_us - FrameTimeUs(frame));
+    return std::clamp(told_us, m_sourceFrameUs, std::max(m_sourceFrameUs, kMostOwnTime_us));
+}
+
 Problem VideoTrack::OnFrame(AVFrame& frame) {
     if (m_done) return std::nullopt;
     const std::int64_t time_us = FrameTimeUs(frame);
-    m_nextTimeUs = time_us + m_sourceFrameUs;
+    m_nextTimeUs = time_us + OwnTimeUs(frame);
     Reach(m_nextTimeUs);
     if (time_us < -m_sourceFrameUs / 2) return std::nullopt;
     if (m_cut.length_us && time_us >= *m_cut.length_us - m_sourceFrameUs / 2) {
@@ -211,6 +213,9 @@ Problem VideoTrack::OnFrame(AVFrame& frame) {
     const auto first = std::max<std::int64_t>(0, std::llround(std::ceil(Index(time_us) - kLate)));
     if (m_hasPending)
         if (Problem problem = ShowUntil(std::min(first, EndIndex()))) return problem;
+    // Two pictures that have the same place: the second one is shown.
+    if (m_hasPending && first <= m_pendingIndex) ++m_leftOut;
+    m_pendingIndex = first;
     av_frame_unref(m_pending.get());
     av_frame_move_ref(m_pending.get(), &frame);
     // What comes before the first picture shows it too.

@@ -20,15 +20,17 @@ class VideoTrack final : public Track {
 
     Problem Begin() override;
     void LeadBehind(std::int64_t lag_us) override { m_encoder.LeadBehind(lag_us); }
-    Problem Take(AVPacket* packet) override;
     Problem Finish() override;
     bool IsDone() const override { return m_done; }
     std::int64_t Units() const override { return m_nextIndex; }
 
+    // Pictures of the source that found no place at the target's rate.
+    std::int64_t LeftOut() const { return m_leftOut; }
     // "h264 1280x720, 25 fps", after Begin.
     std::string Describe() const;
 
   private:
+    Problem Take(AVPacket* packet) override;
     struct Size {
         int width_px = 0;
         int height_px = 0;
@@ -48,6 +50,7 @@ class VideoTrack final : public Track {
     Problem Encode(AVFrame& frame);
     std::int64_t EndIndex() const;
     double Index(std::int64_t time_us) const;
+    std::int64_t OwnTimeUs(const AVFrame& frame) const;
 
     const VideoSettings& m_settings;
     Decoder m_decoder;
@@ -62,6 +65,8 @@ class VideoTrack final : public Track {
 
     Frame m_pending{av_frame_alloc()};  // the picture to show next
     bool m_hasPending = false;
+    std::int64_t m_pendingIndex = 0;  // its place on the grid
+    std::int64_t m_leftOut = 0;
     std::int64_t m_nextIndex = 0;  // first place on the grid that is not encoded yet
     bool m_done = false;
 };
