@@ -83,6 +83,7 @@ Result<std::string> NewFile(const std::string& name, bool overwrite) {
     std::error_code code;
     if (!fs::is_directory(path->parent_path(), code)) return Fail(name + ": its folder is not there");
     const auto status = fs::status(*path, code);
+    if (status.type() == fs::file_type::none) return Fail(name + ": " + code.message());
     if (status.type() == fs::file_type::directory) return Fail(name + ": is a folder; give a file in it");
     if (status.type() != fs::file_type::not_found && !overwrite)
         return Fail(name + ": exists already; --overwrite replaces it");

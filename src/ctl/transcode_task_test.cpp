@@ -120,6 +120,10 @@ TEST(PrepareTranscode, SaysWhatIsWrongWithAFile) {
     EXPECT_EQ(errorOf("a.mxf", "no such/b.mp4"), "no such/b.mp4: its folder is not there");
     EXPECT_EQ(errorOf("a.mxf", "."), ".: is a folder; give a file in it");
     EXPECT_EQ(errorOf("a.mxf", "out/"), "out/: names a folder; give a file in it");
+    const std::string longName = std::string(300, 'x') + ".mp4";
+    EXPECT_EQ(errorOf("a.mxf", longName).find("exists already"), std::string::npos)
+        << errorOf("a.mxf", longName);
+    EXPECT_EQ(errorOf("a.mxf", longName).rfind(longName + ": ", 0), 0u);
     EXPECT_EQ(errorOf("a.mxf", "there.mp4"), "there.mp4: exists already; --overwrite replaces it");
     EXPECT_EQ(errorOf("a.mxf", "there.mp4", true), "");
     EXPECT_EQ(errorOf("a.mxf", folder.Utf8(""), true).substr(folder.Utf8("").size()),
