@@ -61,7 +61,7 @@ Problem CopyTrack::Take(AVPacket* packet) {
     const std::int64_t half_us = 1;
     if (packet->pts != AV_NOPTS_VALUE) {
         const std::int64_t time_us = TargetTimeUs(packet->pts, base);
-        if (time_us < -half_us && !IsVideo()) return std::nullopt;
+        if (time_us < -m_cut.runIn_us - half_us && !IsVideo()) return std::nullopt;
         Reach(time_us + ToMicroseconds(packet->duration, base));
         m_watch.At(ReachedUs() - m_lagUs);
     }

@@ -18,6 +18,7 @@ namespace rq::transcode {
 struct Cut {
     std::int64_t base_us = 0;               // time 0 of the target, on the source's own time line
     std::optional<std::int64_t> length_us;  // the target ends here; none: with the source
+    std::int64_t runIn_us = 0;  // so much earlier may copied sound begin, for its decoder to run in
 };
 
 class Track {

@@ -14,6 +14,7 @@ namespace {
 // Looking at a source for the analysis ends after this; the work looks again, without such a limit.
 constexpr std::chrono::seconds kMaxLook{10};
 
+constexpr std::int64_t kLongestRunIn_us = 200'000;
 // Sound may come this much before the pictures of its time.
 constexpr std::int64_t kVideoWait_us = 10'000'000;
 constexpr std::int64_t kAudioLag_us = 10'000'000;
@@ -147,6 +148,14 @@ Problem TranscodeWork::MakeTracks() {
     return std::nullopt;
 }
 
+// Sound often begins a little before the pictures, with what its decoder needs to run in. Time counts from
+// the first picture then, so that the pictures lie on the target's grid.
+std::int64_t TranscodeWork::FirstPictureUs() const {
+    if (m_source.Video() == nullptr) return 0;
+    const std::int64_t late_us = m_source.LateUs(m_source.Video());
+    return late_us < av_rescale_q(1, av_inv_q(m_source.FrameRate()), kMicroseconds) ? late_us : 0;
+}
+
 Problem TranscodeWork::MakeCut() {
     const std::int64_t sourceLength_us = m_source.LengthUs();
     if (sourceLength_us >= 0 && m_task.in_us >= sourceLength_us && m_task.in_us > 0)
@@ -161,17 +170,19 @@ Problem TranscodeWork::MakeCut() {
         return av_rescale_q(picture, av_inv_q(rate), kMicroseconds);
     };
     const std::int64_t in_us = atPicture(m_task.in_us);
+    const std::int64_t origin_us = m_source.StartUs() + FirstPictureUs();
     if (Problem problem = CheckStreams(in_us)) return problem;
     Cut cut;
-    cut.base_us = m_source.StartUs() + in_us;
-    if (Problem problem = m_source.SeekBefore(in_us)) return problem;
+    cut.base_us = origin_us + in_us;
+    if (in_us == 0) cut.runIn_us = kLongestRunIn_us;
+    if (Problem problem = m_source.SeekBefore(cut.base_us - m_source.StartUs())) return problem;
     if (m_source.Video() != nullptr && m_task.video.handling == Handling::kCopy && in_us > 0)
         if (Problem problem = FindCopyBase(cut)) return problem;
     const std::int64_t begin_us = cut.base_us - m_source.StartUs();
     if (m_task.out_us) {
         const std::int64_t one_us =
             m_source.Video() == nullptr ? 1 : av_rescale_q(1, av_inv_q(rate), kMicroseconds);
-        cut.length_us = std::max(one_us, atPicture(*m_task.out_us) - begin_us);
+        cut.length_us = std::max(one_us, atPicture(*m_task.out_us) + origin_us - cut.base_us);
     }
     m_lengthUs = sourceLength_us < 0 ? -1 : sourceLength_us - begin_us;
     if (cut.length_us) m_lengthUs = m_lengthUs < 0 ? *cut.length_us : std::min(m_lengthUs, *cut.length_us);

@@ -35,6 +35,7 @@ class TranscodeWork {
     Problem BeginTarget();
     Problem MakeTracks();
     Problem MakeCut();
+    std::int64_t FirstPictureUs() const;
     Problem CheckStreams(std::int64_t in_us) const;
     Problem NothingInCut(const AVStream& stream, const std::string& reason) const;
     Problem FindCopyBase(Cut& cut);
