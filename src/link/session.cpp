@@ -183,6 +183,8 @@ std::uint64_t Session::Queue(std::uint32_t id, std::string body, std::string* pr
         *problem = "no open session";
         return 0;
     }
+    // One that waits says as much as two: a worker that beats faster than the link writes must not fill it.
+    if (id == TCP_WORKER_HEARTBEAT_ID && m_queuedHeartbeat > m_lastWritten) return m_queuedHeartbeat;
     if (!BodyFits(body.size())) {
         *problem = "a body of " + std::to_string(body.size()) + " bytes does not fit into a frame";
         return 0;
@@ -193,6 +195,7 @@ std::uint64_t Session::Queue(std::uint32_t id, std::string body, std::string* pr
     }
     m_queued_bytes += body.size();
     m_queue.push_back({++m_lastQueued, id, std::move(body)});
+    if (id == TCP_WORKER_HEARTBEAT_ID) m_queuedHeartbeat = m_lastQueued;
     return m_lastQueued;
 }
 

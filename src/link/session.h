@@ -128,8 +128,9 @@ class Session {
     FrameReader m_reader{kHandshakeLimit_bytes};
     std::vector<SessionEvent> m_events;
 
-    std::uint64_t m_lastQueued = 0;   // own seq
-    std::uint64_t m_lastWritten = 0;  // own seq given to TakeOutput
+    std::uint64_t m_lastQueued = 0;       // own seq
+    std::uint64_t m_lastWritten = 0;      // own seq given to TakeOutput
+    std::uint64_t m_queuedHeartbeat = 0;  // the latest of them
     std::uint64_t m_peerAck = 0;
     std::deque<Outgoing> m_queue;
     std::size_t m_queued_bytes = 0;

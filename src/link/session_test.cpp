@@ -68,6 +68,22 @@ TEST(Session, SaysHelloFirstAndIsOpenAfterWelcome) {
     EXPECT_EQ(std::get<Welcomed>(events[0]).sessionId, 7u);
 }
 
+TEST(Session, AHeartbeatThatWaitsStandsForTheNext) {
+    Fixture f;
+    f.Open();
+    std::string problem;
+    const auto beat = [&] { return f.session.Queue(4000, "b", &problem); };
+    EXPECT_EQ(f.Queue(), 1u);
+    EXPECT_EQ(beat(), 2u);
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(beat(), 2u);
+    EXPECT_EQ(f.Queue(), 3u);
+    std::vector<std::uint64_t> written;
+    for (const Frame& frame : f.Written()) written.push_back(frame.seq);
+    EXPECT_EQ(written, (std::vector<std::uint64_t>{1, 2, 3}));
+    EXPECT_EQ(beat(), 4u);  // that one is on its way
+    EXPECT_EQ(problem, "");
+}
+
 TEST(Session, HandshakeFailuresAreNoLoss) {
     const std::vector<Frame> answers = {{0, 0, kRefuseId, EncodeRefuse({1, "wrong token"})},
                                         {0, 0, kWelcomeId, EncodeWelcome({2, 7, 0, 1, 1, {}})},
