@@ -47,7 +47,8 @@ else()
 endif()
 
 if(WIN32)
-  add_compile_definitions(UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN)
+  # NOUSER: the system's header would make SendMessage a macro.
+  add_compile_definitions(UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN NOUSER)
 endif()
 if(MINGW)
   # Programs and libraries need no DLL of the compiler's, and libraries are called what they are asked for by.

@@ -1,39 +1,26 @@
 #include "plugin_common/file.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <cerrno>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 
-#include "plugin_common/digest.h"
+#include "base/paths.h"
+#include "kit/os.h"
+#include "kit/temp_dir.h"
+
+namespace rq::task {
+namespace {
 
 namespace fs = std::filesystem;
-using rq::task::InputFile;
-
-namespace {
 
 class FileTest : public testing::Test {
   protected:
-    FileTest() {
-        std::string name = (fs::temp_directory_path() / "plugin-file-XXXXXX").string();
-        EXPECT_NE(mkdtemp(name.data()), nullptr);
-        m_folder = name;
-    }
-    ~FileTest() override { fs::remove_all(m_folder); }
-
     std::string Write(const std::string& name, const std::string& bytes) const {
-        std::string path = (m_folder / name).string();
-        std::ofstream(path, std::ios::binary) << bytes;
-        return path;
+        return Utf8FromPath(m_dir.Write(name, bytes));
     }
 
-    fs::path m_folder;
+    kit::TempDir m_dir;
 };
-
-}  // namespace
 
 TEST_F(FileTest, ReadsToTheEnd) {
     InputFile file;
@@ -69,62 +56,38 @@ TEST_F(FileTest, SaysWhenTheFileChanged) {
     const std::string path = Write("f", "abc");
     InputFile file;
     ASSERT_EQ(file.Open(path), 0u);
-    std::ofstream(path, std::ios::app) << "d";
+    std::ofstream(PathFromUtf8(path), std::ios::app) << "d";
     EXPECT_TRUE(file.Changed());
 
     ASSERT_EQ(file.Open(path), 0u);
-    fs::last_write_time(path, fs::last_write_time(path) + std::chrono::seconds(1));
+    const fs::path name = PathFromUtf8(path);
+    fs::last_write_time(name, fs::last_write_time(name) + std::chrono::seconds(1));
     EXPECT_TRUE(file.Changed());
 
     ASSERT_EQ(file.Open(path), 0u);
-    fs::create_hard_link(path, m_folder / "second name");
+    fs::create_hard_link(name, m_dir.Path() / "second name");
     EXPECT_FALSE(file.Changed());
 }
 
 TEST_F(FileTest, RefusesWhatIsNoPlainFile) {
     InputFile file;
-    EXPECT_EQ(file.Open((m_folder / "missing").string()), static_cast<std::uint32_t>(ENOENT));
-    EXPECT_EQ(file.Open(m_folder.string()), static_cast<std::uint32_t>(EISDIR));
-    const std::string pipe = (m_folder / "pipe").string();
-    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-    EXPECT_EQ(file.Open(pipe), static_cast<std::uint32_t>(EINVAL));  // at once, though nobody writes
-    EXPECT_EQ(file.Open("/dev/zero"), static_cast<std::uint32_t>(EINVAL));
+    EXPECT_EQ(file.Open(m_dir.Utf8("missing")), static_cast<std::uint32_t>(kit::Codes().notFound));
+    const std::uint32_t code = file.Open(m_dir.Utf8());
+    EXPECT_NE(code, 0u);
+    EXPECT_NE(SystemWords(code).find("irectory"), std::string::npos) << SystemWords(code);
 }
 
 TEST_F(FileTest, MeasuresPlainFilesOnly) {
-    EXPECT_EQ(rq::task::PlainFileSize(Write("f", "abc")), 3u);
-    EXPECT_EQ(rq::task::PlainFileSize(m_folder.string()), 0u);
-    EXPECT_EQ(rq::task::PlainFileSize((m_folder / "missing").string()), 0u);
-}
-
-TEST(FilePaths, AbsoluteOnesBeginWithASlash) {
-    EXPECT_TRUE(rq::task::IsAbsolutePath("/a"));
-    EXPECT_FALSE(rq::task::IsAbsolutePath("a/b"));
-    EXPECT_FALSE(rq::task::IsAbsolutePath(" /a"));
-    EXPECT_FALSE(rq::task::IsAbsolutePath(""));
+    EXPECT_EQ(PlainFileSize(Write("f", "abc")), 3u);
+    EXPECT_EQ(PlainFileSize(m_dir.Utf8()), 0u);
+    EXPECT_EQ(PlainFileSize(m_dir.Utf8("missing")), 0u);
 }
 
 TEST(SystemWords, AreTheSystems) {
-    EXPECT_EQ(rq::task::SystemWords(ENOENT), "No such file or directory");
-    EXPECT_EQ(rq::task::SystemWords(123456), "error 123456");
+    const int code = kit::Codes().notFound;
+    EXPECT_EQ(SystemWords(static_cast<std::uint32_t>(code)), kit::Words(code));
+    EXPECT_EQ(SystemWords(123456), "error 123456");
 }
 
-TEST(Digest, KnowsTheTestValues) {
-    rq::task::Md5 md5;
-    rq::task::Md5Digest digest{};
-    ASSERT_TRUE(md5.Start());
-    ASSERT_TRUE(md5.Finish(digest));
-    EXPECT_EQ(digest, rq::task::ParseMd5("d41d8cd98f00b204e9800998ecf8427e"));
-    ASSERT_TRUE(md5.Start());
-    ASSERT_TRUE(md5.Add("ab", 2));
-    ASSERT_TRUE(md5.Add("c", 1));
-    ASSERT_TRUE(md5.Finish(digest));
-    EXPECT_EQ(digest, rq::task::ParseMd5("900150983CD24FB0D6963F7D28E17F72"));
-}
-
-TEST(Digest, ParsesOnly32HexadecimalDigits) {
-    EXPECT_FALSE(rq::task::ParseMd5(""));
-    EXPECT_FALSE(rq::task::ParseMd5("d41d8cd98f00b204e9800998ecf8427"));
-    EXPECT_FALSE(rq::task::ParseMd5("d41d8cd98f00b204e9800998ecf8427e0"));
-    EXPECT_FALSE(rq::task::ParseMd5("g41d8cd98f00b204e9800998ecf8427e"));
-}
+}  // namespace
+}  // namespace rq::task

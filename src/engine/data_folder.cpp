@@ -69,7 +69,7 @@ Result<void> DataFolder::Announce(std::uint16_t linkPort, std::uint16_t httpPort
                                   {"started", TimeText(started_us)},
                                   {"version", kVersion}};
     platform::OsError error;
-    if (!platform::ReplaceFile(File("engine.json"), Dump(facts) + "\n", true, &error))
+    if (!platform::ReplaceWholeFile(File("engine.json"), Dump(facts) + "\n", true, &error))
         return Fail("engine.json cannot be written: " + error.message);
     m_announced = true;
     return {};

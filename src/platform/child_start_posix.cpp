@@ -1,4 +1,4 @@
-#include "platform/child_start.h"
+#include "platform/child_start_posix.h"
 
 #include <fcntl.h>
 #include <signal.h>

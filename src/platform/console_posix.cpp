@@ -153,4 +153,8 @@ void PauseForKey() {
     WriteStandardOutput("\n");
 }
 
+// A terminal has one encoding for everything.
+Utf8Console::Utf8Console() = default;
+Utf8Console::~Utf8Console() = default;
+
 }  // namespace rq::platform

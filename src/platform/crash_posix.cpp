@@ -82,6 +82,8 @@ void SetCrashFlags(std::uint32_t flags) {
     g_flags.store(flags);
 }
 
+void SetCrashFolder(const std::string& /*folder*/) {}
+
 // A wanted abort is no crash: nothing is written for it. The C library's own abort says nothing.
 void SilenceAbort() {
     ::signal(SIGABRT, SIG_DFL);

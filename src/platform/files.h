@@ -32,7 +32,8 @@ bool CreatePrivateFolder(const std::string& path, OsError* error = nullptr);
 
 // Writes `bytes` to a temporary file beside `path`, syncs it and renames it over `path`: readers see the old
 // text or the new one. A private file stays private.
-bool ReplaceFile(const std::string& path, std::string_view bytes, bool isPrivate, OsError* error = nullptr);
+bool ReplaceWholeFile(const std::string& path, std::string_view bytes, bool isPrivate,
+                      OsError* error = nullptr);
 
 // An exclusive advisory lock held until the handle is released or the process ends. Null when another process
 // (or this one) holds it. Used for "one engine per data folder".

@@ -146,7 +146,7 @@ bool CreatePrivateFolder(const std::string& path, OsError* error) {
     return MakeFolders(plain, error);
 }
 
-bool ReplaceFile(const std::string& path, std::string_view bytes, bool isPrivate, OsError* error) {
+bool ReplaceWholeFile(const std::string& path, std::string_view bytes, bool isPrivate, OsError* error) {
     const std::string temporary = path + ".new-" + RandomHex(6);
     if (!WriteTemporary(temporary, bytes, isPrivate, path, error)) return false;
     if (::rename(temporary.c_str(), path.c_str()) != 0) {

@@ -1,12 +1,12 @@
 #include "platform/files.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <memory>
 
+#include "base/paths.h"
 #include "kit/files.h"
+#include "kit/os.h"
 #include "kit/temp_dir.h"
 
 namespace rq::platform {
@@ -14,33 +14,29 @@ namespace {
 
 using kit::TempDir;
 
-unsigned ModeOf(const std::string& path) {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 ? static_cast<unsigned>(info.st_mode & 0777) : 0;
-}
-
 TEST(Files, ThisProgramsOwnPath) {
-    EXPECT_EQ(std::filesystem::path(ModuleFileName()).filename(), "test_platform");
-    EXPECT_EQ(ModuleFileName().front(), '/');
+    EXPECT_EQ(PathFromUtf8(ModuleFileName()).stem(), "test_platform");
+    EXPECT_TRUE(PathFromUtf8(ModuleFileName()).is_absolute());
 }
 
 TEST(Files, CurrentDirectory) {
     const TempDir dir;
     const kit::ScopedDirectory back(dir.Path());
-    EXPECT_EQ(std::filesystem::path(CurrentDirectory()), std::filesystem::canonical(dir.Path()));
-    EXPECT_TRUE(ChangeCurrentDirectory("/"));
-    EXPECT_EQ(CurrentDirectory(), "/");
+    EXPECT_EQ(PathFromUtf8(CurrentDirectory()), std::filesystem::canonical(dir.Path()));
+    const auto root = dir.Path().root_path();
+    EXPECT_TRUE(ChangeCurrentDirectory(Utf8FromPath(root)));
+    EXPECT_EQ(PathFromUtf8(CurrentDirectory()), root);
     OsError error;
     EXPECT_FALSE(ChangeCurrentDirectory(dir.Utf8("没有"), &error));
-    EXPECT_EQ(error.code, ENOENT);
-    EXPECT_NE(error.message.find("没有: No such file or directory"), std::string::npos) << error.message;
+    EXPECT_EQ(error.code, kit::Codes().notFound);
+    EXPECT_TRUE(error.message.ends_with("没有: " + kit::Words(error.code))) << error.message;
 }
 
 TEST(Files, OpenedFilesStayOutOfChildren) {
     const TempDir dir;
     std::FILE* file = OpenFile(dir.Utf8("日志.txt"), "w");
     ASSERT_NE(file, nullptr);
-    EXPECT_EQ(::fcntl(::fileno(file), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    EXPECT_FALSE(kit::IsInheritable(file));
     std::fclose(file);
     EXPECT_EQ(OpenFile(dir.Utf8("no/folder"), "w"), nullptr);
 }
@@ -55,15 +51,38 @@ TEST(Files, ReadsWholeFiles) {
     EXPECT_EQ(ReadWholeFile(dir.Utf8("empty")), "");
     OsError error;
     EXPECT_FALSE(ReadWholeFile(dir.Utf8("missing"), &error));
-    EXPECT_EQ(error.code, ENOENT);
+    EXPECT_EQ(error.code, kit::Codes().notFound);
     EXPECT_FALSE(ReadWholeFile(dir.Utf8(), &error));
-    EXPECT_EQ(error.code, EISDIR);
+    EXPECT_EQ(error.code, kit::Codes().isFolder);
 }
 
-TEST(Files, ReadsFilesThatDoNotTellTheirSize) {
-    const auto text = ReadWholeFile("/proc/self/status");
-    ASSERT_TRUE(text);
-    EXPECT_NE(text->find("Name:"), std::string::npos);
+TEST(Files, StreamsOfEveryMode) {
+    const TempDir dir;
+    const auto write = [&](const char* mode, const char* text) {
+        std::FILE* file = OpenFile(dir.Utf8("文"), mode);
+        if (file == nullptr) return false;
+        std::fputs(text, file);
+        return std::fclose(file) == 0;
+    };
+    EXPECT_FALSE(write("rb", "x"));
+    EXPECT_TRUE(write("wb", "one\n"));
+    EXPECT_TRUE(write("ab", "two\n"));
+    EXPECT_EQ(ReadWholeFile(dir.Utf8("文")), "one\ntwo\n");
+    EXPECT_TRUE(write("r+b", "O"));
+    EXPECT_EQ(ReadWholeFile(dir.Utf8("文")), "One\ntwo\n");
+    EXPECT_TRUE(write("wb", ""));
+    EXPECT_EQ(ReadWholeFile(dir.Utf8("文")), "");
+}
+
+TEST(Files, PathsLongerThanTheClassicLimit) {
+    const TempDir dir;
+    std::string folder = dir.Utf8("深");
+    while (folder.size() < 400) folder += "/" + std::string(40, 'd');
+    ASSERT_TRUE(CreatePrivateFolder(folder));
+    EXPECT_TRUE(CreatePrivateFile(folder + "/file", "deep"));
+    EXPECT_EQ(ReadWholeFile(folder + "/file"), "deep");
+    EXPECT_TRUE(ReplaceWholeFile(folder + "/file", "deeper", false));
+    EXPECT_EQ(ReadWholeFile(folder + "/file"), "deeper");
 }
 
 TEST(Files, APrivateFileIsNewAndItsOwnersAlone) {
@@ -71,17 +90,18 @@ TEST(Files, APrivateFileIsNewAndItsOwnersAlone) {
     const std::string path = dir.Utf8("task");
     EXPECT_TRUE(CreatePrivateFile(path, "secret"));
     EXPECT_EQ(ReadWholeFile(path), "secret");
-    EXPECT_EQ(ModeOf(path), 0600u);
+    EXPECT_TRUE(kit::IsOwnersAlone(PathFromUtf8(path)));
     OsError error;
     EXPECT_FALSE(CreatePrivateFile(path, "other", &error));
-    EXPECT_EQ(error.code, EEXIST);
+    EXPECT_EQ(error.code, kit::Codes().exists);
     EXPECT_EQ(ReadWholeFile(path), "secret");
 }
 
 TEST(Files, APrivateFolderWithItsParents) {
     const TempDir dir;
     EXPECT_TRUE(CreatePrivateFolder(dir.Utf8("a/二/c/")));
-    EXPECT_EQ(ModeOf(dir.Utf8("a/二/c")), 0700u);
+    EXPECT_TRUE(kit::IsOwnersAlone(dir.Path() / PathFromUtf8("a/二/c")));
+    EXPECT_TRUE(kit::IsOwnersAlone(dir.Path() / "a"));
     EXPECT_TRUE(CreatePrivateFolder(dir.Utf8("a/二/c")));  // it is there
     dir.Write("file", "");
     OsError error;
@@ -99,24 +119,24 @@ TEST(Files, RelativePrivateFolder) {
 TEST(Files, ReplaceKeepsTheOldTextUntilTheNewOneIsComplete) {
     const TempDir dir;
     const std::string path = dir.Utf8("actor.xml");
-    EXPECT_TRUE(ReplaceFile(path, "one", false));
-    EXPECT_TRUE(ReplaceFile(path, "two", false));
+    EXPECT_TRUE(ReplaceWholeFile(path, "one", false));
+    EXPECT_TRUE(ReplaceWholeFile(path, "two", false));
     EXPECT_EQ(ReadWholeFile(path), "two");
     // Nothing is left beside it.
     EXPECT_EQ(kit::FindFiles(dir.Path(), "").size(), 1u);
     OsError error;
-    EXPECT_FALSE(ReplaceFile(dir.Utf8("no/folder"), "x", false, &error));
-    EXPECT_EQ(error.code, ENOENT);
+    EXPECT_FALSE(ReplaceWholeFile(dir.Utf8("no/folder"), "x", false, &error));
+    EXPECT_EQ(error.code, kit::Codes().folderNotFound);
 }
 
 TEST(Files, APrivateFileStaysPrivateWhenReplaced) {
     const TempDir dir;
     const std::string path = dir.Utf8("token");
     ASSERT_TRUE(CreatePrivateFile(path, "one"));
-    EXPECT_TRUE(ReplaceFile(path, "two", false));
-    EXPECT_EQ(ModeOf(path), 0600u);
-    EXPECT_TRUE(ReplaceFile(dir.Utf8("new"), "x", true));
-    EXPECT_EQ(ModeOf(dir.Utf8("new")), 0600u);
+    EXPECT_TRUE(ReplaceWholeFile(path, "two", false));
+    EXPECT_TRUE(kit::IsOwnersAlone(PathFromUtf8(path)));
+    EXPECT_TRUE(ReplaceWholeFile(dir.Utf8("new"), "x", true));
+    EXPECT_TRUE(kit::IsOwnersAlone(dir.Path() / "new"));
 }
 
 TEST(Files, ALockIsRefusedToEverybodyElse) {
@@ -125,7 +145,7 @@ TEST(Files, ALockIsRefusedToEverybodyElse) {
     ASSERT_NE(first, nullptr);
     OsError error;
     EXPECT_EQ(TryLockFile(dir.Utf8("lock"), &error), nullptr);
-    EXPECT_EQ(error.code, EWOULDBLOCK);
+    EXPECT_EQ(error.code, kit::Codes().locked);
 }
 
 TEST(Files, ALockEndsWithItsHandle) {

@@ -1,11 +1,8 @@
 #include "platform/identity.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <set>
-
-#include "kit/temp_dir.h"
 
 namespace rq::platform {
 namespace {
@@ -27,18 +24,6 @@ TEST(Identity, RandomHexadecimalText) {
     EXPECT_EQ(text.find_first_not_of("0123456789abcdef"), std::string::npos);
     EXPECT_NE(text, RandomHex(16));
     EXPECT_EQ(RandomHex(0), "");
-}
-
-TEST(Identity, DataFolder) {
-    if (::geteuid() == 0) {
-        EXPECT_EQ(DefaultDataFolder(), "/var/lib/rqworker");
-        return;
-    }
-    const kit::ScopedEnvironment data("XDG_DATA_HOME", "/data/家/");
-    EXPECT_EQ(DefaultDataFolder(), "/data/家/rqworker");
-    const kit::ScopedEnvironment none("XDG_DATA_HOME", std::nullopt);
-    const kit::ScopedEnvironment home("HOME", "/home/someone");
-    EXPECT_EQ(DefaultDataFolder(), "/home/someone/.local/share/rqworker");
 }
 
 }  // namespace

@@ -7,8 +7,8 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
-#include "platform/elf_needed.h"
 #include "platform/files.h"
+#include "platform/needed_libraries.h"
 
 namespace rq::platform {
 

@@ -34,6 +34,14 @@ struct ExitStatus {
     int code = 0;            // exit code, or the signal number
 };
 
+// What a process has that KillTree ended: SIGKILL; on Windows the code that a console's Ctrl-C leaves. In
+// both cases ExitStatus::signalled is true.
+#if defined(_WIN32)
+inline constexpr std::uint32_t kKilledExitCode = 0xC000013A;
+#else
+inline constexpr std::uint32_t kKilledExitCode = 9;
+#endif
+
 // A child and whatever it starts: one process group on Linux, one job object (from creation) on Windows.
 class ChildProcess {
   public:
@@ -47,12 +55,14 @@ class ChildProcess {
     std::optional<ExitStatus> WaitForever();
     // Ends the child and its descendants at once (SIGKILL to the group, TerminateJobObject).
     virtual void KillTree() = 0;
-    // Asks it to end (SIGTERM, CTRL_BREAK); the child may ignore it.
+    // Asks it to end (SIGTERM; on Windows platform/end_request.h, else CTRL_BREAK); the child may ignore it.
     virtual void RequestEnd() = 0;
 };
 
 std::uint64_t CurrentProcessId();
 std::uint64_t CurrentThreadId();
+// False when there is no such process, or it has ended and only waits to be taken off the table.
+bool ProcessRuns(std::uint64_t id);
 
 // Starts `commandLine` (a quoted program path, nothing else) detached, as WinExec does: above 31 on success,
 // a failure code below 32 otherwise.

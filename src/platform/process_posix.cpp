@@ -12,7 +12,8 @@
 #include <mutex>
 #include <thread>
 
-#include "platform/child_start.h"
+#include "platform/child_start_posix.h"
+#include "platform/files.h"
 #include "platform/posix_error.h"
 
 extern char** environ;
@@ -206,6 +207,11 @@ std::uint64_t CurrentProcessId() {
 
 std::uint64_t CurrentThreadId() {
     return static_cast<std::uint64_t>(::gettid());
+}
+
+bool ProcessRuns(std::uint64_t id) {
+    const auto status = ReadWholeFile("/proc/" + std::to_string(id) + "/status");
+    return status && status->find("State:\tZ") == std::string::npos;
 }
 
 }  // namespace rq::platform

@@ -4,7 +4,7 @@
 
 #include <cerrno>
 
-#include "platform/child_start.h"
+#include "platform/child_start_posix.h"
 #include "platform/posix_error.h"
 #include "platform/process.h"
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 namespace rq::platform {
 
@@ -13,9 +14,15 @@ void OpenStandardStreams();
 // The executable's module handle (GetModuleHandleW(NULL)); elsewhere any non-null value. Null on failure.
 void* ModuleHandle();
 
-// AfxWinInit(handle, NULL, GetCommandLineW(), 0): initialises MFC where it exists; elsewhere the same
-// contract: false when the handle is null.
+// AfxWinInit(handle, NULL, GetCommandLineW(), 0): MFC's own where it exists; elsewhere a stand-in with the
+// same contract: false when the handle is null; on Windows the system's message boxes for missing disks and
+// broken libraries are switched off.
 bool InitialiseMfc(void* moduleHandle);
+
+// On Windows: whatever this process starts from now on ends with it, however it ends (StartDetached's
+// programs excepted). On Linux nothing: who starts a worker there ends its process group. False when the
+// system refuses.
+bool ContainChildren();
 
 // Switches off the run-time library's abort message and fault report where they exist.
 void SilenceAbort();
@@ -27,5 +34,8 @@ void InstallCrashHandler();
 // none.
 void SetCrashHook(void (*hook)() noexcept);
 void SetCrashFlags(std::uint32_t flags);
+// Where a crash leaves a dump of the process, "<program>_<process number>.dmp" (UTF-8; made when missing;
+// before InstallCrashHandler). Windows only: on Linux the system writes core dumps where it is set up to.
+void SetCrashFolder(const std::string& folder);
 
 }  // namespace rq::platform

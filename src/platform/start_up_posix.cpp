@@ -24,4 +24,8 @@ bool InitialiseMfc(void* moduleHandle) {
     return moduleHandle != nullptr;
 }
 
+bool ContainChildren() {
+    return true;
+}
+
 }  // namespace rq::platform

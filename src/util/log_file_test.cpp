@@ -41,7 +41,7 @@ TEST_F(LogFileTest, MissingFoldersAreMade) {
     EXPECT_TRUE(file.IsOpen());
     Write(file, "x");
     file.flush();
-    EXPECT_EQ(kit::ReadLines(m_folder.Path() / "一/two words/a.log").size(), 1u);
+    EXPECT_EQ(kit::ReadLines(m_folder.Path() / PathFromUtf8("一/two words/a.log")).size(), 1u);
 }
 
 TEST_F(LogFileTest, AFileThatCannotBeOpenedTakesLinesWithoutHarm) {

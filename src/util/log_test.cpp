@@ -6,6 +6,7 @@
 #include <memory>
 #include <regex>
 
+#include "base/paths.h"
 #include "base/text.h"
 #include "kit/child.h"
 #include "kit/files.h"
@@ -18,10 +19,10 @@ namespace {
 
 class LogTest : public testing::Test {
   protected:
-    LogTest() : m_log(m_folder.Path() / "RQWorker" / "20170531" / "任务_W.log") {}
+    LogTest() : m_log(m_folder.Path() / "RQWorker" / "20170531" / PathFromUtf8("任务_W.log")) {}
 
     std::unique_ptr<kit::Child> Start(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin() + 1, m_log.string());
+        arguments.insert(arguments.begin() + 1, Utf8FromPath(m_log));
         return std::make_unique<kit::Child>(RQ_LOG_WRITER, arguments);
     }
     int Run(std::vector<std::string> arguments) { return Start(std::move(arguments))->ExitCode(); }

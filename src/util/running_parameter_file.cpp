@@ -94,7 +94,7 @@ bool KeepDamaged(const std::string& path, const std::string& bytes) {
             continue;
         }
         platform::OsError osError;
-        if (platform::ReplaceFile(backup, bytes, false, &osError)) {
+        if (platform::ReplaceWholeFile(backup, bytes, false, &osError)) {
             Log(3, "running parameters: the damaged file is kept as " + backup);
             return true;
         }
@@ -145,7 +145,7 @@ std::int32_t WriteFile(const tagOVLCommunicationParam& parameter, const std::str
     file.document.Accept(&printer);
     if (file.state == FileState::Whole && printer.Str() == file.bytes) return kStatusOk;
     platform::OsError error;
-    if (platform::ReplaceFile(path, printer.Str(), false, &error)) return kStatusOk;
+    if (platform::ReplaceWholeFile(path, printer.Str(), false, &error)) return kStatusOk;
     Log(3, "running parameters: not written: " + error.message);
     return kStatusFail;
 }

@@ -41,8 +41,9 @@ class Child {
 
     std::filesystem::path OutputFile() const { return m_folder.Path() / "out"; }
     std::filesystem::path ErrorsFile() const { return m_folder.Path() / "err"; }
-    std::string Output() const { return ReadBytes(OutputFile()); }
-    std::string Errors() const { return ReadBytes(ErrorsFile()); }
+    // With line ends as "\n".
+    std::string Output() const { return ReadText(OutputFile()); }
+    std::string Errors() const { return ReadText(ErrorsFile()); }
 
   private:
     TempDir m_folder;

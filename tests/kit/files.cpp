@@ -12,6 +12,16 @@ std::string ReadBytes(const std::filesystem::path& path) {
     return platform::ReadWholeFile(Utf8FromPath(path)).value_or(std::string());
 }
 
+std::string ReadText(const std::filesystem::path& path) {
+    const std::string bytes = ReadBytes(path);
+    std::string text;
+    text.reserve(bytes.size());
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        if (bytes[i] != '\r' || i + 1 == bytes.size() || bytes[i + 1] != '\n') text += bytes[i];
+    }
+    return text;
+}
+
 std::vector<std::string> ReadLines(const std::filesystem::path& path) {
     const std::string bytes = ReadBytes(path);
     std::vector<std::string> lines;
@@ -68,7 +78,7 @@ bool ReplaceElementText(const std::filesystem::path& path, const std::string& el
     const auto end = bytes.find("</" + element + ">", begin);
     if (end == std::string::npos) return false;
     bytes.replace(begin + opening.size(), end - begin - opening.size(), text);
-    return platform::ReplaceFile(Utf8FromPath(path), bytes, false);
+    return platform::ReplaceWholeFile(Utf8FromPath(path), bytes, false);
 }
 
 }  // namespace rq::kit

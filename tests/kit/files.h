@@ -16,6 +16,8 @@ inline constexpr std::chrono::seconds kPatience{60};
 
 // Empty when the file is not there.
 std::string ReadBytes(const std::filesystem::path& path);
+// The same with every line end as "\n", whatever the platform's.
+std::string ReadText(const std::filesystem::path& path);
 // Lines without their ends ("\n" or "\r\n"); a last line without an end counts.
 std::vector<std::string> ReadLines(const std::filesystem::path& path);
 

@@ -67,7 +67,7 @@ TEST(Failures, CancelEndsARunningTask) {
     EXPECT_EQ(record["state"], "cancelled");
     EXPECT_EQ(record["status"], 5);
     const auto pid = record["attempt_list"][0]["pid"].get<std::uint64_t>();
-    EXPECT_TRUE(kit::WaitUntil([&] { return !ProcessExists(pid); }));
+    EXPECT_TRUE(kit::WaitUntil([&] { return !platform::ProcessRuns(pid); }));
 }
 
 TEST(Failures, ProgressReachesTheEngine) {
@@ -89,9 +89,9 @@ TEST(Failures, WorkerEndsWhenTheEngineIsKilled) {
     const std::string task = node.SubmitMd5(EndlessFile(folder));
     const auto record = node.WaitForState(task, {"running"});
     const auto pid = record["attempt_list"][0]["pid"].get<std::uint64_t>();
-    ASSERT_TRUE(ProcessExists(pid));
+    ASSERT_TRUE(platform::ProcessRuns(pid));
     ASSERT_EQ(::kill(static_cast<pid_t>(node.Engine().Id()), SIGKILL), 0);
-    EXPECT_TRUE(kit::WaitUntil([&] { return !ProcessExists(pid); }));
+    EXPECT_TRUE(kit::WaitUntil([&] { return !platform::ProcessRuns(pid); }));
     EXPECT_NE(node.WorkerLog().find("Worker will be cancel!!!! Because Socket Server is Disconnect."),
               std::string::npos)
         << node.WorkerLog();
@@ -118,7 +118,7 @@ TEST(Failures, OrderlyEndOfTheEngineLeavesNoWorker) {
     const auto record = node.WaitForState(task, {"running"});
     const auto pid = record["attempt_list"][0]["pid"].get<std::uint64_t>();
     EXPECT_EQ(node.EndEngine(), 0);
-    EXPECT_FALSE(ProcessExists(pid));
+    EXPECT_FALSE(platform::ProcessRuns(pid));
     node.StartEngine();
     EXPECT_EQ(node.Show(task)["state"], "cancelled");
 }

@@ -93,7 +93,7 @@ TEST(Md5Tasks, NothingStaysBehind) {
     const auto pid = record["attempt_list"][0]["pid"].get<std::uint64_t>();
     EXPECT_TRUE(kit::WaitUntil([&] { return !node.Show(task)["attempt_list"][0]["exit"].is_null(); }));
     EXPECT_EQ(node.Show(task)["attempt_list"][0]["exit"]["code"], 0);
-    EXPECT_FALSE(ProcessExists(pid));
+    EXPECT_FALSE(platform::ProcessRuns(pid));
     // The private file with the task text is gone.
     EXPECT_TRUE(fs::is_empty(node.Data() / "params"));
     EXPECT_EQ(node.EndEngine(), 0);

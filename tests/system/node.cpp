@@ -1,9 +1,7 @@
 #include "node.h"
 
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
-#include <array>
 #include <fstream>
 #include <stdexcept>
 
@@ -110,40 +108,10 @@ std::string Node::WorkerLog() const {
     return logs.size() == 1 ? kit::ReadBytes(logs.front()) : "";
 }
 
-std::string Md5Of(const fs::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    std::array<char, 65536> buffer;
-    EVP_MD_CTX* context = EVP_MD_CTX_new();
-    EVP_DigestInit_ex(context, EVP_md5(), nullptr);
-    while (in) {
-        in.read(buffer.data(), buffer.size());
-        EVP_DigestUpdate(context, buffer.data(), static_cast<std::size_t>(in.gcount()));
-    }
-    std::array<unsigned char, EVP_MAX_MD_SIZE> digest;
-    unsigned length = 0;
-    EVP_DigestFinal_ex(context, digest.data(), &length);
-    EVP_MD_CTX_free(context);
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    for (unsigned i = 0; i < length; ++i) {
-        text += kDigits[digest[i] >> 4];
-        text += kDigits[digest[i] & 15];
-    }
-    return text;
-}
-
 fs::path MakeSparse(const fs::path& path, std::uintmax_t size) {
     std::ofstream(path, std::ios::binary) << "begins like this";
     fs::resize_file(path, size);
     return path;
-}
-
-bool ProcessExists(std::uint64_t id) {
-#if defined(__linux__)
-    return fs::exists("/proc/" + std::to_string(id));
-#else
-#error "tell how to see a process here"
-#endif
 }
 
 }  // namespace rq::system_test

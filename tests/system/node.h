@@ -59,10 +59,9 @@ class Node {
     std::unique_ptr<kit::Child> m_engine;
 };
 
-// MD5 of a file as lower-case hexadecimal text, computed here with OpenSSL.
+// MD5 of a file as lower-case hexadecimal text, computed here and not by the plug-in.
 std::string Md5Of(const std::filesystem::path& file);
 // A file of `size` bytes; sparse, with a few bytes at its start.
 std::filesystem::path MakeSparse(const std::filesystem::path& path, std::uintmax_t size);
-bool ProcessExists(std::uint64_t id);
 
 }  // namespace rq::system_test

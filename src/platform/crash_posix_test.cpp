@@ -60,11 +60,5 @@ TEST(Crash, AWantedAbortSaysNothing) {
     EXPECT_EQ(outcome.errors, "");
 }
 
-TEST(StartUp, TheProgramHasAModuleAndMfcNeedsOne) {
-    EXPECT_NE(ModuleHandle(), nullptr);
-    EXPECT_TRUE(InitialiseMfc(ModuleHandle()));
-    EXPECT_FALSE(InitialiseMfc(nullptr));
-}
-
 }  // namespace
 }  // namespace rq::platform

@@ -1,4 +1,4 @@
-#include "platform/elf_needed.h"
+#include "platform/needed_libraries.h"
 
 #include <elf.h>
 

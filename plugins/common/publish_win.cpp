@@ -1,0 +1,245 @@
+#include "plugin_common/file.h"
+#include "plugin_common/publish.h"
+#include "plugin_common/win_text.h"
+
+// After the system's own header.
+#include <bcrypt.h>
+
+#include <chrono>
+#include <cstdio>
+
+namespace rq::task {
+namespace {
+
+// A file name has at most 255 units; the digits, the dots and the suffix take 25.
+constexpr std::size_t kMaxKeptName_bytes = 200;
+// How often a new name is tried when a cleaner took the last one.
+constexpr int kMaxAttempts = 16;
+// Looking for temporaries of dead processes is a courtesy; a huge folder on a slow share ends it.
+constexpr std::chrono::milliseconds kMaxCleaning{500};
+constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+// A virus scanner that looks at a new file without sharing it lets go of it soon.
+constexpr int kMaxRenames = 40;
+constexpr DWORD kRenamePause_ms = 25;
+
+HANDLE HandleOf(std::intptr_t handle) {
+    return reinterpret_cast<HANDLE>(handle);
+}
+
+class Handle {
+  public:
+    explicit Handle(HANDLE handle) : m_handle(handle) {}
+    ~Handle() {
+        if (Valid()) ::CloseHandle(m_handle);
+    }
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
+    bool Valid() const { return m_handle != INVALID_HANDLE_VALUE; }
+    HANDLE Get() const { return m_handle; }
+
+  private:
+    HANDLE m_handle;
+};
+
+std::string FolderOf(const std::string& path) {
+    const std::size_t separator = path.find_last_of("\\/");
+    // The root of a drive keeps its separator.
+    return path.substr(0, separator == 2 && path[1] == ':' ? 3 : separator);
+}
+
+std::string_view NameOf(const std::string& path) {
+    return std::string_view(path).substr(path.find_last_of("\\/") + 1);
+}
+
+std::string In(const std::string& folder, std::string_view name) {
+    return folder + (folder.ends_with('\\') || folder.ends_with('/') ? "" : "\\") + std::string(name);
+}
+
+// Cuts between characters, not inside one.
+std::string_view CutName(std::string_view name) {
+    if (name.size() <= kMaxKeptName_bytes) return name;
+    std::size_t end = kMaxKeptName_bytes;
+    while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xC0u) == 0x80u) --end;
+    return name.substr(0, end);
+}
+
+bool RandomDigits(std::string& digits) {
+    std::uint64_t value = 0;
+    if (::BCryptGenRandom(nullptr, reinterpret_cast<unsigned char*>(&value), sizeof value,
+                          BCRYPT_USE_SYSTEM_PREFERRED_RNG) < 0)
+        return false;
+    char text[17];
+    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(value));
+    digits = text;
+    return true;
+}
+
+// The sign that a temporary has an owner: one byte far behind any content, since a lock here keeps others
+// from what it covers. It goes with its process.
+bool LockAsOwner(HANDLE file) {
+    OVERLAPPED place{};
+    place.OffsetHigh = 0x7FFFFFFF;
+    return ::LockFileEx(file, LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0, &place) != FALSE;
+}
+
+bool IsBeingDeleted(HANDLE file) {
+    FILE_STANDARD_INFO facts{};
+    return !::GetFileInformationByHandleEx(file, FileStandardInfo, &facts, sizeof facts) ||
+           facts.DeletePending || facts.NumberOfLinks == 0;
+}
+
+// A temporary whose lock is free has lost its owner. It is marked while the lock is held, so that it cannot
+// be one just made by another process: that one looks for the mark after it has the lock.
+void RemoveIfOwnerIsDead(const std::string& path) {
+    const Handle file(::CreateFileW(NativePath(path).c_str(), GENERIC_READ | DELETE, kShareAll, nullptr,
+                                    OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    if (!file.Valid() || !LockAsOwner(file.Get())) return;
+    FILE_DISPOSITION_INFO remove{TRUE};
+    ::SetFileInformationByHandle(file.Get(), FileDispositionInfo, &remove, sizeof remove);
+}
+
+void RemoveLeftTemporaries(const std::string& folder) {
+    WIN32_FIND_DATAW entry{};
+    const HANDLE entries = ::FindFirstFileW(NativePath(In(folder, ".*.rqpart")).c_str(), &entry);
+    if (entries == INVALID_HANDLE_VALUE) return;
+    const auto end = std::chrono::steady_clock::now() + kMaxCleaning;
+    do {
+        const std::string name = Utf8Of(entry.cFileName);
+        constexpr DWORD kOther = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
+        if ((entry.dwFileAttributes & kOther) == 0 && IsTemporaryName(name))
+            RemoveIfOwnerIsDead(In(folder, name));
+    } while (std::chrono::steady_clock::now() < end && ::FindNextFileW(entries, &entry));
+    ::FindClose(entries);
+}
+
+bool Identify(const std::string& path, BY_HANDLE_FILE_INFORMATION& facts) {
+    const Handle file(::CreateFileW(NativePath(path).c_str(), 0, kShareAll, nullptr, OPEN_EXISTING,
+                                    FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    return file.Valid() && ::GetFileInformationByHandle(file.Get(), &facts);
+}
+
+}  // namespace
+
+bool IsSameFile(const std::string& first, const std::string& second) {
+    BY_HANDLE_FILE_INFORMATION a{};
+    BY_HANDLE_FILE_INFORMATION b{};
+    return Identify(first, a) && Identify(second, b) && a.dwVolumeSerialNumber == b.dwVolumeSerialNumber &&
+           a.nFileIndexHigh == b.nFileIndexHigh && a.nFileIndexLow == b.nFileIndexLow;
+}
+
+std::optional<PublishFailure> Publication::Fail(PublishProblem problem, std::uint32_t code,
+                                                const std::string& what) {
+    Discard();
+    return PublishFailure{problem, code, what + (code == 0 ? "" : ": " + SystemWords(code))};
+}
+
+std::optional<PublishFailure> Publication::Begin(const std::string& target,
+                                                 const std::vector<std::string>& sources, bool overwrite) {
+    Discard();
+    m_target = target;
+    m_overwrite = overwrite;
+    m_sizeBytes = 0;
+    const auto same = std::find_if(sources.begin(), sources.end(), [&](const std::string& source) {
+        return source == target || IsSameFile(source, target);
+    });
+    if (same != sources.end())
+        return Fail(PublishProblem::kTargetIsSource, 0, target + ": the target is the source " + *same);
+    const DWORD attributes = ::GetFileAttributesW(NativePath(target).c_str());
+    if (attributes != INVALID_FILE_ATTRIBUTES) {
+        if (!overwrite) return Fail(PublishProblem::kTargetExists, 0, target + ": the target exists already");
+        if ((attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)) != 0)
+            return Fail(PublishProblem::kTargetExists, 0,
+                        target + ": the target exists and is no plain file; it is not overwritten");
+    }
+    const std::string folder = FolderOf(target);
+    RemoveLeftTemporaries(folder);
+    return CreateTemporary(folder, CutName(NameOf(target)));
+}
+
+// Without the right to delete: whoever opens the temporary by name need not allow that.
+std::optional<PublishFailure> Publication::CreateTemporary(const std::string& folder, std::string_view name) {
+    const std::string begin = In(folder, "." + std::string(name) + ".");
+    for (int i = 0; i < kMaxAttempts; ++i) {
+        std::string digits;
+        if (!RandomDigits(digits)) break;
+        std::string path = begin;
+        path.append(digits).append(".rqpart");
+        const HANDLE file = ::CreateFileW(NativePath(path).c_str(), GENERIC_READ | GENERIC_WRITE, kShareAll,
+                                          nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+        if (file == INVALID_HANDLE_VALUE) {
+            const DWORD code = ::GetLastError();
+            if (code == ERROR_FILE_EXISTS || code == ERROR_ALREADY_EXISTS) continue;
+            return Fail(PublishProblem::kCreate, code,
+                        folder + ": no file can be made in the target's folder");
+        }
+        // A cleaner may have had the lock between these calls, and then removes the name.
+        const bool isLocked = LockAsOwner(file) || ::GetLastError() != ERROR_LOCK_VIOLATION;
+        if (isLocked && !IsBeingDeleted(file)) {
+            m_handle = reinterpret_cast<std::intptr_t>(file);
+            m_temporary = path;
+            return std::nullopt;
+        }
+        ::CloseHandle(file);
+    }
+    return Fail(PublishProblem::kCreate, 0,
+                folder + ": no temporary file could be kept in the target's folder");
+}
+
+std::uint32_t Publication::WriteAt(std::uint64_t offset_bytes, const void* bytes, std::size_t count) {
+    constexpr std::size_t kMost_bytes = 1u << 30;
+    const auto* from = static_cast<const char*>(bytes);
+    while (count > 0) {
+        OVERLAPPED at{};
+        at.Offset = static_cast<DWORD>(offset_bytes);
+        at.OffsetHigh = static_cast<DWORD>(offset_bytes >> 32);
+        DWORD n = 0;
+        const auto part = static_cast<DWORD>(std::min(count, kMost_bytes));
+        if (!::WriteFile(HandleOf(m_handle), from, part, &n, &at)) return ::GetLastError();
+        if (n == 0) return ERROR_WRITE_FAULT;
+        from += n;
+        offset_bytes += n;
+        count -= n;
+    }
+    if (offset_bytes > m_sizeBytes) m_sizeBytes = offset_bytes;
+    return 0;
+}
+
+std::optional<PublishFailure> Publication::Publish(const Check& check) {
+    if (m_temporary.empty()) return Fail(PublishProblem::kWrite, 0, m_target + ": nothing was begun");
+    if (!::FlushFileBuffers(HandleOf(m_handle)))
+        return Fail(PublishProblem::kWrite, ::GetLastError(),
+                    m_target + ": the file cannot be written to the disk");
+    if (!check(m_temporary))
+        return Fail(PublishProblem::kCheck, 0, m_target + ": the written file is not as it should be");
+    if (auto failure = Rename()) return failure;
+    m_temporary.clear();
+    Discard();
+    return std::nullopt;
+}
+
+std::optional<PublishFailure> Publication::Rename() {
+    const std::wstring from = NativePath(m_temporary);
+    const std::wstring to = NativePath(m_target);
+    const DWORD flags = MOVEFILE_WRITE_THROUGH | (m_overwrite ? MOVEFILE_REPLACE_EXISTING : 0);
+    DWORD code = 0;
+    for (int i = 0; i < kMaxRenames; ++i) {
+        if (::MoveFileExW(from.c_str(), to.c_str(), flags)) return std::nullopt;
+        code = ::GetLastError();
+        if (code != ERROR_SHARING_VIOLATION && code != ERROR_ACCESS_DENIED) break;
+        ::Sleep(kRenamePause_ms);
+    }
+    if (!m_overwrite && (code == ERROR_ALREADY_EXISTS || code == ERROR_FILE_EXISTS))
+        return Fail(PublishProblem::kTargetExists, 0,
+                    m_target + ": the target has come into being meanwhile");
+    return Fail(PublishProblem::kRename, code, m_target + ": the finished file cannot be given its name");
+}
+
+void Publication::Discard() {
+    // The name goes before the lock does.
+    if (!m_temporary.empty()) ::DeleteFileW(NativePath(m_temporary).c_str());
+    m_temporary.clear();
+    if (m_handle != -1) ::CloseHandle(HandleOf(m_handle));
+    m_handle = -1;
+}
+
+}  // namespace rq::task

@@ -1,0 +1,141 @@
+#include "platform/console.h"
+
+#include <io.h>
+
+#include <cstdio>
+
+#include "platform/win_api.h"
+
+namespace rq::platform {
+
+namespace {
+
+HANDLE HandleOf(StandardStream stream) {
+    switch (stream) {
+        case StandardStream::Input:
+            return ::GetStdHandle(STD_INPUT_HANDLE);
+        case StandardStream::Output:
+            return ::GetStdHandle(STD_OUTPUT_HANDLE);
+        case StandardStream::Errors:
+            break;
+    }
+    return ::GetStdHandle(STD_ERROR_HANDLE);
+}
+
+bool IsConsole(HANDLE handle) {
+    DWORD mode = 0;
+    return handle != nullptr && handle != INVALID_HANDLE_VALUE && ::GetConsoleMode(handle, &mode);
+}
+
+// The text as UTF-16; nothing when it is not UTF-8 (another encoding was forced).
+bool Widen(std::string_view bytes, std::wstring& wide) {
+    const int size = static_cast<int>(bytes.size());
+    const int length = ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, bytes.data(), size, nullptr, 0);
+    if (length <= 0) return false;
+    wide.resize(static_cast<std::size_t>(length));
+    ::MultiByteToWideChar(CP_UTF8, 0, bytes.data(), size, wide.data(), length);
+    return true;
+}
+
+void WriteWide(HANDLE console, std::wstring_view text) {
+    constexpr std::size_t kMost = 8000;  // the system refuses large texts
+    while (!text.empty()) {
+        const auto part = static_cast<DWORD>(text.size() < kMost ? text.size() : kMost);
+        DWORD written = 0;
+        if (!::WriteConsoleW(console, text.data(), part, &written, nullptr) || written == 0) return;
+        text.remove_prefix(written);
+    }
+}
+
+void WriteBytes(HANDLE file, std::string_view bytes) {
+    while (!bytes.empty()) {
+        DWORD written = 0;
+        if (!::WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) ||
+            written == 0)
+            return;
+        bytes.remove_prefix(written);
+    }
+}
+
+// As the streams of this platform write them.
+std::string WithLineEnds(std::string_view text) {
+    std::string out;
+    out.reserve(text.size() + 32);
+    for (const char c : text) {
+        if (c == '\n') out += '\r';
+        out += c;
+    }
+    return out;
+}
+
+// Keeps one call's bytes together.
+class OutputLock {
+  public:
+    OutputLock() { ::AcquireSRWLockExclusive(&s_lock); }
+    ~OutputLock() { ::ReleaseSRWLockExclusive(&s_lock); }
+    OutputLock(const OutputLock&) = delete;
+    OutputLock& operator=(const OutputLock&) = delete;
+
+  private:
+    static inline SRWLOCK s_lock = SRWLOCK_INIT;  // this room lies below base/sync.h
+};
+
+}  // namespace
+
+bool IsTerminal(StandardStream stream) {
+    return IsConsole(HandleOf(stream));
+}
+
+unsigned TerminalColumns() {
+    CONSOLE_SCREEN_BUFFER_INFO info{};
+    if (!::GetConsoleScreenBufferInfo(HandleOf(StandardStream::Output), &info)) return 80;
+    const int columns = info.srWindow.Right - info.srWindow.Left + 1;
+    return columns > 0 ? static_cast<unsigned>(columns) : 80;
+}
+
+// A console is given UTF-16, made from UTF-8, whatever its code page.
+std::string TerminalEncoding() {
+    return "UTF-8";
+}
+
+void WriteStandardOutput(std::string_view bytes) {
+    const OutputLock lock;
+    std::fflush(stdout);
+    const HANDLE output = HandleOf(StandardStream::Output);
+    if (output == nullptr || output == INVALID_HANDLE_VALUE) return;
+    std::wstring wide;
+    if (IsConsole(output) && Widen(bytes, wide)) {
+        WriteWide(output, wide);
+    } else {
+        WriteBytes(output, WithLineEnds(bytes));
+    }
+}
+
+void PauseForKey() {
+    const HANDLE input = HandleOf(StandardStream::Input);
+    if (!IsConsole(input)) return;
+    WriteStandardOutput("Press any key to continue . . . ");
+    DWORD before = 0;
+    ::GetConsoleMode(input, &before);
+    ::SetConsoleMode(input, before & ~static_cast<DWORD>(ENABLE_LINE_INPUT | ENABLE_ECHO_INPUT));
+    ::FlushConsoleInputBuffer(input);
+    wchar_t key = 0;
+    DWORD got = 0;
+    ::ReadConsoleW(input, &key, 1, &got, nullptr);
+    ::SetConsoleMode(input, before);
+    WriteStandardOutput("\n");
+}
+
+Utf8Console::Utf8Console()
+    : m_before(IsTerminal(StandardStream::Output) || IsTerminal(StandardStream::Errors)
+                   ? ::GetConsoleOutputCP()
+                   : 0) {
+    if (m_before != 0) ::SetConsoleOutputCP(CP_UTF8);
+}
+
+Utf8Console::~Utf8Console() {
+    std::fflush(stdout);
+    if (m_before != 0) ::SetConsoleOutputCP(m_before);
+}
+
+}  // namespace rq::platform

@@ -1,0 +1,75 @@
+#include <gtest/gtest.h>
+
+#include "kit/child.h"
+#include "kit/os.h"
+#include "kit/stage_copy.h"
+#include "platform/start_up.h"
+
+namespace rq::platform {
+namespace {
+
+class CrashOnWindows : public ::testing::Test {
+  protected:
+    // Runs the fixture until it has crashed; its exit code.
+    std::uint32_t CrashBy(const std::string& how) {
+        kit::Child::Options options;
+        options.environment = {{"RQ_CRASH_FOLDER", m_dir.Utf8("转储")}};
+        kit::Child child(kit::ProgramIn(RQ_FIXTURES, "rq_process_fixture"), {"crash", how}, options);
+        const auto status = child.Wait();
+        m_errors = child.Errors();
+        m_dumpName = "rq_process_fixture_" + std::to_string(child.Id()) + ".dmp";
+        return status ? static_cast<std::uint32_t>(status->code) : 0;
+    }
+    void ExpectADump() {
+        const auto dumps = kit::FindFiles(m_dir.Path(), m_dumpName);
+        ASSERT_EQ(dumps.size(), 1u) << m_errors;
+        EXPECT_EQ(kit::ReadBytes(dumps[0]).substr(0, 4), "MDMP");
+        EXPECT_NE(m_errors.find("RQWorkerU: a dump is in " + m_dir.Utf8("转储")), std::string::npos)
+            << m_errors;
+    }
+
+    kit::TempDir m_dir;
+    std::string m_errors;
+    std::string m_dumpName;
+};
+
+TEST_F(CrashOnWindows, ABadPointer) {
+    EXPECT_EQ(CrashBy("segv"), 0xC0000005u);
+    EXPECT_EQ(
+        m_errors.find(
+            "RQWorkerU: crashed with EXCEPTION_ACCESS_VIOLATION 0xC0000005 at rq_process_fixture.exe+0x"),
+        0u)
+        << m_errors;
+    EXPECT_TRUE(m_errors.ends_with("\nhook\n")) << m_errors;
+    ExpectADump();
+}
+
+TEST_F(CrashOnWindows, AnExceptionOfAnyOtherKind) {
+    EXPECT_EQ(CrashBy("0xE0001234"), 0xE0001234u);
+    EXPECT_EQ(m_errors.find("RQWorkerU: crashed with an exception 0xE0001234 at "), 0u) << m_errors;
+    ExpectADump();
+}
+
+TEST_F(CrashOnWindows, AStackThatIsUsedUp) {
+    if (kit::IsWine()) GTEST_SKIP() << "Wine ends a thread whose stack is used up without any handler";
+    EXPECT_EQ(CrashBy("stack"), 0xC00000FDu);
+    EXPECT_EQ(m_errors.find("RQWorkerU: crashed with EXCEPTION_STACK_OVERFLOW"), 0u) << m_errors;
+}
+
+TEST_F(CrashOnWindows, AnExceptionThatNobodyCatches) {
+    EXPECT_EQ(CrashBy("throw"), 3u);
+    EXPECT_NE(m_errors.find("nobody catches this"), std::string::npos) << m_errors;
+    EXPECT_NE(m_errors.find("RQWorkerU: crashed with SIGABRT\n"), std::string::npos) << m_errors;
+    ExpectADump();
+}
+
+TEST_F(CrashOnWindows, AWantedAbortSaysNothing) {
+    EXPECT_EQ(CrashBy("abort"), 3u);
+    EXPECT_NE(m_errors, "");
+    EXPECT_EQ(CrashBy("silent"), 3u);
+    EXPECT_EQ(m_errors, "");
+    EXPECT_TRUE(kit::FindFiles(m_dir.Path(), m_dumpName).empty());
+}
+
+}  // namespace
+}  // namespace rq::platform

@@ -1,0 +1,55 @@
+// What jobs and handles have to do with child processes.
+#include <gtest/gtest.h>
+
+#include "base/paths.h"
+#include "kit/child.h"
+#include "kit/os.h"
+#include "kit/stage_copy.h"
+#include "platform/process.h"
+#include "platform/win_api.h"
+
+namespace rq::platform {
+namespace {
+
+std::filesystem::path Fixture() {
+    return kit::ProgramIn(RQ_FIXTURES, "rq_process_fixture");
+}
+
+TEST(ProcessOnWindows, HandlesStayWithTheParent) {
+    SECURITY_ATTRIBUTES inheritable{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+    // Many, so that the child has none of its own under the last ones' numbers.
+    std::vector<WinHandle> events;
+    for (int i = 0; i < 500; ++i) events.emplace_back(::CreateEventW(&inheritable, TRUE, FALSE, nullptr));
+    std::vector<std::string> arguments{"handles"};
+    for (std::size_t i = 400; i < events.size(); ++i)
+        arguments.push_back(std::to_string(reinterpret_cast<std::uintptr_t>(events[i].Get())));
+    kit::Child child(Fixture(), arguments);
+    EXPECT_EQ(child.ExitCode(), 0);
+    EXPECT_EQ(child.Output(), "");
+}
+
+TEST(ProcessOnWindows, AChildIsInItsJobFromTheStart) {
+    kit::Child child(Fixture(), {"hang"});
+    const WinHandle process(::OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, static_cast<DWORD>(child.Id())));
+    BOOL isInJob = FALSE;
+    EXPECT_TRUE(::IsProcessInJob(process.Get(), nullptr, &isInJob));
+    EXPECT_TRUE(isInJob);
+}
+
+// A worker that is killed hard, by somebody who knows nothing of its children.
+TEST(ProcessOnWindows, WhatAContainedProcessStartedEndsWithItButNotItsSuccessor) {
+    const kit::TempDir dir;
+    const std::string successor = dir.Utf8("后继.exe");
+    std::filesystem::copy_file(Fixture(), PathFromUtf8(successor));
+    kit::Child worker(Fixture(), {"contain", dir.Utf8("pid"), successor});
+    ASSERT_TRUE(kit::WaitForText(dir.Path() / "pid", "\n"));
+    const std::uint64_t child = std::stoull(kit::ReadBytes(dir.Path() / "pid"));
+    EXPECT_TRUE(ProcessRuns(child));
+    kit::EndProcess(worker.Id());
+    EXPECT_TRUE(kit::WaitUntil([&] { return !ProcessRuns(child); }));
+    EXPECT_TRUE(kit::WaitForText(PathFromUtf8(successor + ".ran"), "\n"));
+    EXPECT_EQ(kit::ReadBytes(PathFromUtf8(successor + ".ran")), "1 1\n");
+}
+
+}  // namespace
+}  // namespace rq::platform

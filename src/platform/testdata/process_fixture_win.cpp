@@ -1,0 +1,101 @@
+#include "process_fixture.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+
+#include "platform/end_request.h"
+#include "platform/environment.h"
+#include "platform/files.h"
+#include "platform/process.h"
+#include "platform/start_up.h"
+#include "platform/win_api.h"
+
+namespace fixture {
+
+namespace {
+
+using namespace rq::platform;
+
+constexpr int kEnded = 15;  // the number of the signal that a request is on Linux
+
+std::unique_ptr<EndRequests> g_requests;
+
+void Hook() noexcept {
+    DWORD written = 0;
+    ::WriteFile(::GetStdHandle(STD_ERROR_HANDLE), "hook\r\n", 6, &written, nullptr);
+}
+
+[[gnu::noinline]] int Overflow(volatile int* depth) {
+    volatile int room[1024] = {};
+    room[0] = *depth + 1;
+    if (room[0] == 0) return 0;  // after more rounds than any stack has room for
+    return room[0] + Overflow(room);
+}
+
+}  // namespace
+
+void PrintHandles(int count, char** numbers) {
+    for (int i = 0; i < count; ++i) {
+        DWORD flags = 0;
+        const auto handle = reinterpret_cast<HANDLE>(std::strtoull(numbers[i], nullptr, 10));
+        if (::GetHandleInformation(handle, &flags)) std::printf("%s\n", numbers[i]);
+    }
+}
+
+void PrintSignals() {}
+
+void PrintEnvironment() {
+    wchar_t* block = ::GetEnvironmentStringsW();
+    for (const wchar_t* at = block; *at != L'\0'; at += wcslen(at) + 1)
+        std::printf("%s\n", Utf8Of(at).c_str());
+    ::FreeEnvironmentStringsW(block);
+}
+
+void IgnoreEndRequests() {
+    g_requests = EndRequests::Listen([] {});
+}
+
+void Hang() {
+    if (!g_requests) g_requests = EndRequests::Listen([] { std::_Exit(kEnded); });
+    ::Sleep(1000 * 1000);
+}
+
+int LeaveGrandchild(const std::string& file) {
+    ProcessSpec spec;
+    spec.program = ModuleFileName();
+    spec.arguments = {"hang"};
+    const auto child = ChildProcess::Start(spec);
+    if (child == nullptr) return 1;
+    return ReplaceWholeFile(file, std::to_string(child->Id()) + "\n", false) ? 0 : 1;
+}
+
+bool IsApart() {
+    BOOL isInJob = TRUE;
+    return ::IsProcessInJob(::GetCurrentProcess(), nullptr, &isInJob) && !isInJob;
+}
+
+void Crash(const std::string& how) {
+    if (const auto folder = GetEnvironment("RQ_CRASH_FOLDER")) SetCrashFolder(*folder);
+    InstallCrashHandler();
+    SetCrashHook(&Hook);
+    if (how == "segv") {
+        volatile int* nowhere = nullptr;
+        *nowhere = 1;
+    } else if (how == "stack") {
+        volatile int depth = 1;
+        std::exit(Overflow(&depth));
+    } else if (how == "throw") {
+        throw std::runtime_error("nobody catches this");
+    } else if (how == "abort") {
+        std::abort();
+    } else if (how == "silent") {
+        SilenceAbort();
+        std::abort();
+    } else {
+        ::RaiseException(static_cast<DWORD>(std::strtoul(how.c_str(), nullptr, 0)), 0, 0, nullptr);
+    }
+}
+
+}  // namespace fixture
