@@ -9,7 +9,7 @@
 #include "base/paths.h"
 #include "base/text.h"
 #include "ctl/md5_task.h"
-#include "platform/console.h"
+#include "ctl/output.h"
 #include "platform/files.h"
 #include "platform/identity.h"
 
@@ -21,10 +21,6 @@ using nlohmann::json;
 
 constexpr std::size_t kNameLimit_bytes = 200;
 constexpr std::chrono::seconds kShutdownLimit(60);
-
-void Print(const std::string& text) {
-    platform::WriteStandardOutput(text);
-}
 
 std::string Dump(const json& document, int indent) {
     return document.dump(indent, ' ', false, json::error_handler_t::replace) + "\n";

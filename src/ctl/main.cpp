@@ -6,7 +6,9 @@
 #include "base/paths.h"
 #include "ctl/commands.h"
 #include "ctl/error_names.h"
+#include "ctl/output.h"
 #include "ctl/replay.h"
+#include "platform/arguments.h"
 #include "platform/console.h"
 #include "platform/environment.h"
 #include "platform/identity.h"
@@ -165,7 +167,7 @@ Outcome<int> RunSubmit(const CLI::App& submit, const CommandLine& line) {
 
 Outcome<int> TellErrorName(const CLI::App& command, const CommandLine& line) {
     if (line.all) {
-        rq::platform::WriteStandardOutput(AllErrorNamesCsv());
+        Print(AllErrorNamesCsv());
         return kExitFinished;
     }
     if (line.code.empty()) return Failure(kExitUsage, "error-name needs a CODE, or --all");
@@ -173,7 +175,7 @@ Outcome<int> TellErrorName(const CLI::App& command, const CommandLine& line) {
     if (!code) return Failure(kExitUsage, code.error().message);
     std::optional<std::uint32_t> family;
     if (command.count("--family") > 0) family = line.family;
-    rq::platform::WriteStandardOutput(ErrorNameText(*code, family));
+    Print(ErrorNameText(*code, family));
     return kExitFinished;
 }
 
@@ -194,15 +196,27 @@ Outcome<int> Run(const CLI::App& app, const CommandLine& line) {
     return Shutdown(**engine);
 }
 
+int Conclude(const Outcome<int>& result) {
+    if (!result) {
+        std::fprintf(stderr, "rqctl: %s\n", result.error().message.c_str());
+        return result.error().exitCode;
+    }
+    if (!IsOutputLost()) return *result;
+    std::fprintf(stderr, "rqctl: standard output cannot be written; the answer is lost\n");
+    return *result == kExitFinished ? static_cast<int>(kExitFailed) : *result;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     rq::platform::OpenStandardStreams();
+    const rq::platform::Utf8Console console;
+    rq::platform::Arguments arguments(argc, argv);
     CLI::App app("Submits, lists, watches and cancels tasks of the local engine.", "rqctl");
     CommandLine line;
     AddCommands(app, line);
     try {
-        app.parse(argc, argv);
+        app.parse(arguments.Count(), arguments.Vector());
     } catch (const CLI::RequiredError& problem) {
         const auto unknown = app.remaining();
         if (unknown.empty()) return app.exit(problem) == 0 ? 0 : kExitUsage;
@@ -213,8 +227,5 @@ int main(int argc, char** argv) {
     }
     std::error_code ignored;
     line.dataFolder = rq::Utf8FromPath(std::filesystem::absolute(rq::PathFromUtf8(line.dataFolder), ignored));
-    const auto result = Run(app, line);
-    if (result) return *result;
-    std::fprintf(stderr, "rqctl: %s\n", result.error().message.c_str());
-    return result.error().exitCode;
+    return Conclude(Run(app, line));
 }

@@ -7,8 +7,8 @@
 #include <boost/asio/write.hpp>
 #include <utility>
 
+#include "ctl/output.h"
 #include "link/codec.h"
-#include "platform/console.h"
 #include "platform/files.h"
 
 namespace rq::ctl {
@@ -22,10 +22,6 @@ using asio::ip::tcp;
 bool IsCounted(std::uint32_t id) {
     if (id == link::kByeId) return true;
     return id >= TCP_WORKER_HEARTBEAT_ID && id != TCP_WORKER_HEARTBEAT_ID && id != TCP_WORKER_PROGRESS_ID;
-}
-
-void Print(const std::string& text) {
-    platform::WriteStandardOutput(text);
 }
 
 // The one worker's connection. Everything runs inside Run.

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "ctl/md5_output.h"
+#include "ctl/output.h"
 #include "ctl/progress_line.h"
 #include "ctl/transcode_output.h"
 #include "platform/console.h"
@@ -100,7 +101,7 @@ class Display {
 
 int Conclude(const json& task, const std::string& id) {
     const Md5Report report = ReportMd5(task.value("result", json()));
-    platform::WriteStandardOutput(report.text + ReportTranscode(task.value("result", json())));
+    Print(report.text + ReportTranscode(task.value("result", json())));
     for (const auto& problem : report.problems) std::fprintf(stderr, "rqctl: %s\n", problem.c_str());
     const std::string state = task.value("state", "");
     if (state == "finished") return report.problems.empty() ? kExitFinished : kExitFailed;

@@ -14,9 +14,10 @@ unsigned TerminalColumns();
 // The terminal's encoding as a name ("UTF-8", "GBK", ...), from the locale (LC_ALL, LC_CTYPE, LANG; "C"
 // counts as UTF-8). On Windows always UTF-8: a console there is written to in UTF-16.
 std::string TerminalEncoding();
-// Writes to standard output and flushes; errors are ignored. On Windows "\n" becomes "\r\n" in a file or
-// pipe, as with stdio there, and a console gets UTF-8 bytes as characters.
-void WriteStandardOutput(std::string_view bytes);
+// Writes to standard output and flushes; false when not everything could be written (a full disk, a closed
+// pipe). On Windows "\n" becomes "\r\n" in a file or pipe, as with stdio there, and a console gets UTF-8
+// bytes as characters.
+bool WriteStandardOutput(std::string_view bytes);
 // Waits for a key when standard input is a terminal; returns at once otherwise.
 void PauseForKey();
 

@@ -125,14 +125,16 @@ std::string TerminalEncoding() {
     return name.empty() ? "UTF-8" : CanonicalEncoding(name);
 }
 
-void WriteStandardOutput(std::string_view bytes) {
+bool WriteStandardOutput(std::string_view bytes) {
     // The stream's own lock keeps one call's bytes together and in order with what stdio has buffered.
     ::flockfile(stdout);
+    bool isWhole = false;
     {
         const HoldSigpipe hold;
-        if (std::fflush(stdout) == 0) WriteAll(STDOUT_FILENO, bytes);
+        isWhole = std::fflush(stdout) == 0 && WriteAll(STDOUT_FILENO, bytes);
     }
     ::funlockfile(stdout);
+    return isWhole;
 }
 
 void PauseForKey() {

@@ -37,24 +37,26 @@ bool Widen(std::string_view bytes, std::wstring& wide) {
     return true;
 }
 
-void WriteWide(HANDLE console, std::wstring_view text) {
+bool WriteWide(HANDLE console, std::wstring_view text) {
     constexpr std::size_t kMost = 8000;  // the system refuses large texts
     while (!text.empty()) {
         const auto part = static_cast<DWORD>(text.size() < kMost ? text.size() : kMost);
         DWORD written = 0;
-        if (!::WriteConsoleW(console, text.data(), part, &written, nullptr) || written == 0) return;
+        if (!::WriteConsoleW(console, text.data(), part, &written, nullptr) || written == 0) return false;
         text.remove_prefix(written);
     }
+    return true;
 }
 
-void WriteBytes(HANDLE file, std::string_view bytes) {
+bool WriteBytes(HANDLE file, std::string_view bytes) {
     while (!bytes.empty()) {
         DWORD written = 0;
         if (!::WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) ||
             written == 0)
-            return;
+            return false;
         bytes.remove_prefix(written);
     }
+    return true;
 }
 
 // As the streams of this platform write them.
@@ -98,17 +100,14 @@ std::string TerminalEncoding() {
     return "UTF-8";
 }
 
-void WriteStandardOutput(std::string_view bytes) {
+bool WriteStandardOutput(std::string_view bytes) {
     const OutputLock lock;
-    std::fflush(stdout);
+    if (std::fflush(stdout) != 0) return false;
     const HANDLE output = HandleOf(StandardStream::Output);
-    if (output == nullptr || output == INVALID_HANDLE_VALUE) return;
+    if (output == nullptr || output == INVALID_HANDLE_VALUE) return false;
     std::wstring wide;
-    if (IsConsole(output) && Widen(bytes, wide)) {
-        WriteWide(output, wide);
-    } else {
-        WriteBytes(output, WithLineEnds(bytes));
-    }
+    if (IsConsole(output) && Widen(bytes, wide)) return WriteWide(output, wide);
+    return WriteBytes(output, WithLineEnds(bytes));
 }
 
 void PauseForKey() {
