@@ -9,6 +9,7 @@ namespace rq::transcode {
 namespace {
 
 constexpr std::size_t kMostHeld_packets = 64;
+constexpr std::int64_t kRounding_us = 1;
 
 // Facts about the stream that do not stand in its parameters, as the rotation of a picture.
 bool CopySideData(const AVStream& from, AVStream& to) {
@@ -58,10 +59,9 @@ Problem CopyTrack::Take(AVPacket* packet) {
                              "a packet is cut short or damaged");
     if (packet->pts == AV_NOPTS_VALUE && !IsVideo()) packet->pts = packet->dts;
     const AVRational base = m_from.time_base;
-    const std::int64_t half_us = 1;
     if (packet->pts != AV_NOPTS_VALUE) {
         const std::int64_t time_us = TargetTimeUs(packet->pts, base);
-        if (time_us < -m_cut.runIn_us - half_us && !IsVideo()) return std::nullopt;
+        if (time_us < -m_cut.runIn_us - kRounding_us && !IsVideo()) return std::nullopt;
         Reach(time_us + ToMicroseconds(packet->duration, base));
         m_watch.At(ReachedUs() - m_lagUs);
     }

@@ -50,4 +50,11 @@ struct Failure {
 
 using Problem = std::optional<Failure>;
 
+inline Problem FailureOf(std::int32_t errorCode, Detail detail, const std::string& words) {
+    return Failure{errorCode, detail, words};
+}
+
+// "12.48 s".
+std::string SecondsWords(std::int64_t time_us);
+
 }  // namespace rq::transcode

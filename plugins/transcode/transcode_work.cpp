@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
-#include <cstdio>
 
 #include "av_log.h"
 #include "plugin_common/codes.h"
@@ -14,20 +12,8 @@ namespace {
 // Looking at a source for the analysis ends after this; the work looks again, without such a limit.
 constexpr std::chrono::seconds kMaxLook{10};
 
-constexpr std::int64_t kLongestRunIn_us = 200'000;
-// Sound may come this much before the pictures of its time.
-constexpr std::int64_t kVideoWait_us = 10'000'000;
+// What an encoder's look ahead may keep the video behind the audio.
 constexpr std::int64_t kAudioLag_us = 10'000'000;
-
-std::string Seconds(std::int64_t time_us) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.2f s", static_cast<double>(time_us) * 1e-6);
-    return text;
-}
-
-Problem FailureOf(std::int32_t errorCode, Detail detail, const std::string& words) {
-    return Failure{errorCode, detail, words};
-}
 
 std::uint32_t Clamped(std::int64_t value) {
     return static_cast<std::uint32_t>(std::clamp<std::int64_t>(value, 0, UINT32_MAX));
@@ -148,119 +134,12 @@ Problem TranscodeWork::MakeTracks() {
     return std::nullopt;
 }
 
-// Sound often begins a little before the pictures, with what its decoder needs to run in. Time counts from
-// the first picture then, so that the pictures lie on the target's grid.
-std::int64_t TranscodeWork::FirstPictureUs() const {
-    if (m_source.Video() == nullptr) return 0;
-    const std::int64_t late_us = m_source.LateUs(m_source.Video());
-    return late_us < av_rescale_q(1, av_inv_q(m_source.FrameRate()), kMicroseconds) ? late_us : 0;
-}
-
-Problem TranscodeWork::MakeCut() {
-    const std::int64_t sourceLength_us = m_source.LengthUs();
-    if (sourceLength_us >= 0 && m_task.in_us >= sourceLength_us && m_task.in_us > 0)
-        return FailureOf(task::kErrorProcessing, Detail::kInPoint,
-                         m_task.source + ": the in point lies at " + Seconds(m_task.in_us) +
-                             ", but the source ends at " + Seconds(sourceLength_us));
-    // In and out points mean the picture next to them.
-    const AVRational rate = m_source.FrameRate();
-    const auto atPicture = [&](std::int64_t time_us) {
-        if (m_source.Video() == nullptr) return time_us;
-        const auto picture = std::llround(static_cast<double>(time_us) * 1e-6 * av_q2d(rate));
-        return av_rescale_q(picture, av_inv_q(rate), kMicroseconds);
-    };
-    const std::int64_t in_us = atPicture(m_task.in_us);
-    const std::int64_t origin_us = m_source.StartUs() + FirstPictureUs();
-    if (Problem problem = CheckStreams(in_us)) return problem;
-    Cut cut;
-    cut.base_us = origin_us + in_us;
-    if (in_us == 0) cut.runIn_us = kLongestRunIn_us;
-    if (Problem problem = m_source.SeekBefore(cut.base_us - m_source.StartUs())) return problem;
-    if (m_source.Video() != nullptr && m_task.video.handling == Handling::kCopy && in_us > 0)
-        if (Problem problem = FindCopyBase(cut)) return problem;
-    const std::int64_t begin_us = cut.base_us - m_source.StartUs();
-    if (m_task.out_us) {
-        const std::int64_t one_us =
-            m_source.Video() == nullptr ? 1 : av_rescale_q(1, av_inv_q(rate), kMicroseconds);
-        cut.length_us = std::max(one_us, atPicture(*m_task.out_us) + origin_us - cut.base_us);
-    }
-    m_lengthUs = sourceLength_us < 0 ? -1 : sourceLength_us - begin_us;
-    if (cut.length_us) m_lengthUs = m_lengthUs < 0 ? *cut.length_us : std::min(m_lengthUs, *cut.length_us);
-    for (Track* track : {m_video.get(), m_audio.get()}) {
-        if (track != nullptr) track->SetCut(cut);
-    }
-    BeginProgress();
-    return std::nullopt;
-}
-
 // The progress counts at the rate that the worker makes the speed of, also without pictures. It follows the
 // video, and where that has ended, the audio: until then an encoder's look ahead keeps the video this much
 // behind.
 void TranscodeWork::BeginProgress() {
     m_watch.Begin(m_lengthUs, m_record.Units_per_s());
     if (m_video && m_audio) m_audio->LeadBehind(kAudioLag_us);
-}
-
-Problem TranscodeWork::NothingInCut(const AVStream& stream, const std::string& reason) const {
-    const bool isVideo = stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
-    return FailureOf(task::kErrorProcessing, Detail::kInPoint,
-                     m_task.source + ": no " + (isVideo ? "video" : "audio") + " lies between " +
-                         Seconds(m_task.in_us) + " and " +
-                         (m_task.out_us ? Seconds(*m_task.out_us) : "the end") + reason);
-}
-
-// Finds a stream that has nothing between in and out point before the work, where the source tells it.
-Problem TranscodeWork::CheckStreams(std::int64_t in_us) const {
-    for (const AVStream* stream : {m_source.Video(), m_source.Audio()}) {
-        if (stream == nullptr) continue;
-        const std::int64_t end_us = m_source.LengthUs(stream);
-        if (in_us > 0 && end_us >= 0 && end_us <= in_us)
-            return NothingInCut(*stream, "; it ends at " + Seconds(end_us));
-        const std::int64_t first_us = m_source.LateUs(stream);
-        if (m_task.out_us && first_us >= *m_task.out_us)
-            return NothingInCut(*stream, "; it begins at " + Seconds(first_us));
-    }
-    return std::nullopt;
-}
-
-// A copy begins with the last picture at or before the in point that stands alone; the target's time begins
-// there, so that copied and encoded streams stay together.
-Problem TranscodeWork::FindCopyBase(Cut& cut) {
-    const AVStream* video = m_source.Video();
-    const std::int64_t in_us = cut.base_us;
-    std::optional<std::int64_t> found_us;
-    std::size_t keptFrom = 0;
-    std::int64_t videoEnd_us = INT64_MIN;
-    for (;;) {
-        Packet packet(av_packet_alloc());
-        if (!packet) return FailureOf(task::kErrorProcessing, Detail::kNoMemory, "not enough memory");
-        const int code = m_source.Read(packet.get());
-        if (code < 0) break;
-        const AVRational base = m_source.Format()->streams[packet->stream_index]->time_base;
-        const bool isVideo = packet->stream_index == video->index;
-        const bool hasTime = isVideo && packet->pts != AV_NOPTS_VALUE;
-        const std::int64_t time_us = hasTime ? ToMicroseconds(packet->pts, base) : 0;
-        if (hasTime)
-            videoEnd_us = std::max(
-                videoEnd_us, time_us + std::max<std::int64_t>(1, ToMicroseconds(packet->duration, base)));
-        if (hasTime && (packet->flags & AV_PKT_FLAG_KEY) != 0 && (!found_us || time_us <= in_us + 1)) {
-            found_us = time_us;
-            keptFrom = m_read.size();
-        }
-        const bool isBehind = packet->dts != AV_NOPTS_VALUE &&
-                              ToMicroseconds(packet->dts, base) > in_us + (isVideo ? 0 : kVideoWait_us);
-        m_read.push_back(std::move(packet));
-        if (isBehind && (found_us || !isVideo)) break;
-    }
-    if (videoEnd_us <= in_us && !m_watch.Stopped()) return NothingInCut(*video, "");
-    // Pictures before that one are not wanted; sound is sorted out by its times.
-    std::size_t index = 0;
-    std::deque<Packet> kept;
-    for (Packet& packet : m_read)
-        if (index++ >= keptFrom || packet->stream_index != video->index) kept.push_back(std::move(packet));
-    m_read.swap(kept);
-    if (found_us) cut.base_us = *found_us;
-    return std::nullopt;
 }
 
 bool TranscodeWork::AllDone() const {
@@ -288,8 +167,8 @@ Problem TranscodeWork::Pump() {
             m_atEnd = true;
             if (m_task.ignoreDamage) return std::nullopt;
             return FailureOf(task::kErrorSourceDamaged, Detail::kSourceRead,
-                             m_task.source + ": reading fails after " + Seconds(m_target.EndUs()) + ": " +
-                                 AvWordsWithLog(code));
+                             m_task.source + ": reading fails after " + SecondsWords(m_target.EndUs()) +
+                                 ": " + AvWordsWithLog(code));
         }
         Problem problem = TakePacket(packet.get());
         av_packet_unref(packet.get());
@@ -314,8 +193,8 @@ Problem TranscodeWork::CheckJumps() const {
         return std::nullopt;
     return FailureOf(task::kErrorSourceDamaged, Detail::kSourceRead,
                      m_task.source + ": the source has nothing between " +
-                         Seconds(jumps->JumpFromUs() - m_source.StartUs()) + " and " +
-                         Seconds(jumps->JumpToUs() - m_source.StartUs()) +
+                         SecondsWords(jumps->JumpFromUs() - m_source.StartUs()) + " and " +
+                         SecondsWords(jumps->JumpToUs() - m_source.StartUs()) +
                          "; gaps of more than 600 s are not filled");
 }
 
@@ -331,8 +210,8 @@ void TranscodeWork::LogRemarks() const {
     m_host.Log(plugin::Level::kWarning,
                "transcode: " + m_task.source +
                    ": the time stamps jump, times: " + std::to_string(jumps->Jumps()) +
-                   ", the last time from " + Seconds(jumps->JumpFromUs() - m_source.StartUs()) + " to " +
-                   Seconds(jumps->JumpToUs() - m_source.StartUs()) + "; what follows is joined on");
+                   ", the last time from " + SecondsWords(jumps->JumpFromUs() - m_source.StartUs()) + " to " +
+                   SecondsWords(jumps->JumpToUs() - m_source.StartUs()) + "; what follows is joined on");
 }
 
 // A file that was cut off ends before the length that stands in its head.
@@ -349,8 +228,8 @@ Problem TranscodeWork::CheckEnd() const {
     const std::string line = AvLog::TakeError();
     return FailureOf(task::kErrorSourceDamaged, Detail::kSourceRead,
                      m_task.source + ": the source is cut short: it tells a length of " +
-                         Seconds(m_source.LengthUs()) + ", but ends after " +
-                         Seconds(before_us + reached_us) + (line.empty() ? "" : " (" + line + ")"));
+                         SecondsWords(m_source.LengthUs()) + ", but ends after " +
+                         SecondsWords(before_us + reached_us) + (line.empty() ? "" : " (" + line + ")"));
 }
 
 Problem TranscodeWork::FinishTracks() {
@@ -426,7 +305,7 @@ Problem TranscodeWork::Publish() {
     const std::int64_t frames = m_video ? m_target.Packets(m_video->To()) : 0;
     const std::int64_t audio_us = m_audio ? m_target.EndUs(m_audio->To()) : 0;
     m_host.Log(plugin::Level::kInformation, "transcode: " + m_task.target + ": " + std::to_string(frames) +
-                                                " frames, " + Seconds(m_target.EndUs()) + ", " +
+                                                " frames, " + SecondsWords(m_target.EndUs()) + ", " +
                                                 std::to_string(format.size_bytes) + " bytes");
     m_record.Publish(Clamped(frames), Clamped(audio_us / 1000), std::move(format));
     return std::nullopt;
@@ -471,8 +350,8 @@ plugin::Outcome TranscodeWork::Conclude(const Problem& problem) {
 
 plugin::Outcome TranscodeWork::ConcludeEarly() {
     std::string text = "ended early: nothing is written";
-    if (m_isPublished) text = "ended early: " + Seconds(m_target.EndUs()) + " written";
-    if (m_isPublished && m_lengthUs > 0) text += " of " + Seconds(m_lengthUs);
+    if (m_isPublished) text = "ended early: " + SecondsWords(m_target.EndUs()) + " written";
+    if (m_isPublished && m_lengthUs > 0) text += " of " + SecondsWords(m_lengthUs);
     m_record.SetFurtherText(text);
     return plugin::Outcome::kFinished;
 }
