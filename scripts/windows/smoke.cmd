@@ -25,5 +25,6 @@ if errorlevel 1 (
     echo smoke: what was written is in "%work%"
     exit /b 1
 )
+rmdir /s /q "%work%"
 echo smoke: OK: the MD5 is %expected%, as expected.
 exit /b 0
