@@ -3,19 +3,27 @@
 #include "md5_task.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
-
-#include <filesystem>
-#include <fstream>
 #include <sstream>
+
+#include "base/paths.h"
+#include "kit/child.h"
+#include "kit/os.h"
 
 namespace rq::md5 {
 namespace {
 
+// The text with absolute paths as this system has them.
+std::string ForThisSystem(std::string text) {
+    const std::string root = kit::RootName();
+    for (std::size_t at = text.find("<Path>/"); at != std::string::npos; at = text.find("<Path>/", at + 1))
+        text.insert(at + 6, root);
+    return text;
+}
+
 std::string ErrorOf(const std::string& text) {
     Md5Task task;
     task::XmlError error;
-    const bool taken = ReadMd5Task(text, task, error);
+    const bool taken = ReadMd5Task(ForThisSystem(text), task, error);
     EXPECT_EQ(taken, error.Text().empty());
     return error.Text();
 }
@@ -23,26 +31,26 @@ std::string ErrorOf(const std::string& text) {
 TEST(Md5TaskText, ReadsFilesInOrder) {
     Md5Task task;
     task::XmlError error;
-    ASSERT_TRUE(
-        ReadMd5Task("<MD5Task><Files><File><Path>/b</Path></File><File><Path>/a  b </Path></File></Files>"
-                    "<ID>x</ID></MD5Task>",
-                    task, error))
+    ASSERT_TRUE(ReadMd5Task(
+        ForThisSystem("<MD5Task><Files><File><Path>/b</Path></File><File><Path>/a  b </Path></File></Files>"
+                      "<ID>x</ID></MD5Task>"),
+        task, error))
         << error.Text();
     EXPECT_EQ(task.id, "x");
     EXPECT_FALSE(task.verify);
     ASSERT_EQ(task.files.size(), 2u);
-    EXPECT_EQ(task.files[0].path, "/b");
-    EXPECT_EQ(task.files[1].path, "/a  b ");
+    EXPECT_EQ(task.files[0].path, kit::RootName() + "/b");
+    EXPECT_EQ(task.files[1].path, kit::RootName() + "/a  b ");
     EXPECT_FALSE(task.files[0].expected);
 }
 
 TEST(Md5TaskText, ReadsExpectedDigests) {
     Md5Task task;
     task::XmlError error;
-    ASSERT_TRUE(
-        ReadMd5Task("<MD5Task><ID>x</ID><Files><File><MD5> 900150983cd24fb0d6963f7d28e17f72\n</MD5>"
-                    "<Path>/b</Path></File></Files></MD5Task>",
-                    task, error))
+    ASSERT_TRUE(ReadMd5Task(
+        ForThisSystem("<MD5Task><ID>x</ID><Files><File><MD5> 900150983cd24fb0d6963f7d28e17f72\n</MD5>"
+                      "<Path>/b</Path></File></Files></MD5Task>"),
+        task, error))
         << error.Text();
     EXPECT_TRUE(task.verify);
     ASSERT_TRUE(task.files[0].expected);
@@ -108,42 +116,35 @@ std::vector<Example> ReadExamples(const std::string& page) {
     return examples;
 }
 
-std::string ReadWhole(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    EXPECT_TRUE(file) << path;
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
 // Whether xmllint finds the text valid against the schema.
 bool SchemaTakes(const std::string& text) {
-    std::string path = (std::filesystem::temp_directory_path() / "md5-example-XXXXXX").string();
-    const int fd = mkstemp(path.data());
-    EXPECT_GE(fd, 0);
-    std::ofstream(path, std::ios::binary) << text;
-    const std::string command = std::string("\"" RQ_XMLLINT "\" --nonet --noout --schema \"") + RQ_TASK_DOCS +
-                                "/md5.xsd\" \"" + path + "\" >/dev/null 2>&1";
-    const int status = std::system(command.c_str());
-    std::filesystem::remove(path);
+    const kit::TempDir dir;
+    const std::string file = Utf8FromPath(dir.Write("example.xml", text));
+    kit::Child xmllint(RQ_XMLLINT, {"--nonet", "--noout", "--schema", RQ_TASK_DOCS "/md5.xsd", file});
     // 0 valid; 3 not valid. Anything else is xmllint's or the schema's own trouble.
-    const int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    EXPECT_TRUE(code == 0 || code == 3) << code;
+    const int code = xmllint.ExitCode();
+    EXPECT_TRUE(code == 0 || code == 3) << code << xmllint.Errors();
     return code == 0;
 }
 
 TEST(Md5Documentation, EveryExampleIsWhatThePageSays) {
-    const std::vector<Example> examples = ReadExamples(ReadWhole(RQ_TASK_DOCS "/md5.md"));
+    const std::vector<Example> examples = ReadExamples(kit::ReadText(RQ_TASK_DOCS "/md5.md"));
     ASSERT_GE(examples.size(), 9u);
     for (const Example& example : examples) {
         EXPECT_EQ(ErrorOf(example.text), example.error) << "block in line " << example.line;
         EXPECT_EQ(example.kind == Kind::kGood, example.error.empty()) << "block in line " << example.line;
-        EXPECT_EQ(SchemaTakes(example.text), example.kind != Kind::kRefused)
-            << "block in line " << example.line;
     }
 }
 
+TEST(Md5Documentation, TheSchemaTakesEveryExampleButTheRefusedOnes) {
+    if (kit::IsWine()) GTEST_SKIP() << "xmllint is a program of the system below Wine";
+    for (const Example& example : ReadExamples(kit::ReadText(RQ_TASK_DOCS "/md5.md")))
+        EXPECT_EQ(SchemaTakes(example.text), example.kind != Kind::kRefused)
+            << "block in line " << example.line;
+}
+
 TEST(Md5Documentation, SchemaAndReaderAgree) {
+    if (kit::IsWine()) GTEST_SKIP() << "xmllint is a program of the system below Wine";
     const std::string file = "<File><Path>/a</Path></File>";
     const auto task = [](const std::string& inner) { return "<MD5Task>" + inner + "</MD5Task>"; };
     const std::string texts[] = {

@@ -3,15 +3,15 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <atomic>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "base/paths.h"
+#include "kit/sparse_file.h"
+#include "kit/temp_dir.h"
 #include "rqworker/plugin.hpp"
 
 extern "C" {
@@ -33,9 +33,6 @@ struct ProgressCall {
 class PluginDriver : public testing::Test {
   protected:
     PluginDriver() {
-        std::string name = (std::filesystem::temp_directory_path() / "plugin-md5-XXXXXX").string();
-        EXPECT_NE(mkdtemp(name.data()), nullptr);
-        m_folder = name;
         m_host.size = sizeof m_host;
         m_host.contractVersion = RQ_CONTRACT_VERSION;
         m_host.context = this;
@@ -49,20 +46,17 @@ class PluginDriver : public testing::Test {
     ~PluginDriver() override {
         RQWorkerRelease();
         RQWorkerDescribe(nullptr);
-        std::filesystem::remove_all(m_folder);
     }
 
-    std::string PathOf(const std::string& name) const { return (m_folder / name).string(); }
+    std::string PathOf(const std::string& name) const { return m_dir.Utf8(name); }
 
     std::string Write(const std::string& name, const std::string& bytes) const {
-        std::ofstream(PathOf(name), std::ios::binary) << bytes;
-        return PathOf(name);
+        return Utf8FromPath(m_dir.Write(name, bytes));
     }
 
     // A file of zeros that takes no room.
     std::string WriteSparse(const std::string& name, std::uintmax_t size_bytes) const {
-        std::ofstream(PathOf(name), std::ios::binary).flush();
-        std::filesystem::resize_file(PathOf(name), size_bytes);
+        kit::MakeSparseFile(PathFromUtf8(PathOf(name)), size_bytes);
         return PathOf(name);
     }
 
@@ -127,7 +121,7 @@ class PluginDriver : public testing::Test {
         EXPECT_EQ(last, total);
     }
 
-    std::filesystem::path m_folder;
+    kit::TempDir m_dir;
     RQHostServices m_host{};
     const RQPluginDescription* m_description = nullptr;
     TaskInfo* m_info = nullptr;

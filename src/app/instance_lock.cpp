@@ -11,7 +11,8 @@ InstanceLock* g_instanceLock = nullptr;
 
 }  // namespace
 
-InstanceLock::InstanceLock(const char* path) : m_file(path) {}
+// In the system's own characters: a narrow path would go through a code page on Windows.
+InstanceLock::InstanceLock(const std::filesystem::path& path) : m_file(path.c_str()) {}
 
 bool InstanceLock::TryLock() {
     if (m_held) return false;

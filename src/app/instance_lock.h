@@ -4,6 +4,7 @@
 #pragma once
 
 #include <boost/interprocess/sync/file_lock.hpp>
+#include <filesystem>
 
 namespace rq {
 
@@ -14,7 +15,7 @@ class InstanceLock {
   public:
     // Opens the file; boost::interprocess::interprocess_exception when it cannot be opened for reading and
     // writing.
-    explicit InstanceLock(const char* path);
+    explicit InstanceLock(const std::filesystem::path& path);
 
     // Takes the lock if nobody has it. Does not wait.
     bool TryLock();

@@ -35,7 +35,7 @@ bool IsLockedElsewhere(const kit::TempDir& dir) {
 TEST(InstanceLock, IsRefusedTheSecondTimeInOneProcess) {
     const kit::TempDir dir;
     dir.Write("worker.uid", "x");
-    InstanceLock lock(dir.Utf8("worker.uid").c_str());
+    InstanceLock lock(dir.Path() / "worker.uid");
     EXPECT_TRUE(lock.TryLock());
     EXPECT_FALSE(lock.TryLock());
     EXPECT_TRUE(IsLockedElsewhere(dir));
@@ -48,7 +48,7 @@ TEST(InstanceLock, LettingGoOfWhatAnotherHoldsThrows) {
     const kit::TempDir dir;
     dir.Write("worker.uid", "x");
     Holder holder(dir);
-    InstanceLock lock(dir.Utf8("worker.uid").c_str());
+    InstanceLock lock(dir.Path() / "worker.uid");
     EXPECT_FALSE(lock.TryLock());
     EXPECT_THROW(lock.Unlock(), interprocess_exception);
     holder.End();
@@ -57,7 +57,7 @@ TEST(InstanceLock, LettingGoOfWhatAnotherHoldsThrows) {
 
 TEST(InstanceLock, AMissingFileThrows) {
     const kit::TempDir dir;
-    EXPECT_THROW(InstanceLock(dir.Utf8("worker.uid").c_str()), interprocess_exception);
+    EXPECT_THROW(InstanceLock(dir.Path() / "worker.uid"), interprocess_exception);
 }
 
 // The process-wide lock opens its file once for the process, so all of its life is told in one test.

@@ -4,11 +4,9 @@
 
 #include "app/start_up.h"
 #include "base/text.h"
-#include "platform/start_up.h"
 
 // Arguments that are not UTF-8 get U+FFFD for what is not.
 int main(int argc, char** argv) {
-    rq::platform::OpenStandardStreams();
     std::vector<rq::WideText> texts;
     for (int i = 0; i < argc; ++i) texts.push_back(rq::WidenUtf8(argv[i]));
     std::vector<wchar_t*> arguments;

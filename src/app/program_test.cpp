@@ -1,11 +1,11 @@
 // The real program of the stage, and a real restart.
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include <algorithm>
 
 #include "base/paths.h"
 #include "kit/child.h"
+#include "kit/os.h"
 #include "kit/stage_copy.h"
 #include "platform/codepage.h"
 
@@ -99,23 +99,23 @@ TEST_F(ProgramTest, ACrashIsToldOnStandardErrorAndEndsTheProcess) {
     kit::Child child = Run({"mc", "<x/>", "1"});
     ASSERT_TRUE(kit::WaitUntil([&] { return child.Output().find("Cmd:") != std::string::npos; }));
     ASSERT_TRUE(kit::WaitUntil([&] { return !kit::FindFiles(m_dir.Path(), "_C.log").empty(); })) << Log();
-    ::kill(static_cast<pid_t>(child.Id()), SIGSEGV);
-    EXPECT_EQ(child.ExitCode(), 1000 + SIGSEGV);
-    EXPECT_EQ(child.Errors().find("RQWorkerU: crashed with SIGSEGV\n"), 0u) << child.Errors();
+    const kit::CrashSigns crash = kit::CrashProcess(child.Id());
+    EXPECT_EQ(child.ExitCode(), 1000 + crash.code);
+    EXPECT_EQ(child.Errors().find("RQWorkerU: crashed with " + crash.name), 0u) << child.Errors();
     EXPECT_NE(Log().find("==>Worker Begin init.."), std::string::npos) << "lost: the log's last lines";
 }
 
 class RestartTest : public ::testing::Test {
   protected:
     RestartTest() {
-        std::filesystem::copy_file(RQ_RESTART_FIXTURE, m_program);
+        std::filesystem::copy_file(PathFromUtf8(RQ_RESTART_FIXTURE), m_program);
         m_options.directory = m_dir.Path();
     }
 
     // Level and text of each line of the program's log.
     std::vector<std::string> Log() const {
         std::vector<std::string> lines;
-        for (const std::string& line : kit::ReadLines(m_dir.Path() / PathFromUtf8("重启 worker.log"))) {
+        for (const std::string& line : kit::ReadLines(m_dir.Path() / PathFromUtf8(m_name + ".log"))) {
             const auto level = line.find(" [");
             const auto text = line.find("] ", line.find('/'));
             if (level == std::string::npos || text == std::string::npos) return {"not a log line: " + line};
@@ -125,16 +125,18 @@ class RestartTest : public ::testing::Test {
     }
 
     kit::TempDir m_dir;
-    const std::filesystem::path m_program = m_dir.Path() / PathFromUtf8("重启 worker");
+    // "<folder>/重启 worker", with the platform's ending.
+    const std::string m_name = "重启 worker" + Utf8FromPath(PathFromUtf8(RQ_RESTART_FIXTURE).extension());
+    const std::filesystem::path m_program = m_dir.Path() / PathFromUtf8(m_name);
     kit::Child::Options m_options;
 };
 
 TEST_F(RestartTest, StartsACopyWithoutArgumentsAndAborts) {
     m_dir.Write("worker.uid", "x");
     kit::Child child(m_program, {"time-out"}, m_options);
-    EXPECT_EQ(child.ExitCode(), 1000 + SIGABRT);
+    EXPECT_EQ(child.ExitCode(), kit::Codes().abortExit);
     EXPECT_EQ(child.Errors(), "") << "a wanted abort says nothing";
-    EXPECT_TRUE(kit::WaitForText(m_dir.Path() / PathFromUtf8("重启 worker.ran"), "1\n"));
+    EXPECT_TRUE(kit::WaitForText(m_dir.Path() / PathFromUtf8(m_name + ".ran"), "1\n"));
     EXPECT_EQ(Log(), (std::vector<std::string>{"1 before", "3 patrol timeout, will restart worker .",
                                                "3 will abort this worker..."}));
 }
@@ -145,17 +147,17 @@ TEST_F(RestartTest, ALockHeldElsewhereEndsTheProcessByTheException) {
     kit::Child holder(PathFromUtf8(RQ_LOCK_FIXTURE), {Utf8FromPath(file)});
     ASSERT_TRUE(kit::WaitForText(holder.OutputFile(), "locked"));
     kit::Child child(m_program, {"time-out"}, m_options);
-    EXPECT_EQ(child.ExitCode(), 1000 + SIGABRT);
+    EXPECT_EQ(child.ExitCode(), kit::Codes().abortExit);
     EXPECT_NE(child.Errors().find("crashed with SIGABRT"), std::string::npos) << child.Errors();
-    EXPECT_FALSE(std::filesystem::exists(m_dir.Path() / PathFromUtf8("重启 worker.ran")));
+    EXPECT_FALSE(std::filesystem::exists(m_dir.Path() / PathFromUtf8(m_name + ".ran")));
     EXPECT_EQ(Log(), (std::vector<std::string>{"1 before"}));
 }
 
 TEST_F(RestartTest, WithoutTheLockFileTheExceptionEndsTheProcess) {
     kit::Child child(m_program, {"time-out"}, m_options);
-    EXPECT_EQ(child.ExitCode(), 1000 + SIGABRT);
+    EXPECT_EQ(child.ExitCode(), kit::Codes().abortExit);
     EXPECT_NE(child.Errors().find("crashed with SIGABRT"), std::string::npos) << child.Errors();
-    EXPECT_FALSE(std::filesystem::exists(m_dir.Path() / PathFromUtf8("重启 worker.ran")));
+    EXPECT_FALSE(std::filesystem::exists(m_dir.Path() / PathFromUtf8(m_name + ".ran")));
 }
 
 }  // namespace

@@ -145,6 +145,8 @@ int StartUp(int argc, wchar_t* const argv[], const StartUpSeams& seams) {
 }  // namespace rq
 
 int wmain(int argc, wchar_t* argv[]) {
+    rq::platform::OpenStandardStreams();
+    rq::platform::ContainChildren();  // where it is refused, a killed worker's children outlive it
     const int code = rq::StartUp(argc, argv, rq::StartUpSeams::Real());
     KWOVL_UTILITY::OVLFlushLog();
     return code;

@@ -15,7 +15,7 @@
 
 // The process entry: the exit code is 1 when the module handle or MFC is not to be had, 0 in every other
 // case, whatever came of the run.
-int wmain(int argc, wchar_t* argv[]);
+extern "C" int wmain(int argc, wchar_t* argv[]);
 
 namespace rq {
 

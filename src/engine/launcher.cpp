@@ -1,6 +1,7 @@
 #include "engine/launcher.h"
 
 #include <boost/asio/post.hpp>
+#include <cstdio>
 #include <filesystem>
 
 #include "base/paths.h"
@@ -46,6 +47,12 @@ std::string TypeArgument(std::int32_t type) {
 }  // namespace
 
 std::string ExitText(const WorkerExit& exit) {
+    // A negative number is no signal: an unhandled exception or a kill on Windows, known by its code.
+    if (exit.signalled && exit.code < 0) {
+        char code[16];
+        std::snprintf(code, sizeof code, "0x%08X", static_cast<unsigned>(exit.code));
+        return std::string("worker ended by ") + code;
+    }
     return (exit.signalled ? "worker ended by signal " : "worker ended with exit code ") +
            std::to_string(exit.code);
 }

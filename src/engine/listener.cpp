@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "platform/listening.h"
+
 namespace rq::engine {
 
 namespace {
@@ -22,7 +24,8 @@ Result<void> Listener::Listen(std::uint16_t port) {
     const tcp::endpoint endpoint(boost::asio::ip::address_v4::loopback(), port);
     boost::system::error_code error;
     m_acceptor.open(endpoint.protocol(), error);
-    if (!error) m_acceptor.set_option(tcp::acceptor::reuse_address(true), error);
+    if (!error && !platform::PrepareListening(static_cast<std::uintptr_t>(m_acceptor.native_handle())))
+        return Fail("cannot listen: the system refuses to prepare a socket");
     if (!error) m_acceptor.bind(endpoint, error);
     if (!error) m_acceptor.listen(boost::asio::socket_base::max_listen_connections, error);
     if (!error) m_port = m_acceptor.local_endpoint(error).port();

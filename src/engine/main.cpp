@@ -1,16 +1,20 @@
 // rqengine: the command line of the engine.
 #include <CLI/CLI.hpp>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <thread>
 
 #include "base/paths.h"
 #include "engine/engine.h"
 #include "engine/version.h"
+#include "platform/arguments.h"
 #include "platform/console.h"
+#include "platform/end_request.h"
 #include "platform/environment.h"
 #include "platform/files.h"
 #include "platform/identity.h"
@@ -22,7 +26,8 @@ using rq::engine::Engine;
 using rq::engine::EngineSettings;
 
 std::string Absolute(const std::string& path) {
-    return rq::Utf8FromPath(std::filesystem::absolute(rq::PathFromUtf8(path)).lexically_normal());
+    return rq::Utf8FromPath(
+        std::filesystem::absolute(rq::PathFromUtf8(path)).lexically_normal().make_preferred());
 }
 
 std::string FolderOfProgram() {
@@ -60,21 +65,26 @@ int Complain(const std::string& message) {
     return 1;
 }
 
-// The signals that ask the engine to end. They are caught from construction on, and kept until Serve takes
-// them.
+// The signals and other requests that ask the engine to end. They are caught from construction on, and kept
+// until Serve takes them.
 struct EndSignals {
     boost::asio::io_context context;
     boost::asio::signal_set signals{context, SIGINT, SIGTERM};
+    std::function<void()> onRequest;  // on the thread that runs the context
+    std::unique_ptr<rq::platform::EndRequests> other;
 
     EndSignals() {
 #ifdef SIGHUP
         signals.add(SIGHUP);
 #endif
+        other = rq::platform::EndRequests::Listen(
+            [this] { boost::asio::post(context, [this] { onRequest(); }); });
     }
 };
 
 // The engine runs on a thread of its own; this one waits for a signal that asks it to end.
 int Serve(Engine& engine, EndSignals& end) {
+    end.onRequest = [&engine] { engine.RequestEnd(); };
     end.signals.async_wait([&](const boost::system::error_code& error, int) {
         if (!error) engine.RequestEnd();
     });
@@ -91,12 +101,14 @@ int Serve(Engine& engine, EndSignals& end) {
 
 int main(int argc, char** argv) {
     rq::platform::OpenStandardStreams();
+    const rq::platform::Utf8Console console;
+    rq::platform::Arguments arguments(argc, argv);
     CLI::App app("The local engine: queues tasks, starts a worker for each, keeps what happened.",
                  "rqengine");
     EngineSettings settings;
     AddOptions(app, settings);
     try {
-        app.parse(argc, argv);
+        app.parse(arguments.Count(), arguments.Vector());
     } catch (const CLI::ParseError& problem) {
         const int code = app.exit(problem);
         return code == 0 ? 0 : 2;

@@ -13,17 +13,6 @@ void OpenStandardStreams() {
     }
 }
 
-// The program itself stands for its module.
-void* ModuleHandle() {
-    static char program = 0;
-    return &program;
-}
-
-// There is no MFC to initialise; the contract of the call is kept.
-bool InitialiseMfc(void* moduleHandle) {
-    return moduleHandle != nullptr;
-}
-
 bool ContainChildren() {
     return true;
 }

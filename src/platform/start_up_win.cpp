@@ -4,7 +4,6 @@
 
 #include <cstdio>
 
-#include "platform/mfc_win.h"
 #include "platform/win_api.h"
 
 namespace rq::platform {
@@ -24,14 +23,6 @@ void OpenStandardStreams() {
     OpenWhenClosed(STD_INPUT_HANDLE, stdin, L"r");
     OpenWhenClosed(STD_OUTPUT_HANDLE, stdout, L"w");
     OpenWhenClosed(STD_ERROR_HANDLE, stderr, L"w");
-}
-
-void* ModuleHandle() {
-    return ::GetModuleHandleW(nullptr);
-}
-
-bool InitialiseMfc(void* moduleHandle) {
-    return StartMfc(moduleHandle, ::GetCommandLineW());
 }
 
 // The job's only handle is this process's and is never closed: the system closes it when the process is gone.

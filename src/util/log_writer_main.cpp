@@ -6,6 +6,7 @@
 
 #include "base/clock.h"
 #include "base/text.h"
+#include "platform/arguments.h"
 #include "platform/start_up.h"
 #include "util/log_crash.h"
 #include "util/utility.h"
@@ -40,7 +41,10 @@ void WriteEveryForm() {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int count, char** vector) {
+    rq::platform::Arguments arguments(count, vector);
+    const int argc = arguments.Count();
+    char** argv = arguments.Vector();
     if (argc < 3) return 2;
     const std::string mode = argv[1];
     const std::wstring path = rq::WidenUtf8(argv[2]);

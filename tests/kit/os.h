@@ -19,6 +19,7 @@ struct SystemCodes {
     int isFolder = 0;        // opening a folder as a file
     int locked = 0;          // somebody else has the lock
     int notAProgram = 0;     // what StartDetached says of a file that is no program
+    int abortExit = 0;       // Child::ExitCode of a process that aborted
 };
 const SystemCodes& Codes();
 // What the system says about an error number.
@@ -31,11 +32,22 @@ bool IsWine();
 // A library of the system that a program finds by its bare name.
 std::string SystemLibraryName();
 
+// What an absolute path that begins with a slash needs before it: "", or a drive ("C:").
+std::string RootName();
 // Whether nobody but its owner may read, write or enter it.
 bool IsOwnersAlone(const std::filesystem::path& path);
 // Whether a child process would get the open file.
 bool IsInheritable(std::FILE* file);
 // Ends one process at once, and nothing that it started.
 void EndProcess(std::uint64_t id);
+
+// Makes a process crash by a bad access; how it ends then.
+struct CrashSigns {
+    int code = 0;      // platform::ExitStatus::code
+    std::string name;  // in the crash handler's line
+};
+CrashSigns CrashProcess(std::uint64_t id);
+// Whether a death test's status is that of a bad access or a used-up stack.
+bool EndedByFault(int status);
 
 }  // namespace rq::kit

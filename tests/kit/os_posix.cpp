@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <cerrno>
 #include <cstring>
@@ -10,7 +11,7 @@
 namespace rq::kit {
 
 const SystemCodes& Codes() {
-    static const SystemCodes codes{ENOENT, ENOENT, ENOTDIR, EEXIST, EISDIR, EWOULDBLOCK, 5};
+    static const SystemCodes codes{ENOENT, ENOENT, ENOTDIR, EEXIST, EISDIR, EWOULDBLOCK, 5, 1000 + SIGABRT};
     return codes;
 }
 
@@ -30,6 +31,10 @@ std::string SystemLibraryName() {
     return "libc.so.6";
 }
 
+std::string RootName() {
+    return {};
+}
+
 bool IsOwnersAlone(const std::filesystem::path& path) {
     struct stat facts {};
     return ::stat(path.c_str(), &facts) == 0 && (facts.st_mode & 0077) == 0 && (facts.st_mode & 0600) == 0600;
@@ -41,6 +46,15 @@ bool IsInheritable(std::FILE* file) {
 
 void EndProcess(std::uint64_t id) {
     ::kill(static_cast<pid_t>(id), SIGKILL);
+}
+
+CrashSigns CrashProcess(std::uint64_t id) {
+    ::kill(static_cast<pid_t>(id), SIGSEGV);
+    return {SIGSEGV, "SIGSEGV\n"};
+}
+
+bool EndedByFault(int status) {
+    return WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV;
 }
 
 }  // namespace rq::kit

@@ -11,9 +11,9 @@
 namespace rq::kit {
 
 const SystemCodes& Codes() {
-    static const SystemCodes codes{ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND, ERROR_PATH_NOT_FOUND,
-                                   ERROR_FILE_EXISTS,    ERROR_ACCESS_DENIED,  ERROR_LOCK_VIOLATION,
-                                   ERROR_BAD_FORMAT};
+    static const SystemCodes codes{
+        ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND, ERROR_PATH_NOT_FOUND, ERROR_FILE_EXISTS,
+        ERROR_ACCESS_DENIED,  ERROR_LOCK_VIOLATION, ERROR_BAD_FORMAT,     3};
     return codes;
 }
 
@@ -31,6 +31,10 @@ bool IsWine() {
 
 std::string SystemLibraryName() {
     return "version.dll";
+}
+
+std::string RootName() {
+    return "C:";
 }
 
 // Every entry that allows something names the owner, or the system itself, which may do everything anyway.
@@ -64,6 +68,22 @@ bool IsInheritable(std::FILE* file) {
 void EndProcess(std::uint64_t id) {
     const platform::WinHandle process(::OpenProcess(PROCESS_TERMINATE, FALSE, static_cast<DWORD>(id)));
     ::TerminateProcess(process.Get(), platform::kKilledExitCode);
+}
+
+// A thread of its that begins where there is no code.
+CrashSigns CrashProcess(std::uint64_t id) {
+    constexpr DWORD kRights = PROCESS_CREATE_THREAD | PROCESS_QUERY_INFORMATION | PROCESS_VM_OPERATION |
+                              PROCESS_VM_WRITE | PROCESS_VM_READ;
+    const platform::WinHandle process(::OpenProcess(kRights, FALSE, static_cast<DWORD>(id)));
+    auto* const nowhere = reinterpret_cast<LPTHREAD_START_ROUTINE>(std::uintptr_t{0x10});
+    const platform::WinHandle thread(
+        ::CreateRemoteThread(process.Get(), nullptr, 0, nowhere, nullptr, 0, nullptr));
+    return {static_cast<int>(EXCEPTION_ACCESS_VIOLATION), "EXCEPTION_ACCESS_VIOLATION"};
+}
+
+bool EndedByFault(int status) {
+    const auto code = static_cast<DWORD>(status);
+    return code == EXCEPTION_ACCESS_VIOLATION || code == EXCEPTION_STACK_OVERFLOW;
 }
 
 }  // namespace rq::kit

@@ -16,7 +16,8 @@ void ExpectMd5(const fs::path& file) {
     Node node;
     const Outcome outcome = node.Ctl({"submit", "md5", "--watch", Utf8FromPath(file)});
     EXPECT_EQ(outcome.code, 0) << outcome.output << outcome.errors;
-    EXPECT_NE(outcome.output.find(Md5Of(file) + "  " + Utf8FromPath(file) + "\n"), std::string::npos)
+    EXPECT_NE(outcome.output.find(kit::ReferenceMd5(file) + "  " + Utf8FromPath(file) + "\n"),
+              std::string::npos)
         << outcome.output << outcome.errors;
 }
 
@@ -53,8 +54,8 @@ TEST(Md5Tasks, SeveralFilesKeepTheirOrder) {
     Node node;
     const Outcome outcome = node.Ctl({"submit", "md5", "--watch", Utf8FromPath(a), Utf8FromPath(b)});
     EXPECT_EQ(outcome.code, 0) << outcome.errors;
-    const auto first = outcome.output.find(Md5Of(a) + "  " + Utf8FromPath(a));
-    const auto second = outcome.output.find(Md5Of(b) + "  " + Utf8FromPath(b));
+    const auto first = outcome.output.find(kit::ReferenceMd5(a) + "  " + Utf8FromPath(a));
+    const auto second = outcome.output.find(kit::ReferenceMd5(b) + "  " + Utf8FromPath(b));
     ASSERT_NE(first, std::string::npos) << outcome.output;
     ASSERT_NE(second, std::string::npos) << outcome.output;
     EXPECT_LT(first, second);
@@ -80,7 +81,7 @@ TEST(Md5Tasks, RecordHoldsWhatHappened) {
     const auto& entry = record["result"]["files"][0];
     EXPECT_EQ(entry["mode"], "computation");
     EXPECT_EQ(entry["first"], Utf8FromPath(file));
-    EXPECT_EQ(entry["computed_md5"], Md5Of(file));
+    EXPECT_EQ(entry["computed_md5"], kit::ReferenceMd5(file));
     EXPECT_EQ(entry["verification"], "not-compared");
 }
 
@@ -146,7 +147,7 @@ TEST(Md5Tasks, VerificationTellsEqualFromDifferent) {
         return "<MD5Task><ID>v</ID><Files><File><Path>" + Utf8FromPath(file) + "</Path><MD5>" + md5 +
                "</MD5></File></Files></MD5Task>";
     };
-    const auto good = node.WaitForEnd(node.SubmitText("mv", Text(Md5Of(file))));
+    const auto good = node.WaitForEnd(node.SubmitText("mv", Text(kit::ReferenceMd5(file))));
     EXPECT_EQ(good["state"], "finished");
     EXPECT_EQ(good["result"]["files"][0]["verification"], "equal");
     const auto bad = node.WaitForEnd(node.SubmitText("mv", Text(std::string(32, 'a'))));

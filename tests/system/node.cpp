@@ -7,6 +7,7 @@
 
 #include "base/paths.h"
 #include "base/text.h"
+#include "kit/sparse_file.h"
 
 namespace rq::system_test {
 
@@ -110,7 +111,7 @@ std::string Node::WorkerLog() const {
 
 fs::path MakeSparse(const fs::path& path, std::uintmax_t size) {
     std::ofstream(path, std::ios::binary) << "begins like this";
-    fs::resize_file(path, size);
+    kit::MakeSparseFile(path, size);
     return path;
 }
 

@@ -10,6 +10,7 @@
 
 #include "kit/child.h"
 #include "kit/files.h"
+#include "kit/reference_md5.h"
 #include "kit/stage_copy.h"
 #include "kit/temp_dir.h"
 
@@ -59,8 +60,6 @@ class Node {
     std::unique_ptr<kit::Child> m_engine;
 };
 
-// MD5 of a file as lower-case hexadecimal text, computed here and not by the plug-in.
-std::string Md5Of(const std::filesystem::path& file);
 // A file of `size` bytes; sparse, with a few bytes at its start.
 std::filesystem::path MakeSparse(const std::filesystem::path& path, std::uintmax_t size);
 

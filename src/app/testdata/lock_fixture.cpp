@@ -4,9 +4,13 @@
 #include <cstdio>
 #include <thread>
 
+#include "base/paths.h"
+#include "platform/arguments.h"
+
 int main(int argc, char** argv) {
-    if (argc != 2) return 2;
-    boost::interprocess::file_lock lock(argv[1]);
+    rq::platform::Arguments arguments(argc, argv);
+    if (arguments.Count() != 2) return 2;
+    boost::interprocess::file_lock lock(rq::PathFromUtf8(arguments.Vector()[1]).c_str());
     if (!lock.try_lock()) return 1;
     std::puts("locked");
     std::fflush(stdout);
