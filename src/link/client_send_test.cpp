@@ -264,11 +264,11 @@ TEST(EngineClientSend, ABlockedWriteIsBoundedAndCountsAsALoss) {
     TestClient test(options);
     ASSERT_NE(test.Connect(engine.Port()), kNoSession);
     engine.StopReading();
-    const HeartbeatRecord large{"1.0", std::string(1u << 20, 'g')};
+    const TaskNotice large{"1.0", std::string(1u << 20, 'g'), "T"};
     std::size_t refused = 0;  // the system's own buffers take some first
     const SteadyTime deadline = SystemClock().Steady() + HandlerRecord::kPatience;
     while (test.handler.All().empty() && SystemClock().Steady() < deadline) {
-        if (test.client->SendMessage(test.session, TCP_WORKER_HEARTBEAT_ID, &large)) continue;
+        if (test.client->SendMessage(test.session, TCP_WORKER_SEND_ID, &large)) continue;
         ++refused;
         SystemClock().SleepFor(1ms);
     }

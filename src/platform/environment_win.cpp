@@ -1,6 +1,9 @@
 #include "platform/environment.h"
 #include "platform/win_api.h"
 
+// After the system's own header.
+#include <cstdlib>
+
 namespace rq::platform {
 
 std::optional<std::string> GetEnvironment(const char* name) {
@@ -16,11 +19,14 @@ std::optional<std::string> GetEnvironment(const char* name) {
     }
 }
 
+// The C run-time library has a copy of its own, which a plug-in's getenv reads. It takes no empty value.
 void SetEnvironment(const char* name, const std::string& value) {
+    ::_wputenv((WideOf(name) + L"=" + WideOf(value)).c_str());
     ::SetEnvironmentVariableW(WideOf(name).c_str(), WideOf(value).c_str());
 }
 
 void UnsetEnvironment(const char* name) {
+    ::_wputenv((WideOf(name) + L"=").c_str());
     ::SetEnvironmentVariableW(WideOf(name).c_str(), nullptr);
 }
 

@@ -14,6 +14,7 @@
 
 #include "base/paths.h"
 #include "kit/fake_clock.h"
+#include "kit/os.h"
 #include "plughost/plugin_text.h"
 
 namespace rq {
@@ -205,7 +206,7 @@ TEST_F(HostServicesTest, TemporaryFolderIsPrivateKeptAndRemoved) {
     EXPECT_EQ(first.p, again.p);
     const std::filesystem::path path = PathFromUtf8(PluginTextView(first));
     ASSERT_TRUE(std::filesystem::is_directory(path));
-    EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms::owner_all);
+    EXPECT_TRUE(kit::IsOwnersAlone(path));
     std::filesystem::create_directory(path / "deep");
     std::ofstream(path / "deep" / "file") << "x";
     m_host->End();

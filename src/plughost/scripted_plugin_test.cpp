@@ -241,7 +241,9 @@ TEST_F(ScriptedPlugin, UpdateLeavesTheRecordInUse) {
 TEST_F(ScriptedPlugin, TemporaryFilesGoAtTheEnd) {
     Run("temporary-file 临时.txt");
     const std::string line = Lines().at(0);
-    const std::filesystem::path folder = PathFromUtf8(line.substr(line.find('/')));
+    const std::string before = "temporary folder ";
+    ASSERT_NE(line.find(before), std::string::npos) << line;
+    const std::filesystem::path folder = PathFromUtf8(line.substr(line.find(before) + before.size()));
     EXPECT_TRUE(std::filesystem::exists(folder / PathFromUtf8("临时.txt")));
     m_host.End();
     EXPECT_FALSE(std::filesystem::exists(folder));

@@ -30,7 +30,7 @@ TEST_F(RunnerInitTest, LoadsAndCallsInit) {
     EXPECT_EQ(Init(), 0);
     EXPECT_EQ(heartbeat, 17);
     EXPECT_EQ(second, "10.0.0.2");
-    EXPECT_EQ(m_loadedPath, ModuleDirectory() + L"fake/fake.so");
+    EXPECT_EQ(m_loadedPath, ModuleDirectory() + WidenUtf8(FakePath()));
     EXPECT_THAT(Lines(), ElementsAre(ChangeLine(), "1 m_workerPlugin.pInitFunc begin..",
                                      "1 m_workerPlugin.pInitFunc end.."));
 }
@@ -53,7 +53,7 @@ TEST_F(RunnerInitTest, ParametersOfInitLiveUntilRelease) {
 }
 
 TEST_F(RunnerInitTest, Type23GetsTheNameOfTheParameterFile) {
-    WriteTable("<c><WORKER><TYPE>23</TYPE><PATH>fake/fake.so</PATH></WORKER></c>");
+    WriteTable("<c><WORKER><TYPE>23</TYPE><PATH>" + FakePath() + "</PATH></WORKER></c>");
     std::string text;
     m_plugin.init = [&](const void* parameter) {
         text = static_cast<const char*>(parameter);
@@ -65,7 +65,7 @@ TEST_F(RunnerInitTest, Type23GetsTheNameOfTheParameterFile) {
 }
 
 TEST_F(RunnerInitTest, Type14GetsTheParameters) {
-    WriteTable("<c><WORKER><TYPE>14</TYPE><PATH>fake/fake.so</PATH></WORKER></c>");
+    WriteTable("<c><WORKER><TYPE>14</TYPE><PATH>" + FakePath() + "</PATH></WORKER></c>");
     std::uint32_t size = 0;
     m_plugin.init = [&](const void* parameter) {
         size = static_cast<const RQRunningParameter*>(parameter)->size;
@@ -117,7 +117,7 @@ TEST_F(RunnerInitTest, LibraryThatDoesNotLoad) {
     MakeRunner(std::move(seams));
     EXPECT_EQ(Init(), kStatusFail);
     EXPECT_THAT(Lines(), ElementsAre(ChangeLine(),
-                                     "4 Load worker library failed.File [" + m_dir.Utf8("fake/fake.so") + "]",
+                                     "4 Load worker library failed.File [" + m_dir.Utf8(FakePath()) + "]",
                                      "4 fake.so: nothing there"));
 }
 
@@ -130,7 +130,8 @@ TEST_F(RunnerInitTest, EmptyPathTriesToLoadTheModuleDirectory) {
     const std::vector<std::string> lines = Lines();
     ASSERT_GE(lines.size(), 2u);
     EXPECT_EQ(lines[0], "4 ====> Change Work Path to [" + m_dir.Utf8() + "]");
-    EXPECT_EQ(lines[1], "4 Load worker library failed.File [" + m_dir.Utf8() + "/]");
+    EXPECT_EQ(lines[1], "4 Load worker library failed.File [" + m_dir.Utf8() +
+                            NarrowUtf8(WideText(1, PathSeparator())) + "]");
 }
 
 TEST_F(RunnerInitTest, LibraryWithoutPerform) {

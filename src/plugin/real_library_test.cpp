@@ -20,7 +20,9 @@ class RealLibraryTest : public RunnerTest {
         std::filesystem::copy(test::BadPluginFolder(name), folder / name,
                               std::filesystem::copy_options::recursive);
         const auto file = std::filesystem::path(test::BadPlugin(name)).filename().string();
-        WriteTable("<c><WORKER><TYPE>3</TYPE><PATH>plugins/" + name + "/" + file + "</PATH></WORKER></c>");
+        const std::string separator = NarrowUtf8(WideText(1, PathSeparator()));
+        WriteTable("<c><WORKER><TYPE>3</TYPE><PATH>plugins" + separator + name + separator + file +
+                   "</PATH></WORKER></c>");
         WorkRunnerSeams seams;
         seams.moduleDirectory = ModuleDirectory();
         MakeRunner(std::move(seams));
@@ -78,13 +80,13 @@ TEST_F(RealLibraryTest, ThatNeedsALibraryBesideItFindsIt) {
 }
 
 TEST_F(RealLibraryTest, ThatIsNotThere) {
-    WriteTable("<c><WORKER><TYPE>3</TYPE><PATH>plugins/none.so</PATH></WORKER></c>");
+    const std::string none = "plugins" + NarrowUtf8(WideText(1, PathSeparator())) + "none.so";
+    WriteTable("<c><WORKER><TYPE>3</TYPE><PATH>" + none + "</PATH></WORKER></c>");
     WorkRunnerSeams seams;
     seams.moduleDirectory = ModuleDirectory();
     MakeRunner(std::move(seams));
     EXPECT_EQ(Init(), kStatusFail);
-    EXPECT_THAT(Lines(),
-                Contains("4 Load worker library failed.File [" + m_dir.Utf8("plugins/none.so") + "]"));
+    EXPECT_THAT(Lines(), Contains("4 Load worker library failed.File [" + m_dir.Utf8(none) + "]"));
 }
 
 TEST_F(RealLibraryTest, ThatLeavesNoRecord) {

@@ -81,7 +81,7 @@ class RunnerTest : public testing::Test {
     RunnerTest() : m_directory(m_dir.Path()) {
         FakePlugin::Active() = &m_plugin;
         m_dir.Write("fake/here", "");
-        WriteTable("<c><WORKER><TYPE>3</TYPE><PATH>fake/fake.so</PATH></WORKER></c>");
+        WriteTable("<c><WORKER><TYPE>3</TYPE><PATH>" + FakePath() + "</PATH></WORKER></c>");
         m_info.size = sizeof m_info;
         m_info.contractVersion = RQ_CONTRACT_VERSION;
         m_info.taskId = Text("task-1");
@@ -100,6 +100,8 @@ class RunnerTest : public testing::Test {
     void TearDown() override { m_runner.reset(); }
 
     void WriteTable(const std::string& xml) { m_dir.Write("RQWorkerConfig.xml", xml); }
+    // As a table of this platform has it.
+    static std::string FakePath() { return "fake" + NarrowUtf8(WideText(1, PathSeparator())) + "fake.so"; }
     WideText ModuleDirectory() const { return WideFromPath(m_dir.Path()) + PathSeparator(); }
 
     WorkRunnerSeams Seams() {

@@ -105,8 +105,13 @@ TEST(Locale, TheSavedLocaleComesBack) {
 
 TEST(Locale, TheSystemsLocaleIsTaken) {
     kit::ScopedEnvironment all("LC_ALL", "C.UTF-8");
+    const std::string before = std::setlocale(LC_ALL, nullptr);
+    std::setlocale(LC_ALL, "");
+    const std::string systems = std::setlocale(LC_CTYPE, nullptr);
+    std::setlocale(LC_ALL, before.c_str());
+    EXPECT_NE(systems, "C");
     const std::string saved = OVLSetDefaultLocale();
-    EXPECT_STREQ(std::setlocale(LC_CTYPE, nullptr), "C.UTF-8");
+    EXPECT_EQ(std::setlocale(LC_CTYPE, nullptr), systems);
     EXPECT_STREQ(std::setlocale(LC_NUMERIC, nullptr), "C");
     OVLRestoreLocale(saved);
 }
