@@ -92,8 +92,10 @@ void Connection::Read() {
 
 void Connection::Write(std::string bytes) {
     m_output = std::move(bytes);
+    m_isWriting = true;
     asio::async_write(m_socket, asio::buffer(m_output),
                       [self = shared_from_this()](const Error& error, std::size_t) {
+                          self->m_isWriting = false;
                           // A failed write says nothing by itself: the read still gives what the peer had
                           // sent, then reports the end.
                           if (!error && self->m_listener != nullptr) self->m_listener->OnWritten();
@@ -110,6 +112,9 @@ void Connection::Close() {
     m_resolver.cancel();
     m_timer.cancel();
     Error ignored;
+    // What a peer does not read is given up with the connection, and holds nothing back.
+    if (m_isWriting) m_socket.set_option(asio::socket_base::linger(true, 0), ignored);
+    m_socket.cancel(ignored);
     m_socket.close(ignored);
 }
 

@@ -88,6 +88,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     std::optional<SteadyTime> m_timerAt;
     std::array<char, std::size_t{64} * 1024> m_input{};
     std::string m_output;
+    bool m_isWriting = false;
 };
 
 }  // namespace rq::link
