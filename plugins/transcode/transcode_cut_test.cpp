@@ -15,7 +15,8 @@ constexpr const char* kNumbered = "-f lavfi -i \"color=s=32x32:r=25:d=4,geq=lum=
 
 TEST_F(TranscodeCut, EveryPictureComesThroughOnceAndInOrder) {
     for (const char* name : {"n.mp4", "n.mkv", "n.ts"}) {
-        const std::string clip = Make(name, std::string(kNumbered) + "-c:v libx264 -crf 0 -g 30 -bf 3");
+        const std::string clip =
+            Make(name, std::string(kNumbered) + "-c:v libx264 -crf 1 -g 30 -bf 3 -x264-params b-adapt=0");
         ExpectDone(TaskText(clip, Target("made.mkv"),
                             "<Overwrite>true</Overwrite>" + Video("h264", "<Quality>0</Quality>")));
         const std::vector<int> greys = Greys(Target("made.mkv"));
@@ -67,7 +68,8 @@ TEST_F(TranscodeCut, CutsAtTheFrame) {
                  {"", "1.6", 0, 40},     {"3.96", "9", 99, 1}};
     for (const char* name : {"n.mp4", "n.mkv", "n.ts"}) {
         const std::string clip =
-            Make(name, std::string(kNumbered) + "-c:v libx264 -crf 0 -g 30 -bf 3 -x264-params open-gop=1");
+            Make(name, std::string(kNumbered) +
+                           "-c:v libx264 -crf 1 -g 30 -bf 3 -x264-params open-gop=1:b-adapt=0");
         for (const auto& expected : cases) {
             const std::string in = expected.in;
             const std::string out = expected.out;
@@ -216,6 +218,20 @@ TEST_F(TranscodeCut, PicturesThatStandForSecondsAreShownForThem) {
         EXPECT_NEAR(greys[59], 64, 1);
         EXPECT_NEAR(greys[60], 110, 1);
     }
+}
+
+TEST_F(TranscodeCut, TheLastPictureIsShownForItsOwnTime) {
+    Make("n.mp4", std::string(kNumbered) + "-c:v libx264 -crf 0 -bf 0");
+    const std::string clip =
+        Make("long.mp4", "-i n.mp4 -c copy -bsf:v \"setts=duration='if(eq(N,99),2/TB,DURATION)'\"");
+    ASSERT_NEAR(std::stod(Probe(clip)["format.duration"]), 5.96, 0.001);
+    ExpectDone(TaskText(clip, Target("made.mkv"),
+                        Video("h264", "<Quality>0</Quality><FrameRate_fps>25</FrameRate_fps>")));
+    const std::vector<int> greys = Greys(Target("made.mkv"));
+    ASSERT_EQ(greys.size(), 149u);
+    EXPECT_NEAR(greys[98], 148, 1);
+    EXPECT_NEAR(greys[99], 149, 1);
+    EXPECT_NEAR(greys[148], 149, 1);
 }
 
 TEST_F(TranscodeCut, Mpeg2TakesTheNearestOfItsRates) {

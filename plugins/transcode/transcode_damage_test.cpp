@@ -184,9 +184,9 @@ TEST_F(TranscodeDamage, AStreamThatHasNothingBetweenInAndOutPoint) {
         << Detail();
     const std::string quiet = Make("quiet.mkv",
                                    "-f lavfi -i testsrc2=s=64x64:r=25:d=6 -f lavfi -i sine=d=2 -c:v "
-                                   "libx264 -preset ultrafast -c:a pcm_s16le");
+                                   "libx264 -preset ultrafast -g 25 -c:a pcm_s16le");
     for (const char* codec : {"aac", "copy"})
-        ExpectFailure(TaskText(quiet, Target("made.mkv"), Video("h264") + Audio(codec), "<In_s>4</In_s>"),
+        ExpectFailure(TaskText(quiet, Target("made.mkv"), Video("h264") + Audio(codec), "<In_s>5</In_s>"),
                       kProcessing, 0x80000803);
 }
 
