@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "base/paths.h"
+#include "base/remove_tree.h"
 #include "base/sync.h"
 #include "platform/files.h"
 #include "platform/identity.h"
@@ -236,9 +237,8 @@ RQText HostServices::Port::Folder() {
 void HostServices::Port::RemoveFolder() {
     MutexLock lock(mutex);
     if (folder.empty()) return;
-    std::error_code
-        ignored;  // a file that another program holds open stays; the system's own clean-up finds it
-    std::filesystem::remove_all(PathFromUtf8(folder), ignored);
+    // A file that another program holds open stays; the system's own clean-up finds it.
+    RemoveTree(PathFromUtf8(folder));
 }
 
 void HostServices::Port::FillServices() {
