@@ -1,5 +1,7 @@
 // Where the plug-ins of this folder are. For targets that called rq_use_bad_plugins().
 //
+// Those of the folder breaches/ say in their first line which rule they break. The others:
+//
 //   scripted           does what its task text says; see script.h for the words
 //   no_perform         lacks RQWorkerPerformTask
 //   no_analyse         lacks RQWorkerAnalyseTask
