@@ -11,7 +11,7 @@
 namespace rq::task {
 namespace {
 
-// A file name has at most 255 units; the digits, the dots and the suffix take 25.
+constexpr std::size_t kLongestName = 255;  // UTF-16 units; the digits, the dots and the suffix take 25
 constexpr std::size_t kMaxKeptName_bytes = 200;
 // How often a new name is tried when a cleaner took the last one.
 constexpr int kMaxAttempts = 16;
@@ -72,6 +72,17 @@ bool RandomDigits(std::string& digits) {
     std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(value));
     digits = text;
     return true;
+}
+
+// Who may do what with `to` becomes as it is with `from`; the rights are no part of the output, so what
+// cannot be set stays as it is for new files.
+void CopyRights(const std::wstring& from, const std::wstring& to) {
+    DWORD room = 0;
+    ::GetFileSecurityW(from.c_str(), DACL_SECURITY_INFORMATION, nullptr, 0, &room);
+    std::string descriptor(room, '\0');
+    if (room != 0 &&
+        ::GetFileSecurityW(from.c_str(), DACL_SECURITY_INFORMATION, descriptor.data(), room, &room))
+        ::SetFileSecurityW(to.c_str(), DACL_SECURITY_INFORMATION, descriptor.data());
 }
 
 // The sign that a temporary has an owner: one byte far behind any content, since a lock here keeps others
@@ -138,6 +149,7 @@ std::optional<PublishFailure> Publication::Begin(const std::string& target,
     Discard();
     m_target = target;
     m_overwrite = overwrite;
+    m_mode = -1;
     m_sizeBytes = 0;
     const auto same = std::find_if(sources.begin(), sources.end(), [&](const std::string& source) {
         return source == target || IsSameFile(source, target);
@@ -150,6 +162,9 @@ std::optional<PublishFailure> Publication::Begin(const std::string& target,
         if ((attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)) != 0)
             return Fail(PublishProblem::kTargetExists, 0,
                         target + ": the target exists and is no plain file; it is not overwritten");
+        m_mode = 0;  // its rights are taken when the new file is complete
+    } else if (WideOf(NameOf(target)).size() > kLongestName) {
+        return Fail(PublishProblem::kCreate, ERROR_FILENAME_EXCED_RANGE, target);
     }
     const std::string folder = FolderOf(target);
     RemoveLeftTemporaries(folder);
@@ -209,6 +224,7 @@ std::optional<PublishFailure> Publication::Publish(const Check& check) {
     if (!::FlushFileBuffers(HandleOf(m_handle)))
         return Fail(PublishProblem::kWrite, ::GetLastError(),
                     m_target + ": the file cannot be written to the disk");
+    if (m_mode >= 0) CopyRights(NativePath(m_target), NativePath(m_temporary));
     if (!check(m_temporary))
         return Fail(PublishProblem::kCheck, 0, m_target + ": the written file is not as it should be");
     if (auto failure = Rename()) return failure;

@@ -22,7 +22,7 @@ TEST_F(TranscodeCheck, AacAtEveryRate) {
                 ExpectDone(TaskText(clip, Target(name), video + Audio("aac")));
                 ExpectPlayable(Target(name));
                 EXPECT_NEAR(Output().audio_ms, 2000, 130);
-                std::filesystem::remove(Target(name));
+                Remove(Target(name));
             }
         }
     }
@@ -35,7 +35,7 @@ TEST_F(TranscodeCheck, Mpeg1SoundInMp4) {
         ExpectDone(TaskText(clip, Target(name), Video("copy") + Audio("copy")));
         ExpectPlayable(Target(name));
         EXPECT_EQ(plugin::View(Output().format->streams[1]->codec), "mp2");
-        std::filesystem::remove(Target(name));
+        Remove(Target(name));
     }
 }
 
@@ -56,7 +56,7 @@ TEST_F(TranscodeCheck, ATurnThatMatroskaDoesNotKeepIsSaid) {
         });
     };
     ExpectDone(TaskText(clip, Target("made.mp4"), Video("copy")));
-    std::filesystem::remove(Target("made.mp4"));
+    Remove(Target("made.mp4"));
     EXPECT_FALSE(hasLine());
     ExpectDone(TaskText(clip, Target("made.mkv"), Video("copy")));
     EXPECT_TRUE(hasLine());
@@ -66,7 +66,7 @@ TEST_F(TranscodeCheck, PicturesThatAreMissingAreFound) {
     const std::string clip = MakeClip("clip.mp4", "2", "-an -c:v libx264 -preset ultrafast");
     Source source([] { return false; });
     ASSERT_FALSE(source.Open(clip));
-    const task::MediaFormat found = Describe(source, std::filesystem::file_size(clip));
+    const task::MediaFormat found = Describe(source, SizeOf(clip));
     const std::int64_t frames = source.Video()->nb_frames;
     Expected expected;
     expected.container = "mp4";

@@ -201,7 +201,7 @@ TEST_F(TranscodeCut, PicturesThatStandForSecondsAreShownForThem) {
         ExpectDone(TaskText(clip, Target("made.mp4"), "<Overwrite>true</Overwrite>" + Video("copy")));
         EXPECT_EQ(Output().frames, 5u);
     }
-    std::filesystem::remove(Target("made.mp4"));
+    Remove(Target("made.mp4"));
     const std::string slides =
         Make("slides.mp4",
              std::string(kNumbered) +
@@ -262,7 +262,7 @@ TEST_F(TranscodeCut, CopiesStreams) {
         // The very bits: decoded, both are the same.
         EXPECT_EQ(PictureMd5(clip), PictureMd5(Target(name)));
         ExpectWholeProgress();
-        std::filesystem::remove(Target(name));
+        Remove(Target(name));
     }
 }
 

@@ -1,17 +1,10 @@
 // What the transcode plug-in says to damaged sources, targets that cannot be written, and a disk that is
 // full; and that nothing stays behind.
-#include <fcntl.h>
-#include <sys/fsuid.h>
-#include <sys/mount.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <cstring>
+#include <fstream>
 #include <iostream>
 
 #include "encoder.h"
+#include "kit/os.h"
 #include "plugin_common/codes.h"
 #include "transcode_test_driver.h"
 
@@ -29,16 +22,15 @@ constexpr std::uint32_t kProcessing = 0x84100017;
 
 TEST_F(TranscodeDamage, NoSource) {
     ExpectFailure(TaskText(PathOf("missing.mp4"), Target("made.mp4")), kUnreadable, 0x80000100);
-    EXPECT_EQ(Detail(), PathOf("missing.mp4") + ": No such file or directory");
+    EXPECT_EQ(Detail(), PathOf("missing.mp4") + ": " + kit::Words(kit::Codes().notFound));
     EXPECT_EQ(Further(), Detail());
 }
 
 TEST_F(TranscodeDamage, ASourceThatIsNoFile) {
-    std::filesystem::create_directory(PathOf("folder"));
-    ASSERT_EQ(mkfifo(PathOf("pipe").c_str(), 0600), 0);
+    std::filesystem::create_directory(m_dir.Path() / "folder");
     ExpectFailure(TaskText(PathOf("folder"), Target("made.mp4")), kUnreadable, 0x80000100);
-    EXPECT_EQ(Detail(), PathOf("folder") + ": Is a directory");
-    ExpectFailure(TaskText(PathOf("pipe"), Target("made.mp4")), kUnreadable, 0x80000100);
+    EXPECT_EQ(Detail().find(PathOf("folder") + ": "), 0u) << Detail();
+    EXPECT_NE(Detail().find("irectory"), std::string::npos) << Detail();
 }
 
 TEST_F(TranscodeDamage, NoByteAtAll) {
@@ -75,7 +67,7 @@ TEST_F(TranscodeDamage, APlaylistPullsNothingIn) {
 
 TEST_F(TranscodeDamage, AnMp4WithoutItsIndex) {
     const std::string clip = MakeClip("clip.mp4", "2");
-    std::filesystem::resize_file(clip, std::filesystem::file_size(clip) / 2);
+    Resize(clip, SizeOf(clip) / 2);
     ExpectFailure(TaskText(clip, Target("made.mp4")), kNotMedia, 0x80000200);
     EXPECT_NE(Detail().find(": Invalid data found when processing input ("), std::string::npos) << Detail();
     EXPECT_NE(Detail().find("moov atom not found"), std::string::npos) << Detail();
@@ -86,7 +78,7 @@ TEST_F(TranscodeDamage, AFileThatIsCutOff) {
     for (const std::string& clip :
          {MakeClip("clip.mkv", "4"), MakeClip("front.mp4", "4", sound + "-movflags +faststart"),
           MakeClip("clip.avi", "4", "-c:v mpeg4 -c:a pcm_s16le")}) {
-        std::filesystem::resize_file(clip, std::filesystem::file_size(clip) * 6 / 10);
+        Resize(clip, SizeOf(clip) * 6 / 10);
         ExpectFailure(TaskText(clip, Target("made.mp4")), kDamaged, 0x80000107);
         EXPECT_EQ(Detail().substr(0, clip.size() + 2), clip + ": ");
         ExpectFailure(TaskText(clip, Target("made.mkv"), Video("copy") + Audio("copy")), kDamaged,
@@ -96,7 +88,7 @@ TEST_F(TranscodeDamage, AFileThatIsCutOff) {
 
 TEST_F(TranscodeDamage, AFileThatIsCutOffSaysWhere) {
     const std::string clip = MakeClip("clip.mkv", "4", "-c:v libx264 -preset ultrafast -an");
-    std::filesystem::resize_file(clip, std::filesystem::file_size(clip) / 2);
+    Resize(clip, SizeOf(clip) / 2);
     ExpectFailure(TaskText(clip, Target("made.mkv"), Video("copy")), kDamaged, 0x80000107);
     EXPECT_NE(Detail().find(": the source is cut short: it tells a length of 4.00 s, but ends after "),
               std::string::npos)
@@ -107,7 +99,7 @@ TEST_F(TranscodeDamage, AFileThatIsCutOffSaysWhere) {
     EXPECT_GT(Output().frames, 20u);
     EXPECT_LT(Output().frames, 90u);
     // And an out point before the cut is none of its business.
-    std::filesystem::remove(Target("made.mp4"));
+    Remove(Target("made.mp4"));
     ExpectDone(TaskText(clip, Target("made.mp4"), Video("h264"), "<Out_s>1</Out_s>"));
     EXPECT_EQ(Output().frames, 25u);
 }
@@ -172,7 +164,7 @@ TEST_F(TranscodeDamage, AStreamThatHasNothingBetweenInAndOutPoint) {
                       clip + ": no video lies between 3.00 s and 4.00 s");
         }
         EXPECT_EQ(Do(TaskText(clip, Target("made.mkv"), Video("none"), cut)), RQ_STATUS_FINISHED) << Detail();
-        std::filesystem::remove(Target("made.mkv"));
+        Remove(Target("made.mkv"));
     }
     // Of an MP4 it is known before the work: nothing was counted.
     ExpectFailure(TaskText(PathOf("clip.mp4"), Target("made.mkv"), "", cut), kProcessing, 0x80000803);
@@ -195,8 +187,8 @@ TEST_F(TranscodeDamage, AHeadWithoutABody) {
         const std::string clip = Make(
             name, "-f lavfi -i sine=d=1" + std::string(name == std::string("clip.ogg") ? " -c:a flac" : ""));
         for (const std::uintmax_t size : {12u, 40u}) {
-            std::filesystem::resize_file(clip, 40);
-            std::filesystem::resize_file(clip, size);
+            Resize(clip, 40);
+            Resize(clip, size);
             EXPECT_EQ(Do(TaskText(clip, Target("made.mp4"))), RQ_STATUS_ERROR);
             EXPECT_NE(static_cast<std::uint32_t>(m_info->errorCode), kUnreadable) << Detail();
         }
@@ -229,11 +221,10 @@ TEST(TranscodeEncoder, OneThatIsMissingIsNamed) {
 
 TEST_F(TranscodeDamage, TheTargetIsTheSource) {
     const std::string clip = MakeClip("clip.mp4", "0.4");
-    std::filesystem::create_symlink(clip, PathOf("link.mp4"));
-    std::filesystem::create_hard_link(clip, PathOf("second.mp4"));
+    std::filesystem::create_hard_link(PathFromUtf8(clip), m_dir.Path() / "second.mp4");
     const std::string before = ReadWhole(clip);
     const std::string words = ": the target is the source " + clip;
-    for (const std::string& target : {clip, PathOf("link.mp4"), PathOf("second.mp4"), PathOf("./clip.mp4")}) {
+    for (const std::string& target : {clip, PathOf("second.mp4"), PathOf("./clip.mp4")}) {
         ExpectFailure(TaskText(clip, target, "<Overwrite>true</Overwrite>"), 0x84100001, 0);
         EXPECT_EQ(Detail(), target + words);
     }
@@ -250,24 +241,11 @@ TEST_F(TranscodeDamage, TheTargetIsThere) {
     ExpectPlayable(target);
 }
 
-TEST_F(TranscodeDamage, AReplacedFileKeepsItsRights) {
-    const std::string clip = MakeClip("clip.mp4", "0.4");
-    for (const mode_t mode : {0640u, 0600u, 0666u}) {
-        std::ofstream(Target("made.mp4")) << "old";
-        ASSERT_EQ(chmod(Target("made.mp4").c_str(), mode), 0);
-        ExpectDone(TaskText(clip, Target("made.mp4"), "<Overwrite>true</Overwrite>" + Video("h264")));
-        struct stat facts {};
-        ASSERT_EQ(stat(Target("made.mp4").c_str(), &facts), 0);
-        EXPECT_EQ(facts.st_mode & 07777u, mode);
-        ExpectPlayable(Target("made.mp4"));
-    }
-}
-
 TEST_F(TranscodeDamage, ANameThatCannotBeGivenIsFoundBeforeTheWork) {
     const std::string clip = MakeClip("clip.mp4", "0.4");
     const std::string target = Target(std::string(252, 'x') + ".mp4");
     ExpectFailure(TaskText(clip, target), kUnwritable, 0x80000104);
-    EXPECT_EQ(Detail(), target + ": File name too long");
+    EXPECT_EQ(Detail(), target + ": " + kit::Words(kit::Codes().nameTooLong));
     EXPECT_TRUE(m_progress.empty());
     ExpectDone(TaskText(clip, Target(std::string(251, 'x') + ".mp4"), Video("h264")));
 }
@@ -277,7 +255,7 @@ TEST_F(TranscodeDamage, TheTargetComesIntoBeingMeanwhile) {
     bool isMade = false;
     m_onProgress = [&] {
         if (isMade || m_progress.empty() || m_progress.back().done < 5) return;
-        std::ofstream(Target("made.mp4")) << "theirs";
+        Write("out/made.mp4", "theirs");
         isMade = true;
     };
     EXPECT_EQ(Do(TaskText(clip, Target("made.mp4"), Video("h264", "<Preset>medium</Preset>"))),
@@ -291,60 +269,9 @@ TEST_F(TranscodeDamage, TheTargetComesIntoBeingMeanwhile) {
 TEST_F(TranscodeDamage, AFolderThatIsNotThere) {
     const std::string clip = MakeClip("clip.mp4", "0.4");
     ExpectFailure(TaskText(clip, PathOf("no such/made.mp4")), kUnwritable, 0x80000104);
-    EXPECT_EQ(Detail(),
-              PathOf("no such") + ": no file can be made in the target's folder: No such file or directory");
+    EXPECT_EQ(Detail(), PathOf("no such") + ": no file can be made in the target's folder: " +
+                            kit::Words(kit::Codes().folderNotFound));
     ExpectFailure(TaskText(clip, clip + "/made.mp4"), kUnwritable, 0x80000104);
-}
-
-TEST_F(TranscodeDamage, AFolderThatIsClosed) {
-    const std::string clip = MakeClip("clip.mp4", "0.4");
-    std::filesystem::permissions(m_folder, std::filesystem::perms(0755));
-    std::filesystem::permissions(clip, std::filesystem::perms(0644));
-    std::filesystem::create_directory(PathOf("closed"));
-    std::filesystem::permissions(PathOf("closed"), std::filesystem::perms(0555));
-    ASSERT_EQ(Analyse(TaskText(clip, PathOf("closed/made.mp4"))), 0);
-    // Rights bind root only as somebody else; this call touches the files of this thread alone.
-    const bool isRoot = geteuid() == 0;
-    if (isRoot) setfsuid(65534);
-    Perform();
-    if (isRoot) setfsuid(0);
-    std::filesystem::permissions(PathOf("closed"), std::filesystem::perms(0755));
-    EXPECT_EQ(RQLoad32(&m_info->status), RQ_STATUS_ERROR);
-    EXPECT_EQ(static_cast<std::uint32_t>(m_info->errorCode), kUnwritable);
-    EXPECT_EQ(m_info->detailErrorCode, 0x80000104u);
-    EXPECT_EQ(Detail(), PathOf("closed") + ": no file can be made in the target's folder: Permission denied");
-}
-
-// Sound that does not fit: 2 s of it is 384 kB.
-const char* const kLoud = "<Audio><Codec>pcm_s16le</Codec><SampleRate_Hz>192000</SampleRate_Hz></Audio>";
-
-// Needs the right to mount (root, in most containers); the next test needs none.
-TEST_F(TranscodeDamage, AFullDisk) {
-    const std::string clip = MakeClip("clip.wav", "2", "-vn");
-    const std::string disk = PathOf("out");
-    if (mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=256k") != 0)
-        GTEST_SKIP() << "a small disk cannot be mounted here (" << std::strerror(errno)
-                     << "); the test with a limited file size stands in for it";
-    ExpectFailure(TaskText(clip, Target("made.mkv"), kLoud), kUnwritable, 0x80000108);
-    EXPECT_EQ(Detail(), Target("made.mkv") + ": No space left on device");
-    EXPECT_EQ(umount(disk.c_str()), 0);
-}
-
-TEST_F(TranscodeDamage, AFileThatMustNotGrow) {
-    const std::string clip = MakeClip("clip.wav", "2", "-vn");
-    ASSERT_EQ(Analyse(TaskText(clip, Target("made.mkv"), kLoud)), 0);
-    ASSERT_NE(std::signal(SIGXFSZ, SIG_IGN), SIG_ERR);
-    rlimit before{};
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
-    const rlimit small{100'000, before.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
-    Perform();
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
-    EXPECT_EQ(RQLoad32(&m_info->status), RQ_STATUS_ERROR);
-    EXPECT_EQ(static_cast<std::uint32_t>(m_info->errorCode), kUnwritable);
-    EXPECT_EQ(m_info->detailErrorCode, 0x80000108u);
-    EXPECT_EQ(Detail(), Target("made.mkv") + ": File too large");
-    EXPECT_TRUE(Made().empty());
 }
 
 TEST_F(TranscodeDamage, ASourceThatChangesMeanwhile) {
@@ -352,7 +279,7 @@ TEST_F(TranscodeDamage, ASourceThatChangesMeanwhile) {
     bool isChanged = false;
     m_onProgress = [&] {
         if (isChanged || m_progress.empty() || m_progress.back().done < 5) return;
-        std::ofstream(clip, std::ios::app) << "more";
+        std::ofstream(PathFromUtf8(clip), std::ios::app) << "more";
         isChanged = true;
     };
     EXPECT_EQ(Do(TaskText(clip, Target("made.mp4"), Video("h264", "<Preset>medium</Preset>"))),

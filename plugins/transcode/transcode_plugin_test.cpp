@@ -1,10 +1,10 @@
 // The transcode plug-in through its exported functions: what it makes, and what it tells about it. Every
 // target is looked at with ffprobe or decoded by the ffmpeg command.
-#include <dlfcn.h>
 
 #include <cmath>
 #include <thread>
 
+#include "platform/library.h"
 #include "plugin_common/codes.h"
 #include "transcode_test_driver.h"
 
@@ -27,11 +27,13 @@ TEST_F(TranscodePlugin, DescribesItself) {
 }
 
 TEST(TranscodeLibrary, LoadsAndExportsTheContract) {
-    void* library = dlopen(RQ_PLUGIN_FILE, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(library, nullptr) << dlerror();
+    platform::OsError error;
+    void* library = platform::LoadLibraryAltered(RQ_PLUGIN_FILE, &error);
+    ASSERT_NE(library, nullptr) << error.message;
     for (const char* name : {"RQWorkerAnalyseTask", "RQWorkerPerformTask", "RQWorkerInit", "RQWorkerRelease"})
-        EXPECT_NE(dlsym(library, name), nullptr) << name;
-    auto describe = reinterpret_cast<decltype(&RQWorkerDescribe)>(dlsym(library, "RQWorkerDescribe"));
+        EXPECT_NE(platform::FindSymbol(library, name), nullptr) << name;
+    auto describe =
+        reinterpret_cast<decltype(&RQWorkerDescribe)>(platform::FindSymbol(library, "RQWorkerDescribe"));
     ASSERT_NE(describe, nullptr);
     EXPECT_EQ(plugin::View(describe(nullptr)->name), "transcode");
     // As in the worker, it stays loaded until the process ends.
@@ -116,7 +118,7 @@ TEST_P(TranscodePairs, GoThrough) {
     EXPECT_EQ(output.size, sizeof output);
     EXPECT_EQ(output.frames, 50u);
     EXPECT_NEAR(output.audio_ms, 2000, 50);
-    EXPECT_EQ(output.size_bytes, std::filesystem::file_size(target));
+    EXPECT_EQ(output.size_bytes, SizeOf(target));
     EXPECT_EQ(plugin::View(output.first), target);
     EXPECT_EQ(plugin::View(output.second), pair.container);
     ASSERT_NE(output.format, nullptr);
@@ -277,7 +279,7 @@ TEST_F(TranscodePlugin, EncodersTakeTheirSettings) {
     const std::string clip = MakeClip("clip.mp4", "2", "-c:v libx264 -preset ultrafast -crf 5 -an");
     const auto made = [&](const std::string& video) {
         ExpectDone(TaskText(clip, Target("made.mkv"), "<Overwrite>true</Overwrite>" + video));
-        return std::filesystem::file_size(Target("made.mkv"));
+        return SizeOf(Target("made.mkv"));
     };
     const auto keys = [&] {
         const std::string lines =
@@ -321,7 +323,7 @@ TEST_F(TranscodePlugin, SoundTakesRateChannelsAndBitRate) {
         ExpectDone(TaskText(
             clip, Target("made.mkv"),
             "<Overwrite>true</Overwrite>" + Audio("aac", "<BitRate_kbps>" + rate + "</BitRate_kbps>")));
-        return std::filesystem::file_size(Target("made.mkv"));
+        return SizeOf(Target("made.mkv"));
     };
     EXPECT_GT(made("256"), made("48"));
 }
@@ -330,7 +332,7 @@ TEST_F(TranscodePlugin, ARateThatAacHasNotIsRefusedAndADefaultIsChosen) {
     const std::string clip = Make("clip.wav", "-f lavfi -i sine=sample_rate=192000:d=1");
     ExpectDone(TaskText(clip, Target("made.mp4")));
     EXPECT_EQ(Probe(Target("made.mp4"))["streams.stream.0.sample_rate"], "96000");
-    std::filesystem::remove(Target("made.mp4"));
+    Remove(Target("made.mp4"));
     ExpectFailure(TaskText(clip, Target("made.mp4"), Audio("aac", "<SampleRate_Hz>44000</SampleRate_Hz>")),
                   0x84100017, 0x80000203);
     EXPECT_EQ(Detail(), Target("made.mp4") + ": aac has no sample rate of 44000 Hz; the next one is 44100");
@@ -414,7 +416,7 @@ TEST_F(TranscodePlugin, TellsProgressAndTakesACancelWhileTheEncoderEmpties) {
         return call.done > 0 && call.done < call.total;
     });
     EXPECT_GE(between, 3);
-    std::filesystem::remove(Target("made.mp4"));
+    Remove(Target("made.mp4"));
     m_onProgress = [&] {
         if (!m_progress.empty() && m_progress.back().done > 0) RQStore32(&m_stop, RQ_STOP_CANCEL);
     };
@@ -448,7 +450,7 @@ TEST_F(TranscodePlugin, CancelBeforeTheBeginningTouchesNothing) {
 
 TEST_F(TranscodePlugin, ACancelledOverwriteKeepsTheOldTarget) {
     const std::string clip = MakeClip("clip.mp4", "20");
-    std::ofstream(Target("made.mp4")) << "old";
+    Write("out/made.mp4", "old");
     m_onProgress = [&] {
         if (!m_progress.empty() && m_progress.back().done > 5) RQStore32(&m_stop, RQ_STOP_CANCEL);
     };
@@ -478,7 +480,7 @@ TEST_F(TranscodePlugin, FinishClosesAPlayableFile) {
         EXPECT_EQ(Further().substr(0, 13), "ended early: ");
         EXPECT_NEAR(std::stod(Further().substr(13)), seconds, 0.1) << Further();
         EXPECT_NE(Further().find(" s written of 20.0"), std::string::npos) << Further();
-        std::filesystem::remove(Target(name));
+        Remove(Target(name));
     }
 }
 

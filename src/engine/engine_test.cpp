@@ -14,14 +14,22 @@
 #include "ctl/http_client.h"
 #include "engine/link_client.h"
 #include "kit/files.h"
+#include "kit/os.h"
 #include "kit/temp_dir.h"
 #include "platform/files.h"
+#include "platform/process.h"
 
 namespace rq::engine {
 namespace {
 
 using namespace std::chrono_literals;
 using nlohmann::json;
+
+// What the record says of a worker that was killed: a signal, or the exit code that the kill gave it.
+json KilledExit() {
+    const char* kind = platform::kKilledExitCode == 9 ? "signal" : "code";
+    return {{kind, platform::kKilledExitCode}};
+}
 
 class EngineTest : public testing::Test {
   protected:
@@ -122,7 +130,7 @@ TEST_F(EngineTest, ATaskRunsFromSubmissionToResult) {
     EXPECT_EQ(attempt["speed"], 812.25);
     // The engine knows the process by its start, whatever HELLO said.
     EXPECT_NE(attempt["pid"], 4711);
-    const auto output = kit::ReadBytes(PathFromUtf8(attempt["output"].get<std::string>()));
+    const auto output = kit::ReadText(PathFromUtf8(attempt["output"].get<std::string>()));
     EXPECT_EQ(output, "type mc flag 1\n你好\n");
     EXPECT_TRUE(std::filesystem::is_empty(Data("params")));
     const auto events = EventsUntil(id, "worker-exited");
@@ -151,12 +159,12 @@ TEST_F(EngineTest, TheFirstFinalStatusDecides) {
 
 TEST_F(EngineTest, AWorkerKilledByASignalIsSaidSo) {
     Start();
-    const auto id = Submit("connect\nstatus 3\nprogress 10 1\nsignal 9\n");
+    const auto id = Submit("connect\nstatus 3\nprogress 10 1\nkilled\n");
     const json task = Ended(id);
     EXPECT_EQ(task["state"], "failed");
-    EXPECT_EQ(task["reason"], "worker ended by signal 9 before it reported a final status");
+    EXPECT_EQ(task["reason"], "worker ended " + kit::KilledWords() + " before it reported a final status");
     EXPECT_EQ(task["attempt_list"][0]["state"], "lost");
-    EXPECT_EQ(task["attempt_list"][0]["exit"], json::parse(R"({"signal":9})"));
+    EXPECT_EQ(task["attempt_list"][0]["exit"], KilledExit());
 }
 
 TEST_F(EngineTest, AWorkerThatEndsWithoutAFinalStatusIsLostWhateverItsExitCode) {
@@ -170,7 +178,7 @@ TEST_F(EngineTest, AWorkerThatEndsWithoutAFinalStatusIsLostWhateverItsExitCode) 
 TEST_F(EngineTest, AFinalStatusThatWasSentJustBeforeADeathCounts) {
     Start();
     for (int i = 0; i < 5; ++i)
-        EXPECT_EQ(Ended(Submit("connect\nstatus 3\nfinal 0\nsignal 9\n"))["state"], "finished");
+        EXPECT_EQ(Ended(Submit("connect\nstatus 3\nfinal 0\nkilled\n"))["state"], "finished");
 }
 
 TEST_F(EngineTest, AProgramThatIsNotThereFailsTheTask) {
@@ -187,7 +195,7 @@ TEST_F(EngineTest, AWorkerThatDoesNotConnectIsEnded) {
     Start();
     const json task = Ended(Submit("hang\n"));
     EXPECT_EQ(task["state"], "failed");
-    EXPECT_EQ(task["reason"], "the worker did not connect within 200 ms (worker ended by signal 9)");
+    EXPECT_EQ(task["reason"], "the worker did not connect within 200 ms (worker ended " + kit::KilledWords() + ")");
 }
 
 TEST_F(EngineTest, AWorkerThatLivesOnWithoutItsConnectionIsEnded) {
@@ -206,7 +214,7 @@ TEST_F(EngineTest, AWorkerThatIgnoresTheOrderToExitIsEndedAndItsTaskStaysFinishe
     const auto id = Submit("connect\nstatus 3\nfinal 0\nhang\n");
     const json task = Ended(id);
     EXPECT_EQ(task["state"], "finished");
-    EXPECT_EQ(task["attempt_list"][0]["exit"], json::parse(R"({"signal":9})"));
+    EXPECT_EQ(task["attempt_list"][0]["exit"], KilledExit());
     EXPECT_EQ(Count(EventsUntil(id, "worker-exited"), "killed"), 1);
 }
 
@@ -252,7 +260,7 @@ TEST_F(EngineTest, ACancelBeforeTheWorkerConnectsEndsIt) {
     Ask("POST", "/api/v1/tasks/" + id + "/cancel");
     const json task = Ended(id);
     EXPECT_EQ(task["state"], "cancelled");
-    EXPECT_EQ(task["reason"], "cancelled before its worker connected (worker ended by signal 9)");
+    EXPECT_EQ(task["reason"], "cancelled before its worker connected (worker ended " + kit::KilledWords() + ")");
 }
 
 TEST_F(EngineTest, NoMoreWorkersRunThanAllowedAndTheQueueKeepsItsOrder) {
@@ -278,7 +286,7 @@ TEST_F(EngineTest, APackageWorkerIsEndedByTheFinishOrder) {
                         .value("id", "");
     const json task = Ended(id);
     EXPECT_EQ(task["state"], "finished");
-    EXPECT_EQ(kit::ReadBytes(PathFromUtf8(task["attempt_list"][0]["output"].get<std::string>())),
+    EXPECT_EQ(kit::ReadText(PathFromUtf8(task["attempt_list"][0]["output"].get<std::string>())),
               "type 14 flag 1\n");
 }
 

@@ -44,17 +44,22 @@ std::string TypeArgument(std::int32_t type) {
     return code.empty() ? std::to_string(type) : std::string(code);
 }
 
+constexpr std::int64_t kFirstExceptionCode = 0xC0000000;
+
+// No signal has a negative number: that is a Windows exception's.
+WorkerExit ExitOf(const platform::ExitStatus& status) {
+    if (status.signalled && status.code < 0) return {false, static_cast<std::uint32_t>(status.code)};
+    return {status.signalled, status.code};
+}
+
 }  // namespace
 
 std::string ExitText(const WorkerExit& exit) {
-    // A negative number is no signal: an unhandled exception or a kill on Windows, known by its code.
-    if (exit.signalled && exit.code < 0) {
-        char code[16];
-        std::snprintf(code, sizeof code, "0x%08X", static_cast<unsigned>(exit.code));
-        return std::string("worker ended by ") + code;
-    }
-    return (exit.signalled ? "worker ended by signal " : "worker ended with exit code ") +
-           std::to_string(exit.code);
+    if (exit.signalled) return "worker ended by signal " + std::to_string(exit.code);
+    if (exit.code < kFirstExceptionCode) return "worker ended with exit code " + std::to_string(exit.code);
+    char code[32];
+    std::snprintf(code, sizeof code, "0x%08X", static_cast<unsigned>(exit.code));
+    return std::string("worker ended with exit code ") + code;
 }
 
 Launcher::Launcher(boost::asio::io_context& io, const EngineSettings& settings, std::string linkToken)
@@ -139,7 +144,7 @@ void Launcher::TakeExit(const std::string& token, const platform::ExitStatus& st
     worker.child->KillTree();
     worker.waiter.join();
     RemoveFile(worker.parameterFile);
-    if (m_onExit) m_onExit(token, {status.signalled, status.code});
+    if (m_onExit) m_onExit(token, ExitOf(status));
 }
 
 void Launcher::KillTree(const std::string& token) {

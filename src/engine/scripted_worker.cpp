@@ -6,9 +6,8 @@
 //   status notice ID | status N | progress PERCENT SPEED final N            and waits for its
 //   acknowledgement; final-text N TEXT is one with an error text await ID           waits for this order;
 //   reply ID answers one bye | close        ends the connection in good order, or just so print TEXT | sleep
-//   MS | hang | exit CODE | signal NUMBER
+//   MS | hang | exit CODE | killed
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <memory>
@@ -16,7 +15,9 @@
 #include <thread>
 
 #include "engine/link_client.h"
+#include "kit/os.h"
 #include "platform/environment.h"
+#include "platform/process.h"
 
 namespace {
 
@@ -97,9 +98,9 @@ struct Script {
             rest >> number;
             std::fflush(stdout);
             std::_Exit(static_cast<int>(number));
-        } else if (verb == "signal") {
-            rest >> number;
-            std::raise(static_cast<int>(number));
+        } else if (verb == "killed") {
+            kit::EndProcess(platform::CurrentProcessId());
+            for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
         }
         return true;
     }

@@ -248,7 +248,7 @@ Result<void> Store::Exited(const std::string& token, const WorkerExit& exit) {
             ->Prepare(exit.signalled ? "UPDATE attempts SET exited_us = ?1, exit_signal = ?2 WHERE id = ?3"
                                      : "UPDATE attempts SET exited_us = ?1, exit_code = ?2 WHERE id = ?3")
             .Bind(m_now())
-            .Bind(std::int64_t{exit.code})
+            .Bind(exit.code)
             .Bind(holder.attempt)
             .Run();
         AddEvent(holder.task, holder.attempt, "worker-exited", ExitEventJson(exit));

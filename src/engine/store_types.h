@@ -61,10 +61,11 @@ struct FinalStatus {
 enum class FinishOutcome { Committed, Repeat, Late };
 enum class CancelOutcome { Cancelled, Requested, AlreadyEnded };
 
-// How a worker's process ended.
+// How a worker's process ended: the signal's number, or the exit code, which on Windows is also that of an
+// unhandled exception or a kill (from 0xC0000000).
 struct WorkerExit {
     bool signalled = false;
-    int code = 0;
+    std::int64_t code = 0;
 };
 
 struct TaskRow {

@@ -19,6 +19,7 @@ struct SystemCodes {
     int isFolder = 0;        // opening a folder as a file
     int locked = 0;          // somebody else has the lock
     int notAProgram = 0;     // what StartDetached says of a file that is no program
+    int nameTooLong = 0;     // a file name longer than the file system takes
     int abortExit = 0;       // Child::ExitCode of a process that aborted
 };
 const SystemCodes& Codes();
@@ -29,6 +30,8 @@ std::string Words(int code);
 std::string_view LineEnd();
 // Whether this is Wine, which lacks a few things of Windows (docs/testing.md names the tests).
 bool IsWine();
+// The device that swallows everything.
+std::string NullDevice();
 // A library of the system that a program finds by its bare name.
 std::string SystemLibraryName();
 
@@ -40,6 +43,9 @@ bool IsOwnersAlone(const std::filesystem::path& path);
 bool IsInheritable(std::FILE* file);
 // Ends one process at once, and nothing that it started.
 void EndProcess(std::uint64_t id);
+
+// How the engine tells that a worker ended so: "by signal 9", "with exit code ...".
+std::string KilledWords();
 
 // Makes a process crash by a bad access; how it ends then.
 struct CrashSigns {

@@ -11,7 +11,8 @@
 namespace rq::kit {
 
 const SystemCodes& Codes() {
-    static const SystemCodes codes{ENOENT, ENOENT, ENOTDIR, EEXIST, EISDIR, EWOULDBLOCK, 5, 1000 + SIGABRT};
+    static const SystemCodes codes{ENOENT,      ENOENT, ENOTDIR,      EEXIST,        EISDIR,
+                                   EWOULDBLOCK, 5,      ENAMETOOLONG, 1000 + SIGABRT};
     return codes;
 }
 
@@ -25,6 +26,10 @@ std::string_view LineEnd() {
 
 bool IsWine() {
     return false;
+}
+
+std::string NullDevice() {
+    return "/dev/null";
 }
 
 std::string SystemLibraryName() {
@@ -46,6 +51,10 @@ bool IsInheritable(std::FILE* file) {
 
 void EndProcess(std::uint64_t id) {
     ::kill(static_cast<pid_t>(id), SIGKILL);
+}
+
+std::string KilledWords() {
+    return "by signal 9";
 }
 
 CrashSigns CrashProcess(std::uint64_t id) {

@@ -11,9 +11,9 @@
 namespace rq::kit {
 
 const SystemCodes& Codes() {
-    static const SystemCodes codes{
-        ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND, ERROR_PATH_NOT_FOUND, ERROR_FILE_EXISTS,
-        ERROR_ACCESS_DENIED,  ERROR_LOCK_VIOLATION, ERROR_BAD_FORMAT,     3};
+    static const SystemCodes codes{ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND,       ERROR_PATH_NOT_FOUND,
+                                   ERROR_FILE_EXISTS,    ERROR_ACCESS_DENIED,        ERROR_LOCK_VIOLATION,
+                                   ERROR_BAD_FORMAT,     ERROR_FILENAME_EXCED_RANGE, 3};
     return codes;
 }
 
@@ -27,6 +27,10 @@ std::string_view LineEnd() {
 
 bool IsWine() {
     return ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+}
+
+std::string NullDevice() {
+    return "NUL";
 }
 
 std::string SystemLibraryName() {
@@ -68,6 +72,10 @@ bool IsInheritable(std::FILE* file) {
 void EndProcess(std::uint64_t id) {
     const platform::WinHandle process(::OpenProcess(PROCESS_TERMINATE, FALSE, static_cast<DWORD>(id)));
     ::TerminateProcess(process.Get(), platform::kKilledExitCode);
+}
+
+std::string KilledWords() {
+    return "with exit code 0xC000013A";
 }
 
 // A thread of its that begins where there is no code.

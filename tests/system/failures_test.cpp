@@ -1,10 +1,10 @@
 // What an operator sees when something is wrong.
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <fstream>
 
 #include "base/paths.h"
+#include "kit/os.h"
 #include "node.h"
 
 namespace rq::system_test {
@@ -90,7 +90,7 @@ TEST(Failures, WorkerEndsWhenTheEngineIsKilled) {
     const auto record = node.WaitForState(task, {"running"});
     const auto pid = record["attempt_list"][0]["pid"].get<std::uint64_t>();
     ASSERT_TRUE(platform::ProcessRuns(pid));
-    ASSERT_EQ(::kill(static_cast<pid_t>(node.Engine().Id()), SIGKILL), 0);
+    kit::EndProcess(node.Engine().Id());
     EXPECT_TRUE(kit::WaitUntil([&] { return !platform::ProcessRuns(pid); }));
     EXPECT_NE(node.WorkerLog().find("Worker will be cancel!!!! Because Socket Server is Disconnect."),
               std::string::npos)
@@ -102,11 +102,11 @@ TEST(Failures, KilledWorkerIsInTheTasksRecord) {
     Node node;
     const std::string task = node.SubmitMd5(EndlessFile(folder));
     const auto record = node.WaitForState(task, {"running"});
-    const auto pid = record["attempt_list"][0]["pid"].get<pid_t>();
-    ASSERT_EQ(::kill(pid, SIGKILL), 0);
+    const auto pid = record["attempt_list"][0]["pid"].get<std::uint64_t>();
+    kit::EndProcess(pid);
     const auto after = node.WaitForEnd(task);
     EXPECT_EQ(after["state"], "failed");
-    EXPECT_NE(after["reason"].get<std::string>().find("signal 9"), std::string::npos) << after["reason"];
+    EXPECT_NE(after["reason"].get<std::string>().find(kit::KilledWords()), std::string::npos) << after["reason"];
     EXPECT_EQ(after["attempt_list"][0]["state"], "lost");
     EXPECT_EQ(after["attempt_list"][0]["exit"]["signal"], 9);
 }
