@@ -110,7 +110,7 @@ TEST(EngineClientSend, AFinalStatusReturnsWhenTheEngineHasIt) {
 TEST(EngineClientSend, AFinalStatusThatIsSentAgainIsANewFrame) {
     kit::ScriptedEngine engine;
     EngineClientOptions options;
-    options.finalWait = 20ms;
+    options.finalWait = 250ms;  // the third must come back within it
     TestClient test(options);
     ASSERT_NE(test.Connect(engine.Port()), kNoSession);
     engine.HoldFinals(true);

@@ -41,6 +41,7 @@
 //   temporary-file NAME   makes a file in the temporary folder
 //   touch PATH            makes a file
 //   await-file PATH       waits until the file is there
+//   run COMMAND           hands it to the system's command interpreter and waits for its end
 //   throw TEXT            std::runtime_error
 //   throw-int N           an int
 //   throw-on-thread TEXT  std::runtime_error on a thread of its own: ends the process

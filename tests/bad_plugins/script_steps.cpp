@@ -163,6 +163,7 @@ const std::map<std::string, Handler, std::less<>>& Handlers() {
         {"temporary-file", [](Run& run, const Step& step) { MakeTemporaryFile(run, step.rest); }},
         {"touch", [](Run&, const Step& step) { std::ofstream(PathOf(step.rest)) << "touched"; }},
         {"await-file", [](Run&, const Step& step) { AwaitFile(step.rest); }},
+        {"run", [](Run&, const Step& step) { (void)!std::system(step.rest.c_str()); }},
         {"throw", [](Run&, const Step& step) { throw std::runtime_error(step.rest); }},
         {"throw-int", [](Run&, const Step& step) { throw static_cast<int>(step.Number(0)); }},
         {"throw-on-thread",

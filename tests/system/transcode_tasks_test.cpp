@@ -26,7 +26,7 @@ void Make(const fs::path& path, std::vector<std::string> arguments) {
 
 // Pictures at 25 a second, and a tone.
 fs::path MakeClip(const kit::TempDir& folder, const std::string& size, const std::string& seconds) {
-    const fs::path clip = folder.Path() / "片段 1.mkv";
+    const fs::path clip = folder.Path() / PathFromUtf8("片段 1.mkv");
     Make(clip,
          {"-f", "lavfi", "-i", "testsrc2=r=25:s=" + size + ":d=" + seconds, "-f", "lavfi", "-i",
           "sine=sample_rate=48000:d=" + seconds, "-c:v", "libx264", "-preset", "ultrafast", "-c:a", "aac"});
