@@ -195,7 +195,8 @@ TEST_F(EngineTest, AWorkerThatDoesNotConnectIsEnded) {
     Start();
     const json task = Ended(Submit("hang\n"));
     EXPECT_EQ(task["state"], "failed");
-    EXPECT_EQ(task["reason"], "the worker did not connect within 200 ms (worker ended " + kit::KilledWords() + ")");
+    EXPECT_EQ(task["reason"],
+              "the worker did not connect within 200 ms (worker ended " + kit::KilledWords() + ")");
 }
 
 TEST_F(EngineTest, AWorkerThatLivesOnWithoutItsConnectionIsEnded) {
@@ -260,7 +261,8 @@ TEST_F(EngineTest, ACancelBeforeTheWorkerConnectsEndsIt) {
     Ask("POST", "/api/v1/tasks/" + id + "/cancel");
     const json task = Ended(id);
     EXPECT_EQ(task["state"], "cancelled");
-    EXPECT_EQ(task["reason"], "cancelled before its worker connected (worker ended " + kit::KilledWords() + ")");
+    EXPECT_EQ(task["reason"],
+              "cancelled before its worker connected (worker ended " + kit::KilledWords() + ")");
 }
 
 TEST_F(EngineTest, NoMoreWorkersRunThanAllowedAndTheQueueKeepsItsOrder) {
