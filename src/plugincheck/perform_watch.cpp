@@ -9,7 +9,6 @@ namespace {
 
 using std::chrono::duration_cast;
 using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 
 constexpr std::uint32_t kNoContext = 0xFFFFFFFFu;
 constexpr milliseconds kPausePass(2);
@@ -39,7 +38,7 @@ void* PerformWatch::Begin(const PerformTerms& terms) {
     m_terms = terms;
     m_thread = std::this_thread::get_id();
     m_percent = 0;
-    m_lastCall = m_quietUntil = steady_clock::now();
+    m_lastCall = m_quietUntil = MachineClock::now();
     m_calls = 0;
     m_isPaused = false;  // an order that came too late for the call before
     char* context = &m_contexts[m_next++ % m_contexts.size()];
@@ -49,7 +48,7 @@ void* PerformWatch::Begin(const PerformTerms& terms) {
 
 void PerformWatch::End() {
     MutexLock lock(m_mutex);
-    if (RQLoad32(m_stopFlag) == RQ_STOP_NONE) CheckSilence(steady_clock::now());
+    if (RQLoad32(m_stopFlag) == RQ_STOP_NONE) CheckSilence(MachineClock::now());
     m_current = nullptr;
     m_isPaused = false;
 }
@@ -85,7 +84,7 @@ std::uint32_t PerformWatch::Take(std::int64_t total, std::int64_t done, const ch
             m_journal.Tell(Check::ProgressThread, "a call with " + OfTotal(total, done) +
                                                       " on another thread than the perform call's");
         }
-        CheckSilence(steady_clock::now());
+        CheckSilence(MachineClock::now());
         CheckFigures(total, done);
         for (const Check check : {Check::ProgressThread, Check::ProgressContext, Check::NegativeFigure})
             m_journal.Exercised(check);
@@ -112,7 +111,7 @@ void PerformWatch::Hold() {
         std::this_thread::sleep_for(kPausePass);
     if (m_current == current) RQStore32(&info->status, RQ_STATUS_RUNNING);
     MutexLock lock(m_mutex);
-    m_lastCall = steady_clock::now();
+    m_lastCall = MachineClock::now();
     m_quietUntil = std::max(m_quietUntil, m_lastCall);
 }
 
@@ -139,7 +138,7 @@ void PerformWatch::CheckFigures(std::int64_t total, std::int64_t done) {
     m_percent = percent;
 }
 
-void PerformWatch::CheckSilence(SteadyPoint now) {
+void PerformWatch::CheckSilence(TimePoint now) {
     m_journal.Exercised(Check::Silence);
     const auto gap = duration_cast<milliseconds>(now - m_lastCall);
     const auto silence = duration_cast<milliseconds>(now - std::max(m_lastCall, m_quietUntil));
@@ -158,7 +157,7 @@ void PerformWatch::CheckSilence(SteadyPoint now) {
 void PerformWatch::QuietFor(std::chrono::seconds duration) {
     MutexLock lock(m_mutex);
     const auto bounded = std::min<std::int64_t>(duration.count(), kLongestPromise_s);
-    m_quietUntil = steady_clock::now() + std::chrono::seconds(bounded);
+    m_quietUntil = MachineClock::now() + std::chrono::seconds(bounded);
 }
 
 std::chrono::milliseconds PerformWatch::LongestSilence() const {

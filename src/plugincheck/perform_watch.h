@@ -17,6 +17,7 @@
 
 #include "base/sync.h"
 #include "plugincheck/journal.h"
+#include "plugincheck/machine_clock.h"
 
 namespace rq::plugincheck {
 
@@ -55,13 +56,13 @@ class PerformWatch {
     static constexpr std::chrono::milliseconds kPauseGap{1500};
 
   private:
-    using SteadyPoint = std::chrono::steady_clock::time_point;
+    using TimePoint = MachineClock::time_point;
 
     static std::uint32_t OnProgress(std::int64_t total, std::int64_t done, void* context);
     std::uint32_t Take(std::int64_t total, std::int64_t done, const char* context);
     void Hold();
     void CheckFigures(std::int64_t total, std::int64_t done) RQ_REQUIRES(m_mutex);
-    void CheckSilence(SteadyPoint now) RQ_REQUIRES(m_mutex);
+    void CheckSilence(TimePoint now) RQ_REQUIRES(m_mutex);
 
     JournalWriter& m_journal;
     const volatile std::uint32_t* m_stopFlag;
@@ -76,8 +77,8 @@ class PerformWatch {
     PerformTerms m_terms RQ_GUARDED_BY(m_mutex);
     std::thread::id m_thread RQ_GUARDED_BY(m_mutex);
     double m_percent RQ_GUARDED_BY(m_mutex) = 0;
-    SteadyPoint m_lastCall RQ_GUARDED_BY(m_mutex);
-    SteadyPoint m_quietUntil RQ_GUARDED_BY(m_mutex);
+    TimePoint m_lastCall RQ_GUARDED_BY(m_mutex);
+    TimePoint m_quietUntil RQ_GUARDED_BY(m_mutex);
     std::chrono::milliseconds m_longestSilence RQ_GUARDED_BY(m_mutex){0};
 };
 

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "platform/process_facts.h"
+#include "plugincheck/machine_clock.h"
 
 namespace rq::plugincheck {
 namespace {
@@ -70,9 +71,9 @@ std::optional<Growth> JudgeHandles(const std::vector<std::size_t>& handles) {
 }
 
 std::size_t SettledThreadCount(std::size_t expected, std::chrono::milliseconds longest) {
-    const auto deadline = std::chrono::steady_clock::now() + longest;
+    const auto deadline = MachineClock::now() + longest;
     std::size_t count = platform::ThreadCount();
-    while (count > expected && std::chrono::steady_clock::now() < deadline) {
+    while (count > expected && MachineClock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
         count = platform::ThreadCount();
     }

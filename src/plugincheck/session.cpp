@@ -14,6 +14,7 @@
 #include "platform/start_up.h"
 #include "plughost/parameter_view.h"
 #include "plugincheck/host_probe.h"
+#include "plugincheck/machine_clock.h"
 #include "plugincheck/resource_watch.h"
 #include "plugincheck/task_driver.h"
 
@@ -88,6 +89,7 @@ class Session {
 
     const CheckOptions& m_options;
     JournalWriter& m_journal;
+    MachineClockThread m_clock;
     Watchdog m_watchdog;
     PluginCalls m_calls;
     PerformWatch& m_watch;

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/paths.h"
+#include "base/remove_tree.h"
 #include "base/text.h"
 #include "platform/files.h"
 #include "platform/identity.h"
@@ -32,10 +33,7 @@ class CheckFolder {
         m_isMade =
             !error && platform::CreatePrivateFolder(m_path) && platform::CreatePrivateFolder(In("temporary"));
     }
-    ~CheckFolder() {
-        std::error_code ignored;
-        fs::remove_all(PathFromUtf8(m_path), ignored);
-    }
+    ~CheckFolder() { RemoveTree(PathFromUtf8(m_path)); }
     CheckFolder(const CheckFolder&) = delete;
     CheckFolder& operator=(const CheckFolder&) = delete;
 

@@ -8,6 +8,7 @@
 #include "platform/process_facts.h"
 #include "plughost/parameter_view.h"
 #include "plughost/result_copy.h"
+#include "plugincheck/machine_clock.h"
 #include "plugincheck/resource_watch.h"
 
 namespace rq::plugincheck {
@@ -16,7 +17,6 @@ namespace {
 using std::chrono::duration_cast;
 using std::chrono::microseconds;
 using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 
 constexpr milliseconds kStopLimit(1000);
 constexpr milliseconds kStopUnseen(200);  // a call that ends sooner after a stop need not have seen it
@@ -28,7 +28,7 @@ constexpr char kHostText[] = "a text of the worker's, which the plug-in must not
 char g_hostText[sizeof kHostText];
 
 std::int64_t NowUs() {
-    return duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
+    return MachineClock::now().time_since_epoch().count();
 }
 
 std::string Milliseconds(milliseconds duration) {

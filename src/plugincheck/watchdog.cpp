@@ -23,7 +23,7 @@ Watchdog::~Watchdog() {
 
 void Watchdog::Watch(Lane lane, const std::string& what, std::chrono::milliseconds limit) {
     Signal::Hold hold(m_signal);
-    m_calls[static_cast<std::size_t>(lane)] = Call{what, limit, std::chrono::steady_clock::now() + limit};
+    m_calls[static_cast<std::size_t>(lane)] = Call{what, limit, MachineClock::now() + limit};
 }
 
 void Watchdog::Unwatch(Lane lane) {
@@ -35,7 +35,7 @@ void Watchdog::Run() {
     Signal::Hold hold(m_signal);
     while (!m_isEnding) {
         m_signal.WaitFor(hold, kLook);
-        const SteadyTime now = std::chrono::steady_clock::now();
+        const auto now = MachineClock::now();
         for (const auto& call : m_calls) {
             if (call && now > call->deadline) EndOverdue(*call);
         }

@@ -10,6 +10,7 @@
 
 #include "base/sync.h"
 #include "plugincheck/journal.h"
+#include "plugincheck/machine_clock.h"
 
 namespace rq::plugincheck {
 
@@ -28,7 +29,7 @@ class Watchdog {
     struct Call {
         std::string what;
         std::chrono::milliseconds limit;
-        SteadyTime deadline;
+        MachineClock::time_point deadline;
     };
 
     void Run();
