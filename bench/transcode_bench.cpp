@@ -64,7 +64,7 @@ int main(int argc, char** argv) {
     }
     const auto* data = static_cast<const RQTranscodeData*>(info->typeData);
     const auto* output = static_cast<const RQTranscodeOutput*>(data->outputs->items[0]);
-    std::printf("%.6f %.6f %u\n", took_s.count(), processor_s, output->value1);
+    std::printf("%.6f %.6f %u\n", took_s.count(), processor_s, output->frames);
     RQWorkerRelease();
     return 0;
 }
