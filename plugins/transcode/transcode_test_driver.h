@@ -73,7 +73,10 @@ inline std::string OutputOf(const std::string& command, const std::filesystem::p
     options.directory = folder;
     kit::Child child(PathFromUtf8(program), words, options);
     EXPECT_EQ(child.ExitCode(std::chrono::minutes(4)), 0) << command << "\n" << child.Errors();
-    return kit::ReadBytes(child.OutputFile()) + (withErrors ? child.Errors() : "");
+    // ffprobe writes text; what ffmpeg writes may be pictures.
+    const bool isText = program == RQ_FFPROBE_COMMAND;
+    return (isText ? child.Output() : kit::ReadBytes(child.OutputFile())) +
+           (withErrors ? child.Errors() : "");
 }
 
 class TranscodeDriver : public testing::Test {

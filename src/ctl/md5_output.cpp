@@ -2,27 +2,29 @@
 
 #include <nlohmann/json.hpp>
 
+#include "base/paths.h"
+
 namespace rq::ctl {
 
 namespace {
 
 using nlohmann::json;
 
-// A path for one line: line ends and backslashes as md5sum writes them. True when there were some.
+// A path for one line, as md5sum writes it: one with a line end in it, or with a backslash where that parts
+// no folders, has both escaped. True when it has.
 bool EscapePath(const std::string& path, std::string& line) {
-    bool escaped = false;
-    for (const char c : path) {
+    const bool separates = PathSeparator() == L'\\';
+    const bool escaped = path.find_first_of(separates ? "\n\r" : "\n\r\\") != std::string::npos;
+    if (!escaped) line += path;
+    for (const char c : escaped ? path : std::string()) {
         if (c == '\\')
             line += "\\\\";
         else if (c == '\n')
             line += "\\n";
         else if (c == '\r')
             line += "\\r";
-        else {
+        else
             line += c;
-            continue;
-        }
-        escaped = true;
     }
     return escaped;
 }

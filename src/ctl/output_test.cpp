@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "base/paths.h"
 #include "ctl/commands.h"
 #include "ctl/md5_output.h"
 
@@ -31,6 +32,10 @@ json Compared(const std::string& verification, const std::string& found, const s
 TEST(ReportMd5, WritesLinesAsMd5sumDoes) {
     EXPECT_EQ(ReportMd5(Computed("/片 名", "d41d8cd98f00b204e9800998ecf8427e")).text,
               "d41d8cd98f00b204e9800998ecf8427e  /片 名\n");
+    // A backslash alone is escaped where it is part of a name.
+    const bool separates = PathSeparator() == L'\\';
+    EXPECT_EQ(ReportMd5(Computed("C:\\a\\b", "11")).text,
+              separates ? "11  C:\\a\\b\n" : "\\11  C:\\\\a\\\\b\n");
     EXPECT_EQ(ReportMd5(Computed("/a\\b\nc", "11")).text, "\\11  /a\\\\b\\nc\n");
 }
 

@@ -51,8 +51,7 @@ bool WaitForFile(const std::filesystem::path& path,
 }
 
 bool WaitForText(const std::filesystem::path& path, std::string_view text, std::chrono::milliseconds bound) {
-    return WaitForFile(
-        path, [&](const std::string& bytes) { return bytes.find(text) != std::string::npos; }, bound);
+    return WaitUntil([&] { return ReadText(path).find(text) != std::string::npos; }, bound);
 }
 
 std::vector<std::filesystem::path> FindFiles(const std::filesystem::path& root, std::string_view ending) {

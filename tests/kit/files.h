@@ -27,7 +27,7 @@ bool WaitUntil(const std::function<bool()>& holds, std::chrono::milliseconds bou
 bool WaitForFile(const std::filesystem::path& path,
                  const std::function<bool(const std::string& bytes)>& holds,
                  std::chrono::milliseconds bound = kPatience);
-// Until the file contains `text`.
+// Until the file contains `text`, whose line ends are "\n".
 bool WaitForText(const std::filesystem::path& path, std::string_view text,
                  std::chrono::milliseconds bound = kPatience);
 

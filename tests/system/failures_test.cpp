@@ -28,9 +28,9 @@ TEST(Failures, MissingFileIsRefusedBeforeSubmission) {
 
 TEST(Failures, FileThatVanishedFailsTheTask) {
     Node node;
-    const auto record = node.WaitForEnd(node.SubmitText(
-        "mc",
-        "<MD5Task><ID>gone</ID><Files><File><Path>/nowhere/at/all.mxf</Path></File></Files></MD5Task>"));
+    const auto record =
+        node.WaitForEnd(node.SubmitText("mc", "<MD5Task><ID>gone</ID><Files><File><Path>" + kit::RootName() +
+                                                  "/nowhere/at/all.mxf</Path></File></Files></MD5Task>"));
     EXPECT_EQ(record["state"], "failed");
     EXPECT_EQ(record["status"], 4);
     const auto& attempt = record["attempt_list"][0];

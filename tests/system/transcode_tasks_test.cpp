@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "base/paths.h"
+#include "kit/os.h"
 #include "kit/scripted_engine.h"
 #include "node.h"
 #include "records/engine_messages.h"
@@ -128,9 +129,9 @@ TEST(TranscodeTasks, CancelLeavesNothing) {
 TEST(TranscodeTasks, ARefusedTextGivesItsLine) {
     Node node;
     const auto record = node.WaitForEnd(
-        node.SubmitText("tc",
-                        "<TranscodeTask>\n<ID>job 1</ID>\n<Source><Path>/a.mxf</Path></Source>\n<Target>\n"
-                        "<Path>/b.mp4</Path><Container>avi</Container></Target></TranscodeTask>"));
+        node.SubmitText("tc", "<TranscodeTask>\n<ID>job 1</ID>\n<Source><Path>" + kit::RootName() +
+                                  "/a.mxf</Path></Source>\n<Target>\n<Path>" + kit::RootName() +
+                                  "/b.mp4</Path><Container>avi</Container></Target></TranscodeTask>"));
     EXPECT_EQ(record["state"], "failed");
     const std::string line = "line 5: <Container> is \"avi\"; give one of: mp4, mkv";
     EXPECT_EQ(record["attempt_list"][0]["further_text"], line);
