@@ -15,11 +15,14 @@ std::string Under(const std::string& folder, const char* name) {
     return Utf8FromPath(PathFromUtf8(folder) / name);
 }
 
-// A word that a shell takes as it stands.
+// A path that a shell takes as it stands. The shells of Windows know double quotes only, which no path there
+// has.
 std::string Quoted(const std::string& word) {
-    const auto plain =
-        word.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._-+:,@");
-    if (plain == std::string::npos && !word.empty()) return word;
+    const bool isWindows = PathSeparator() == L'\\';
+    const std::string plain = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._-+:,@" +
+                              std::string(isWindows ? "\\" : "");
+    if (word.find_first_not_of(plain) == std::string::npos && !word.empty()) return word;
+    if (isWindows) return '"' + word + '"';
     std::string quoted = "'";
     for (const char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
     return quoted + "'";

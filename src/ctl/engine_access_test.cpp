@@ -7,6 +7,7 @@
 #include <boost/asio/write.hpp>
 #include <thread>
 
+#include "base/paths.h"
 #include "kit/temp_dir.h"
 
 namespace rq::ctl {
@@ -75,7 +76,8 @@ TEST_F(EngineAccessTest, WithoutAnEngineItSaysHowToStartOne) {
     const auto failure = OpenFailure();
     EXPECT_EQ(failure.exitCode, kExitNoEngine);
     // The folder has blanks in its name.
-    EXPECT_NE(failure.message.find("rqengine --data '" + m_folder.Utf8() + "'"), std::string::npos)
+    const std::string quote = PathSeparator() == L'\\' ? "\"" : "'";
+    EXPECT_NE(failure.message.find("rqengine --data " + quote + m_folder.Utf8() + quote), std::string::npos)
         << failure.message;
 }
 
