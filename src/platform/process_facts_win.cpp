@@ -11,38 +11,23 @@
 namespace rq::platform {
 namespace {
 
-// One row of the system's table of all handles, as NtQuerySystemInformation gives it.
-struct HandleRow {
-    void* object;
-    ULONG_PTR process;
-    ULONG_PTR handle;
-    ULONG access;
-    USHORT creator;
-    USHORT type;
-    ULONG attributes;
-    ULONG reserved;
-};
-
-std::size_t CountInSystemTable() {
-    using Query = LONG(WINAPI*)(ULONG, void*, ULONG, ULONG*);
-    constexpr ULONG kExtendedHandles = 64;
-    constexpr LONG kTooSmall = static_cast<LONG>(0xC0000004);
-    constexpr std::size_t kMost_bytes = 256 * 1024 * 1024;
-    const auto query = reinterpret_cast<Query>(reinterpret_cast<void*>(
-        ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
-    if (query == nullptr) return 0;
-    std::vector<ULONG_PTR> table(1 << 16);
-    LONG status = kTooSmall;
-    for (; table.size() * sizeof table[0] <= kMost_bytes; table.resize(table.size() * 2)) {
-        status = query(kExtendedHandles, table.data(), static_cast<ULONG>(table.size() * sizeof table[0]),
-                       nullptr);
-        if (status != kTooSmall) break;
+// Asks for every value that a handle can have. They are multiples of 4, and the lowest free one is given away first: a
+// long row of free ones is the end of the table. Not NtQuerySystemInformation's table of all handles: Wine 8 does not
+// implement GetProcessHandleCount, and its server crashes when it lists the handles of a process that has none (yet).
+std::size_t CountByAsking() {
+    constexpr std::size_t kFreeAtTheEnd = 256;
+    std::size_t count = 0;
+    std::size_t free = 0;
+    for (std::uintptr_t value = 4; free < kFreeAtTheEnd; value += 4) {
+        DWORD flags = 0;
+        if (::GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags)) {
+            ++count;
+            free = 0;
+        } else {
+            ++free;
+        }
     }
-    if (status != 0) return 0;
-    const auto* rows = reinterpret_cast<const HandleRow*>(&table[2]);
-    const DWORD self = ::GetCurrentProcessId();
-    return static_cast<std::size_t>(
-        std::count_if(rows, rows + table[0], [self](const HandleRow& row) { return row.process == self; }));
+    return count;
 }
 
 }  // namespace
@@ -64,7 +49,7 @@ std::size_t ThreadCount() {
 std::size_t HandleCount() {
     DWORD count = 0;
     if (::GetProcessHandleCount(::GetCurrentProcess(), &count) && count > 0) return count;
-    return CountInSystemTable();  // where the call above tells nothing
+    return CountByAsking();  // where the call above tells nothing
 }
 
 // The blocks of every heap of the process, counted one by one.
