@@ -10,28 +10,23 @@
 //   a WORKER without TYPE        has the type of the WORKER before it; the first one in the file has type 0
 //   a WORKER without PATH, or a PATH without text: an empty path
 //   several TYPE or PATH in one WORKER, several WORKER of one type: the last one wins
+//   blanks around a text are dropped, several in a row are one; a comment before a text does not hide it
 //   PATH bytes that are not UTF-8: GBK, and what is not GBK either becomes U+FFFD
-//   elements nested deeper than kMaxTableNesting, or more than kMaxTableSize_bytes: the file counts as one
-//   that does not parse
+//   on Windows the folder of a PATH ends at its last backslash; slashes alone do not make one
+//   elements nested deeper than kMaxTableNesting, more than kMaxTableSize_bytes, or memory that does not
+//   suffice: the file counts as one that does not parse; a second line in the log then says why
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
 
 #include "base/text.h"
-
-class TiXmlElement;
+#include "plugin/type_table_file.h"
 
 namespace rq {
 
 inline constexpr std::size_t kMaxTableNesting = 1000;
 inline constexpr std::size_t kMaxTableSize_bytes = 512u * 1024u * 1024u;
-
-struct WorkerTypeEntry {
-    std::int32_t type = 0;
-    WideText path;  // relative to the module directory
-};
 
 class WorkerTypeTable {
   public:
@@ -47,10 +42,8 @@ class WorkerTypeTable {
     bool GetWorkerDllPath(std::int32_t type, WideText& path);
 
   private:
-    void ReadWorker(TiXmlElement& worker, std::int32_t& type);
-
     const WideText m_moduleDirectory;
-    std::map<std::int32_t, WorkerTypeEntry> m_entries;  // what the file said at the last successful read
+    WorkerTypeEntries m_entries;  // what the file said at the last successful read
 };
 
 }  // namespace rq

@@ -41,34 +41,46 @@ std::string At(std::string_view xml, std::size_t position, std::string_view prob
 
 }  // namespace
 
+std::optional<XmlTag> NextXmlTag(std::string_view xml, std::size_t from, std::size_t* unended) {
+    XmlTag tag;
+    tag.begin = xml.find('<', from);
+    if (tag.begin == kNowhere) return std::nullopt;
+    const std::string_view rest = xml.substr(tag.begin);
+    if (rest.starts_with("<!--")) {
+        tag.end = After(xml, tag.begin + 4, "-->");
+    } else if (rest.starts_with("<![CDATA[")) {
+        tag.end = After(xml, tag.begin + 9, "]]>");
+    } else if (rest.starts_with("<?") || rest.starts_with("<!")) {
+        tag.end = EndOfTag(xml, tag.begin, false);
+    } else if (rest.starts_with("</")) {
+        tag.kind = XmlTagKind::Close;
+        tag.end = EndOfTag(xml, tag.begin, false);
+    } else {
+        tag.end = EndOfTag(xml, tag.begin, true);
+        const bool isEmpty = tag.end != kNowhere && xml[tag.end - 2] == '/';
+        tag.kind = isEmpty ? XmlTagKind::Empty : XmlTagKind::Open;
+    }
+    if (tag.end != kNowhere) return tag;
+    if (unended != nullptr) *unended = tag.begin;
+    return std::nullopt;
+}
+
 std::optional<std::string> FindXmlBoundsProblem(std::string_view xml, const XmlBounds& bounds) {
     if (xml.size() > bounds.size_bytes) {
         return fmt::format("it has {} bytes, {} are allowed", xml.size(), bounds.size_bytes);
     }
     if (const std::size_t zero = xml.find('\0'); zero != kNowhere) return At(xml, zero, "a zero byte");
     std::size_t depth = 0;
-    for (std::size_t at = xml.find('<'); at != kNowhere; at = xml.find('<', at)) {
-        const std::string_view rest = xml.substr(at);
-        std::size_t end;
-        if (rest.starts_with("<!--")) {
-            end = After(xml, at + 4, "-->");
-        } else if (rest.starts_with("<![CDATA[")) {
-            end = After(xml, at + 9, "]]>");
-        } else if (rest.starts_with("<?") || rest.starts_with("<!")) {
-            end = EndOfTag(xml, at, false);
-        } else if (rest.starts_with("</")) {
-            end = EndOfTag(xml, at, false);
-            depth -= depth > 0 ? 1 : 0;
-        } else {
-            end = EndOfTag(xml, at, true);
-            if (end != kNowhere && xml[end - 2] != '/') ++depth;
+    std::size_t unended = kNowhere;
+    std::size_t at = 0;
+    while (const std::optional<XmlTag> tag = NextXmlTag(xml, at, &unended)) {
+        at = tag->end;
+        if (tag->kind == XmlTagKind::Open && ++depth > bounds.depth) {
+            return At(xml, tag->begin, fmt::format("elements nest deeper than {} levels", bounds.depth));
         }
-        if (end == kNowhere) return At(xml, at, "a \"<\" whose tag does not end");
-        if (depth > bounds.depth) {
-            return At(xml, at, fmt::format("elements nest deeper than {} levels", bounds.depth));
-        }
-        at = end;
+        if (tag->kind == XmlTagKind::Close && depth > 0) --depth;
     }
+    if (unended != kNowhere) return At(xml, unended, "a \"<\" whose tag does not end");
     return std::nullopt;
 }
 
