@@ -95,6 +95,14 @@ class AtATerminal(unittest.TestCase):
         self.check_pause(terminal)
         self.assertIn(FIRST_LINE.encode("gbk"), terminal.output)
 
+    def test_usage_in_an_encoding_that_is_neither(self):
+        terminal = self.start([], LC_ALL="zh_TW.BIG5")
+        self.check_pause(terminal)
+        # Big5 has the sign and the second character of the first word, and lacks none of these.
+        self.assertIn("用法：RQWorkerU.exe".encode("big5"), terminal.output)
+        # It lacks the simplified character of "transcode".
+        self.assertIn(b"\ttc\t?" + "码".encode("big5", "replace") + b"\r\n", terminal.output)
+
     def test_a_forced_encoding_holds_at_a_terminal_too(self):
         terminal = self.start([], RQ_CONSOLE_ENCODING="GBK")
         self.check_pause(terminal)

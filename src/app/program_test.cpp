@@ -110,6 +110,7 @@ class RestartTest : public ::testing::Test {
     RestartTest() {
         std::filesystem::copy_file(PathFromUtf8(RQ_RESTART_FIXTURE), m_program);
         m_options.directory = m_dir.Path();
+        m_options.environment = {{"RQ_LOG_DIR", m_dir.Utf8("crashes")}};
     }
 
     // Level and text of each line of the program's log.
@@ -136,6 +137,7 @@ TEST_F(RestartTest, StartsACopyWithoutArgumentsAndAborts) {
     kit::Child child(m_program, {"time-out"}, m_options);
     EXPECT_EQ(child.ExitCode(), kit::Codes().abortExit);
     EXPECT_EQ(child.Errors(), "") << "a wanted abort says nothing";
+    EXPECT_TRUE(kit::FindFiles(m_dir.Path() / "crashes", "").empty()) << "and leaves no dump";
     EXPECT_TRUE(kit::WaitForText(m_dir.Path() / PathFromUtf8(m_name + ".ran"), "1\n"));
     EXPECT_EQ(Log(), (std::vector<std::string>{"1 before", "3 patrol timeout, will restart worker .",
                                                "3 will abort this worker..."}));

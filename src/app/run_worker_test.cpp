@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <clocale>
+
 #include "app/restart_worker.h"
 #include "util/console_capture.h"
 #include "util/log_capture.h"
@@ -129,6 +131,22 @@ TEST_F(RunWorkerTest, AcceptedTypes) {
         ASSERT_GE(m_events.size(), 5u) << type;
         EXPECT_EQ(m_events[4], "DoWork t " + std::to_string(number)) << type;
     }
+}
+
+TEST(RunWorkerSeams, TheRealLocaleIsSwitchedAndPutBack) {
+    const RunWorkerSeams real = RunWorkerSeams::Real();
+    const std::string before = std::setlocale(LC_ALL, nullptr);
+    const std::string saved = real.setDefaultLocale();
+    EXPECT_EQ(saved, before);
+    std::setlocale(LC_ALL, "");
+    std::setlocale(LC_NUMERIC, "C");
+    const std::string systems = std::setlocale(LC_ALL, nullptr);
+    std::setlocale(LC_ALL, before.c_str());
+    EXPECT_EQ(real.setDefaultLocale(), before);
+    EXPECT_EQ(std::setlocale(LC_ALL, nullptr), systems);
+    real.restoreLocale(before);
+    EXPECT_EQ(std::setlocale(LC_ALL, nullptr), before);
+    real.freeIni();  // null is allowed
 }
 
 }  // namespace

@@ -138,6 +138,16 @@ TEST_F(StartUpTest, ThreeArgumentsRunTheTextItself) {
     EXPECT_EQ(LogNames(), (std::vector<std::string>{"_W.log"}));
 }
 
+TEST_F(StartUpTest, PortsThatAreNoneAndPortsThatDoNotFit) {
+    const std::vector<std::pair<std::wstring, std::uint32_t>> ports = {
+        {L"0", 0}, {L"-5", 0}, {L"port", 0}, {L"", 0}, {L"65536", 65536}, {L"99999999999", 4294967295u}};
+    for (const auto& [text, number] : ports) {
+        ProcessCommandLine() = {};
+        EXPECT_EQ(Start({L"mc", L"<x/>", text}), 0);
+        EXPECT_EQ(ProcessCommandLine().ServerPortOverride, number) << NarrowUtf8(text);
+    }
+}
+
 TEST_F(StartUpTest, ThreeArgumentsDoNotReadAFile) {
     const std::string file = m_dir.Utf8("task.xml");
     m_dir.Write("task.xml", "<inside/>");
@@ -163,6 +173,7 @@ TEST_F(StartUpTest, FourArgumentsReadTheFile) {
 TEST_F(StartUpTest, AFileThatCannotBeReadGivesAnEmptyText) {
     EXPECT_EQ(Start({L"tc", WidenUtf8(m_dir.Utf8("missing.xml")), L"x", L"1"}), 0);
     EXPECT_EQ(m_calls, (std::vector<std::string>{"run tc []"}));
+    EXPECT_TRUE(m_log.Contains("The file \"" + m_dir.Utf8("missing.xml") + "\" is not used: "));
     EXPECT_EQ(ProcessCommandLine().ServerPortOverride, 0u);  // "x" is no number
 }
 
@@ -178,6 +189,15 @@ TEST_F(StartUpTest, APackageNamesItsLogByTheTime) {
     Start({L"14", WidenUtf8(m_dir.Utf8("task.xml")), L"1", L"1"});
     EXPECT_EQ(ProcessCommandLine().LogFilePrefix, L"Package_20170531.101530.250000");
     EXPECT_EQ(LogNames(), (std::vector<std::string>{"Package_20170531.101530.250000_W.log"}));
+}
+
+// Only the text "14" itself is a package; what counts as the same number later is not.
+TEST_F(StartUpTest, OtherTextsOfFourteenNameTheLogAfterTheFile) {
+    for (const wchar_t* type : {L"014", L" 14", L"14 ", L"+14", L"23"}) {
+        Start({type, WidenUtf8(m_dir.Utf8("task7.xml")), L"1", L"1"});
+        EXPECT_EQ(ProcessCommandLine().LogFilePrefix, L"task7") << NarrowUtf8(type);
+    }
+    EXPECT_EQ(LogNames(), (std::vector<std::string>{"task7_W.log"}));
 }
 
 TEST_F(StartUpTest, APackageGivenAsTextNamesNoLog) {

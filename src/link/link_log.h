@@ -1,5 +1,8 @@
 // The engine link's own log: connects, losses and refused frames, at its debug level also each frame's id and
-// size. Any thread. A file that cannot be opened stops nothing; the lines are then dropped.
+// size. A file like the worker's (log/log_file.h: shared by any number of processes, rolled when full; log/
+// log_text.h: one readable line whatever a peer sent), with the tag and module "LINK" and the levels 1
+// debug, 2 information, 3 warning. Every line is written at once. Any thread. A file that cannot be opened
+// stops nothing: one line on standard error says so and the log's lines are dropped.
 #pragma once
 
 #include <atomic>
@@ -9,8 +12,8 @@
 #include "base/sync.h"
 #include "link/session.h"
 
-namespace spdlog {
-class logger;
+namespace rq {
+class LogFile;
 }
 
 namespace rq::link {
@@ -25,13 +28,14 @@ class LinkLog {
     // Opens (appends to) the file, making missing folders. An empty path closes.
     void Open(const std::wstring& path);
     void Close();
-    void Write(LogLevel level, const std::string& text);
+    // Throws nothing; a line for which there is no memory is lost.
+    void Write(LogLevel level, const std::string& text) noexcept;
     // Whether debug lines are wanted (RQ_LINK_DEBUG=1 at Open).
     bool IsDebug() const { return m_debug; }
 
   private:
     Mutex m_lock;
-    std::shared_ptr<spdlog::logger> m_logger RQ_GUARDED_BY(m_lock);
+    std::unique_ptr<LogFile> m_file RQ_GUARDED_BY(m_lock);
     std::atomic<bool> m_debug{false};
 };
 

@@ -13,9 +13,7 @@ namespace {
 // One conversion descriptor; opened for each text, since a descriptor belongs to one thread.
 class Iconv {
   public:
-    Iconv(const char* to, const char* from) : m_handle(::iconv_open(to, from)) {
-        if (!Valid()) TellOnce();
-    }
+    Iconv(const char* to, const char* from) : m_handle(::iconv_open(to, from)) {}
     ~Iconv() {
         if (Valid()) ::iconv_close(m_handle);
     }
@@ -43,16 +41,6 @@ class Iconv {
     }
 
   private:
-    // A system without glibc's conversion modules: said once, since the callers have no place for an error.
-    static void TellOnce() {
-        static std::atomic<bool> told{false};
-        if (told.exchange(true)) return;
-        static constexpr std::string_view text =
-            "rqworker: this system cannot convert GBK (the C library's gconv modules are missing); "
-            "Chinese texts on redirected output are written as \"?\"\n";
-        [[maybe_unused]] const auto written = ::write(STDERR_FILENO, text.data(), text.size());
-    }
-
     iconv_t m_handle;
 };
 
@@ -69,10 +57,18 @@ bool IsAscii(char c) {
     return static_cast<unsigned char>(c) < 0x80;
 }
 
-}  // namespace
+// A system without glibc's conversion modules: said once, since the callers have no place for an error.
+void TellOnce() {
+    static std::atomic<bool> told{false};
+    if (told.exchange(true)) return;
+    static constexpr std::string_view text =
+        "rqworker: this system cannot convert GBK (the C library's gconv modules are missing); "
+        "Chinese texts on redirected output are written as \"?\"\n";
+    [[maybe_unused]] const auto written = ::write(STDERR_FILENO, text.data(), text.size());
+}
 
-std::string Utf8ToGbk(std::string_view utf8) {
-    Iconv iconv("GBK", "UTF-8");
+// What cannot be converted becomes "?"; without a conversion, all that is not ASCII.
+std::string ConvertOrAsk(Iconv& iconv, std::string_view utf8) {
     std::string out;
     out.reserve(utf8.size());
     while (!utf8.empty()) {
@@ -88,9 +84,25 @@ std::string Utf8ToGbk(std::string_view utf8) {
     return out;
 }
 
+}  // namespace
+
+std::string Utf8ToGbk(std::string_view utf8) {
+    Iconv iconv("GBK", "UTF-8");
+    if (!iconv.Valid()) TellOnce();
+    return ConvertOrAsk(iconv, utf8);
+}
+
+std::string Utf8ToEncoding(std::string_view utf8, const std::string& encoding) {
+    Iconv iconv(encoding.c_str(), "UTF-8");
+    return iconv.Valid() ? ConvertOrAsk(iconv, utf8) : std::string(utf8);
+}
+
 std::optional<std::string> GbkToUtf8(std::string_view gbk) {
     Iconv iconv("UTF-8", "GBK");
-    if (!iconv.Valid()) return std::nullopt;
+    if (!iconv.Valid()) {
+        TellOnce();
+        return std::nullopt;
+    }
     std::string out;
     if (!iconv.Convert(gbk, out)) return std::nullopt;
     return out;

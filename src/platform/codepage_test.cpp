@@ -37,6 +37,10 @@ TEST(CodePage, BytesThatAreNotGbk) {
     EXPECT_FALSE(GbkToUtf8("a\xD3"));  // half a character
 }
 
+TEST(CodePage, AnEncodingThatNobodyKnowsLeavesTheText) {
+    EXPECT_EQ(Utf8ToEncoding("任务", "NO-SUCH-ENCODING"), "任务");
+}
+
 TEST(CodePage, TextsLongerThanTheBuffer) {
     std::string text;
     for (int i = 0; i < 5000; ++i) text += "转x";

@@ -43,4 +43,8 @@ std::optional<std::string> GbkToUtf8(std::string_view gbk) {
     return Utf8Of(wide);
 }
 
+std::string Utf8ToEncoding(std::string_view utf8, const std::string& /*encoding*/) {
+    return std::string(utf8);
+}
+
 }  // namespace rq::platform

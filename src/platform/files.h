@@ -1,6 +1,7 @@
 // Files and folders that the standard library does not reach safely. Paths are UTF-8. Any thread.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <optional>
 #include <string>
@@ -20,8 +21,10 @@ bool ChangeCurrentDirectory(const std::string& path, OsError* error = nullptr);
 // fopen by UTF-8 path; not inherited by child processes.
 std::FILE* OpenFile(const std::string& path, const char* mode);
 
-// The whole file as bytes; nothing when it cannot be opened or read.
-std::optional<std::string> ReadWholeFile(const std::string& path, OsError* error = nullptr);
+// The whole file as bytes; nothing when it cannot be opened or read, or has more than `limit_bytes` (EFBIG,
+// ERROR_FILE_TOO_LARGE; of a file without an end, as a device may be, no more than that is read).
+std::optional<std::string> ReadWholeFile(const std::string& path, OsError* error = nullptr,
+                                         std::uint64_t limit_bytes = UINT64_MAX);
 
 // Makes a new file that only its owner can read (0600; an owner-only ACL on Windows) and writes `bytes`.
 // Fails when the file is already there.

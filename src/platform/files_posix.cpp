@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 
@@ -105,7 +106,7 @@ std::FILE* OpenFile(const std::string& path, const char* mode) {
     return std::fopen(path.c_str(), (std::string(mode) + "e").c_str());
 }
 
-std::optional<std::string> ReadWholeFile(const std::string& path, OsError* error) {
+std::optional<std::string> ReadWholeFile(const std::string& path, OsError* error, std::uint64_t limit_bytes) {
     const FileDescriptor file(OpenRetry(path, O_RDONLY));
     if (!file.Valid()) {
         SetOsError(error, errno, "open " + path);
@@ -113,10 +114,14 @@ std::optional<std::string> ReadWholeFile(const std::string& path, OsError* error
     }
     std::string bytes;
     struct stat info {};
-    if (::fstat(file.Get(), &info) == 0 && info.st_size > 0)
-        bytes.reserve(static_cast<std::size_t>(info.st_size));
+    const auto size = ::fstat(file.Get(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
+    if (size <= limit_bytes) bytes.reserve(static_cast<std::size_t>(size));
     char buffer[65536];
     for (;;) {
+        if (std::max<std::uint64_t>(size, bytes.size()) > limit_bytes) {
+            SetOsError(error, EFBIG, "read " + path);
+            return std::nullopt;
+        }
         const ssize_t n = ::read(file.Get(), buffer, sizeof buffer);
         if (n == 0) return bytes;
         if (n > 0) {

@@ -11,5 +11,11 @@ TEST(FilesOnLinux, ReadsFilesThatDoNotTellTheirSize) {
     EXPECT_NE(text->find("Name:"), std::string::npos);
 }
 
+TEST(FilesOnLinux, AFileWithoutAnEndIsGivenUpAtTheLimit) {
+    OsError error;
+    EXPECT_FALSE(ReadWholeFile("/dev/zero", &error, 1'000'000));
+    EXPECT_EQ(error.message, "read /dev/zero: File too large");
+}
+
 }  // namespace
 }  // namespace rq::platform

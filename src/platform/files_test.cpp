@@ -7,6 +7,7 @@
 #include "base/paths.h"
 #include "kit/files.h"
 #include "kit/os.h"
+#include "kit/sparse_file.h"
 #include "kit/temp_dir.h"
 
 namespace rq::platform {
@@ -54,6 +55,20 @@ TEST(Files, ReadsWholeFiles) {
     EXPECT_EQ(error.code, kit::Codes().notFound);
     EXPECT_FALSE(ReadWholeFile(dir.Utf8(), &error));
     EXPECT_EQ(error.code, kit::Codes().isFolder);
+}
+
+TEST(Files, ReadsNoMoreThanALimit) {
+    const TempDir dir;
+    dir.Write("x", std::string(100'000, 'x'));
+    OsError error;
+    EXPECT_EQ(ReadWholeFile(dir.Utf8("x"), &error, 100'000)->size(), 100'000u);
+    EXPECT_EQ(error.code, 0);
+    EXPECT_FALSE(ReadWholeFile(dir.Utf8("x"), &error, 99'999));
+    EXPECT_EQ(error.message, "read " + dir.Utf8("x") + ": " + kit::Words(error.code));
+    kit::MakeSparseFile(dir.Path() / "sparse", 1ull << 33);
+    EXPECT_FALSE(ReadWholeFile(dir.Utf8("sparse"), &error, 1000));
+    dir.Write("empty", "");
+    EXPECT_EQ(ReadWholeFile(dir.Utf8("empty"), &error, 0), "");
 }
 
 TEST(Files, StreamsOfEveryMode) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <io.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 
@@ -164,17 +165,22 @@ std::FILE* OpenFile(const std::string& path, const char* mode) {
     return file;
 }
 
-std::optional<std::string> ReadWholeFile(const std::string& path, OsError* error) {
+std::optional<std::string> ReadWholeFile(const std::string& path, OsError* error, std::uint64_t limit_bytes) {
     const WinHandle file = Open(path, GENERIC_READ, OPEN_EXISTING);
     if (!file.Valid()) {
         SetOsError(error, ::GetLastError(), "open " + path);
         return std::nullopt;
     }
     std::string bytes;
-    LARGE_INTEGER size{};
-    if (::GetFileSizeEx(file.Get(), &size)) bytes.reserve(static_cast<std::size_t>(size.QuadPart));
+    LARGE_INTEGER told{};
+    const auto size = ::GetFileSizeEx(file.Get(), &told) ? static_cast<std::uint64_t>(told.QuadPart) : 0;
+    if (size <= limit_bytes) bytes.reserve(static_cast<std::size_t>(size));
     char buffer[65536];
     for (;;) {
+        if (std::max<std::uint64_t>(size, bytes.size()) > limit_bytes) {
+            SetOsError(error, ERROR_FILE_TOO_LARGE, "read " + path);
+            return std::nullopt;
+        }
         DWORD got = 0;
         if (!::ReadFile(file.Get(), buffer, sizeof buffer, &got, nullptr)) {
             SetOsError(error, ::GetLastError(), "read " + path);

@@ -203,7 +203,7 @@ them to its plug-in as an `RQRunningParameter` (`sdk/include/rqworker/running_pa
 - A text keeps its blanks inside a CDATA section only; outside of one, blanks at its ends are dropped and several in a row
   become one.
 - A parameter that the file lacks, or whose text does not fit its kind, has its default; so has a server list without
-  items. The worker's log says what did not fit. Elements that are not listed are kept when the file is written.
+  items, and a `ProgressReportInterval` below 1, with which the reporting thread would never rest. The worker's log says what did not fit. Elements that are not listed are kept when the file is written.
 
 ## The parameters
 

@@ -86,7 +86,7 @@ TEST(Console, ARedirectedOutputGetsGbkBytes) {
 }
 
 TEST(Console, TheEncodingIsForcedOrThatOfTheTerminalOrGbk) {
-    using enum ConsoleEncoding;
+    const std::string Gbk = kConsoleGbk, Utf8 = kConsoleUtf8;
     EXPECT_EQ(ChooseConsoleEncoding(std::nullopt, false, ""), Gbk);
     EXPECT_EQ(ChooseConsoleEncoding("", false, "UTF-8"), Gbk);
     EXPECT_EQ(ChooseConsoleEncoding(std::nullopt, true, "UTF-8"), Utf8);
@@ -95,18 +95,21 @@ TEST(Console, TheEncodingIsForcedOrThatOfTheTerminalOrGbk) {
     EXPECT_EQ(ChooseConsoleEncoding("gbk", true, "UTF-8"), Gbk);
     for (const char* name : {"GB2312", "gb18030", "CP936", "936"})
         EXPECT_EQ(EncodingByName(name), Gbk) << name;
-    for (const char* name : {"UTF-8", "ISO-8859-1", ""}) EXPECT_EQ(EncodingByName(name), Utf8) << name;
+    for (const char* name : {"UTF-8", "utf8", "ANSI_X3.4-1968", ""})
+        EXPECT_EQ(EncodingByName(name), Utf8) << name;
+    EXPECT_EQ(EncodingByName("big5"), "BIG5");
+    EXPECT_EQ(ChooseConsoleEncoding(std::nullopt, true, "ISO-8859-1"), "ISO-8859-1");
 }
 
 TEST(Console, BytesThatAreNotUtf8AreShownAsUnknown) {
     EXPECT_EQ(EncodeForConsole("a\xFF"
                                "b",
-                               ConsoleEncoding::Utf8),
+                               kConsoleUtf8),
               "a\xEF\xBF\xBD"
               "b");
     EXPECT_EQ(EncodeForConsole("a\xFF"
                                "b",
-                               ConsoleEncoding::Gbk),
+                               kConsoleGbk),
               "a?b");
 }
 

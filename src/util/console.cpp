@@ -31,26 +31,29 @@ ConsoleEncoding EncodingByName(std::string_view name) {
     std::string upper(name);
     std::transform(upper.begin(), upper.end(), upper.begin(), UpperAscii);
     constexpr std::array<std::string_view, 5> kGbk{"GBK", "GB2312", "GB18030", "CP936", "936"};
-    return std::find(kGbk.begin(), kGbk.end(), upper) != kGbk.end() ? ConsoleEncoding::Gbk
-                                                                    : ConsoleEncoding::Utf8;
+    constexpr std::array<std::string_view, 6> kUtf8{"",      "UTF-8",    "UTF8",
+                                                    "ASCII", "US-ASCII", "ANSI_X3.4-1968"};
+    if (std::find(kGbk.begin(), kGbk.end(), upper) != kGbk.end()) return kConsoleGbk;
+    return std::find(kUtf8.begin(), kUtf8.end(), upper) != kUtf8.end() ? kConsoleUtf8 : upper;
 }
 
 ConsoleEncoding ChooseConsoleEncoding(const std::optional<std::string>& forced, bool isTerminal,
                                       std::string_view terminalEncoding) {
     if (forced && !forced->empty()) return EncodingByName(*forced);
-    return isTerminal ? EncodingByName(terminalEncoding) : ConsoleEncoding::Gbk;
+    return isTerminal ? EncodingByName(terminalEncoding) : kConsoleGbk;
 }
 
-std::string EncodeForConsole(std::string_view utf8, ConsoleEncoding encoding) {
-    const std::string repaired = RepairUtf8(utf8);
-    return encoding == ConsoleEncoding::Gbk ? platform::Utf8ToGbk(repaired) : repaired;
+std::string EncodeForConsole(std::string_view utf8, const ConsoleEncoding& encoding) {
+    std::string repaired = RepairUtf8(utf8);
+    if (encoding == kConsoleGbk) return platform::Utf8ToGbk(repaired);
+    return encoding == kConsoleUtf8 ? repaired : platform::Utf8ToEncoding(repaired, encoding);
 }
 
 void ConsoleWrite(std::string_view utf8) {
     if (ConsoleHub().IsHeard() && ConsoleHub().Tell(std::string(utf8))) return;
     // Neither the stream nor its encoding changes while the process runs.
-    static const ConsoleEncoding encoding = OfThisProcess();
-    platform::WriteStandardOutput(EncodeForConsole(utf8, encoding));
+    static const auto* encoding = new ConsoleEncoding(OfThisProcess());
+    platform::WriteStandardOutput(EncodeForConsole(utf8, *encoding));
 }
 
 // The classic locale: no digit grouping, a decimal point, whatever locale the process has.

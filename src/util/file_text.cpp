@@ -1,12 +1,14 @@
 #include "util/file_text.h"
 
 #include <cstdint>
+#include <new>
 #include <optional>
 
 #include "base/text.h"
 #include "platform/codepage.h"
 #include "platform/files.h"
 #include "util/utility.h"
+#include "util/worker_util.h"
 
 namespace rq {
 namespace {
@@ -33,13 +35,13 @@ void AppendUtf8(std::string& out, char32_t c) {
 }
 
 // Half a unit at the end and surrogates without a partner become U+FFFD.
-std::string DecodeUtf16(std::string_view bytes, bool bigEndian) {
+DecodedText DecodeUtf16(std::string_view bytes, bool bigEndian) {
     const auto unitAt = [&](std::size_t i) -> char32_t {
         const auto first = static_cast<unsigned char>(bytes[i]);
         const auto second = static_cast<unsigned char>(bytes[i + 1]);
         return bigEndian ? first << 8 | second : second << 8 | first;
     };
-    std::string out;
+    DecodedText out;
     std::size_t i = 0;
     for (; i + 1 < bytes.size(); i += 2) {
         char32_t c = unitAt(i);
@@ -50,23 +52,43 @@ std::string DecodeUtf16(std::string_view bytes, bool bigEndian) {
                 i += 2;
             } else {
                 c = kReplacement;
+                out.isWhole = false;
             }
         }
-        AppendUtf8(out, c);
+        AppendUtf8(out.utf8, c);
     }
-    if (i < bytes.size()) AppendUtf8(out, kReplacement);
+    if (i < bytes.size()) {
+        AppendUtf8(out.utf8, kReplacement);
+        out.isWhole = false;
+    }
     return out;
+}
+
+DecodedText AsUtf8(std::string_view bytes) {
+    return {RepairUtf8(bytes), IsValidUtf8(bytes)};
+}
+
+// What is odd about a text that is handed on all the same; empty when nothing is.
+const char* OddityOf(const DecodedText& text) {
+    if (text.utf8.empty()) return "is empty";
+    if (text.utf8.find('\0') != std::string::npos) return "holds zero bytes, as no text does";
+    if (!text.isWhole) return "is neither UTF-8 nor GBK all through, nor UTF-16 with a byte order mark";
+    return "";
 }
 
 }  // namespace
 
-std::string DecodeFileText(std::string_view bytes) {
-    if (bytes.starts_with("\xEF\xBB\xBF")) return RepairUtf8(bytes.substr(3));
+DecodedText DecodeFile(std::string_view bytes) {
+    if (bytes.starts_with("\xEF\xBB\xBF")) return AsUtf8(bytes.substr(3));
     if (bytes.starts_with("\xFF\xFE")) return DecodeUtf16(bytes.substr(2), false);
     if (bytes.starts_with("\xFE\xFF")) return DecodeUtf16(bytes.substr(2), true);
-    if (IsValidUtf8(bytes)) return std::string(bytes);
-    if (std::optional<std::string> text = platform::GbkToUtf8(bytes)) return *std::move(text);
-    return RepairUtf8(bytes);
+    if (IsValidUtf8(bytes)) return {std::string(bytes)};
+    if (std::optional<std::string> text = platform::GbkToUtf8(bytes)) return {*std::move(text)};
+    return AsUtf8(bytes);
+}
+
+std::string DecodeFileText(std::string_view bytes) {
+    return DecodeFile(bytes).utf8;
 }
 
 }  // namespace rq
@@ -74,8 +96,23 @@ std::string DecodeFileText(std::string_view bytes) {
 namespace KWOVL_UTILITY {
 
 void OVLReadFileToString(std::string path, std::wstring& text) {
-    const std::optional<std::string> bytes = rq::platform::ReadWholeFile(path);
-    if (bytes) text = rq::WidenUtf8(rq::DecodeFileText(*bytes));
+    try {
+        rq::platform::OsError error;
+        const auto bytes = rq::platform::ReadWholeFile(path, &error, rq::kLargestTextFile_bytes);
+        if (!bytes) {
+            rq::Log(4, "The file \"" + path + "\" is not used: " + error.message +
+                           ". Give the path of a text file of at most 256 MiB that this user may read.");
+            return;
+        }
+        const rq::DecodedText decoded = rq::DecodeFile(*bytes);
+        text = rq::WidenUtf8(decoded.utf8);
+        const std::string oddity = rq::OddityOf(decoded);
+        if (oddity.empty()) return;
+        rq::Log(3, "The file \"" + path + "\" " + oddity +
+                       "; it is used as it is. Check that it is the right file, and save it as UTF-8.");
+    } catch (const std::bad_alloc&) {
+        rq::Log(4, "The file \"" + path + "\" is not used: there is not enough memory for its text.");
+    }
 }
 
 }  // namespace KWOVL_UTILITY

@@ -6,7 +6,7 @@
 #include "util/log_capture.h"
 #include "util/log_crash.h"
 #include "util/log_registry.h"
-#include "util/log_text.h"
+#include "log/log_text.h"
 #include "util/utility.h"
 #include "util/worker_util.h"
 

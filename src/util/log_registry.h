@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "base/sync.h"
-#include "util/log_file.h"
+#include "log/log_file.h"
 
 namespace rq {
 

@@ -10,7 +10,9 @@
 #include "base/text.h"
 #include "kit/child.h"
 #include "kit/files.h"
+#include "kit/os.h"
 #include "kit/temp_dir.h"
+#include "util/directories.h"
 #include "util/utility.h"
 #include "util/worker_util.h"
 
@@ -112,6 +114,28 @@ TEST_F(LogTest, AnUnusableFolderStopsNothing) {
     const std::string errors = child->Errors();
     EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << errors;
     EXPECT_EQ(child->Output(), "");
+}
+
+// The day's folder is part of the path that is registered, and that path stays.
+TEST_F(LogTest, ADayChangeDoesNotMoveTheLog) {
+    using namespace KWOVL_UTILITY;
+    const kit::ScopedEnvironment root("RQ_LOG_DIR", m_folder.Utf8("days"));
+    ForgetProcessDirectories();
+    kit::ScopedEnvironment east("TZ", "XXX-12");
+    kit::TakeTimeZone();
+    const std::wstring today = GetDailyLogDir();
+    OVLInitWriteLog("day", today + L"_W.log", true);
+    OVLWriteLog("day", 3, "before midnight", "MAIN");
+    {
+        const kit::ScopedEnvironment west("TZ", "XXX+12");  // 24 hours between them: another date
+        kit::TakeTimeZone();
+        EXPECT_NE(GetDailyLogDir(), today);
+        OVLWriteLog("day", 3, "after midnight", "MAIN");
+    }
+    kit::TakeTimeZone();
+    EXPECT_EQ(kit::ReadLines(PathFromWide(today + L"_W.log")).size(), 2u);
+    EXPECT_EQ(kit::FindFiles(m_folder.Path() / "days", ".log").size(), 1u);
+    ForgetProcessDirectories();
 }
 
 // In this process: a second tag has a file of its own, a tag registered again means the new file.

@@ -21,6 +21,8 @@ namespace rq {
 namespace {
 
 constexpr int kMostBackups = 100;
+// A damaged file beyond this is not copied, and so stays where it is.
+constexpr std::uint64_t kLargestBackup_bytes = 64 * 1024 * 1024;
 
 enum class FileState { Whole, Missing, Unreadable, Damaged };
 
@@ -61,7 +63,9 @@ void LoadFile(const std::string& path, LoadedFile& file) {
         return;
     }
     platform::OsError osError;
-    std::optional<std::string> bytes = platform::ReadWholeFile(path, &osError);
+    // The bound is for what does not tell its size.
+    std::optional<std::string> bytes =
+        platform::ReadWholeFile(path, &osError, 2 * XmlBounds().size_bytes + 2);
     if (!bytes) {
         file.state = FileState::Unreadable;
         file.problem = osError.message;
@@ -115,8 +119,16 @@ bool PrepareDocument(const std::string& path, LoadedFile& file) {
         return false;
     }
     if (file.state == FileState::Damaged) {
-        if (file.bytes.empty()) file.bytes = platform::ReadWholeFile(path).value_or(std::string());
-        if (!KeepDamaged(path, file.bytes)) return false;
+        platform::OsError error;
+        auto bytes = platform::ReadWholeFile(path, &error, kLargestBackup_bytes);
+        if (!bytes) {
+            Log(4,
+                fmt::format("running parameters: {} is not written, since no backup can be made: {}. Repair "
+                            "or remove the file.",
+                            path, error.message));
+            return false;
+        }
+        if (!KeepDamaged(path, *bytes)) return false;
     }
     file.document.Clear();
     file.document.InsertEndChild(TiXmlDeclaration("1.0", "UTF-8", ""));

@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <thread>
 
 #include "kit/files.h"
+#include "kit/sparse_file.h"
 #include "kit/temp_dir.h"
 #include "util/log_capture.h"
 #include "util/utility.h"
@@ -134,6 +136,8 @@ TEST_F(RunningParameterTest, ValuesThatAreNoGoodGetTheirDefaultAndALine) {
         {"<HeartbeatInterval>60<", "<HeartbeatInterval>1.5<"},
         {"<HeartbeatInterval>60<", "<HeartbeatInterval><"},
         {"<HeartbeatInterval>60<", "<HeartbeatInterval>+-60<"},
+        {"<ProgressReportInterval>5<", "<ProgressReportInterval>0<"},
+        {"<ProgressReportInterval>5<", "<ProgressReportInterval>-1<"},
         {"<Flag05>1<", "<Flag05>yes<"},
         {"<Flag05>1<", "<Flag05>2<"},
         {"<Real18>8<", "<Real18>8,5<"},
@@ -164,6 +168,26 @@ TEST_F(RunningParameterTest, TheLineNamesFileElementAndRemedy) {
                   " line 4: <HeartbeatInterval> is \"sixty\", not a whole number from -2147483648 to "
                   "2147483647; the "
                   "default \"60\" is used. Correct the element, or remove it to have the default written."});
+}
+
+// The thread that reports progress rests for this long between two looks: it must rest at all. Heartbeats may
+// go back to back, and a patrol time-out of 0 is a choice.
+TEST_F(RunningParameterTest, TheReportIntervalIsAtLeastASecond) {
+    std::string xml = With(WholeFile(), "<ProgressReportInterval>5<", "<ProgressReportInterval>1<");
+    xml = With(xml, "<HeartbeatInterval>60<", "<HeartbeatInterval>0<");
+    xml = With(xml, "<ProgressPatrolTimeout>60<", "<ProgressPatrolTimeout>0<");
+    LogCapture log;
+    EXPECT_EQ(ReadBytes(xml), 0);
+    EXPECT_EQ(m_record.progressReportInterval_s, 1);
+    EXPECT_EQ(m_record.heartbeatInterval_s, 0);
+    EXPECT_EQ(m_record.progressPatrolTimeout_s, 0);
+    EXPECT_TRUE(log.Lines().empty());
+    ReadBytes(With(xml, "<ProgressReportInterval>1<", "<ProgressReportInterval>0<"));
+    EXPECT_EQ(log.Texts(),
+              std::vector<std::string>{
+                  "running parameters: " + Path() +
+                  " line 26: <ProgressReportInterval> is \"0\", not a whole number from 1 to 2147483647; the "
+                  "default \"5\" is used. Correct the element, or remove it to have the default written."});
 }
 
 TEST_F(RunningParameterTest, OtherFieldsKeepTheirValuesBesideOneThatIsNoGood) {
@@ -256,6 +280,38 @@ TEST_F(RunningParameterTest, NullIsRefused) {
     EXPECT_EQ(static_cast<std::uint32_t>(OVLReadRunningParameter(Path(), nullptr)), 0x80004005u);
     EXPECT_EQ(static_cast<std::uint32_t>(OVLRunningParamToXml(nullptr, OVLStringToTString(Path()))),
               0x80004005u);
+}
+
+// Readers see the old file or the new one, whoever writes at the moment.
+TEST_F(RunningParameterTest, ManyMayReadAndWriteAtOnce) {
+    ASSERT_EQ(Write(), 0);
+    std::vector<std::thread> workers;
+    for (int t = 0; t < 4; ++t) {
+        workers.emplace_back([this, t] {
+            for (int i = 0; i < 50; ++i) {
+                tagOVLCommunicationParam record;
+                EXPECT_EQ(OVLReadRunningParameter(Path(), &record), 0);
+                record.value03 = 1000 * t + i;
+                EXPECT_EQ(OVLRunningParamToXml(&record, OVLStringToTString(Path())), 0);
+            }
+        });
+    }
+    for (std::thread& worker : workers) worker.join();
+    EXPECT_EQ(Read(), 0);
+    EXPECT_EQ(m_record.value03 % 1000, 49) << "the last write of one of them";
+    std::size_t files = 0;
+    for ([[maybe_unused]] const auto& each : std::filesystem::directory_iterator(m_folder.Path())) ++files;
+    EXPECT_EQ(files, 1u) << "a temporary file was left";
+}
+
+TEST_F(RunningParameterTest, ADamagedFileOfWhichNoBackupCanBeMadeStays) {
+    kit::MakeSparseFile(m_folder.Path() / "actor.xml", 65ull * 1024 * 1024);
+    LogCapture log;
+    EXPECT_EQ(Read(), kParameterFileDamaged);
+    EXPECT_NE(Write(), 0);
+    EXPECT_EQ(std::filesystem::file_size(m_folder.Path() / "actor.xml"), 65ull * 1024 * 1024);
+    EXPECT_FALSE(Exists("actor.xml.damaged"));
+    EXPECT_TRUE(log.Contains("is not written, since no backup can be made"));
 }
 
 TEST_F(RunningParameterTest, TheParserKeepsUpWithTheDeepestTextThatIsAllowed) {

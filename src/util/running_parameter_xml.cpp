@@ -162,22 +162,26 @@ void Store(TiXmlElement& element, const std::vector<std::uint16_t>& ports) {
     StoreItems(element, ports, NumberText<std::uint16_t>);
 }
 
-const char* Wanted(std::int32_t) {
-    return "a whole number from -2147483648 to 2147483647";
+// The element whose value is the pause of a thread that measures: without one it would never rest.
+constexpr const char* kReportInterval = "ProgressReportInterval";
+
+const char* Wanted(const std::string& element, std::int32_t) {
+    return element == kReportInterval ? "a whole number from 1 to 2147483647"
+                                      : "a whole number from -2147483648 to 2147483647";
 }
-const char* Wanted(bool) {
+const char* Wanted(const std::string&, bool) {
     return "0 or 1";
 }
-const char* Wanted(float) {
+const char* Wanted(const std::string&, float) {
     return "a number like 1 or 0.5";
 }
-const char* Wanted(const std::string&) {
+const char* Wanted(const std::string&, const std::string&) {
     return "a text";
 }
-const char* Wanted(const std::vector<std::string>&) {
+const char* Wanted(const std::string&, const std::vector<std::string>&) {
     return "at least one <Item> with a text";
 }
-const char* Wanted(const std::vector<std::uint16_t>&) {
+const char* Wanted(const std::string&, const std::vector<std::uint16_t>&) {
     return "at least one <Item>, each a number from 0 to 65535";
 }
 
@@ -195,6 +199,9 @@ std::string Shown(const TiXmlElement& element) {
 template <class Field>
 bool IsUsable(const std::string&, const Field&) {
     return true;
+}
+bool IsUsable(const std::string& element, std::int32_t value) {
+    return value >= 1 || element != kReportInterval;
 }
 template <class Entry>
 bool IsUsable(const std::string& element, const std::vector<Entry>& list) {
@@ -215,7 +222,7 @@ void ReadField(const TiXmlElement& root, const char* name, Field& field, ReadRep
     }
     TiXmlElement sample(name);
     Store(sample, field);
-    report.bad.push_back({name, element->Row(), Shown(*element), Wanted(field), Shown(sample)});
+    report.bad.push_back({name, element->Row(), Shown(*element), Wanted(name, field), Shown(sample)});
 }
 
 template <class Field>

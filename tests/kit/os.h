@@ -26,6 +26,9 @@ const SystemCodes& Codes();
 // What the system says about an error number.
 std::string Words(int code);
 
+// Lets the C library look at the environment variable TZ again.
+void TakeTimeZone();
+
 // The end of a line that a program writes with stdio.
 std::string_view LineEnd();
 // Whether this is Wine, which lacks a few things of Windows (docs/testing.md names the tests).

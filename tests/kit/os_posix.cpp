@@ -2,6 +2,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 
 #include <cerrno>
 #include <cstring>
@@ -18,6 +19,10 @@ const SystemCodes& Codes() {
 
 std::string Words(int code) {
     return std::strerror(code);
+}
+
+void TakeTimeZone() {
+    ::tzset();
 }
 
 std::string_view LineEnd() {

@@ -1,6 +1,7 @@
 #include "kit/os.h"
 
 #include <io.h>
+#include <time.h>
 
 #include "platform/process.h"
 #include "platform/win_api.h"
@@ -19,6 +20,10 @@ const SystemCodes& Codes() {
 
 std::string Words(int code) {
     return platform::SystemMessage(static_cast<DWORD>(code));
+}
+
+void TakeTimeZone() {
+    ::_tzset();
 }
 
 std::string_view LineEnd() {

@@ -1,4 +1,4 @@
-#include "util/log_text.h"
+#include "log/log_text.h"
 
 #include <fmt/format.h>
 

@@ -1,4 +1,4 @@
-#include "util/log_file.h"
+#include "log/log_file.h"
 
 #include <fmt/format.h>
 #include <spdlog/details/fmt_helper.h>
