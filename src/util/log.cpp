@@ -2,11 +2,11 @@
 #include <algorithm>
 
 #include "base/text.h"
+#include "log/log_text.h"
 #include "util/capture_hub.h"
 #include "util/log_capture.h"
 #include "util/log_crash.h"
 #include "util/log_registry.h"
-#include "log/log_text.h"
 #include "util/utility.h"
 #include "util/worker_util.h"
 

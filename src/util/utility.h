@@ -101,9 +101,9 @@ std::string OVLUuidToString(const std::uint8_t* uuid);
 // 16 bytes as 32 lower-case digits.
 std::string OVLMD5SeedToString(const std::uint8_t* digest);
 // The whole file: by its byte order mark (UTF-8, UTF-16), else as UTF-8 when it is that, else as GBK. Leaves
-// `text` alone when it cannot be read or has more than 256 MiB; a level 4 line of the log then names the file,
-// the reason and the remedy. A level 3 line tells that a text is empty or looks like none; it is given all the
-// same.
+// `text` alone when it cannot be read or has more than 256 MiB; a level 4 line of the log then names the
+// file, the reason and the remedy. A level 3 line tells that a text is empty or looks like none; it is given
+// all the same.
 void OVLReadFileToString(std::string path, std::wstring& text);
 // One line: <AVFormat Container Duration Size BitRate> with a <Stream Kind="Video|Audio|Other" Codec Width
 // Height FrameRateNumerator FrameRateDenominator SampleRate Channels BitRate Duration /> for each stream;
