@@ -57,13 +57,14 @@ std::vector<Figures> EfficiencyLines(const std::string& log) {
     return lines;
 }
 
-// Figures that belong together: 25 units are a second of media, and no more were done than there are.
+// Figures that belong together: 25 units are a second of media, and no more were done than there are. On a
+// busy machine the first line may come before the first frame.
 void ExpectPlausible(const std::vector<Figures>& lines) {
     ASSERT_FALSE(lines.empty());
+    EXPECT_GT(lines.back().percent, 0);
+    EXPECT_GT(lines.back().frames_per_s, 0);
     for (const Figures& line : lines) {
-        EXPECT_GT(line.percent, 0);
         EXPECT_LE(line.percent, 100);
-        EXPECT_GT(line.frames_per_s, 0);
         EXPECT_NEAR(line.speed, line.frames_per_s / 25, 0.006);
     }
 }
