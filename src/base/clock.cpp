@@ -3,13 +3,15 @@
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <thread>
 
+#include "platform/steady_time.h"
+
 namespace rq {
 
 namespace {
 
 class RealClock final : public Clock {
   public:
-    SteadyTime Steady() override { return std::chrono::steady_clock::now(); }
+    SteadyTime Steady() override { return platform::SteadyNow(); }
 
     LocalTime Local() override { return boost::posix_time::microsec_clock::local_time(); }
 

@@ -4,6 +4,8 @@
 
 #include <boost/thread/thread.hpp>
 
+#include "platform/steady_time.h"
+
 namespace rq {
 namespace {
 
@@ -14,6 +16,14 @@ TEST(SystemClock, SteadyTimeGoesOnDuringASleep) {
     const auto before = clock.Steady();
     clock.SleepFor(milliseconds(5));
     EXPECT_GE(clock.Steady() - before, milliseconds(5));
+}
+
+// Not the standard library's, which on Windows counts the time of a suspended machine.
+TEST(SystemClock, SteadyTimeIsThePlatformsOwn) {
+    const auto before = platform::SteadyNow();
+    const auto now = SystemClock().Steady();
+    EXPECT_GE(now, before);
+    EXPECT_LE(now, platform::SteadyNow());
 }
 
 TEST(SystemClock, LocalTimeIsADate) {
