@@ -18,6 +18,7 @@ WorkRunner::State::Analysis WorkRunner::State::CallAnalyse(const std::string& te
     Analysis analysis;
     if (m_workerPlugin.pAnalyseTaskFunc == nullptr || isReleased) {
         analysis.result = kStatusMissing;
+        analysis.complaint = "no plug-in that could analyse it is loaded";
         return analysis;
     }
     analysis.info = before;
@@ -52,23 +53,24 @@ std::int32_t WorkRunner::AnalyseTask(const std::string& text, std::string& taskI
     MutexLock call(s.callLock);
     s.ForgetTask();
     const State::Analysis analysis = s.CallAnalyse(text, nullptr);
+    TaskRecord record;
+    if (analysis.info != nullptr) record = {analysis.info, s.ReadTaskId(*analysis.info)};
     if (analysis.result != kStatusOk || analysis.info == nullptr) {
-        s.EndFailedAnalysis(analysis, taskId);
+        s.EndFailedAnalysis(analysis, record.taskId, taskId);
     } else {
-        s.EndGoodAnalysis(*analysis.info, taskId);
+        s.EndGoodAnalysis(*analysis.info);
+        taskId = record.taskId;
     }
-    if (analysis.info != nullptr) {
-        TaskRecord record{analysis.info, s.ReadTaskId(*analysis.info)};
-        MutexLock lock(s.recordLock);
-        s.taskInformation = std::move(record);
-    }
+    MutexLock lock(s.recordLock);
+    s.taskInformation = std::move(record);
     return analysis.result;
 }
 
 // A plug-in must leave a record also when it fails. One that does not is told on by name; the worker then
 // goes on without task information: PerformTask fails, GetStatus gives 4 and the error fields read as zeros
 // and empty texts.
-void WorkRunner::State::EndFailedAnalysis(const Analysis& analysis, std::string& taskId) {
+void WorkRunner::State::EndFailedAnalysis(const Analysis& analysis, const std::string& recordsId,
+                                          std::string& taskId) {
     Log(4, "worker Plug in Analysis Task failed...");
     if (analysis.info == nullptr) {
         Log(4, "task info is NULL!!");
@@ -78,12 +80,10 @@ void WorkRunner::State::EndFailedAnalysis(const Analysis& analysis, std::string&
     }
     analysis.info->detailErrorText = keeper.Keep("Analyze Task Info Failed!");
     analysis.info->errorCode = kAnalysisFailed;
-    std::string id = ReadTaskId(*analysis.info);
-    if (!id.empty()) taskId = std::move(id);
+    if (!recordsId.empty()) taskId = recordsId;
 }
 
-void WorkRunner::State::EndGoodAnalysis(TaskInfo& info, std::string& taskId) {
-    taskId = ReadTaskId(info);
+void WorkRunner::State::EndGoodAnalysis(TaskInfo& info) {
     if (const std::optional<double> rate = SourceFrameRate(info)) frameRate = *rate;
     info.detailErrorText = RQText{nullptr, 0};
 }

@@ -115,10 +115,22 @@ TEST_F(RunnerAnalyseTest, TheTaskBeforeIsGoneWhileTheNextIsAnalysed) {
 }
 
 TEST_F(RunnerAnalyseTest, TheTaskIdIsReadOnceEvenWhenItIsNotUtf8) {
+    const char* const line = "3 plug-in fake: a text is not UTF-8; what is wrong in it became U+FFFD";
     m_info.taskId = Text("a\xff");
     Ready();
     EXPECT_EQ(Analyse(), 0);
     EXPECT_EQ(m_taskId, "a\xef\xbf\xbd");
+    EXPECT_THAT(Lines(), ElementsAre("4 AnalysTask Begin! TaskStr: <t/>", line));
+    m_log.Clear();
+    m_taskId.clear();
+    m_plugin.analyse = [this](RQText, TaskInfo** info) {
+        *info = &m_info;
+        return 12;
+    };
+    EXPECT_EQ(Analyse(), 12);
+    EXPECT_EQ(m_taskId, "a\xef\xbf\xbd");
+    EXPECT_THAT(Lines(), ElementsAre("4 AnalysTask Begin! TaskStr: <t/>", line,
+                                     "4 worker Plug in Analysis Task failed..."));
     m_log.Clear();
     for (int i = 0; i < 3; ++i) EXPECT_EQ(m_runner->GetTaskId(), "a\xef\xbf\xbd");
     EXPECT_THAT(Lines(), IsEmpty());
@@ -277,6 +289,25 @@ TEST_F(RunnerUpdateTest, AfterPerformKeepsTheOutcome) {
     EXPECT_EQ(result->files[0].first, "/a");
     EXPECT_EQ(m_runner->CloseTask(kCloseCancel, 0), 0);
     EXPECT_EQ(m_runner->GetStatus(), 5u);
+}
+
+// Only the perform call has an exception boundary: what leaves an analysis goes on to the caller.
+TEST_F(RunnerUpdateTest, ThatThrowsLeavesTheTaskAsItWas) {
+    Analysed();
+    m_plugin.analyse = [](RQText, TaskInfo**) -> std::int32_t { throw std::runtime_error("odd"); };
+    EXPECT_THROW(m_runner->UpdateTask("<u/>"), std::runtime_error);
+    m_plugin.perform = [&](const PerformArguments& call) {
+        EXPECT_EQ(call.info, &m_info);
+        std::thread link([&] { EXPECT_THROW(m_runner->UpdateTask("<u/>"), std::runtime_error); });
+        link.join();
+        EXPECT_EQ(m_runner->GetTaskId(), "task-1");
+        call.Leave(RQ_STATUS_FINISHED);
+        return 0;
+    };
+    EXPECT_EQ(Perform(), 0);
+    EXPECT_EQ(m_runner->GetStatus(), 0u);
+    EXPECT_THROW(Analyse(), std::runtime_error);
+    EXPECT_EQ(m_runner->GetStatus(), 4u);
 }
 
 TEST_F(RunnerUpdateTest, ThatLeavesNoRecordBeforePerformLeavesNoTask) {

@@ -1,5 +1,6 @@
 // CloseTask, and the task thread that was never started.
 
+#include "base/sync.h"
 #include "plugin/runner_fixture.h"
 
 namespace rq {
@@ -246,6 +247,38 @@ TEST_F(CloseTaskTest, ThePatrolInterruptsAndLetsTheThreadGo) {
     EXPECT_THAT(m_calls, ElementsAre("wait 3000", "interrupt", "detach"));
     EXPECT_THAT(Lines(), ElementsAre("2 close task:task-1, mode=1, wait:0...", kGrace,
                                      "1 apparitor::close: thread interrupted...", kByPatrol));
+}
+
+TEST_F(CloseTaskTest, ReleaseWaitsForTheThread) {
+    WorkRunner& runner = StuckRunner();
+    runner.Release();
+    EXPECT_THAT(m_calls, ElementsAre("join"));
+}
+
+// A real thread that is deaf to its interruption, and does not end in any time that is given to it.
+class DeafThread : public TaskThread {
+  public:
+    explicit DeafThread(Signal& end)
+        : TaskThread(boost::thread([&end] { end.WaitFor(std::chrono::minutes(5)); })) {}
+    bool TimedJoin(std::chrono::milliseconds) override { return false; }
+    void Interrupt() override {}
+};
+
+TEST_F(CloseTaskTest, ReleaseDoesNotWaitForAThreadThatThePatrolLetGo) {
+    // Both are the thread's, which ends after the test.
+    static auto& end = *new Signal;
+    WorkRunnerSeams seams = Seams();
+    auto thread = std::make_unique<DeafThread>(end);
+    TaskThread* seen = thread.get();
+    seams.taskThread = std::move(thread);
+    MakeRunner(std::move(seams));
+    EXPECT_EQ(Init(), 0);
+    EXPECT_EQ(Analyse(), 0);
+    EXPECT_TRUE(seen->Joinable());
+    EXPECT_EQ(m_runner->CloseTask(kClosePatrol, 0), 0);
+    EXPECT_FALSE(seen->Joinable());
+    m_runner->Release();  // would wait for the end below
+    end.Notify();
 }
 
 // ---- the thread object ----

@@ -139,15 +139,63 @@ TEST_F(RunnerInitTest, LibraryWithoutPerform) {
     m_plugin.init = [](const void*) { return 0; };
     MakeRunner();
     EXPECT_EQ(Init(), kStatusFail);
-    EXPECT_THAT(Lines(), ElementsAre(ChangeLine(), "4 WorkRunner Init Plug in function False!"));
+    EXPECT_THAT(Lines(), ElementsAre(ChangeLine(), "4 WorkRunner Init Plug in function False!",
+                                     "4 plug-in library fake does not export RQWorkerPerformTask"));
+    EXPECT_EQ(Analyse(), 0);
+    EXPECT_EQ(Perform(), kStatusFail);
 }
 
 TEST_F(RunnerInitTest, LibraryWithoutAnalyse) {
     m_plugin.analyse = nullptr;
     MakeRunner();
     EXPECT_EQ(Init(), kStatusFail);
-    EXPECT_THAT(Lines(), ElementsAre(ChangeLine(), "4 WorkRunner Init Plug in function False!"));
+    EXPECT_THAT(Lines(), ElementsAre(ChangeLine(), "4 WorkRunner Init Plug in function False!",
+                                     "4 plug-in library fake does not export RQWorkerAnalyseTask"));
     EXPECT_EQ(m_runner->UpdateTask("<t/>"), kStatusMissing);
+    m_log.Clear();
+    EXPECT_EQ(Analyse(), kStatusMissing);
+    EXPECT_THAT(Lines(),
+                ElementsAre("4 AnalysTask Begin! TaskStr: <t/>", "4 worker Plug in Analysis Task failed...",
+                            "4 task info is NULL!!", "4 no plug-in that could analyse it is loaded"));
+}
+
+TEST_F(RunnerInitTest, LibraryWithNeither) {
+    m_plugin.analyse = nullptr;
+    m_plugin.perform = nullptr;
+    MakeRunner();
+    EXPECT_EQ(Init(), kStatusFail);
+    EXPECT_EQ(Lines().back(),
+              "4 plug-in library fake does not export RQWorkerAnalyseTask and RQWorkerPerformTask");
+}
+
+// Whatever was loaded is released, also after an Init that failed on the way.
+TEST_F(RunnerInitTest, AFailedInitIsReleasedToo) {
+    int released = 0;
+    m_plugin.release = [&] { return ++released; };
+    m_plugin.init = [](const void*) { return -77; };
+    MakeRunner();
+    EXPECT_EQ(Init(), -77);
+    m_runner->Release();
+    EXPECT_EQ(released, 1);
+    m_plugin.perform = nullptr;
+    m_plugin.init = [](const void*) -> std::int32_t { throw std::logic_error("called"); };
+    MakeRunner();
+    EXPECT_EQ(Init(), kStatusFail);
+    m_runner->Release();
+    EXPECT_EQ(released, 2);
+}
+
+TEST_F(RunnerInitTest, AFolderThatIsNotThereIsALineAndTheLoadIsTried) {
+    WriteTable("<c><WORKER><TYPE>3</TYPE><PATH>none" + FakePath() + "</PATH></WORKER></c>");
+    const auto before = std::filesystem::current_path();
+    MakeRunner();
+    EXPECT_EQ(Init(), 0);
+    EXPECT_EQ(std::filesystem::current_path(), before);
+    const std::vector<std::string> lines = Lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], "4 ====> Change Work Path to [" + m_dir.Utf8("nonefake") + "]");
+    EXPECT_THAT(lines[1], testing::StartsWith("3 "));
+    EXPECT_THAT(lines[1], HasSubstr("nonefake"));
 }
 
 TEST_F(RunnerInitTest, InitAndReleaseAreNotRequired) {
@@ -219,7 +267,13 @@ TEST_F(RunnerInitTest, TheDestructorReleases) {
 }
 
 TEST_F(RunnerInitTest, AfterReleaseThereIsNoTaskAndNoCall) {
-    m_plugin.release = [] { return 0; };
+    // Nor while the plug-in frees its record.
+    m_plugin.release = [this] {
+        EXPECT_EQ(m_runner->GetStatus(), 4u);
+        EXPECT_EQ(m_runner->GetTaskId(), "");
+        EXPECT_EQ(m_runner->GetTaskResult(3), nullptr);
+        return 0;
+    };
     Analysed();
     m_runner->Release();
     EXPECT_EQ(m_runner->GetStatus(), 4u);

@@ -26,15 +26,15 @@ std::int32_t WorkRunner::PerformTask(tagOVLCommunicationParam given) {
         MutexLock lock(s.recordLock);
         s.SetStatus(info->status, kTaskRunning);
     }
-    s.RunPerformCall(*info, *this);
+    s.RunPerformCall(*info);
     return kStatusOk;
 }
 
-// Makes the newest record the one in use. Null when there is none.
+// Makes the newest record the one in use. Null when there is none, or nothing that could perform it.
 TaskInfo* WorkRunner::State::BeginPerform() {
     MutexLock lock(recordLock);
     TaskInfo* info = taskInformation.info;
-    if (info == nullptr) return nullptr;
+    if (info == nullptr || m_workerPlugin.pPerformTaskFunc == nullptr) return nullptr;
     inUse = taskInformation;
     kept.reset();
     taskType = info->taskType;
@@ -58,10 +58,10 @@ void WorkRunner::State::BeginProgress(const tagOVLCommunicationParam& given) {
     progress.start = now;
 }
 
-void WorkRunner::State::RunPerformCall(TaskInfo& info, WorkRunner& runner) {
+void WorkRunner::State::RunPerformCall(TaskInfo& info) {
     idle = false;
     services.BeginPerform();
-    const std::optional<std::string> thrown = CallPerform(info, runner);
+    const std::optional<std::string> thrown = CallPerform(info);
     const std::optional<PublishedError> error = services.EndPerform();
     {
         // An update that comes now finds the record in use until its outcome is whole. A cancel at this
@@ -74,11 +74,11 @@ void WorkRunner::State::RunPerformCall(TaskInfo& info, WorkRunner& runner) {
     idle = true;
 }
 
-std::optional<std::string> WorkRunner::State::CallPerform(TaskInfo& info, WorkRunner& runner) {
+std::optional<std::string> WorkRunner::State::CallPerform(TaskInfo& info) {
     const ParameterView view(parameters);
     try {
         Log(kLevelInformation, "m_workerPlugin.pPerformTaskFunc begin..");
-        m_workerPlugin.pPerformTaskFunc(&info, stopFlag, &State::ProgressCallback, &runner, view.Plain());
+        m_workerPlugin.pPerformTaskFunc(&info, stopFlag, &State::ProgressCallback, this, view.Plain());
         Log(kLevelInformation, "m_workerPlugin.pPerformTaskFunc end..");
         statusChanged = true;
     } catch (const std::exception& exception) {

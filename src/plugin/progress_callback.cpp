@@ -24,12 +24,12 @@ boost::posix_time::time_duration Seconds(std::int64_t seconds) {
 
 std::uint32_t WorkRunner::State::ProgressCallback(std::int64_t total, std::int64_t done, void* context) {
     if (context == nullptr) return kNoContext;
-    return static_cast<WorkRunner*>(context)->m_state->OnProgress(total, done);
+    return static_cast<State*>(context)->OnProgress(total, done);
 }
 
 std::uint32_t WorkRunner::State::OnProgress(std::int64_t total, std::int64_t done) {
+    if (!hasTask) return 0;  // also long after the release
     const LocalTime entry = taskClock.Now();
-    if (!hasTask) return 0;
     // A call after perform has returned is never held: nobody would let it go, and the record may be gone.
     if (TaskInfo* info = performing) {
         if (std::this_thread::get_id() != performThread) {

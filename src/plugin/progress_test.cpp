@@ -31,7 +31,9 @@ class RunnerProgressTest : public RunnerTest {
             if (RQLoad32(&call.info->status) == RQ_STATUS_RUNNING) call.Leave(RQ_STATUS_FINISHED);
             return 0;
         };
-        Analysed();
+        if (m_runner == nullptr) Ready();
+        EXPECT_EQ(Analyse(), 0);
+        m_log.Clear();
         EXPECT_EQ(Perform(), 0);
     }
 };
@@ -85,6 +87,19 @@ TEST_F(RunnerProgressTest, TotalZeroIsASignOfLifeAndNoFigure) {
         EXPECT_EQ(progress.processed, 5);
         EXPECT_EQ(progress.lastUpdate, lastUpdate);
         EXPECT_EQ(progress.expectedNextUpdate, m_clock.Local() + seconds(300));
+    });
+}
+
+TEST_F(RunnerProgressTest, ASignOfLifeIsNoUpdate) {
+    m_info.taskType = RQ_TYPE_TRANSFER;
+    Run([&](const PerformArguments& call) {
+        m_clock.Advance(1s);
+        call.Progress(0, 300);
+        const TaskProgress progress = m_runner->GetProgress();
+        EXPECT_EQ(progress.updated, 0);
+        EXPECT_EQ(progress.remaining, 0);
+        EXPECT_EQ(progress.speed, 0);
+        EXPECT_EQ(progress.processed, 0);
     });
 }
 
@@ -253,6 +268,55 @@ TEST_F(RunnerPauseTest, EachPassIsTakenOutOfTheTransferSpeed) {
     });
 }
 
+// The time of all tasks is taken out of each one's speed: nothing sets it back.
+TEST_F(RunnerPauseTest, ThePausesOfATaskCountInTheNext) {
+    m_info.taskType = RQ_TYPE_TRANSFER;
+    Run([&](const PerformArguments& call) {
+        m_runner->SuspendTask();
+        std::thread link([&] {
+            AwaitPass();
+            m_runner->ResumeTask();
+            Pass();
+        });
+        call.Progress(4, 1);
+        link.join();
+    });
+    Run([&](const PerformArguments& call) {
+        m_clock.Advance(1100ms);
+        call.Progress(100 << 20, 8 << 20);
+        EXPECT_DOUBLE_EQ(m_runner->GetProgress().speed, 8);
+    });
+}
+
+TEST_F(RunnerPauseTest, StatusChangedIsThatOfTheLastPass) {
+    Run([&](const PerformArguments& call) {
+        m_runner->SuspendTask();
+        std::thread link([&] {
+            AwaitPass();
+            EXPECT_TRUE(m_runner->IsStatusChanged());  // 3 became 7
+            Pass();
+            AwaitPass();
+            EXPECT_FALSE(m_runner->IsStatusChanged());  // 7 stayed 7
+            m_runner->ResumeTask();
+            Pass();
+        });
+        call.Progress(4, 1);
+        link.join();
+        EXPECT_TRUE(m_runner->IsStatusChanged());
+    });
+}
+
+// Whoever set it: a task that tells progress is not paused.
+TEST_F(RunnerPauseTest, AStatusOfThePluginsOwnThatSaysPausedIsRunningAgain) {
+    Run([&](const PerformArguments& call) {
+        call.Leave(RQ_STATUS_PAUSED);
+        call.Progress(4, 1);
+        EXPECT_EQ(RQLoad32(&call.info->status), 3u);
+        call.Progress(4, 2);
+    });
+    EXPECT_THAT(Lines(), ElementsAre(kBegin, kStopped, kEnd));
+}
+
 TEST_F(RunnerPauseTest, AFinishEndsThePauseAndTheStatusIsRunningAgain) {
     Run([&](const PerformArguments& call) {
         m_runner->SuspendTask();
@@ -356,6 +420,19 @@ TEST_F(RunnerBreachTest, ALateCallIsNotHeldByAPause) {
     EXPECT_EQ(kept.Progress(4, 3), 0u);
     EXPECT_EQ(m_runner->GetStatus(), 0u);
     EXPECT_EQ(m_clock.WaitsBegun(), 0u);
+}
+
+// A thread that outlived its perform call may call when the worker has let its runner go.
+TEST_F(RunnerBreachTest, ACallAfterTheReleaseOrTheRunnerDoesNothing) {
+    PerformArguments kept;
+    Run([&](const PerformArguments& call) { kept = call; });
+    m_runner->Release();
+    m_log.Clear();
+    EXPECT_EQ(kept.Progress(4, 3), 0u);
+    EXPECT_EQ(m_runner->GetProgress().percent, 0);
+    m_runner.reset();
+    EXPECT_EQ(kept.Progress(4, 3), 0u);
+    EXPECT_THAT(Lines(), IsEmpty());
 }
 
 TEST_F(RunnerBreachTest, AnotherThreadIsOneLine) {

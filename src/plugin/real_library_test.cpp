@@ -42,11 +42,13 @@ TEST_F(RealLibraryTest, RequiredFunctionsAloneWork) {
 TEST_F(RealLibraryTest, WithoutPerform) {
     EXPECT_EQ(InitWith("no_perform"), kStatusFail);
     EXPECT_THAT(Lines(), Contains("4 WorkRunner Init Plug in function False!"));
+    EXPECT_EQ(Lines().back(), "4 plug-in library no_perform does not export RQWorkerPerformTask");
 }
 
 TEST_F(RealLibraryTest, WithoutAnalyse) {
     EXPECT_EQ(InitWith("no_analyse"), kStatusFail);
     EXPECT_THAT(Lines(), Contains("4 WorkRunner Init Plug in function False!"));
+    EXPECT_EQ(Lines().back(), "4 plug-in library no_analyse does not export RQWorkerAnalyseTask");
 }
 
 TEST_F(RealLibraryTest, OfAnotherContractVersion) {

@@ -8,6 +8,7 @@
 #include "base/paths.h"
 #include "base/result.h"
 #include "platform/files.h"
+#include "plugin/parameter_file.h"
 #include "plugin/work_runner_state.h"
 #include "plugin/worker_type_table.h"
 #include "util/utility.h"
@@ -15,15 +16,6 @@
 
 namespace rq {
 namespace {
-
-// The plug-in may look at its stop flag until the process ends, so no flag is ever freed. They stay reachable
-// from here, which tells a leak checker that it is meant.
-volatile std::uint32_t* NewStopFlag() {
-    static Mutex mutex;
-    static auto& flags = *new std::deque<std::uint32_t>();
-    MutexLock lock(mutex);
-    return &flags.emplace_back(RQ_STOP_NONE);
-}
 
 std::string Narrow(const WideText& text) {
     return KWOVL_UTILITY::OVLTStringToString(text);
@@ -43,7 +35,6 @@ WorkRunner::State::State(WorkRunnerSeams given)
     : seams(std::move(given)),
       clock(seams.clock != nullptr ? *seams.clock : SystemClock()),
       taskThread(seams.taskThread != nullptr ? std::move(seams.taskThread) : std::make_unique<TaskThread>()),
-      stopFlag(NewStopFlag()),
       moduleDirectory(seams.moduleDirectory.empty() ? GetModuleDirectory() : seams.moduleDirectory),
       taskClock(clock),
       services("", stopFlag,
@@ -56,6 +47,14 @@ WorkRunner::State::State(WorkRunnerSeams given)
                     }},
                clock) {}
 
+// They stay reachable from here, which tells a leak checker that it is meant.
+void WorkRunner::State::Keep(std::unique_ptr<State> state) {
+    static Mutex mutex;
+    static auto& states = *new std::deque<std::unique_ptr<State>>();
+    MutexLock lock(mutex);
+    states.push_back(std::move(state));
+}
+
 PluginLog WorkRunner::State::LogSink() const {
     return [](int level, std::string text) { Log(level, std::move(text)); };
 }
@@ -66,6 +65,7 @@ WorkRunner::WorkRunner(WorkRunnerSeams seams) : m_state(std::make_unique<State>(
 
 WorkRunner::~WorkRunner() {
     Release();
+    State::Keep(std::move(m_state));
 }
 
 // ---- Init ----
@@ -86,11 +86,20 @@ std::int32_t WorkRunner::State::LoadPlugin(const WorkRunnerStart& start) {
     m_workerPlugin.dllPath = moduleDirectory + tablePath;
     ChangeToPluginDirectory();
     if (!LoadFromPluginDirectory()) return kStatusFail;
-    if (!(seams.findEntryPoints ? seams.findEntryPoints(m_workerPlugin) : FindEntryPoints(m_workerPlugin))) {
-        Log(4, "WorkRunner Init Plug in function False!");
-        return kStatusFail;
-    }
+    if (!FindFunctions()) return kStatusFail;
     return ReadDescription() ? kStatusOk : kStatusFail;
+}
+
+bool WorkRunner::State::FindFunctions() {
+    if (seams.findEntryPoints ? seams.findEntryPoints(m_workerPlugin) : FindEntryPoints(m_workerPlugin))
+        return true;
+    Log(4, "WorkRunner Init Plug in function False!");
+    std::string missing;
+    if (m_workerPlugin.pAnalyseTaskFunc == nullptr) missing = "RQWorkerAnalyseTask";
+    if (m_workerPlugin.pPerformTaskFunc == nullptr)
+        missing += (missing.empty() ? "" : " and ") + std::string("RQWorkerPerformTask");
+    Log(4, "plug-in library " + pluginName + " does not export " + missing);
+    return false;
 }
 
 WideText WorkRunner::State::NativePath(WideText path) const {
@@ -110,7 +119,8 @@ void WorkRunner::State::ChangeToPluginDirectory() {
     if (separator == WideText::npos || separator == 0) return;
     const WideText folder = m_workerPlugin.dllPath.substr(0, separator);
     Log(4, "====> Change Work Path to [" + Narrow(folder) + "]");
-    platform::ChangeCurrentDirectory(Narrow(NativePath(folder)));
+    platform::OsError error;
+    if (!platform::ChangeCurrentDirectory(Narrow(NativePath(folder)), &error)) Log(3, error.message);
 }
 
 bool WorkRunner::State::LoadFromPluginDirectory() {
@@ -148,7 +158,10 @@ std::int32_t WorkRunner::State::CallInit(const WorkRunnerStart& start) {
     if (m_workerPlugin.pInitFunc == nullptr) return kStatusOk;
     initParameters = std::make_unique<ParameterView>(start.parameters);
     const void* parameter = initParameters->Plain();
-    if (start.workerType == RQ_TASK_PACKAGE_PARAMETER_FILE) parameter = "actor.xml";
+    if (start.workerType == RQ_TASK_PACKAGE_PARAMETER_FILE) {
+        parameter = kParameterFile;
+        ProvideParameterFile(moduleDirectory);
+    }
     Log(1, "m_workerPlugin.pInitFunc begin..");
     const std::int32_t result = m_workerPlugin.pInitFunc(parameter);
     if (result != kStatusOk) Log(4, "m_workerPlugin init func failed..");

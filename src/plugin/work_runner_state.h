@@ -2,13 +2,17 @@
 // perform_task.cpp, progress_callback.cpp, close_task.cpp, task_results.cpp).
 //
 // Locks, in the order in which they are taken:
-//   callLock      one call of the plug-in's init, analyse or release function at a time. Held while the
-//   plug-in works. recordLock    which record is "the task", and every access to it from outside the perform
-//   call's thread. Held while
-//                 an update is analysed with no perform call running, since the plug-in may then free any
-//                 record.
+//
+//   callLock      one call of the plug-in's init, analyse or release function at a time; held while it runs.
+//
 //   resultLock    the last task result.
+//
+//   recordLock    which record is "the task", and every access to it from outside the perform call's thread.
+//                 Held while an update is analysed with no perform call running, since the plug-in may then
+//                 free any record.
+//
 //   progressLock  the progress record.
+//
 // The perform call and the progress callback take progressLock only (and recordLock before and after the
 // call), so that neither an update nor a reader can hold up the work.
 #pragma once
@@ -36,6 +40,10 @@ namespace rq {
 
 struct WorkRunner::State {
     explicit State(WorkRunnerSeams given);
+    // Takes the members of a runner that is gone. They live until the process ends, as what the plug-in has
+    // of them does: the stop flag, and the context of the progress callback, which a thread that outlived its
+    // perform call may still use.
+    static void Keep(std::unique_ptr<State> state);
 
     WorkRunnerSeams seams;
     Clock& clock;
@@ -60,8 +68,9 @@ struct WorkRunner::State {
     TaskProgress progress RQ_GUARDED_BY(progressLock);
     std::atomic<double> frameRate{25.0};
     std::unique_ptr<TaskThread> taskThread;
-    // 0, 1 or 2; the plug-in holds its address until the process ends. Access with RQLoad32 and RQStore32.
-    volatile std::uint32_t* const stopFlag;
+    // 0, 1 or 2; the plug-in holds its address. Access with RQLoad32 and RQStore32.
+    volatile std::uint32_t stopWord = RQ_STOP_NONE;
+    volatile std::uint32_t* const stopFlag = &stopWord;
     std::atomic<bool> pauseFlag{false};
     std::atomic<float> pausedTime_ms{0.0f};  // of all tasks: nothing sets it back
     std::atomic<bool> idle{true};
@@ -108,6 +117,7 @@ struct WorkRunner::State {
     std::int32_t LoadPlugin(const WorkRunnerStart& start) RQ_REQUIRES(callLock);
     void ChangeToPluginDirectory();
     bool LoadFromPluginDirectory();
+    bool FindFunctions();
     bool ReadDescription();
     std::int32_t CallInit(const WorkRunnerStart& start);
 
@@ -119,8 +129,8 @@ struct WorkRunner::State {
     };
     Analysis CallAnalyse(const std::string& text, TaskInfo* before) RQ_REQUIRES(callLock);
     std::string ReadTaskId(const TaskInfo& info) const;
-    void EndFailedAnalysis(const Analysis& analysis, std::string& taskId);
-    void EndGoodAnalysis(TaskInfo& info, std::string& taskId);
+    void EndFailedAnalysis(const Analysis& analysis, const std::string& recordsId, std::string& taskId);
+    void EndGoodAnalysis(TaskInfo& info);
     void ForgetTask();
     std::int32_t Update(const std::string& text) RQ_REQUIRES(callLock);
     std::int32_t UpdateBetweenCalls(const std::string& text) RQ_REQUIRES(callLock, recordLock);
@@ -130,9 +140,9 @@ struct WorkRunner::State {
     // ---- steps of PerformTask ----
     void BeginProgress(const tagOVLCommunicationParam& given);
     TaskInfo* BeginPerform();
-    void RunPerformCall(TaskInfo& info, WorkRunner& runner);
+    void RunPerformCall(TaskInfo& info);
     // What the perform call threw: its text; nothing when it returned.
-    std::optional<std::string> CallPerform(TaskInfo& info, WorkRunner& runner);
+    std::optional<std::string> CallPerform(TaskInfo& info);
     void ApplyPublishedError(TaskInfo& info, const PublishedError& error) RQ_REQUIRES(recordLock);
     void ApplyException(TaskInfo& info, const std::string& text) RQ_REQUIRES(recordLock);
 

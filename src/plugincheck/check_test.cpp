@@ -3,11 +3,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <set>
 
 #include "bad_plugins/bad_plugins.h"
+#include "base/paths.h"
 #include "kit/child.h"
 #include "kit/temp_dir.h"
 #include "plugincheck/catalogue.h"
@@ -97,51 +99,53 @@ TEST_P(EachBreach, IsReportedByItsNameAndNoOther) {
 
 const std::vector<std::string> kRow = {"--tasks", "44"};
 
-INSTANTIATE_TEST_SUITE_P(
-    All, EachBreach,
-    testing::Values(Breach{"no_perform", "missing-export", "RQWorkerPerformTask"},
-                    Breach{"no_analyse", "missing-export", "RQWorkerAnalyseTask"},
-                    Breach{"wrong_version", "contract-version", "version 7"},
-                    Breach{"version_0", "contract-version", "version 0"},
-                    Breach{"version_0_silent", "contract-version", "contract version 0"},
-                    Breach{"short_description", "struct-size", "4 bytes"},
-                    Breach{"small_record", "struct-size", "record"},
-                    Breach{"half_described", "description", "2 task types"},
-                    Breach{"init_fails", "init-failed", "77"}, Breach{"null_task_info", "no-record", "NULL"},
-                    Breach{"throws_in_init", "exception", "RQWorkerInit threw an exception: not caught"},
-                    Breach{"throws_in_analysis", "exception", "RQWorkerAnalyseTask"},
-                    Breach{"throws_in_release", "exception", "RQWorkerRelease"},
-                    Breach{"crash_in_perform", "crash", "in RQWorkerPerformTask of task 1"},
-                    Breach{"crash_on_thread", "crash", "in RQWorkerPerformTask of task 1"},
-                    Breach{"crash_at_end", "crash", "at the end of the process"},
-                    Breach{"changes_task_text", "host-text", "the task text"},
-                    Breach{"wipes_host_text", "host-text", "the error texts"},
-                    Breach{"progress_thread", "progress-thread", "0 of 10"},
-                    Breach{"progress_late", "progress-late", "10 of 10"},
-                    Breach{"progress_context", "progress-context", "no perform call"},
-                    Breach{"percent_above_100", "percent-above-100", "150 of 100"},
-                    Breach{"percent_backwards", "percent-backwards", "40.00 %) after 80.00 %"},
-                    Breach{"negative_figure", "negative-figure", "-5 of 100"},
-                    Breach{"status_running", "status-running", "task 1"},
-                    Breach{"status_unknown", "status-unknown", "status 9"},
-                    Breach{"cancel_as_error", "stop-status", "asked is 5"},
-                    Breach{"stop_late", "stop-late", "after stop flag 1"},
-                    Breach{"no_return", "no-return", "RQWorkerPerformTask", {"--patience", "1"}},
-                    Breach{"deaf_to_pause", "pause", "no progress call for "},
-                    Breach{"silent", "silence", "nothing for ", {"--tasks", "2", "--patrol", "1"}},
-                    Breach{"thread_left", "thread-left", "1 thread(s) more"},
-                    Breach{"memory_growth", "memory-growth", "for each", kRow},
-                    Breach{"handles_left", "handles-left", "more are open", kRow},
-                    Breach{"text_freed", "text-memory", "task"},
-                    Breach{"record_freed", "text-memory", "after the analysis of the next task"},
-                    Breach{"record_changed", "record-changed", "the task ID"},
-                    Breach{"entry_changed", "result-list", "entry 0 was"},
-                    Breach{"list_overcount", "result-list", "capacity"},
-                    Breach{"task_text_kept", "task-text-kept", "the task ID points into the task text"},
-                    Breach{"task_text_used", "task-text-kept", "with the text left in place it succeeds"},
-                    Breach{"invalid_utf8", "invalid-utf8", "the task ID"},
-                    Breach{"early_result", "wrong-order", "publishResult"}),
-    [](const auto& breach) { return std::string(breach.param.plugin); });
+const std::vector<Breach> kBreaches = {
+    Breach{"no_perform", "missing-export", "RQWorkerPerformTask"},
+    Breach{"no_analyse", "missing-export", "RQWorkerAnalyseTask"},
+    Breach{"wrong_version", "contract-version", "version 7"},
+    Breach{"version_0", "contract-version", "version 0"},
+    Breach{"version_0_silent", "contract-version", "contract version 0"},
+    Breach{"short_description", "struct-size", "4 bytes"},
+    Breach{"small_record", "struct-size", "record"},
+    Breach{"half_described", "description", "2 task types"},
+    Breach{"init_fails", "init-failed", "77"},
+    Breach{"null_task_info", "no-record", "NULL"},
+    Breach{"throws_in_init", "exception", "RQWorkerInit threw an exception: not caught"},
+    Breach{"throws_in_analysis", "exception", "RQWorkerAnalyseTask"},
+    Breach{"throws_in_release", "exception", "RQWorkerRelease"},
+    Breach{"crash_in_perform", "crash", "in RQWorkerPerformTask of task 1"},
+    Breach{"crash_on_thread", "crash", "in RQWorkerPerformTask of task 1"},
+    Breach{"crash_at_end", "crash", "at the end of the process"},
+    Breach{"changes_task_text", "host-text", "the task text"},
+    Breach{"wipes_host_text", "host-text", "the error texts"},
+    Breach{"progress_thread", "progress-thread", "0 of 10"},
+    Breach{"progress_late", "progress-late", "10 of 10"},
+    Breach{"progress_context", "progress-context", "no perform call"},
+    Breach{"percent_above_100", "percent-above-100", "150 of 100"},
+    Breach{"percent_backwards", "percent-backwards", "40.00 %) after 80.00 %"},
+    Breach{"negative_figure", "negative-figure", "-5 of 100"},
+    Breach{"status_running", "status-running", "task 1"},
+    Breach{"status_unknown", "status-unknown", "status 9"},
+    Breach{"cancel_as_error", "stop-status", "asked is 5"},
+    Breach{"stop_late", "stop-late", "after stop flag 1"},
+    Breach{"no_return", "no-return", "RQWorkerPerformTask", {"--patience", "1"}},
+    Breach{"deaf_to_pause", "pause", "no progress call for "},
+    Breach{"silent", "silence", "nothing for ", {"--tasks", "2", "--patrol", "1"}},
+    Breach{"thread_left", "thread-left", "1 thread(s) more"},
+    Breach{"memory_growth", "memory-growth", "for each", kRow},
+    Breach{"handles_left", "handles-left", "more are open", kRow},
+    Breach{"text_freed", "text-memory", "task"},
+    Breach{"record_freed", "text-memory", "after the analysis of the next task"},
+    Breach{"record_changed", "record-changed", "the task ID"},
+    Breach{"entry_changed", "result-list", "entry 0 was"},
+    Breach{"list_overcount", "result-list", "capacity"},
+    Breach{"task_text_kept", "task-text-kept", "the task ID points into the task text"},
+    Breach{"task_text_used", "task-text-kept", "with the text left in place it succeeds"},
+    Breach{"invalid_utf8", "invalid-utf8", "the task ID"},
+    Breach{"early_result", "wrong-order", "publishResult"}};
+
+INSTANTIATE_TEST_SUITE_P(All, EachBreach, testing::ValuesIn(kBreaches),
+                         [](const auto& breach) { return std::string(breach.param.plugin); });
 
 #if defined(RQ_ABORTS_AT_WRONG_FREE)
 INSTANTIATE_TEST_SUITE_P(WithThisAllocator, EachBreach,
@@ -170,6 +174,30 @@ TEST(Check, SaysWhatItDidNotCheckWithoutATask) {
     EXPECT_EQ(run.Find("stop-late").at("result"), "not checked");
     EXPECT_EQ(run.Find("no-record").at("result"), "passed");
     EXPECT_THAT(run.report.at("remarks").dump(), HasSubstr("nothing was performed"));
+}
+
+TEST(Check, SaysWhenTheFileOfType23IsNotThere) {
+    const Ended run = CheckPlugin(test::BadPlugin("keeps_contract"), {"--type", "23"}, "");
+    EXPECT_EQ(run.exitCode, 0) << run.output << run.errors;
+    EXPECT_THAT(run.report.at("remarks").dump(), HasSubstr("there is no actor.xml in the plug-in's folder"));
+    const Ended other = CheckPlugin(test::BadPlugin("keeps_contract"), {"--type", "3"}, "");
+    EXPECT_THAT(other.report.at("remarks").dump(), testing::Not(HasSubstr("actor.xml")));
+}
+
+// A plug-in of the tests that no check above has looked at would be one that nobody holds against its rule.
+TEST(Check, KnowsEveryPluginOfTheTests) {
+    std::set<std::string> known;
+    for (const Breach& breach : kBreaches) known.insert(breach.plugin);
+    // Those that keep the contract, one that does what it is told, and one whose breach only some allocators
+    // see.
+    for (const char* name :
+         {"keeps_contract", "only_required", "needs_neighbour", "scripted", "frees_host_text"})
+        known.insert(name);
+    std::set<std::string> there;
+    for (const auto& entry : std::filesystem::directory_iterator(RQ_BAD_PLUGIN_DIR))
+        if (std::filesystem::exists(PathFromUtf8(test::BadPlugin(Utf8FromPath(entry.path().filename())))))
+            there.insert(Utf8FromPath(entry.path().filename()));
+    EXPECT_EQ(there, known);
 }
 
 TEST(Check, LoadsFromThePluginsOwnFolder) {

@@ -4,7 +4,9 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
+#include <system_error>
 #include <thread>
 
 #include "base/paths.h"
@@ -204,6 +206,10 @@ bool Session::Init() {
     static const char kFileName[] = "actor.xml";
     const void* parameter = type == kTypeWithFile ? static_cast<const void*>(kFileName)
                                                   : static_cast<const void*>(m_initParameters->Plain());
+    std::error_code error;
+    if (type == kTypeWithFile && !std::filesystem::exists(kFileName, error))
+        m_journal.Remark(
+            "there is no actor.xml in the plug-in's folder, where a worker would have put a copy of its own");
     const auto code = m_calls.Init(parameter);
     if (!code) return false;
     if (*code != 0) m_journal.Tell(Check::InitFailed, "RQWorkerInit returned " + std::to_string(*code));

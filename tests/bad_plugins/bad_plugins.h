@@ -9,9 +9,8 @@
 //   wrong_version      describes itself as built for contract version 7
 //   short_description  its description is 4 bytes long
 //   init_fails         RQWorkerInit returns 77
-//   null_task_info     leaves no task information record: analysis returns 12 for texts that begin with
-//   "fail", else 0 needs_neighbour    needs librqneighbour, which lies beside it only; RQWorkerInit returns
-//   the neighbour's 0
+//   null_task_info     leaves no task information record: analysis returns 12 for "fail...", else 0
+//   needs_neighbour    needs librqneighbour, which lies beside it only; RQWorkerInit returns its 0
 #pragma once
 
 #include <string>

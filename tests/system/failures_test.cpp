@@ -103,17 +103,9 @@ TEST(Failures, WorkerEndsWhenTheEngineIsKilled) {
 // it.
 TEST(Failures, NothingThatAWorkerStartedOutlivesItWhenItIsKilled) {
     Node node;
-    const fs::path folder = node.Stage() / "plugins" / "scripted";
-    fs::create_directories(folder);
-    const fs::path plugin = PathFromUtf8(test::BadPlugin("scripted"));
-    fs::copy_file(plugin, folder / plugin.filename());
+    const fs::path folder = node.InstallPlugin(PathFromUtf8(test::BadPlugin("scripted")), 3);
     const fs::path fixture = kit::ProgramIn(RQ_FIXTURES, "rq_process_fixture");
     fs::copy_file(fixture, folder / fixture.filename());
-    const std::string library =
-        Utf8FromPath(("plugins" / fs::path("scripted") / plugin.filename()).make_preferred());
-    platform::ReplaceWholeFile(
-        Utf8FromPath(node.Stage() / "RQWorkerConfig.xml"),
-        "<WorkerConfig><WORKER><TYPE>3</TYPE><PATH>" + library + "</PATH></WORKER></WorkerConfig>", false);
     const std::string command = Utf8FromPath(("." / fixture.filename()).make_preferred());
     const std::string task =
         node.SubmitText("mc", "id t; run " + command + " grandchild left.pid; until-stop 600000; status 0");

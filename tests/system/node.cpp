@@ -8,6 +8,7 @@
 #include "base/paths.h"
 #include "base/text.h"
 #include "kit/sparse_file.h"
+#include "platform/files.h"
 
 namespace rq::system_test {
 
@@ -40,6 +41,17 @@ void Node::StartEngine(int linkPort) {
     });
     if (!up || !m_engine->IsRunning())
         throw std::runtime_error("the engine did not come up: " + m_engine->Output() + m_engine->Errors());
+}
+
+fs::path Node::InstallPlugin(const fs::path& library, std::int32_t type) const {
+    const fs::path place = ("plugins" / library.stem() / library.filename()).make_preferred();
+    fs::create_directories((Stage() / place).parent_path());
+    fs::copy_file(library, Stage() / place);
+    platform::ReplaceWholeFile(Utf8FromPath(Stage() / "RQWorkerConfig.xml"),
+                               "<WorkerConfig><WORKER><TYPE>" + std::to_string(type) + "</TYPE><PATH>" +
+                                   Utf8FromPath(place) + "</PATH></WORKER></WorkerConfig>",
+                               false);
+    return (Stage() / place).parent_path();
 }
 
 int Node::EndEngine() {

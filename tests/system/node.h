@@ -32,6 +32,9 @@ class Node {
     Node& operator=(const Node&) = delete;
 
     void StartEngine(int linkPort = 0);
+    // Copies the library into a folder of its own in the stage; it alone serves `type` from then on.
+    // Returns its folder.
+    std::filesystem::path InstallPlugin(const std::filesystem::path& library, std::int32_t type) const;
     // Ends the engine in the orderly way; its exit code.
     int EndEngine();
     kit::Child& Engine() { return *m_engine; }
