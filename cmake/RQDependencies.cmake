@@ -35,6 +35,13 @@ find_path(SIMPLEINI_INCLUDE_DIR SimpleIni.h PATH_SUFFIXES simpleini REQUIRED)
 add_library(RQ::SimpleIni INTERFACE IMPORTED)
 set_target_properties(RQ::SimpleIni PROPERTIES INTERFACE_INCLUDE_DIRECTORIES "${SIMPLEINI_INCLUDE_DIR}")
 
+# elfutils, for the stacks in crash reports.
+find_path(LIBDW_INCLUDE_DIR elfutils/libdwfl.h REQUIRED)
+find_library(LIBDW_LIBRARY dw REQUIRED)
+add_library(RQ::Dwfl UNKNOWN IMPORTED)
+set_target_properties(RQ::Dwfl PROPERTIES
+  IMPORTED_LOCATION "${LIBDW_LIBRARY}" INTERFACE_INCLUDE_DIRECTORIES "${LIBDW_INCLUDE_DIR}")
+
 # FFmpeg, for the plug-ins that work on media. It has no CMake package.
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(RQ_FFMPEG REQUIRED IMPORTED_TARGET

@@ -103,6 +103,15 @@ TEST_F(ProgramTest, ACrashIsToldOnStandardErrorAndEndsTheProcess) {
     EXPECT_EQ(child.ExitCode(), 1000 + crash.code);
     EXPECT_EQ(child.Errors().find("RQWorkerU: crashed with " + crash.name), 0u) << child.Errors();
     EXPECT_NE(Log().find("==>Worker Begin init.."), std::string::npos) << "lost: the log's last lines";
+    const auto reports = kit::FindFiles(m_dir.Path(), kit::CrashReportEnding());
+    ASSERT_EQ(reports.size(), 1u);
+    const auto logs = kit::FindFiles(m_dir.Path(), "_W.log");
+    ASSERT_EQ(logs.size(), 1u);
+    EXPECT_EQ(reports[0].parent_path(), logs[0].parent_path());
+    const std::string last = kit::ReadLines(logs[0]).back();
+    EXPECT_NE(last.find(" [5] [ACT] [MAIN] ["), std::string::npos) << last;
+    EXPECT_NE(last.find("crashed with "), std::string::npos) << last;
+    EXPECT_TRUE(last.ends_with(Utf8FromPath(reports[0].filename()))) << last;
 }
 
 class RestartTest : public ::testing::Test {
@@ -110,7 +119,10 @@ class RestartTest : public ::testing::Test {
     RestartTest() {
         std::filesystem::copy_file(PathFromUtf8(RQ_RESTART_FIXTURE), m_program);
         m_options.directory = m_dir.Path();
-        m_options.environment = {{"RQ_LOG_DIR", m_dir.Utf8("crashes")}};
+        m_options.environment = {{"RQ_LOG_DIR", m_dir.Utf8("logs")}};
+    }
+    std::size_t Reports() const {
+        return kit::FindFiles(m_dir.Path() / "logs", kit::CrashReportEnding()).size();
     }
 
     // Level and text of each line of the program's log.
@@ -137,10 +149,10 @@ TEST_F(RestartTest, StartsACopyWithoutArgumentsAndAborts) {
     kit::Child child(m_program, {"time-out"}, m_options);
     EXPECT_EQ(child.ExitCode(), kit::Codes().abortExit);
     EXPECT_EQ(child.Errors(), "") << "a wanted abort says nothing";
-    EXPECT_TRUE(kit::FindFiles(m_dir.Path() / "crashes", "").empty()) << "and leaves no dump";
     EXPECT_TRUE(kit::WaitForText(m_dir.Path() / PathFromUtf8(m_name + ".ran"), "1\n"));
     EXPECT_EQ(Log(), (std::vector<std::string>{"1 before", "3 patrol timeout, will restart worker .",
                                                "3 will abort this worker..."}));
+    EXPECT_EQ(Reports(), 0u) << "a wanted abort leaves nothing";
 }
 
 // It cannot be let go of by a process that does not hold it.
@@ -152,7 +164,11 @@ TEST_F(RestartTest, ALockHeldElsewhereEndsTheProcessByTheException) {
     EXPECT_EQ(child.ExitCode(), kit::Codes().abortExit);
     EXPECT_NE(child.Errors().find("crashed with SIGABRT"), std::string::npos) << child.Errors();
     EXPECT_FALSE(std::filesystem::exists(m_dir.Path() / PathFromUtf8(m_name + ".ran")));
-    EXPECT_EQ(Log(), (std::vector<std::string>{"1 before"}));
+    const auto log = Log();
+    ASSERT_EQ(log.size(), 2u);
+    EXPECT_EQ(log[0], "1 before");
+    EXPECT_EQ(log[1].find("5 crashed with SIGABRT in thread "), 0u) << log[1];
+    EXPECT_EQ(Reports(), 1u);
 }
 
 TEST_F(RestartTest, WithoutTheLockFileTheExceptionEndsTheProcess) {

@@ -3,9 +3,9 @@
 #include <cstdlib>
 
 #include "app/instance_lock.h"
+#include "platform/crash.h"
 #include "platform/files.h"
 #include "platform/process.h"
-#include "platform/start_up.h"
 #include "util/utility.h"
 #include "util/worker_util.h"
 
@@ -22,7 +22,10 @@ RestartSeams RestartSeams::Real() {
     seams.releaseInstanceLock = ReleaseInstanceLock;
     seams.moduleFileName = platform::ModuleFileName;
     seams.startProgram = platform::StartDetached;
-    seams.silenceAbort = platform::SilenceAbort;
+    seams.silenceAbort = [] {
+        platform::SilenceAbort();
+        platform::LeaveNoCore();
+    };
     seams.abort = [] {
         KWOVL_UTILITY::OVLFlushLog();
         std::abort();

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <spdlog/details/fmt_helper.h>
+#include <spdlog/details/os.h>
 
 #include <algorithm>
 #include <charconv>
@@ -11,6 +12,7 @@
 #include <system_error>
 
 #include "base/paths.h"
+#include "platform/crash_text.h"
 #include "platform/process.h"
 
 namespace rq {
@@ -45,6 +47,10 @@ class LineHead final : public spdlog::custom_flag_formatter {
     const std::string m_process;
 };
 
+int UtcOffset_min() {
+    return spdlog::details::os::utc_minutes_offset(spdlog::details::os::localtime());
+}
+
 spdlog::pattern_formatter::custom_flags LineFlags() {
     spdlog::pattern_formatter::custom_flags flags;
     flags['*'] = std::make_unique<LineHead>();
@@ -56,10 +62,12 @@ spdlog::pattern_formatter::custom_flags LineFlags() {
 LogFile::LogFile(std::string path, LogLimits limits)
     : m_path(std::move(path)),
       m_limits(limits),
+      m_processId(platform::CurrentProcessId()),
       m_formatter("%Y-%m-%d %H:%M:%S.%f%*%v", spdlog::pattern_time_type::local, "\n", LineFlags()),
       m_buffer(std::make_unique<char[]>(kBufferSize_bytes)) {
     std::error_code ignored;
     std::filesystem::create_directories(PathFromUtf8(m_path).parent_path(), ignored);
+    m_utcOffset_min.store(UtcOffset_min());
     MutexLock lock(m_mutex);
     if (OpenNumber(HighestNumber())) RollWhenFull();
 }
@@ -102,6 +110,7 @@ void LogFile::FlushLocked() noexcept {
     if (file == nullptr || used == 0) return;
     file->Append({m_buffer.get(), used});
     m_used.store(0, std::memory_order_release);
+    m_utcOffset_min.store(UtcOffset_min(), std::memory_order_relaxed);
     try {
         RollWhenFull();
     } catch (...) {  // no memory for a path: the lines go on in this file
@@ -112,6 +121,21 @@ void LogFile::CrashFlush() noexcept {
     platform::AppendFile* file = m_file.load(std::memory_order_acquire);
     const std::size_t used = m_used.exchange(0, std::memory_order_acquire);
     if (file != nullptr && used != 0) file->Append({m_buffer.get(), used});
+}
+
+void LogFile::CrashLine(std::string_view text, std::uint32_t thread) noexcept {
+    using std::chrono::microseconds;
+    platform::AppendFile* file = m_file.load(std::memory_order_acquire);
+    if (file == nullptr) return;
+    const auto now = std::chrono::time_point_cast<microseconds>(std::chrono::system_clock::now()) +
+                     std::chrono::minutes(m_utcOffset_min.load(std::memory_order_relaxed));
+    const auto second = std::chrono::floor<std::chrono::seconds>(now);
+    platform::CrashText line;
+    line.Time(second) << ".";
+    line.Decimal(static_cast<std::uint64_t>((now - second).count()), 6) << " [5] [ACT] [MAIN] [";
+    line.Decimal(m_processId) << "/";
+    line.Decimal(thread) << "] " << text << "\n";
+    file->Append(line.View());
 }
 
 void LogFile::RollWhenFull() {

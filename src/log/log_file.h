@@ -22,6 +22,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "base/sync.h"
 #include "platform/append_file.h"
@@ -50,6 +51,8 @@ class LogFile final : public spdlog::sinks::sink {
     // For a crash handler: writes what is buffered without waiting for a lock. A line may then stand in the
     // file twice; none that was complete is missing.
     void CrashFlush() noexcept;
+    // For a crash handler: one line of level 5, tag "ACT", module "MAIN", written at once.
+    void CrashLine(std::string_view text, std::uint32_t thread) noexcept;
 
     bool IsOpen() const { return m_file.load() != nullptr; }
     const std::string& Path() const { return m_path; }
@@ -65,6 +68,7 @@ class LogFile final : public spdlog::sinks::sink {
 
     const std::string m_path;
     const LogLimits m_limits;
+    const std::uint64_t m_processId;
     Mutex m_mutex;
     spdlog::pattern_formatter m_formatter RQ_GUARDED_BY(m_mutex);
     spdlog::memory_buf_t m_line RQ_GUARDED_BY(m_mutex);
@@ -76,6 +80,8 @@ class LogFile final : public spdlog::sinks::sink {
     const std::unique_ptr<char[]> m_buffer;
     std::atomic<std::size_t> m_used{0};
     std::atomic<platform::AppendFile*> m_file{nullptr};  // owned
+    // And this one: asking the C library takes a lock.
+    std::atomic<int> m_utcOffset_min{0};
 };
 
 }  // namespace rq

@@ -7,7 +7,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "platform/start_up.h"
+#include "platform/crash.h"
+#include "platform/crash_text.h"
 #include "platform/win_api.h"
 
 // After the system's own header.
@@ -21,40 +22,36 @@ std::atomic<std::uint32_t> g_flags{0};
 std::atomic<void (*)() noexcept> g_hook{nullptr};
 static_assert(decltype(g_hook)::is_always_lock_free);
 std::atomic_flag g_crashing = ATOMIC_FLAG_INIT;
+std::atomic<DWORD> g_crashedThread{0};
 
-constexpr std::size_t kLongestPath = 1024;
-constexpr ULONG kStackForTheFilter_bytes = 65536;
+constexpr ULONG kRoomForTheFilter_bytes = 65536;
+constexpr DWORD kSpareTime_ms = 5000;  // beside the dump's: for all else that the handler does
+constexpr UINT kAborted = 3;           // as the C run-time library's abort ends a process
 
+std::atomic<void (*)(std::string_view, std::uint32_t) noexcept> g_log{nullptr};
 using DumpFunction = decltype(&::MiniDumpWriteDump);
 DumpFunction g_writeDump = nullptr;
-wchar_t g_dumpFile[kLongestPath] = L"";  // filled before the handler is installed
-char g_dumpText[3 * kLongestPath] = "";  // the same in UTF-8
+// Written before the handler is installed. "C:\\folder\\RQWorkerU_" comes before the time in a dump's path.
+CrashText g_pathHead;
+std::chrono::seconds g_limit = kCrashReportLimit;
 
-// Texts without allocation: the heap may be what is broken.
-class Line {
-  public:
-    Line& operator<<(const char* text) {
-        while (*text != '\0' && m_length + 1 < sizeof m_text) m_text[m_length++] = *text++;
-        return *this;
-    }
-    Line& Hex(std::uint64_t value) {
-        char digits[17];
-        char* at = digits + sizeof digits - 1;
-        *at = '\0';
-        do *--at = "0123456789ABCDEF"[value & 15];
-        while ((value >>= 4) != 0);
-        return *this << "0x" << at;
-    }
-    void Write() const {
-        DWORD written = 0;
-        ::WriteFile(::GetStdHandle(STD_ERROR_HANDLE), m_text, static_cast<DWORD>(m_length), &written,
-                    nullptr);
-    }
+// What the crashed thread has the helping thread do.
+struct Help {
+    HANDLE asked = nullptr;  // by the crashed thread: once to watch it, and once more to write the dump
+    HANDLE done = nullptr;   // by the helping one
+    std::atomic<UINT> exitCode{0};
+    std::atomic<bool> wantsDump{false};
+    EXCEPTION_POINTERS* exception = nullptr;
+    DWORD thread = 0;
+    HANDLE file = nullptr;
+    bool isGood = false;
+} g_help;
 
-  private:
-    char m_text[4 * kLongestPath];
-    std::size_t m_length = 0;
-};
+void Say(const CrashText& line) {
+    DWORD written = 0;
+    ::WriteFile(::GetStdHandle(STD_ERROR_HANDLE), line.Terminated(), static_cast<DWORD>(line.View().size()),
+                &written, nullptr);
+}
 
 const char* NameOf(DWORD code) {
     switch (code) {
@@ -74,7 +71,7 @@ const char* NameOf(DWORD code) {
 }
 
 // " at module.dll+0x12AB", so that a map file or a debugger finds the line.
-void AddPlace(Line& line, const void* address) {
+void AddPlace(CrashText& line, const void* address) {
     HMODULE module = nullptr;
     char name[MAX_PATH] = "";
     if (::GetModuleHandleExW(
@@ -90,48 +87,136 @@ void AddPlace(Line& line, const void* address) {
     (line << "+").Hex(offset);
 }
 
-void WriteDump(EXCEPTION_POINTERS* exception) {
-    if (g_writeDump == nullptr || g_dumpFile[0] == L'\0') return;
-    const HANDLE file = ::CreateFileW(g_dumpFile, GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
-                                      FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE) return;
-    MINIDUMP_EXCEPTION_INFORMATION facts{::GetCurrentThreadId(), exception, FALSE};
-    const BOOL good = g_writeDump(::GetCurrentProcess(), ::GetCurrentProcessId(), file, MiniDumpNormal,
-                                  exception != nullptr ? &facts : nullptr, nullptr, nullptr);
-    ::CloseHandle(file);
-    Line line;
-    line << "RQWorkerU: " << (good ? "a dump is in " : "no dump could be written to ") << g_dumpText
-         << "\r\n";
-    line.Write();
+std::chrono::sys_seconds LocalNow() {
+    SYSTEMTIME now{};
+    ::GetLocalTime(&now);
+    const std::chrono::sys_days day = std::chrono::year(now.wYear) / now.wMonth / now.wDay;
+    return day + std::chrono::hours(now.wHour) + std::chrono::minutes(now.wMinute) +
+           std::chrono::seconds(now.wSecond);
 }
 
-void Hook() {
+// Leaves the path in `path`, UTF-8.
+HANDLE MakeDumpFile(CrashText& path) {
+    if (g_pathHead.View().empty()) return INVALID_HANDLE_VALUE;
+    path << g_pathHead.View();
+    path.CompactTime(LocalNow()) << "_";
+    path.Decimal(::GetCurrentProcessId()) << ".dmp";
+    wchar_t wide[2048];
+    if (::MultiByteToWideChar(CP_UTF8, 0, path.Terminated(), -1, wide, 2048) == 0)
+        return INVALID_HANDLE_VALUE;
+    return ::CreateFileW(wide, GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL,
+                         nullptr);
+}
+
+void DumpIt() {
+    MINIDUMP_EXCEPTION_INFORMATION facts{g_help.thread, g_help.exception, FALSE};
+    g_help.isGood = g_writeDump(::GetCurrentProcess(), ::GetCurrentProcessId(), g_help.file, MiniDumpNormal,
+                                g_help.exception != nullptr ? &facts : nullptr, nullptr, nullptr) != FALSE;
+}
+
+// The helping thread: sleeps until something crashes, then sees to it that the process ends in time.
+DWORD WINAPI HelpACrash(void*) {
+    ::WaitForSingleObject(g_help.asked, INFINITE);
+    const auto limit_ms = static_cast<DWORD>(std::chrono::milliseconds(g_limit).count()) + kSpareTime_ms;
+    if (::WaitForSingleObject(g_help.asked, limit_ms) == WAIT_OBJECT_0 && g_help.wantsDump.load()) {
+        DumpIt();
+        ::SetEvent(g_help.done);
+    }
+    ::Sleep(limit_ms);
+    ::TerminateProcess(::GetCurrentProcess(), g_help.exitCode.load());
+    return 0;
+}
+
+// On the crashed thread, whose locks (the heap's) a dump takes again without waiting; but where its stack is
+// used up, on the helping one.
+void WriteDump(EXCEPTION_POINTERS* exception, CrashText& path) {
+    if (g_writeDump == nullptr) return;
+    g_help.file = MakeDumpFile(path);
+    if (g_help.file == INVALID_HANDLE_VALUE) {
+        path = CrashText();
+        return;
+    }
+    g_help.exception = exception;
+    g_help.thread = ::GetCurrentThreadId();
+    if (exception != nullptr && exception->ExceptionRecord->ExceptionCode == EXCEPTION_STACK_OVERFLOW) {
+        g_help.wantsDump.store(true);
+        ::SetEvent(g_help.asked);
+        ::WaitForSingleObject(g_help.done, INFINITE);  // the helping thread's own limit holds
+    } else {
+        DumpIt();
+    }
+    ::CloseHandle(g_help.file);
+    CrashText line;
+    line << "RQWorkerU: " << (g_help.isGood ? "a dump is in " : "no dump could be written to ") << path.View()
+         << "\r\n";
+    Say(line);
+    if (!g_help.isGood) path = CrashText();
+}
+
+void Flush() {
     if (const auto hook = g_hook.load()) hook();
+}
+
+// What every crash leaves behind; `name` is the exception's or signal's.
+void Report(EXCEPTION_POINTERS* exception, const char* name, UINT exitCode) {
+    g_help.exitCode.store(exitCode);
+    if (g_help.asked != nullptr) ::SetEvent(g_help.asked);
+    Flush();
+    CrashText path;
+    WriteDump(exception, path);
+    Flush();  // what other threads have logged meanwhile
+    CrashText line;
+    line << "crashed with " << name << " in thread ";
+    line.Decimal(::GetCurrentThreadId());
+    if (path.View().empty()) {
+        line << ", no report could be written";
+    } else {
+        line << ", report: " << path.View();
+    }
+    if (const auto log = g_log.load()) log(line.View(), ::GetCurrentThreadId());
+}
+
+// Another thread that crashes meanwhile: its stack is in the first one's dump.
+void WaitForTheEnd() {
+    if (g_crashedThread.load() != ::GetCurrentThreadId()) ::Sleep(INFINITE);
 }
 
 // The process ends with the exception's code.
 LONG WINAPI OnException(EXCEPTION_POINTERS* exception) {
-    if (g_crashing.test_and_set()) return EXCEPTION_EXECUTE_HANDLER;
+    if (g_crashing.test_and_set()) {
+        WaitForTheEnd();
+        return EXCEPTION_EXECUTE_HANDLER;
+    }
+    g_crashedThread.store(::GetCurrentThreadId());
     const EXCEPTION_RECORD& record = *exception->ExceptionRecord;
-    Line line;
+    CrashText line;
     line << "RQWorkerU: crashed with " << NameOf(record.ExceptionCode);
     (line << " ").Hex(record.ExceptionCode);
     AddPlace(line, record.ExceptionAddress);
     line << "\r\n";
-    line.Write();
-    WriteDump(exception);
-    Hook();
+    Say(line);
+    Report(exception, NameOf(record.ExceptionCode), record.ExceptionCode);
     return EXCEPTION_EXECUTE_HANDLER;
 }
 
 // The library's abort ends the process with 3 when this returns.
 extern "C" void OnAbort(int) {
-    if (g_crashing.test_and_set()) return;
-    Line line;
+    if (g_crashing.test_and_set()) return WaitForTheEnd();
+    g_crashedThread.store(::GetCurrentThreadId());
+    CrashText line;
     line << "RQWorkerU: crashed with SIGABRT\r\n";
-    line.Write();
-    WriteDump(nullptr);
-    Hook();
+    Say(line);
+    Report(nullptr, "SIGABRT", kAborted);
+}
+
+// Made at the start: a crashed process should make no thread. It gets a small stack.
+void StartTheHelpingThread() {
+    if (g_help.asked != nullptr) return;
+    g_help.asked = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    g_help.done = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    const HANDLE thread =
+        ::CreateThread(nullptr, 256 * 1024, &HelpACrash, nullptr, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
+    if (thread != nullptr) ::CloseHandle(thread);
 }
 
 }  // namespace
@@ -141,9 +226,8 @@ void InstallCrashHandler() {
     if (const HMODULE library = ::LoadLibraryW(L"dbghelp.dll"); library != nullptr)
         g_writeDump = reinterpret_cast<DumpFunction>(
             reinterpret_cast<void (*)()>(::GetProcAddress(library, "MiniDumpWriteDump")));
-    // Room for the filter when the main thread's stack is used up.
-    ULONG stack = kStackForTheFilter_bytes;
-    ::SetThreadStackGuarantee(&stack);
+    StartTheHelpingThread();
+    GiveThreadCrashRoom();
     ::SetUnhandledExceptionFilter(&OnException);
     ::signal(SIGABRT, &OnAbort);
 }
@@ -152,11 +236,17 @@ void SetCrashHook(void (*hook)() noexcept) {
     g_hook.store(hook);
 }
 
+void SetCrashLog(void (*log)(std::string_view, std::uint32_t) noexcept) {
+    g_log.store(log);
+}
+
 void SetCrashFlags(std::uint32_t flags) {
     g_flags.store(flags);
 }
 
 void SetCrashFolder(const std::string& folder) {
+    g_pathHead = CrashText();
+    if (folder.empty()) return;
     std::wstring path = NativeSeparators(folder);
     while (!path.empty() && path.back() == L'\\') path.pop_back();
     ::CreateDirectoryW(path.c_str(), nullptr);
@@ -164,13 +254,16 @@ void SetCrashFolder(const std::string& folder) {
     std::wstring program(module, ::GetModuleFileNameW(nullptr, module, MAX_PATH));
     program = program.substr(program.rfind(L'\\') + 1);
     program = program.substr(0, program.rfind(L'.'));
-    path += L"\\" + program + L"_" + std::to_wstring(::GetCurrentProcessId()) + L".dmp";
-    const std::string text = Utf8Of(path);
-    if (path.size() >= kLongestPath || text.size() >= sizeof g_dumpText) return;
-    path.copy(g_dumpFile, path.size());
-    g_dumpFile[path.size()] = L'\0';
-    text.copy(g_dumpText, text.size());
-    g_dumpText[text.size()] = '\0';
+    g_pathHead << Utf8Of(path + L"\\" + program + L"_");
+}
+
+void SetCrashReporter(const std::string&, std::chrono::seconds limit) {
+    g_limit = limit;
+}
+
+bool GiveThreadCrashRoom() noexcept {
+    ULONG room = kRoomForTheFilter_bytes;
+    return ::SetThreadStackGuarantee(&room) != FALSE;
 }
 
 // A wanted abort is no crash: nothing is written for it.
@@ -181,5 +274,7 @@ void SilenceAbort() {
     ::_set_abort_behavior(0, _CALL_REPORTFAULT);
 #endif
 }
+
+void LeaveNoCore() {}
 
 }  // namespace rq::platform

@@ -1,9 +1,10 @@
 #include <gtest/gtest.h>
 
+#include "base/paths.h"
 #include "kit/child.h"
 #include "kit/os.h"
 #include "kit/stage_copy.h"
-#include "platform/start_up.h"
+#include "platform/crash.h"
 
 namespace rq::platform {
 namespace {
@@ -17,19 +18,29 @@ class CrashOnWindows : public ::testing::Test {
         kit::Child child(kit::ProgramIn(RQ_FIXTURES, "rq_process_fixture"), {"crash", how}, options);
         const auto status = child.Wait();
         m_errors = child.Errors();
-        m_dumpName = "rq_process_fixture_" + std::to_string(child.Id()) + ".dmp";
+        m_id = std::to_string(child.Id());
+        m_dumpName = "_" + m_id + ".dmp";
         return status ? static_cast<std::uint32_t>(status->code) : 0;
     }
     void ExpectADump() {
         const auto dumps = kit::FindFiles(m_dir.Path(), m_dumpName);
         ASSERT_EQ(dumps.size(), 1u) << m_errors;
         EXPECT_EQ(kit::ReadBytes(dumps[0]).substr(0, 4), "MDMP");
+        const std::string name = Utf8FromPath(dumps[0].filename());
+        EXPECT_EQ(name.find("rq_process_fixture_20"), 0u) << name;
+        EXPECT_EQ(name.size(), std::string("rq_process_fixture_20170531.101530").size() + m_dumpName.size())
+            << name;
         EXPECT_NE(m_errors.find("RQWorkerU: a dump is in " + m_dir.Utf8("转储")), std::string::npos)
             << m_errors;
+        const auto log = m_errors.find("\nlog: ");
+        ASSERT_NE(log, std::string::npos) << m_errors;
+        EXPECT_NE(m_errors.find("crashed with ", log), std::string::npos) << m_errors;
+        EXPECT_TRUE(m_errors.ends_with(name + "\n")) << m_errors;
     }
 
     kit::TempDir m_dir;
     std::string m_errors;
+    std::string m_id;
     std::string m_dumpName;
 };
 
@@ -40,7 +51,7 @@ TEST_F(CrashOnWindows, ABadPointer) {
             "RQWorkerU: crashed with EXCEPTION_ACCESS_VIOLATION 0xC0000005 at rq_process_fixture.exe+0x"),
         0u)
         << m_errors;
-    EXPECT_TRUE(m_errors.ends_with("\nhook\n")) << m_errors;
+    EXPECT_LT(m_errors.find("\nhook\n"), m_errors.find("a dump is in")) << m_errors;
     ExpectADump();
 }
 

@@ -1,9 +1,6 @@
-// What a program does with its operating system before anything else, and at a forced end. Main thread only,
-// except SilenceAbort.
+// What a program does with its operating system before anything else. Main thread
+// only. What a crash leaves behind is crash.h's.
 #pragma once
-
-#include <cstdint>
-#include <string>
 
 namespace rq::platform {
 
@@ -23,19 +20,5 @@ bool InitialiseMfc(void* moduleHandle);
 // programs excepted). On Linux nothing: who starts a worker there ends its process group. False when the
 // system refuses.
 bool ContainChildren();
-
-// Switches off the run-time library's abort message and fault report where they exist.
-void SilenceAbort();
-
-// Installs a handler for unhandled crashes that lets the process end with a crash status; `flags` as given to
-// BT_SetFlags. app/crash_report.h says what a crash leaves behind.
-void InstallCrashHandler();
-// `hook` runs in the crash handler before the process ends: it may take no lock and allocate nothing. Null:
-// none.
-void SetCrashHook(void (*hook)() noexcept);
-void SetCrashFlags(std::uint32_t flags);
-// Where a crash leaves a dump of the process, "<program>_<process number>.dmp" (UTF-8; made when missing;
-// before InstallCrashHandler). Windows only: on Linux the system writes core dumps where it is set up to.
-void SetCrashFolder(const std::string& folder);
 
 }  // namespace rq::platform

@@ -11,9 +11,9 @@
 
 #include "base/paths.h"
 #include "base/text.h"
+#include "platform/crash.h"
 #include "platform/files.h"
 #include "platform/process_facts.h"
-#include "platform/start_up.h"
 #include "plughost/parameter_view.h"
 #include "plugincheck/host_probe.h"
 #include "plugincheck/machine_clock.h"

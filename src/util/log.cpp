@@ -52,6 +52,10 @@ void CrashFlushLog() noexcept {
     LogRegistry::Instance().CrashFlush();
 }
 
+void CrashLogLine(std::string_view text, std::uint32_t thread) noexcept {
+    LogRegistry::Instance().CrashLine(text, thread);
+}
+
 }  // namespace rq
 
 namespace KWOVL_UTILITY {

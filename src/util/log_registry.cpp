@@ -82,4 +82,9 @@ void LogRegistry::CrashFlush() noexcept {
     }
 }
 
+// The first file is that of unregistered tags too.
+void LogRegistry::CrashLine(std::string_view text, std::uint32_t thread) noexcept {
+    if (LogFile* file = m_crashFiles[0].load()) file->CrashLine(text, thread);
+}
+
 }  // namespace rq

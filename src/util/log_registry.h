@@ -5,6 +5,7 @@
 #include <spdlog/logger.h>
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -29,6 +30,7 @@ class LogRegistry {
     void Flush() RQ_EXCLUDES(m_mutex);
     // For a crash handler: no lock is waited for.
     void CrashFlush() noexcept;
+    void CrashLine(std::string_view text, std::uint32_t thread) noexcept;
 
   private:
     struct Entry {

@@ -7,7 +7,7 @@
 #include "base/clock.h"
 #include "base/text.h"
 #include "platform/arguments.h"
-#include "platform/start_up.h"
+#include "platform/crash.h"
 #include "util/log_crash.h"
 #include "util/utility.h"
 #include "util/worker_util.h"

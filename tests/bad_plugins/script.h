@@ -48,7 +48,13 @@
 //   late-callback MS      a thread that calls the progress callback MS after the perform call has returned
 //   leave-thread MS       a thread that outlives the perform call
 //   crash                 writes where nothing is mapped
+//   crash-on-thread       ... on a thread of its own
+//   crash-in-malloc       spoils a freed block so that the next allocation reads where nothing is mapped
+//   spoil-heap            writes behind a block, so that its release aborts
+//   call-nowhere          calls a function at address 0
+//   divide-by-zero        divides a whole number by zero
 //   overflow-stack        calls itself until the stack ends
+//   overflow-on-thread    ... on a thread of its own
 //   abort                 abort()
 //
 // RQWorkerInit logs "init parameters heartbeat=N" (or, with RQ_SCRIPT_INIT=text, "init text TEXT") and

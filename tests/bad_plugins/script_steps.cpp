@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "script.h"
+#include "script_crashes.h"
 
 namespace scripted {
 namespace {
@@ -98,20 +99,6 @@ void AwaitFile(const std::string& path) {
     while (!std::filesystem::exists(PathOf(path))) std::this_thread::sleep_for(milliseconds(5));
 }
 
-void WriteNowhere() {
-    volatile std::uintptr_t address = 64;           // in the page that is never mapped
-    *reinterpret_cast<volatile int*>(address) = 1;  // NOLINT(performance-no-int-to-ptr)
-}
-
-volatile bool g_isDeepEnough = false;  // never; the compiler must not know
-
-int OverflowStack(volatile char* above) {  // NOLINT(misc-no-recursion)
-    if (g_isDeepEnough) return above[0];
-    volatile char frame[4096];
-    frame[0] = static_cast<char>(above[0] + 1);
-    return OverflowStack(frame) + frame[0];
-}
-
 using Handler = std::function<void(Run&, const Step&)>;
 
 const std::map<std::string, Handler, std::less<>>& Handlers() {
@@ -183,11 +170,13 @@ const std::map<std::string, Handler, std::less<>>& Handlers() {
                  [delay = milliseconds(step.Number(0))] { std::this_thread::sleep_for(delay); });
          }},
         {"crash", [](Run&, const Step&) { WriteNowhere(); }},
-        {"overflow-stack",
-         [](Run&, const Step&) {
-             volatile char first = 0;
-             OverflowStack(&first);
-         }},
+        {"crash-on-thread", [](Run&, const Step&) { std::thread(WriteNowhere).join(); }},
+        {"crash-in-malloc", [](Run&, const Step&) { CrashInMalloc(); }},
+        {"spoil-heap", [](Run&, const Step&) { SpoilHeap(); }},
+        {"call-nowhere", [](Run&, const Step&) { CallNowhere(); }},
+        {"divide-by-zero", [](Run&, const Step&) { DivideByZero(); }},
+        {"overflow-stack", [](Run&, const Step&) { OverflowStack(); }},
+        {"overflow-on-thread", [](Run&, const Step&) { std::thread(OverflowStack).join(); }},
         {"abort", [](Run&, const Step&) { std::abort(); }},
     };
     return handlers;

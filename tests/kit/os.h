@@ -56,6 +56,8 @@ struct CrashSigns {
     std::string name;  // in the crash handler's line
 };
 CrashSigns CrashProcess(std::uint64_t id);
+// How the name of a crash's report ends: ".txt", ".dmp".
+std::string CrashReportEnding();
 // Whether a death test's status is that of a bad access or a used-up stack.
 bool EndedByFault(int status);
 

@@ -67,6 +67,10 @@ CrashSigns CrashProcess(std::uint64_t id) {
     return {SIGSEGV, "SIGSEGV\n"};
 }
 
+std::string CrashReportEnding() {
+    return ".txt";
+}
+
 bool EndedByFault(int status) {
     return WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV;
 }

@@ -94,6 +94,10 @@ CrashSigns CrashProcess(std::uint64_t id) {
     return {static_cast<int>(EXCEPTION_ACCESS_VIOLATION), "EXCEPTION_ACCESS_VIOLATION"};
 }
 
+std::string CrashReportEnding() {
+    return ".dmp";
+}
+
 bool EndedByFault(int status) {
     const auto code = static_cast<DWORD>(status);
     return code == EXCEPTION_ACCESS_VIOLATION || code == EXCEPTION_STACK_OVERFLOW;

@@ -1,12 +1,19 @@
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
+#include <string_view>
+#include <thread>
+#include <vector>
 
-#include "platform/start_up.h"
+#include "platform/crash.h"
+#include "platform/crash_text.h"
+#include "platform/environment.h"
 #include "process_fixture.h"
 
 extern char** environ;
@@ -17,6 +24,13 @@ namespace {
 
 void Hook() noexcept {
     [[maybe_unused]] const auto written = ::write(STDERR_FILENO, "hook\n", 5);
+}
+
+void LogHook(std::string_view line, std::uint32_t thread) noexcept {
+    rq::platform::CrashText text;
+    text << "log: ";
+    text.Decimal(thread) << " " << line << "\n";
+    [[maybe_unused]] const auto written = ::write(STDERR_FILENO, text.Terminated(), text.View().size());
 }
 
 }  // namespace
@@ -65,9 +79,21 @@ bool IsApart() {
     return ::getsid(0) == ::getpid();
 }
 
+[[gnu::noinline]] int Overflow(volatile int* depth) {  // NOLINT(misc-no-recursion)
+    volatile int room[1024] = {};
+    room[0] = *depth + 1;
+    if (room[0] == 0) return 0;  // after more rounds than any stack has room for
+    return room[0] + Overflow(room);
+}
+
 [[gnu::noinline]] void Crash(const std::string& how) {
+    using rq::platform::GetEnvironment;
+    if (const auto folder = GetEnvironment("RQ_CRASH_FOLDER")) rq::platform::SetCrashFolder(*folder);
+    if (const auto program = GetEnvironment("RQ_CRASH_REPORTER"))
+        rq::platform::SetCrashReporter(*program, std::chrono::seconds(2));
     rq::platform::InstallCrashHandler();
     rq::platform::SetCrashHook(&Hook);
+    rq::platform::SetCrashLog(&LogHook);
     if (how == "segv") {
         volatile int* nowhere = nullptr;
         *nowhere = 1;
@@ -77,7 +103,28 @@ bool IsApart() {
         std::abort();
     } else if (how == "silent") {
         rq::platform::SilenceAbort();
+        rq::platform::LeaveNoCore();
         std::abort();
+    } else if (how == "stack") {
+        volatile int depth = 1;
+        std::exit(Overflow(&depth));
+    } else if (how == "stack-on-thread") {
+        std::thread([] {
+            rq::platform::GiveThreadCrashRoom();
+            volatile int depth = 1;
+            Overflow(&depth);
+        }).join();
+    } else if (how == "no-descriptors") {
+        while (::dup(0) >= 0) {
+        }
+        ::raise(SIGSEGV);
+    } else if (how == "many-threads") {
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 20; ++i) threads.emplace_back([] { ::raise(SIGSEGV); });
+        for (std::thread& thread : threads) thread.join();
+    } else if (how == "child") {
+        if (::fork() == 0) ::raise(SIGSEGV);
+        ::wait(nullptr);
     } else {
         ::raise(std::atoi(how.c_str()));
     }

@@ -4,7 +4,10 @@
 #include <cstdlib>
 #include <memory>
 #include <stdexcept>
+#include <string_view>
 
+#include "platform/crash.h"
+#include "platform/crash_text.h"
 #include "platform/end_request.h"
 #include "platform/environment.h"
 #include "platform/files.h"
@@ -25,6 +28,15 @@ std::unique_ptr<EndRequests> g_requests;
 void Hook() noexcept {
     DWORD written = 0;
     ::WriteFile(::GetStdHandle(STD_ERROR_HANDLE), "hook\r\n", 6, &written, nullptr);
+}
+
+void LogHook(std::string_view line, std::uint32_t thread) noexcept {
+    CrashText text;
+    text << "log: ";
+    text.Decimal(thread) << " " << line << "\r\n";
+    DWORD written = 0;
+    ::WriteFile(::GetStdHandle(STD_ERROR_HANDLE), text.Terminated(), static_cast<DWORD>(text.View().size()),
+                &written, nullptr);
 }
 
 [[gnu::noinline]] int Overflow(volatile int* depth) {
@@ -80,6 +92,7 @@ void Crash(const std::string& how) {
     if (const auto folder = GetEnvironment("RQ_CRASH_FOLDER")) SetCrashFolder(*folder);
     InstallCrashHandler();
     SetCrashHook(&Hook);
+    SetCrashLog(&LogHook);
     if (how == "segv") {
         volatile int* nowhere = nullptr;
         *nowhere = 1;
