@@ -123,7 +123,7 @@ bool WriteStacks(const CrashedProcess& process, std::FILE* out) {
     bool isCrashedRead = false;
     for (const HeldThread& thread : target.Threads()) {
         const bool isCrashed = thread.id == process.thread;
-        const bool isRead = WriteStack(session.get(), thread, isCrashed, out);
+        const bool isRead = WriteStack(session.get(), thread, isCrashed && process.context != 0, out);
         if (isCrashed) isCrashedRead = isRead;
     }
     return isCrashedRead;

@@ -36,6 +36,28 @@ TEST_F(LogFileTest, ALineHasTimeLevelTagModuleThreadAndText) {
     EXPECT_TRUE(std::regex_match(Bytes("a_W.log"), form)) << Bytes("a_W.log");
 }
 
+// The last line of a crash has the form of every other, and the same clock.
+TEST_F(LogFileTest, ACrashLineIsWrittenAtOnceInTheSameForm) {
+    LogFile file(m_folder.Utf8("a_W.log"));
+    Write(file, "Eos Called!");
+    file.CrashFlush();
+    file.CrashLine("crashed with SIGSEGV", 815);
+    const auto lines = kit::ReadLines(Path("a_W.log"));
+    ASSERT_EQ(lines.size(), 2u);
+    const std::regex form(
+        R"((\d{4}-\d\d-\d\d \d\d:)\d\d:\d\d\.\d{6} \[(\d)\] \[ACT\] \[MAIN\] (\[\d+/)(\d+)\] .*)");
+    std::smatch ordinary;
+    std::smatch crash;
+    ASSERT_TRUE(std::regex_match(lines[0], ordinary, form)) << lines[0];
+    ASSERT_TRUE(std::regex_match(lines[1], crash, form)) << lines[1];
+    EXPECT_GE(crash[1], ordinary[1]) << "not local time";
+    EXPECT_LE(lines[0].substr(0, 26), lines[1].substr(0, 26)) << "not local time";
+    EXPECT_EQ(crash[2], "5");
+    EXPECT_EQ(crash[3], ordinary[3]) << "the process";
+    EXPECT_EQ(crash[4], "815");
+    EXPECT_TRUE(lines[1].ends_with("] crashed with SIGSEGV")) << lines[1];
+}
+
 TEST_F(LogFileTest, MissingFoldersAreMade) {
     LogFile file(m_folder.Utf8("一/two words/a.log"));
     EXPECT_TRUE(file.IsOpen());
