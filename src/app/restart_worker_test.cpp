@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "util/log_capture.h"
@@ -68,7 +69,9 @@ TEST_F(RestartWorkerTest, AbortsAlsoWhenTheCopyDoesNotStart) {
 TEST_F(RestartWorkerTest, ThirtyTwoIsNoFailure) {
     m_startResult = 32;
     RestartWorker(m_seams);
-    EXPECT_EQ(m_log.Count("restart worker error."), 0u);
+    TakeLog();
+    EXPECT_EQ(std::count(m_events.begin(), m_events.end(), "4 restart worker error."), 0);
+    EXPECT_EQ(m_events.size(), 7u);
 }
 
 TEST_F(RestartWorkerTest, WithoutTheLockFileNothingIsStarted) {

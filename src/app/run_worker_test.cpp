@@ -18,7 +18,10 @@ class RunWorkerTest : public ::testing::Test {
     class Core final : public IRunnableCore {
       public:
         explicit Core(RunWorkerTest& test) : m_test(test) {}
-        ~Core() override { m_test.m_events.push_back("delete"); }
+        ~Core() override {
+            m_test.m_events.push_back("delete");
+            m_test.m_core = nullptr;
+        }
         std::int32_t Init(const WorkerStartRecord* start) override {
             m_test.m_events.push_back("Init");
             m_test.m_start = *start;

@@ -31,7 +31,8 @@ class StartUpTest : public ::testing::Test {
             return m_crashDump;
         };
         m_seams.pause = [this] {
-            m_console.Text().empty() ? m_calls.push_back("early") : m_calls.push_back("pause");
+            const bool isUsageShown = m_console.Text().ends_with(" kf  抽帧\n");
+            m_calls.push_back(isUsageShown ? "pause" : "early");
         };
         m_seams.runWorker = [this](const std::string& type, const std::string& parameters) {
             m_calls.push_back("run " + type + " [" + parameters + "]");
@@ -205,11 +206,25 @@ TEST_F(StartUpTest, APackageGivenAsTextNamesNoLog) {
     EXPECT_EQ(LogNames(), (std::vector<std::string>{"_W.log"}));
 }
 
+TEST_F(StartUpTest, OnlyFourArgumentsNameTheLog) {
+    const std::wstring file = WidenUtf8(m_dir.Utf8("task9.xml"));
+    for (const auto& arguments : {std::vector<std::wstring>{L"mc", file},
+                                  {L"mc", file, L"1"},
+                                  {L"mc", file, L"1", L"1", L"1"},
+                                  {L"14", file, L"1", L"1", L"1"},
+                                  {L"14", file, L"1", L"1", L"1", L"1"}}) {
+        Start(arguments);
+        EXPECT_EQ(ProcessCommandLine().LogFilePrefix, L"") << arguments.size();
+    }
+    EXPECT_EQ(LogNames(), (std::vector<std::string>{"_W.log"}));
+}
+
 TEST_F(StartUpTest, MoreArgumentsRunNothing) {
     EXPECT_EQ(Start({L"mc", L"<x/>", L"77", L"1", L"more"}), 0);
     EXPECT_EQ(m_console.Text(), "argc:\n6" + Echo("Type:", 1) + Echo("ServerPort:", 3));
     EXPECT_TRUE(m_calls.empty());
     EXPECT_EQ(ProcessCommandLine().ServerPortOverride, 77u);
+    EXPECT_EQ(ProcessCommandLine().CommandText, L"");
 }
 
 TEST_F(StartUpTest, LogLines) {
