@@ -25,6 +25,11 @@ pid_t g_process = 0;                // the one that the handler was installed in
 std::atomic<pid_t> g_crashed{0};    // the thread that crashed first
 std::atomic<int> g_crashSignal{0};  // its signal
 
+// Of the one thread that reports: large for a stack that a library gave its own thread for signals.
+constinit CrashText g_line;
+constinit CrashText g_place;
+constinit CrashText g_report;
+
 constexpr std::initializer_list<int> kCrashSignals = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT};
 
 std::string_view NameOf(int number) {
@@ -82,22 +87,21 @@ void LimitTheHandler() {
 }
 
 void Tell(const CrashFacts& facts) {
-    CrashText line;
-    line << "RQWorkerU: crashed with " << facts.signalName << "\n";
-    WriteAll(STDERR_FILENO, line.View());
+    g_line << "RQWorkerU: crashed with " << facts.signalName << "\n";
+    WriteAll(STDERR_FILENO, g_line.View());
+    g_line.Clear();
 }
 
 void TellWhere(const CrashFacts& facts, const CrashText& report) {
-    CrashText line;
+    CrashText& line = g_line;
     line << "crashed with " << facts.signalName << " in thread ";
     line.Decimal(facts.thread);
     if (report.View().empty()) {
         line << ", no report could be written";
     } else {
         line << ", report: " << report.View();
-        CrashText place;
-        place << "RQWorkerU: a report is in " << report.View() << "\n";
-        WriteAll(STDERR_FILENO, place.View());
+        g_place << "RQWorkerU: a report is in " << report.View() << "\n";
+        WriteAll(STDERR_FILENO, g_place.View());
     }
     if (const auto log = g_log.load()) log(line.View(), facts.thread);
 }
@@ -116,10 +120,9 @@ extern "C" void OnCrashSignal(int number, siginfo_t* info, void* context) {
     const CrashFacts facts{number, NameOf(number), static_cast<std::uint32_t>(thread), *info, context};
     Tell(facts);
     if (const auto flush = g_flush.load()) flush();
-    CrashText report;
-    WriteCrashReport(facts, report);
+    WriteCrashReport(facts, g_report);
     if (const auto flush = g_flush.load()) flush();  // what other threads have logged meanwhile
-    TellWhere(facts, report);
+    TellWhere(facts, g_report);
     EndBy(number);
 }
 

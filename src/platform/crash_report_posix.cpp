@@ -31,6 +31,10 @@ CrashText g_reporter;
 CrashText g_process;
 std::chrono::seconds g_limit = kCrashReportLimit;
 std::int64_t g_utcOffset_s = 0;
+// Written in the handler, by the one thread that reports: its stack may be small.
+constinit CrashText g_head;
+constinit CrashText g_thread;
+constinit CrashText g_context;
 alignas(16) char g_reporterStack[kReporterStack_bytes];
 
 std::chrono::sys_seconds LocalNow() {
@@ -62,7 +66,7 @@ int MakeReportFile(CrashText& path) {
 }
 
 void WriteHead(int file, const CrashFacts& facts) {
-    CrashText head;
+    CrashText& head = g_head;
     head << "Crashed with " << facts.signalName;
     if (facts.info.si_code <= 0) {  // sent by somebody; abort() sends it to itself
         (head << ", sent by process ").Decimal(static_cast<std::uint64_t>(facts.info.si_pid));
@@ -123,13 +127,11 @@ bool AwaitReporter(pid_t reporter, int file, off_t before) {
 
 bool ReportFromOutside(int file, const CrashFacts& facts) {
     if (g_reporter.View().empty()) return false;
-    CrashText thread;
-    thread.Decimal(facts.thread);
-    CrashText context;
-    context.Decimal(reinterpret_cast<std::uint64_t>(facts.context));
+    g_thread.Decimal(facts.thread);
+    g_context.Decimal(reinterpret_cast<std::uint64_t>(facts.context));
     Reporter reporter{file,
-                      {g_reporter.Terminated(), g_process.Terminated(), thread.Terminated(),
-                       context.Terminated(), nullptr}};
+                      {g_reporter.Terminated(), g_process.Terminated(), g_thread.Terminated(),
+                       g_context.Terminated(), nullptr}};
     const off_t before = SizeOf(file);
     ::signal(SIGCHLD, SIG_DFL);  // ignored, it would take the reporter's result away
     // No fork: that one runs other libraries' functions, takes the heap's lock and copies page tables.
@@ -171,7 +173,7 @@ void PrepareCrashReport() {
 void WriteCrashReport(const CrashFacts& facts, CrashText& path) {
     const int file = MakeReportFile(path);
     if (file < 0) {
-        path = CrashText();
+        path.Clear();
         WriteOwnFrames(STDERR_FILENO);
         return;
     }

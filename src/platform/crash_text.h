@@ -28,6 +28,11 @@ class CrashText {
     // "20170531.101530", as in file names.
     CrashText& CompactTime(std::chrono::sys_seconds local) { return Moment(local, "", ".", ""); }
 
+    void Clear() {
+        m_length = 0;
+        m_text[0] = '\0';
+    }
+
     std::string_view View() const { return {m_text, m_length}; }
     const char* Terminated() const { return m_text; }
 
