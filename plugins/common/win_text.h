@@ -34,15 +34,19 @@ inline std::string Utf8Of(std::wstring_view wide) {
     return utf8;
 }
 
-// Backslashes, and for an absolute path that is too long for the classic calls the prefix that lifts their
-// limit.
+// Backslashes, and for a path whose full form is too long for the classic calls that form with the prefix
+// that lifts their limit.
 inline std::wstring NativePath(std::string_view utf8) {
     constexpr std::size_t kClassicLimit = 247;
+    const auto hasPrefix = [](const std::wstring& path) {
+        return path.starts_with(L"\\\\?\\") || path.starts_with(L"\\\\.\\");
+    };
     std::wstring path = WideOf(utf8);
     std::replace(path.begin(), path.end(), L'/', L'\\');
-    if (path.size() < kClassicLimit || path.starts_with(L"\\\\?\\")) return path;
+    if (path.empty() || hasPrefix(path)) return path;
     std::wstring full(::GetFullPathNameW(path.c_str(), 0, nullptr, nullptr), L'\0');  // without "." and ".."
     full.resize(::GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr));
+    if (full.size() < kClassicLimit || hasPrefix(full)) return path;
     return full.starts_with(L"\\\\") ? L"\\\\?\\UNC" + full.substr(1) : L"\\\\?\\" + full;
 }
 

@@ -4,8 +4,8 @@
 
 #include "app/instance_lock.h"
 #include "platform/crash.h"
-#include "platform/files.h"
 #include "platform/process.h"
+#include "platform/start_up.h"
 #include "util/utility.h"
 #include "util/worker_util.h"
 
@@ -20,7 +20,7 @@ constexpr unsigned kFirstSuccess = 32;  // smaller results of WinExec are failur
 RestartSeams RestartSeams::Real() {
     RestartSeams seams;
     seams.releaseInstanceLock = ReleaseInstanceLock;
-    seams.moduleFileName = platform::ModuleFileName;
+    seams.moduleFileName = platform::LongModuleFileName;
     seams.startProgram = platform::StartDetached;
     seams.silenceAbort = [] {
         platform::SilenceAbort();

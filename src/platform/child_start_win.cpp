@@ -3,6 +3,11 @@
 #include <algorithm>
 #include <memory>
 
+// Older headers lack it: the job objects that a new process is created in.
+#ifndef PROC_THREAD_ATTRIBUTE_JOB_LIST
+#define PROC_THREAD_ATTRIBUTE_JOB_LIST 0x0002000D
+#endif
+
 namespace rq::platform {
 
 namespace {
@@ -87,6 +92,10 @@ bool Create(const ProcessStart& start, AttributeList& attributes, bool inherit, 
     info.StartupInfo.hStdInput = start.input;
     info.StartupInfo.hStdOutput = start.output;
     info.StartupInfo.hStdError = start.errors;
+    if (start.isShown) {
+        info.StartupInfo.dwFlags |= STARTF_USESHOWWINDOW;
+        info.StartupInfo.wShowWindow = SW_SHOWNORMAL;
+    }
     info.lpAttributeList = attributes.Get();
     std::wstring commandLine = start.commandLine;  // the system writes into it
     std::wstring environment = start.environment;
@@ -97,33 +106,42 @@ bool Create(const ProcessStart& start, AttributeList& attributes, bool inherit, 
                             &made) != FALSE;
 }
 
+// For systems that do not know the attribute (before Windows 10): the process was made suspended, is put into
+// its job, and let go. Nothing of it runs outside, but it stays there when this process is killed in between.
+bool AssignAndResume(HANDLE job, HANDLE process, HANDLE thread) {
+    if (::AssignProcessToJobObject(job, process) && ::ResumeThread(thread) != static_cast<DWORD>(-1))
+        return true;
+    const DWORD code = ::GetLastError();
+    ::TerminateProcess(process, 1);
+    ::SetLastError(code);
+    return false;
+}
+
 }  // namespace
 
-// The process is made suspended, put into its job, and let go: nothing of it runs outside.
 bool CreateWithStreams(const ProcessStart& start, StartedProcess& started) {
     std::vector<HANDLE> streams;
     for (const HANDLE stream : {start.input, start.output, start.errors}) {
         if (stream != nullptr && std::find(streams.begin(), streams.end(), stream) == streams.end())
             streams.push_back(stream);
     }
-    AttributeList attributes(1);
+    AttributeList attributes(2);
     if (!streams.empty() &&
         !attributes.Add(PROC_THREAD_ATTRIBUTE_HANDLE_LIST, streams.data(), streams.size() * sizeof(HANDLE)))
         return false;
-    const DWORD flags =
-        start.flags | CREATE_UNICODE_ENVIRONMENT | EXTENDED_STARTUPINFO_PRESENT | CREATE_SUSPENDED;
+    // The system makes it in its job, so that not even a parent that is killed meanwhile leaves it outside.
+    HANDLE job = start.job;
+    const bool isBornInJob =
+        job != nullptr && attributes.Add(PROC_THREAD_ATTRIBUTE_JOB_LIST, &job, sizeof job);
+    const bool isAssigned = job != nullptr && !isBornInJob;
+    const DWORD flags = start.flags | CREATE_UNICODE_ENVIRONMENT | EXTENDED_STARTUPINFO_PRESENT |
+                        (isAssigned ? CREATE_SUSPENDED : 0);
     PROCESS_INFORMATION made{};
     if (!Create(start, attributes, !streams.empty(), flags, made)) return false;
     const WinHandle thread(made.hThread);
     started.process = WinHandle(made.hProcess);
     started.id = made.dwProcessId;
-    if ((start.job == nullptr || ::AssignProcessToJobObject(start.job, made.hProcess)) &&
-        ::ResumeThread(thread.Get()) != static_cast<DWORD>(-1))
-        return true;
-    const DWORD code = ::GetLastError();
-    ::TerminateProcess(made.hProcess, 1);
-    ::SetLastError(code);
-    return false;
+    return !isAssigned || AssignAndResume(job, made.hProcess, made.hThread);
 }
 
 std::wstring QuoteCommandLine(const std::vector<std::string>& words) {

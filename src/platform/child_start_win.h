@@ -21,6 +21,7 @@ struct ProcessStart {
     HANDLE errors = nullptr;
     HANDLE job = nullptr;  // the process is in it before its first instruction; null: none of its own
     DWORD flags = 0;       // further creation flags
+    bool isShown = false;  // its first window is to be shown as usual; else that is left to the program
 };
 
 struct StartedProcess {

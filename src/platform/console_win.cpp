@@ -3,6 +3,7 @@
 #include <io.h>
 
 #include <cstdio>
+#include <cstdlib>
 
 #include "platform/win_api.h"
 
@@ -110,19 +111,11 @@ bool WriteStandardOutput(std::string_view bytes) {
     return WriteBytes(output, WithLineEnds(bytes));
 }
 
+// The system's own pause prompts in the system's language.
 void PauseForKey() {
-    const HANDLE input = HandleOf(StandardStream::Input);
-    if (!IsConsole(input)) return;
-    WriteStandardOutput("Press any key to continue . . . ");
-    DWORD before = 0;
-    ::GetConsoleMode(input, &before);
-    ::SetConsoleMode(input, before & ~static_cast<DWORD>(ENABLE_LINE_INPUT | ENABLE_ECHO_INPUT));
-    ::FlushConsoleInputBuffer(input);
-    wchar_t key = 0;
-    DWORD got = 0;
-    ::ReadConsoleW(input, &key, 1, &got, nullptr);
-    ::SetConsoleMode(input, before);
-    WriteStandardOutput("\n");
+    if (!IsTerminal(StandardStream::Input)) return;
+    std::fflush(stdout);
+    (void)!std::system("pause");
 }
 
 Utf8Console::Utf8Console()

@@ -73,17 +73,20 @@ const char* NameOf(DWORD code) {
 // " at module.dll+0x12AB", so that a map file or a debugger finds the line.
 void AddPlace(CrashText& line, const void* address) {
     HMODULE module = nullptr;
-    char name[MAX_PATH] = "";
+    wchar_t path[1024] = L"";
     if (::GetModuleHandleExW(
             GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
             static_cast<const wchar_t*>(address), &module))
-        ::GetModuleFileNameA(module, name, sizeof name - 1);
-    const char* last = name;
-    for (const char* at = name; *at != '\0'; ++at) {
-        if (*at == '\\') last = at + 1;
+        ::GetModuleFileNameW(module, path, 1024);
+    path[1023] = L'\0';
+    const wchar_t* last = path;
+    for (const wchar_t* at = path; *at != L'\0'; ++at) {
+        if (*at == L'\\') last = at + 1;
     }
+    char name[3 * 1024] = "";  // no ANSI name: its code page lacks characters
+    ::WideCharToMultiByte(CP_UTF8, 0, last, -1, name, sizeof name, nullptr, nullptr);
     const auto offset = reinterpret_cast<std::uint64_t>(address) - reinterpret_cast<std::uint64_t>(module);
-    line << " at " << (*last != '\0' ? last : "unknown");
+    line << " at " << (name[0] != '\0' ? name : "unknown");
     (line << "+").Hex(offset);
 }
 

@@ -55,6 +55,17 @@ TEST_F(CrashOnWindows, ABadPointer) {
     ExpectADump();
 }
 
+TEST_F(CrashOnWindows, TheModulesNameIsUtf8) {
+    const auto program = m_dir.Path() / PathFromUtf8("插件.exe");
+    std::filesystem::copy_file(kit::ProgramIn(RQ_FIXTURES, "rq_process_fixture"), program);
+    kit::Child child(program, {"crash", "segv"});
+    ASSERT_TRUE(child.Wait());
+    EXPECT_EQ(
+        child.Errors().find("RQWorkerU: crashed with EXCEPTION_ACCESS_VIOLATION 0xC0000005 at 插件.exe+0x"),
+        0u)
+        << child.Errors();
+}
+
 TEST_F(CrashOnWindows, AnExceptionOfAnyOtherKind) {
     EXPECT_EQ(CrashBy("0xE0001234"), 0xE0001234u);
     EXPECT_EQ(m_errors.find("RQWorkerU: crashed with an exception 0xE0001234 at "), 0u) << m_errors;

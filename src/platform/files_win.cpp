@@ -34,9 +34,13 @@ bool WriteAll(HANDLE file, std::string_view bytes) {
     return true;
 }
 
-bool IsFolder(const std::wstring& path) {
+bool HasAttribute(const std::wstring& path, DWORD any) {
     const DWORD attributes = ::GetFileAttributesW(path.c_str());
-    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & any) != 0;
+}
+
+bool IsFolder(const std::wstring& path) {
+    return HasAttribute(path, FILE_ATTRIBUTE_DIRECTORY);
 }
 
 std::string FolderOf(const std::string& path) {
@@ -93,7 +97,8 @@ bool WriteTemporary(const std::string& name, std::string_view bytes, bool isPriv
     return false;
 }
 
-// A program that looks at the target without sharing it (a virus scanner) lets go of it soon.
+// A program that looks at the target without sharing it (a virus scanner) lets go of it soon. A read-only
+// target stays as it is.
 bool RenameOver(const std::wstring& from, const std::wstring& to) {
     constexpr int kTries = 40;
     constexpr DWORD kPause_ms = 25;
@@ -102,9 +107,10 @@ bool RenameOver(const std::wstring& from, const std::wstring& to) {
             return true;
         const DWORD code = ::GetLastError();
         if (code != ERROR_SHARING_VIOLATION && code != ERROR_ACCESS_DENIED) return false;
-        if (IsFolder(to)) return false;
-        ::Sleep(kPause_ms);
+        const bool isFolder = HasAttribute(to, FILE_ATTRIBUTE_DIRECTORY);
+        if (!isFolder) ::Sleep(kPause_ms);
         ::SetLastError(code);
+        if (isFolder) return false;
     }
     return false;
 }
@@ -133,7 +139,8 @@ OpenMode ModeOf(const char* mode) {
 std::string ModuleFileName() {
     wchar_t buffer[MAX_PATH];
     const DWORD length = ::GetModuleFileNameW(nullptr, buffer, MAX_PATH);
-    return Utf8Of({buffer, length});
+    return Utf8Of(
+        std::wstring_view(buffer, length == MAX_PATH ? MAX_PATH - 1 : length));  // cut: with its NUL
 }
 
 std::string CurrentDirectory() {
@@ -212,6 +219,10 @@ bool CreatePrivateFolder(const std::string& path, OsError* error) {
 }
 
 bool ReplaceWholeFile(const std::string& path, std::string_view bytes, bool isPrivate, OsError* error) {
+    if (HasAttribute(NativePath(path), FILE_ATTRIBUTE_READONLY)) {  // as the rename would say, later
+        SetOsError(error, ERROR_ACCESS_DENIED, "replace " + path);
+        return false;
+    }
     const std::string temporary = path + ".new-" + RandomHex(6);
     if (!WriteTemporary(temporary, bytes, isPrivate, path, error)) return false;
     if (RenameOver(NativePath(temporary), NativePath(path))) return true;

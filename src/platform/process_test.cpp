@@ -52,6 +52,17 @@ TEST(Process, ArgumentsArriveAsTheyAre) {
     EXPECT_EQ(kit::ReadText(dir.Path() / "out"), "[]\n[two words]\n[\"quoted\\\"]\n[中文 $HOME *]\n");
 }
 
+// As its first act, before main, it looks where it is.
+TEST(Process, AChildBeginsInATreeOfItsOwn) {
+    const TempDir dir;
+    ProcessSpec spec = Fixture({"tree"});
+    SendOutputTo(spec, dir.Utf8("out"));
+    auto child = ChildProcess::Start(spec);
+    ASSERT_NE(child, nullptr);
+    ASSERT_TRUE(child->Wait(kLong));
+    EXPECT_EQ(kit::ReadText(dir.Path() / "out"), "of its own\n");
+}
+
 TEST(Process, FailuresAreToldBeforeAnythingRuns) {
     const TempDir dir;
     const std::string none = dir.Utf8("没有");

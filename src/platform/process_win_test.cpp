@@ -5,6 +5,7 @@
 #include "kit/child.h"
 #include "kit/os.h"
 #include "kit/stage_copy.h"
+#include "platform/child_start_win.h"
 #include "platform/process.h"
 #include "platform/win_api.h"
 
@@ -28,12 +29,24 @@ TEST(ProcessOnWindows, HandlesStayWithTheParent) {
     EXPECT_EQ(child.Output(), "");
 }
 
+// One that has not run its first instruction.
 TEST(ProcessOnWindows, AChildIsInItsJobFromTheStart) {
-    kit::Child child(Fixture(), {"hang"});
-    const WinHandle process(::OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, static_cast<DWORD>(child.Id())));
+    const WinHandle job(::CreateJobObjectW(nullptr, nullptr));
+    ProcessStart start;
+    start.program = Fixture().wstring();
+    start.commandLine = L"fixture hang";
+    start.job = job.Get();
+    start.flags = CREATE_SUSPENDED;
+    StartedProcess started;
+    ASSERT_TRUE(CreateWithStreams(start, started)) << SystemMessage(::GetLastError());
     BOOL isInJob = FALSE;
-    EXPECT_TRUE(::IsProcessInJob(process.Get(), nullptr, &isInJob));
+    EXPECT_TRUE(::IsProcessInJob(started.process.Get(), job.Get(), &isInJob));
     EXPECT_TRUE(isInJob);
+    EXPECT_TRUE(::TerminateJobObject(job.Get(), 7));
+    ASSERT_EQ(::WaitForSingleObject(started.process.Get(), 60'000), WAIT_OBJECT_0);
+    DWORD code = 0;
+    EXPECT_TRUE(::GetExitCodeProcess(started.process.Get(), &code));
+    EXPECT_EQ(code, 7u);
 }
 
 // A worker that is killed hard, by somebody who knows nothing of its children.

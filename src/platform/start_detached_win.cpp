@@ -35,9 +35,10 @@ unsigned StartDetached(const std::string& commandLine) {
     start.input = input.Get();
     start.output = output.Get();
     start.errors = errors.Get();
+    start.isShown = true;
     StartedProcess started;
     for (const DWORD leave : {static_cast<DWORD>(CREATE_BREAKAWAY_FROM_JOB), DWORD{0}}) {
-        start.flags = CREATE_NEW_PROCESS_GROUP | leave;
+        start.flags = leave;
         if (CreateWithStreams(start, started)) return kStarted;
         if (::GetLastError() != ERROR_ACCESS_DENIED) break;
     }

@@ -1,6 +1,8 @@
-// What a program does with its operating system before anything else. Main thread
-// only. What a crash leaves behind is crash.h's.
+// What a program does with its operating system before anything else. Main thread only, except
+// LongModuleFileName. What a crash leaves behind is crash.h's.
 #pragma once
+
+#include <string>
 
 namespace rq::platform {
 
@@ -10,6 +12,10 @@ void OpenStandardStreams();
 
 // The executable's module handle (GetModuleHandleW(NULL)); elsewhere any non-null value. Null on failure.
 void* ModuleHandle();
+
+// The executable's full path as a restart needs it: up to 2047 characters on Windows, where the one of
+// platform/files.h ends at 259. Empty on failure.
+std::string LongModuleFileName();
 
 // AfxWinInit(handle, NULL, GetCommandLineW(), 0): MFC's own where it exists; elsewhere a stand-in with the
 // same contract: false when the handle is null; on Windows the system's message boxes for missing disks and

@@ -25,6 +25,13 @@ void OpenStandardStreams() {
     OpenWhenClosed(STD_ERROR_HANDLE, stderr, L"w");
 }
 
+std::string LongModuleFileName() {
+    constexpr DWORD kRoom = 2048;
+    wchar_t buffer[kRoom];
+    const DWORD length = ::GetModuleFileNameW(nullptr, buffer, kRoom);
+    return Utf8Of(std::wstring_view(buffer, length == kRoom ? kRoom - 1 : length));  // cut: with its NUL
+}
+
 // The job's only handle is this process's and is never closed: the system closes it when the process is gone.
 bool ContainChildren() {
     const HANDLE job = ::CreateJobObjectW(nullptr, nullptr);

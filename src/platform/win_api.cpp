@@ -26,6 +26,10 @@ std::wstring FullPath(const std::wstring& path) {
     return full;
 }
 
+bool HasPrefix(const std::wstring& path) {
+    return path.starts_with(L"\\\\?\\") || path.starts_with(L"\\\\.\\");
+}
+
 }  // namespace
 
 std::wstring WideOf(std::string_view utf8) {
@@ -52,11 +56,12 @@ std::wstring NativeSeparators(std::string_view utf8) {
     return path;
 }
 
+// The system measures what it makes of a path: "f" is long in a folder with a long name.
 std::wstring NativePath(std::string_view utf8) {
-    const std::wstring path = NativeSeparators(utf8);
-    if (path.size() < kClassicLimit || path.starts_with(L"\\\\?\\") || path.starts_with(L"\\\\.\\"))
-        return path;
+    std::wstring path = NativeSeparators(utf8);
+    if (path.empty() || HasPrefix(path)) return path;
     const std::wstring full = FullPath(path);
+    if (full.size() < kClassicLimit || HasPrefix(full)) return path;
     if (full.starts_with(L"\\\\")) return L"\\\\?\\UNC" + full.substr(1);
     return L"\\\\?\\" + full;
 }

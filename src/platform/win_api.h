@@ -24,9 +24,9 @@ namespace rq::platform {
 std::wstring WideOf(std::string_view utf8);
 std::string Utf8Of(std::wstring_view wide);
 
-// The path as the system takes it: separators are backslashes, and one that is too long for the classic calls
-// is made absolute and gets the prefix that lifts their limit. Not for a current directory or a library:
-// those calls keep the limit.
+// The path as the system takes it: separators are backslashes, and one whose full form is too long for the
+// classic calls is made absolute and gets the prefix that lifts their limit. Not for a current directory or a
+// library: those calls keep the limit.
 std::wstring NativePath(std::string_view utf8);
 // Backslashes only.
 std::wstring NativeSeparators(std::string_view utf8);

@@ -1,9 +1,12 @@
 // The runner over real libraries: loading, a library beside the plug-in, and a whole task.
 
 #include <filesystem>
+#include <functional>
 
 #include "bad_plugins/bad_plugins.h"
+#include "base/paths.h"
 #include "base/result.h"
+#include "platform/codepage.h"
 #include "plugin/runner_fixture.h"
 
 namespace rq {
@@ -16,17 +19,28 @@ class RealLibraryTest : public RunnerTest {
   protected:
     // A module directory whose table names the plug-in, given relative to it.
     std::int32_t InitWith(const std::string& name) {
-        const auto folder = m_dir.Path() / "plugins";
-        std::filesystem::copy(test::BadPluginFolder(name), folder / name,
-                              std::filesystem::copy_options::recursive);
-        const auto file = std::filesystem::path(test::BadPlugin(name)).filename().string();
-        const std::string separator = NarrowUtf8(WideText(1, PathSeparator()));
-        WriteTable("<c><WORKER><TYPE>3</TYPE><PATH>plugins" + separator + name + separator + file +
-                   "</PATH></WORKER></c>");
+        const auto file = std::filesystem::path(test::BadPlugin(name)).filename();
+        return InitWith(name, std::filesystem::path(name) / file,
+                        [](const std::string& utf8) { return utf8; });
+    }
+    // ... copied to `target` below the plug-ins' folder; `encode` makes the table's bytes.
+    std::int32_t InitWith(const std::string& name, const std::filesystem::path& target,
+                          const std::function<std::string(const std::string&)>& encode) {
+        const auto folder = m_dir.Path() / "plugins" / target.parent_path();
+        std::filesystem::copy(test::BadPluginFolder(name), folder, std::filesystem::copy_options::recursive);
+        std::filesystem::rename(folder / std::filesystem::path(test::BadPlugin(name)).filename(),
+                                folder / target.filename());
+        const std::string path = Utf8FromPath(("plugins" / target).make_preferred());
+        WriteTable(encode("<c><WORKER><TYPE>3</TYPE><PATH>" + path + "</PATH></WORKER></c>"));
         WorkRunnerSeams seams;
         seams.moduleDirectory = ModuleDirectory();
         MakeRunner(std::move(seams));
         return Init();
+    }
+
+    static std::filesystem::path Chinese(const std::string& name) {
+        auto path = PathFromUtf8("计算/校验码");
+        return path += std::filesystem::path(test::BadPlugin(name)).extension();
     }
 
     void SetUp() override { std::filesystem::create_directory(m_dir.Path() / "plugins"); }
@@ -79,6 +93,21 @@ TEST_F(RealLibraryTest, ThatNeedsALibraryBesideItFindsIt) {
     EXPECT_EQ(InitWith("needs_neighbour"), 0);
     EXPECT_EQ(std::filesystem::current_path(),
               std::filesystem::canonical(m_dir.Path() / "plugins" / "needs_neighbour"));
+}
+
+TEST_F(RealLibraryTest, WithChineseNamesInATableInUtf8) {
+    const auto target = Chinese("needs_neighbour");
+    EXPECT_EQ(InitWith("needs_neighbour", target, [](const std::string& utf8) { return utf8; }), 0);
+    EXPECT_EQ(std::filesystem::current_path(),
+              std::filesystem::canonical(m_dir.Path() / "plugins" / PathFromUtf8("计算")));
+}
+
+TEST_F(RealLibraryTest, WithChineseNamesInATableInGbk) {
+    const auto target = Chinese("scripted");
+    ASSERT_EQ(InitWith("scripted", target, platform::Utf8ToGbk), 0);
+    EXPECT_EQ(Analyse("id t; md5 /file; status 0"), 0);
+    EXPECT_EQ(Perform(), 0);
+    EXPECT_EQ(m_runner->GetStatus(), 0u);
 }
 
 TEST_F(RealLibraryTest, ThatIsNotThere) {

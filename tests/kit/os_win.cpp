@@ -3,6 +3,7 @@
 #include <io.h>
 #include <time.h>
 
+#include "kit/code_page_win.h"
 #include "platform/process.h"
 #include "platform/win_api.h"
 
@@ -32,6 +33,10 @@ std::string_view LineEnd() {
 
 bool IsWine() {
     return ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+}
+
+unsigned AnsiCodePage() {
+    return ::GetACP();
 }
 
 std::string NullDevice() {

@@ -1,8 +1,8 @@
 """Reads the import table of every program and library of a Windows stage: each DLL that one of them names lies in the same
 folder or is one of Windows' own. What a plug-in needs is looked for in the plug-in's folder, a program's in the program's.
 
-RQ_STAGE is the stage, RQ_EXPECTED what must be in it (relative paths, ":" between), RQ_OBJDUMP the tool, RQ_NEEDING a DLL
-that needs another one.
+RQ_STAGE is the stage, RQ_EXPECTED the programs and libraries that must be in it, RQ_EXPECTED_DATA the data files (relative
+paths, ":" between), RQ_OBJDUMP the tool, RQ_NEEDING a DLL that needs another one.
 """
 
 import os
@@ -53,6 +53,10 @@ class Imports(unittest.TestCase):
         stage = os.environ["RQ_STAGE"]
         found = {os.path.relpath(path, stage) for path in binaries_in(stage)}
         self.assertEqual(set(os.environ["RQ_EXPECTED"].split(":")) - found, set())
+
+    def test_the_data_files_are_where_the_programs_look(self):
+        for name in os.environ["RQ_EXPECTED_DATA"].split(":"):
+            self.assertTrue(os.path.isfile(os.path.join(os.environ["RQ_STAGE"], name)), name)
 
     def test_a_library_without_its_neighbour_is_found(self):
         needing = os.environ["RQ_NEEDING"]

@@ -3,11 +3,10 @@
 
 #include <fstream>
 
-#include "bad_plugins/bad_plugins.h"
 #include "base/paths.h"
+#include "by_hand.h"
 #include "kit/os.h"
 #include "node.h"
-#include "platform/files.h"
 
 namespace rq::system_test {
 namespace {
@@ -103,12 +102,8 @@ TEST(Failures, WorkerEndsWhenTheEngineIsKilled) {
 // it.
 TEST(Failures, NothingThatAWorkerStartedOutlivesItWhenItIsKilled) {
     Node node;
-    const fs::path folder = node.InstallPlugin(PathFromUtf8(test::BadPlugin("scripted")), 3);
-    const fs::path fixture = kit::ProgramIn(RQ_FIXTURES, "rq_process_fixture");
-    fs::copy_file(fixture, folder / fixture.filename());
-    const std::string command = Utf8FromPath(("." / fixture.filename()).make_preferred());
-    const std::string task =
-        node.SubmitText("mc", "id t; run " + command + " grandchild left.pid; until-stop 600000; status 0");
+    const fs::path folder = UseScriptedPlugin(node);
+    const std::string task = node.SubmitText("mc", LeavesAProcessAndHangs());
     ASSERT_TRUE(kit::WaitForText(folder / "left.pid", "\n")) << node.WorkerLog();
     const std::uint64_t left = std::stoull(kit::ReadBytes(folder / "left.pid"));
     EXPECT_TRUE(platform::ProcessRuns(left));

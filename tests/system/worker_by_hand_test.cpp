@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "base/paths.h"
+#include "by_hand.h"
 #include "node.h"
 #include "platform/codepage.h"
 
@@ -12,22 +13,6 @@ namespace fs = std::filesystem;
 
 std::string Gbk(const char* utf8) {
     return platform::Utf8ToGbk(utf8);
-}
-
-std::string TaskText(const fs::path& file) {
-    return "<MD5Task><ID>by hand</ID><Files><File><Path>" + Utf8FromPath(file) +
-           "</Path></File></Files></MD5Task>";
-}
-
-// A worker of the node's stage with a log root of its own.
-std::unique_ptr<kit::Child> StartWorker(const Node& node, const std::vector<std::string>& arguments,
-                                        const std::string& token) {
-    kit::Child::Options options;
-    options.environment = {{"RQ_CONSOLE_ENCODING", ""},
-                           {"RQ_LOG_DIR", Utf8FromPath(node.Folder().Path() / "logs")},
-                           {"RQ_ENGINE_TOKEN", token}};
-    options.directory = node.Stage();
-    return std::make_unique<kit::Child>(kit::ProgramIn(node.Stage(), "RQWorkerU"), arguments, options);
 }
 
 std::size_t Count(const std::string& text, const std::string& part) {
@@ -41,9 +26,9 @@ TEST(WorkerByHand, RunsATaskAndAppearsInTheList) {
     kit::TempDir folder;
     const fs::path file = folder.Write("文件", "bytes");
     Node node;
-    const fs::path parameters = folder.Write("job42.part1.xml", TaskText(file));
-    auto worker = StartWorker(node, {"mc", Utf8FromPath(parameters), std::to_string(node.LinkPort()), "1"},
-                              node.Token());
+    const fs::path parameters = folder.Write("job42.part1.xml", Md5TaskText(file));
+    auto worker = StartWorkerByHand(
+        node, {"mc", Utf8FromPath(parameters), std::to_string(node.LinkPort()), "1"}, node.Token());
     EXPECT_EQ(worker->ExitCode(), 0);
     const std::string output = worker->Output();
     EXPECT_EQ(output.find("argc:\n5Type:\n0x"), 0u) << output;
@@ -63,12 +48,33 @@ TEST(WorkerByHand, RunsATaskAndAppearsInTheList) {
     EXPECT_EQ(names, (std::vector<std::string>{"job42_C.log", "job42_W.log"}));
 }
 
+// Of the file's name, the log gets what stands before the first dot; its bytes are UTF-8 or GBK.
+TEST(WorkerByHand, ParameterFileInGbk) {
+    kit::TempDir folder;
+    const fs::path file = folder.Write("源文件", "bytes");
+    Node node;
+    const fs::path parameters = folder.Write("任务.part1.xml", Gbk(Md5TaskText(file).c_str()));
+    auto worker = StartWorkerByHand(
+        node, {"mc", Utf8FromPath(parameters), std::to_string(node.LinkPort()), "1"}, node.Token());
+    EXPECT_EQ(worker->ExitCode(), 0);
+    const auto list = nlohmann::json::parse(node.Ctl({"list", "--json"}).output);
+    ASSERT_EQ(list.size(), 1u);
+    const auto record = node.Show(list[0]["id"]);
+    EXPECT_EQ(record["state"], "finished");
+    EXPECT_EQ(record["result"]["files"][0]["first"], Utf8FromPath(file));
+    EXPECT_EQ(record["result"]["files"][0]["computed_md5"], kit::ReferenceMd5(file));
+    const auto logs = kit::FindFiles(node.Folder().Path() / "logs", "_W.log");
+    ASSERT_EQ(logs.size(), 1u);
+    EXPECT_EQ(Utf8FromPath(logs[0].filename()), "任务_W.log");
+}
+
 // Three arguments: the second is the task text itself.
 TEST(WorkerByHand, TextOnTheCommandLine) {
     kit::TempDir folder;
     const fs::path file = folder.Write("file", "bytes");
     Node node;
-    auto worker = StartWorker(node, {"mc", TaskText(file), std::to_string(node.LinkPort())}, node.Token());
+    auto worker =
+        StartWorkerByHand(node, {"mc", Md5TaskText(file), std::to_string(node.LinkPort())}, node.Token());
     EXPECT_EQ(worker->ExitCode(), 0);
     const auto list = nlohmann::json::parse(node.Ctl({"list", "--json"}).output);
     ASSERT_EQ(list.size(), 1u);
@@ -84,8 +90,8 @@ TEST(WorkerByHand, WaitsForAnEngineThatIsNotUpYet) {
     Node node;
     const int port = node.LinkPort();
     ASSERT_EQ(node.EndEngine(), 0);
-    auto worker = StartWorker(node, {"mc", TaskText(folder.Write("file", "bytes")), std::to_string(port)},
-                              node.Token());
+    auto worker = StartWorkerByHand(
+        node, {"mc", Md5TaskText(folder.Write("file", "bytes")), std::to_string(port)}, node.Token());
     const std::string line = Gbk("通信服务端没有启动\n");
     ASSERT_TRUE(kit::WaitForText(worker->OutputFile(), line)) << worker->Output();
     EXPECT_TRUE(worker->IsRunning());
@@ -102,9 +108,9 @@ TEST(WorkerByHand, WaitsForAnEngineThatIsNotUpYet) {
 TEST(WorkerByHand, WrongTokenIsRefused) {
     kit::TempDir folder;
     Node node;
-    auto worker =
-        StartWorker(node, {"mc", TaskText(folder.Write("file", "bytes")), std::to_string(node.LinkPort())},
-                    std::string(64, '0'));
+    auto worker = StartWorkerByHand(
+        node, {"mc", Md5TaskText(folder.Write("file", "bytes")), std::to_string(node.LinkPort())},
+        std::string(64, '0'));
     ASSERT_TRUE(kit::WaitForText(worker->OutputFile(), "sessionID=4294967295\n"));
     ASSERT_TRUE(kit::WaitForText(worker->OutputFile(), Gbk("通信服务端没有启动\n")));
     EXPECT_TRUE(worker->IsRunning());
@@ -118,7 +124,7 @@ TEST(WorkerByHand, WrongTokenIsRefused) {
 
 TEST(WorkerByHand, UsageIsGbkAndEndsWithZero) {
     Node node(false);
-    auto worker = StartWorker(node, {"mc"}, "");
+    auto worker = StartWorkerByHand(node, {"mc"}, "");
     EXPECT_EQ(worker->ExitCode(), 0);
     EXPECT_EQ(worker->Output().find("argc:\n2" +
                                     Gbk("用法：RQWorkerU.exe Type Params-String\n\nType:\n\ttc\t转码\n")),
@@ -128,7 +134,7 @@ TEST(WorkerByHand, UsageIsGbkAndEndsWithZero) {
 
 TEST(WorkerByHand, UnknownTypeIsRejected) {
     Node node(false);
-    auto worker = StartWorker(node, {"mix", "<x></x>", "1"}, "");
+    auto worker = StartWorkerByHand(node, {"mix", "<x></x>", "1"}, "");
     EXPECT_EQ(worker->ExitCode(), 0);
     EXPECT_NE(worker->Output().find(Gbk("输入的类型参数不正确\n")), std::string::npos);
     const auto logs = kit::FindFiles(node.Folder().Path() / "logs", "_W.log");

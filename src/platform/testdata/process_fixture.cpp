@@ -61,6 +61,7 @@ int main(int count, char** vector) {
     if (what == "signals") fixture::PrintSignals();
     if (what == "environment") fixture::PrintEnvironment();
     if (what == "streams") PrintStreams(argv[2]);
+    if (what == "tree") std::printf(fixture::BeganInItsTree() ? "of its own\n" : "of somebody's\n");
     if (what == "hang") fixture::Hang();
     if (what == "ignore-end") {
         fixture::IgnoreEndRequests();

@@ -19,6 +19,8 @@ void Hang();
 int LeaveGrandchild(const std::string& file);
 // Whether the process is apart from whoever started it: it leads a session, it is in no job.
 bool IsApart();
+// Whether it was in a process tree of its own (its process group's leader; in a job) before main began.
+bool BeganInItsTree();
 void Crash(const std::string& how);
 
 }  // namespace fixture

@@ -22,6 +22,8 @@ namespace fixture {
 
 namespace {
 
+const bool g_beganInItsTree = ::getpgrp() == ::getpid();
+
 void Hook() noexcept {
     [[maybe_unused]] const auto written = ::write(STDERR_FILENO, "hook\n", 5);
 }
@@ -84,6 +86,10 @@ bool IsApart() {
     room[0] = *depth + 1;
     if (room[0] == 0) return 0;  // after more rounds than any stack has room for
     return room[0] + Overflow(room);
+}
+
+bool BeganInItsTree() {
+    return g_beganInItsTree;
 }
 
 [[gnu::noinline]] void Crash(const std::string& how) {

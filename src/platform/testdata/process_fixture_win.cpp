@@ -25,6 +25,13 @@ constexpr int kEnded = 15;  // the number of the signal that a request is on Lin
 
 std::unique_ptr<EndRequests> g_requests;
 
+bool IsInJob() {
+    BOOL isInJob = FALSE;
+    return ::IsProcessInJob(::GetCurrentProcess(), nullptr, &isInJob) && isInJob;
+}
+
+const bool g_beganInItsTree = IsInJob();
+
 void Hook() noexcept {
     DWORD written = 0;
     ::WriteFile(::GetStdHandle(STD_ERROR_HANDLE), "hook\r\n", 6, &written, nullptr);
@@ -84,8 +91,11 @@ int LeaveGrandchild(const std::string& file) {
 }
 
 bool IsApart() {
-    BOOL isInJob = TRUE;
-    return ::IsProcessInJob(::GetCurrentProcess(), nullptr, &isInJob) && !isInJob;
+    return !IsInJob();
+}
+
+bool BeganInItsTree() {
+    return g_beganInItsTree;
 }
 
 void Crash(const std::string& how) {
