@@ -88,6 +88,12 @@ std::string PluginFileStem(const std::wstring& dllPath) {
     return NarrowUtf8(name);
 }
 
+std::wstring PluginFolder(const std::wstring& dllPath) {
+    const std::size_t separator = FindLastSeparator(dllPath);
+    if (separator == std::wstring::npos) return {};
+    return dllPath.substr(0, separator);
+}
+
 std::optional<std::string> CheckTaskInfo(const TaskInfo& info, const std::string& pluginName) {
     const std::string subject = "plug-in " + pluginName + ": its task information record ";
     if (info.size < kVersionedSize) return subject + TooSmall(info.size, kVersionedSize);

@@ -53,6 +53,10 @@ Result<PluginDescription> DescribePlugin(const WorkerPlugin& plugin, const RQHos
 // The file name without folder and extension ("md5"): what a plug-in is called until it says its name.
 std::string PluginFileStem(const std::wstring& dllPath);
 
+// What stands before the last separator: the folder that becomes the current directory. Empty when there is
+// none, or when it is the first character.
+std::wstring PluginFolder(const std::wstring& dllPath);
+
 // Nothing when `info` can be used; otherwise the line for the log, naming the plug-in. A null pointer is not
 // this function's business.
 std::optional<std::string> CheckTaskInfo(const TaskInfo& info, const std::string& pluginName);

@@ -204,6 +204,14 @@ TEST(PluginFileStem, DropsFolderAndExtension) {
     EXPECT_EQ(PluginFileStem(L""), "");
 }
 
+TEST(PluginFolder, IsWhatStandsBeforeTheLastSeparator) {
+    const std::wstring separator(1, PathSeparator());
+    EXPECT_EQ(PluginFolder(L"a" + separator + L"b" + separator + L"c.so"), L"a" + separator + L"b");
+    EXPECT_EQ(PluginFolder(L"a" + separator), L"a");
+    EXPECT_EQ(PluginFolder(separator + L"c.so"), L"");
+    EXPECT_EQ(PluginFolder(L"c.so"), L"");
+}
+
 TEST(CheckTaskInfo, WholeRecordPasses) {
     TaskInfo info{};
     info.size = sizeof info;

@@ -291,6 +291,27 @@ TEST_F(RunnerUpdateTest, AfterPerformKeepsTheOutcome) {
     EXPECT_EQ(m_runner->GetStatus(), 5u);
 }
 
+// What was kept of the task before is not the task any more.
+TEST_F(RunnerUpdateTest, AfterPerformIsTheTaskThatRunsNext) {
+    Analysed();
+    EXPECT_EQ(Perform(), 0);
+    m_plugin.analyse = [&](RQText, TaskInfo** info) {
+        *info = &m_second;
+        return 0;
+    };
+    EXPECT_EQ(m_runner->UpdateTask("<u/>"), 0);
+    EXPECT_EQ(m_runner->GetTaskId(), "task-1");
+    m_plugin.perform = [&](const PerformArguments& call) {
+        EXPECT_EQ(call.info, &m_second);
+        EXPECT_EQ(m_runner->GetTaskId(), "task-2");
+        call.Leave(RQ_STATUS_ERROR);
+        return 0;
+    };
+    EXPECT_EQ(Perform(), 0);
+    EXPECT_EQ(m_runner->GetStatus(), 4u);
+    EXPECT_EQ(m_runner->GetTaskId(), "task-2");
+}
+
 // Only the perform call has an exception boundary: what leaves an analysis goes on to the caller.
 TEST_F(RunnerUpdateTest, ThatThrowsLeavesTheTaskAsItWas) {
     Analysed();

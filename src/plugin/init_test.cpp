@@ -84,6 +84,18 @@ TEST_F(RunnerInitTest, MovesTheCurrentDirectoryAndLeavesItThere) {
     EXPECT_EQ(std::filesystem::current_path(), fake);
 }
 
+TEST_F(RunnerInitTest, WithoutAFolderTheCurrentDirectoryStays) {
+    m_dir.Write("hereRQWorkerConfig.xml", "<c><WORKER><TYPE>3</TYPE><PATH>fake.so</PATH></WORKER></c>");
+    WorkRunnerSeams seams = Seams();
+    seams.moduleDirectory = L"here";
+    const auto before = std::filesystem::current_path();
+    MakeRunner(std::move(seams));
+    EXPECT_EQ(Init(), 0);
+    EXPECT_EQ(m_loadedPath, L"herefake.so");
+    EXPECT_EQ(std::filesystem::current_path(), before);
+    EXPECT_THAT(Lines(), ElementsAre());
+}
+
 TEST_F(RunnerInitTest, TableSeparatorsOfTheOtherPlatformAreUnderstood) {
     WriteTable("<c><WORKER><TYPE>3</TYPE><PATH>fake\\fake.so</PATH></WORKER></c>");
     MakeRunner();

@@ -313,6 +313,36 @@ TEST_F(RunnerServicesTest, LogLinesCarryThePluginsNameAsModule) {
     EXPECT_EQ(m_log.Lines()[0], (LogLine{"ACT", 2, "hello", "fake"}));
 }
 
+TEST_F(RunnerServicesTest, TheNameThatThePluginGivesItselfStandsInTheLog) {
+    static RQPluginDescription description{};
+    description.size = sizeof description;
+    description.contractVersion = RQ_CONTRACT_VERSION;
+    description.name = Text("said");
+    m_plugin.describe = [](const RQHostServices*) { return &description; };
+    m_plugin.perform = [](const PerformArguments&) { return 0; };
+    Analysed();
+    EXPECT_EQ(Perform(), 0);
+    EXPECT_EQ(Lines().back(), "3 plug-in said returned from its perform call in status 3");
+    m_plugin.host->log(m_plugin.host->context, 2, Text("hello"));
+    EXPECT_EQ(m_log.Lines().back(), (LogLine{"ACT", 2, "hello", "said"}));
+}
+
+TEST_F(RunnerServicesTest, AfterTheReleaseTheyDoNothing) {
+    std::string folder;
+    m_plugin.release = [&] {
+        const RQText text = m_plugin.host->temporaryFolder(m_plugin.host->context);
+        folder.assign(text.p, text.n);
+        return 0;
+    };
+    Ready();
+    m_runner->Release();
+    ASSERT_FALSE(folder.empty());
+    EXPECT_FALSE(std::filesystem::exists(PathFromUtf8(folder)));
+    m_log.Clear();
+    m_plugin.host->log(m_plugin.host->context, 2, Text("late"));
+    EXPECT_THAT(Lines(), IsEmpty());
+}
+
 TEST_F(RunnerServicesTest, TheStopFlagOutlivesTheRunner) {
     const volatile std::uint32_t* stopFlag = nullptr;
     m_plugin.perform = [&](const PerformArguments& call) {

@@ -133,6 +133,18 @@ TEST_F(RunnerProgressTest, TwoPassesFillAHalfEach) {
     });
 }
 
+TEST_F(RunnerProgressTest, ATaskOfOnePassAfterOneOfTwoIsOfOne) {
+    RQReviewData data{sizeof data, 1, 1, {}};
+    m_info.taskType = RQ_TYPE_REVIEW;
+    m_info.typeData = &data;
+    Run([](const PerformArguments&) {});
+    data.twoPass = 0;
+    Run([&](const PerformArguments& call) {
+        call.Progress(100, 60);
+        EXPECT_EQ(m_runner->GetProgress().percent, 60);
+    });
+}
+
 TEST_F(RunnerProgressTest, OnePassFlagAloneIsOnePass) {
     RQReviewData data{sizeof data, 1, 0, {}};
     m_info.taskType = RQ_TYPE_REVIEW;

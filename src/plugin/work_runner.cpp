@@ -115,9 +115,8 @@ WideText WorkRunner::State::NativePath(WideText path) const {
 void WorkRunner::State::ChangeToPluginDirectory() {
     savedDirectory = WidenUtf8(platform::CurrentDirectory());
     if (savedDirectory.size() >= kSavedDirectoryRoom_chars) savedDirectory.clear();
-    const std::size_t separator = FindLastSeparator(m_workerPlugin.dllPath);
-    if (separator == WideText::npos || separator == 0) return;
-    const WideText folder = m_workerPlugin.dllPath.substr(0, separator);
+    const WideText folder = PluginFolder(m_workerPlugin.dllPath);
+    if (folder.empty()) return;
     Log(4, "====> Change Work Path to [" + Narrow(folder) + "]");
     platform::OsError error;
     if (!platform::ChangeCurrentDirectory(Narrow(NativePath(folder)), &error)) Log(3, error.message);

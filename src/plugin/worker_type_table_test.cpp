@@ -276,8 +276,8 @@ TEST_F(WorkerTypeTableTest, GbkUnderAUtf8DeclarationIsNoError) {
     // Read as UTF-8, the lead byte 0xE4 would swallow the "<" of the end tag.
     Write(
         "<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
-        "<c><WORKER><TYPE>1</TYPE><PATH>a\xd6\xe4</PATH></WORKER></c>");
-    EXPECT_EQ(PathOf(1), L"a\u5492");
+        "<c><WORKER><TYPE>1</TYPE><PATH>a\xe4\xbd</PATH></WORKER></c>");
+    EXPECT_EQ(PathOf(1), L"a\u6d63");
 }
 
 TEST_F(WorkerTypeTableTest, BytesThatAreNeitherUtf8NorGbkAreNoError) {

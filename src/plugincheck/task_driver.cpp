@@ -20,7 +20,7 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds kStopLimit(1000);
 constexpr milliseconds kStopUnseen(200);  // a call that ends sooner after a stop need not have seen it
-constexpr milliseconds kThreadPatience(200);
+constexpr milliseconds kThreadPatience(500);
 constexpr std::size_t kKeptTexts = 8;
 
 // Not in memory that could be freed by mistake and go unnoticed.

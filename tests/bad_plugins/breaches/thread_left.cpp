@@ -1,4 +1,4 @@
-// Leaves a thread that lives for 1 s more.
+// Leaves a thread that lives for 2 s more.
 #include "skeleton.h"
 
 namespace breach {
@@ -8,7 +8,7 @@ const Hooks& GetHooks() {
         Hooks made;
         made.work = [](const Call& call) {
             call.Work();
-            std::thread([] { std::this_thread::sleep_for(std::chrono::seconds(1)); }).detach();
+            std::thread([] { std::this_thread::sleep_for(std::chrono::seconds(2)); }).detach();
         };
         return made;
     }();
