@@ -17,8 +17,13 @@ if(RQ_CCACHE)
 endif()
 
 # Optimised with debug information; asserts stay on, since a broken invariant must not pass silently.
-set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g1")
-set(CMAKE_C_FLAGS_RELWITHDEBINFO "-O2 -g1")
+if(MSVC)
+  set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "/O2 /Zi")
+  set(CMAKE_C_FLAGS_RELWITHDEBINFO "/O2 /Zi")
+else()
+  set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g1")
+  set(CMAKE_C_FLAGS_RELWITHDEBINFO "-O2 -g1")
+endif()
 
 if(RQ_SANITIZE)
   add_compile_options(-fsanitize=${RQ_SANITIZE} -fno-omit-frame-pointer)
@@ -50,6 +55,11 @@ if(WIN32)
   # NOUSER: the system's header would make SendMessage a macro.
   add_compile_definitions(UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN NOUSER)
 endif()
+if(MSVC)
+  # Untested. Windows 8 and later, as in the toolchain file of mingw-w64.
+  add_compile_definitions(_WIN32_WINNT=0x0602 WINVER=0x0602)
+  add_compile_options(/utf-8 /permissive- "$<$<COMPILE_LANGUAGE:CXX>:/EHsc;/Zc:__cplusplus>")
+endif()
 if(MINGW)
   # Programs and libraries need no DLL of the compiler's, and libraries are called what they are asked for by.
   add_link_options(-static)
@@ -67,10 +77,14 @@ function(rq_wide_main)
 endfunction()
 
 add_library(rq_warnings INTERFACE)
-target_compile_options(rq_warnings INTERFACE
-  -Wall -Wextra -Wpedantic -Wshadow -Werror
-  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>
-  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety -Wthread-safety-beta>)
+if(MSVC)
+  target_compile_options(rq_warnings INTERFACE /W4)
+else()
+  target_compile_options(rq_warnings INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Werror
+    $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety -Wthread-safety-beta>)
+endif()
 
 # rq_include_root(<target> <scope> <room> <folder>): lets <target> and whoever links it write
 # #include "<room>/file.h". Each room has an include root of its own, so that an include of a room that a

@@ -3,8 +3,19 @@
 set(RQ_STAGE "${PROJECT_BINARY_DIR}/stage")
 file(MAKE_DIRECTORY "${RQ_STAGE}")
 
+# Windows programs carry a manifest: as a resource, which Microsoft's linker makes by itself.
+if(MINGW)
+  add_library(rq_program_manifest OBJECT "${PROJECT_SOURCE_DIR}/cmake/windows/program.rc")
+  set_source_files_properties("${PROJECT_SOURCE_DIR}/cmake/windows/program.rc" PROPERTIES
+    OBJECT_DEPENDS "${PROJECT_SOURCE_DIR}/cmake/windows/program.manifest")
+  set(rq_program_manifest "$<TARGET_OBJECTS:rq_program_manifest>")
+elseif(WIN32)
+  set(rq_program_manifest "${PROJECT_SOURCE_DIR}/cmake/windows/program.manifest")
+endif()
+
 # A program at the top of the stage.
 function(rq_stage_program target)
+  target_sources(${target} PRIVATE ${rq_program_manifest})
   set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${RQ_STAGE}")
 endfunction()
 
