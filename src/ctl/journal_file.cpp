@@ -54,7 +54,7 @@ bool TakeEvent(const json& line, Journal* journal) {
         journal->connections.push_back(std::move(connection));
         return true;
     }
-    if ((event != "close" && event != "bad") || journal->connections.empty()) return false;
+    if ((event != "close" && event != "bad" && event != "full") || journal->connections.empty()) return false;
     journal->connections.back().endings.push_back(event + ": " + Text(line, "reason"));
     return true;
 }

@@ -18,6 +18,9 @@ namespace {
 namespace asio = boost::asio;
 using asio::ip::tcp;
 
+// For the worker's end, once this side has said its last.
+constexpr std::chrono::seconds kCloseWait{1};
+
 // The numbered frames and BYE; how many heartbeats and reports of progress come is a matter of time.
 bool IsCounted(std::uint32_t id) {
     if (id == link::kByeId) return true;
@@ -53,21 +56,27 @@ class Player {
     }
 
   private:
+    // To the connection's end, also when there is nothing more to play.
     void Read() {
         m_socket.async_read_some(asio::buffer(m_input),
                                  [this](const boost::system::error_code& error, std::size_t n) {
                                      if (error) return OnClosed();
-                                     m_reader.Feed(std::string_view(m_input.data(), n));
-                                     link::Frame frame;
-                                     while (!m_isOver) {
-                                         const auto status = m_reader.Next(&frame);
-                                         if (status == link::FrameReader::Status::Bad)
-                                             return End("the worker sent no frame: " + m_reader.Problem());
-                                         if (status == link::FrameReader::Status::NeedMore) break;
-                                         Take(frame);
-                                     }
-                                     if (!m_isOver) Read();
+                                     TakeBytes(std::string_view(m_input.data(), n));
+                                     Read();
                                  });
+    }
+
+    void TakeBytes(std::string_view bytes) {
+        if (m_isOver) return;
+        m_reader.Feed(bytes);
+        link::Frame frame;
+        while (!m_isOver) {
+            const auto status = m_reader.Next(&frame);
+            if (status == link::FrameReader::Status::Bad)
+                return End("the worker sent no frame: " + m_reader.Problem());
+            if (status == link::FrameReader::Status::NeedMore) return;
+            Take(frame);
+        }
     }
 
     void Take(const link::Frame& frame) {
@@ -123,12 +132,15 @@ class Player {
     }
 
     void OnClosed() {
-        if (m_isOver) return;
-        const std::string missing = m_script.Missing();
-        End(missing.empty() ? std::string() : "the worker left before it sent " + missing);
+        if (!m_isOver) {
+            const std::string missing = m_script.Missing();
+            End(missing.empty() ? std::string() : "the worker left before it sent " + missing);
+        }
+        CloseSocket();
     }
 
-    // What was sent reaches the worker before the end does.
+    // What was sent reaches the worker before the end does: closing with bytes unread would reset the
+    // connection.
     void End(std::string problem) {
         if (m_isOver) return;
         m_isOver = true;
@@ -136,9 +148,18 @@ class Player {
         if (const std::string missing = m_script.Missing();
             m_problem.empty() && !missing.empty() && m_isWelcome)
             m_problem = "the worker left before it sent " + missing;
-        m_timer.cancel();
+        if (!m_socket.is_open()) return;
         boost::system::error_code ignored;
         m_socket.shutdown(tcp::socket::shutdown_send, ignored);
+        m_timer.expires_after(kCloseWait);
+        m_timer.async_wait([this](const boost::system::error_code& stopped) {
+            if (!stopped) CloseSocket();
+        });
+    }
+
+    void CloseSocket() {
+        m_timer.cancel();
+        boost::system::error_code ignored;
         m_socket.close(ignored);
     }
 

@@ -24,6 +24,7 @@ TEST(ParseJournal, TakesConnectionsFramesAndEndings) {
         "1}\n"
         "{\"time\": \"T4\", \"event\": \"bad\", \"reason\": \"b\"}\n"
         "{\"time\": \"T5\", \"event\": \"close\", \"reason\": \"c\"}\n"
+        "{\"time\": \"T5\", \"event\": \"full\", \"reason\": \"d\"}\n"
         "{\"time\": \"T6\", \"event\": \"connect\"}\n"
         "{\"time\": \"T7\", \"way\": \"up\", \"id\": 1}\n"
         "{\"time\": \"T7\", \"way\": \"in\", \"body\": \"0\"}\n"
@@ -40,7 +41,7 @@ TEST(ParseJournal, TakesConnectionsFramesAndEndings) {
     EXPECT_EQ(first.frames[1].frame.id, 4014u);
     EXPECT_EQ(first.frames[1].frame.seq, 2u);
     EXPECT_EQ(first.frames[1].frame.ack, 1u);
-    EXPECT_EQ(first.endings, (std::vector<std::string>{"bad: b", "close: c"}));
+    EXPECT_EQ(first.endings, (std::vector<std::string>{"bad: b", "close: c", "full: d"}));
     EXPECT_EQ(journal->strangeLines, 6u);
 }
 
@@ -178,6 +179,31 @@ TEST(Play, DoesForAWorkerWhatTheEngineDid) {
     const auto result = played.get();
     ASSERT_TRUE(result) << result.error().message;
     EXPECT_EQ(*result, kExitFinished);
+}
+
+// A journal whose worker was killed ends without BYE. Much of what this one sends is unread by then.
+TEST(Play, TheLastOrderReachesAWorkerThatStillSends) {
+    std::promise<std::uint16_t> port;
+    JournalConnection journal;
+    link::Welcome welcome;
+    welcome.sessionId = 77;
+    journal.frames = {Line(true, link::kHelloId), Line(false, link::kWelcomeId, link::EncodeWelcome(welcome)),
+                      Line(true, 4009), Line(false, 4014)};
+    auto played = std::async(std::launch::async, [&] {
+        ReplayOptions options;
+        options.wait = 60s;
+        return Play(journal, options, [&](std::uint16_t p) { port.set_value(p); });
+    });
+    Client worker;
+    worker.Connect(port.get_future().get());
+    const EngineProgressMessage large{
+        4009, "process", "Worker", "Lite/Agent", {{std::string(1 << 20, 'T'), "", "", 1, 0}}};
+    worker.client->SendMessage(worker.session, TCP_WORKER_PROGRESS_ID, &large);
+    worker.SendState(kTaskRunning);
+    for (int i = 0; i < 20; ++i) worker.client->SendMessage(worker.session, TCP_WORKER_PROGRESS_ID, &large);
+    ASSERT_EQ(worker.ended.get_future().wait_for(kit::ScriptedEngine::kPatience), std::future_status::ready);
+    const auto result = played.get();
+    ASSERT_TRUE(result) << result.error().message;
 }
 
 TEST(Play, SaysWhatAWorkerDidNotSend) {

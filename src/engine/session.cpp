@@ -3,12 +3,13 @@
 #include <algorithm>
 #include <boost/asio/write.hpp>
 
+#include "base/clock.h"
+
 namespace rq::engine {
 
 namespace {
 
 using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 
 constexpr std::size_t kReadSize_bytes = std::size_t{16} * 1024;
 // Orders are small; a worker that takes none of this many is gone.
@@ -28,7 +29,7 @@ Session::Session(Socket socket, SessionHost& host, const EngineSettings& setting
 void Session::Start() {
     boost::system::error_code ignored;
     m_socket.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
-    m_start = m_lastHeard = m_lastSaid = steady_clock::now();
+    m_start = m_lastHeard = m_lastSaid = SystemClock().Steady();
     m_buffer.resize(kReadSize_bytes);
     WatchTime();
     Read();
@@ -48,7 +49,7 @@ void Session::OnRead(const boost::system::error_code& error, std::size_t size) {
         Lose(error == boost::asio::error::eof ? "the worker closed the connection" : error.message());
         return;
     }
-    m_lastHeard = steady_clock::now();
+    m_lastHeard = SystemClock().Steady();
     if (m_state == State::Leaving) {
         Read();  // to its end, so that closing does not reset what we have sent
         return;
@@ -209,7 +210,7 @@ void Session::Write() {
     }
     m_outgoing.clear();
     m_ackSent = m_has;
-    m_writeBegan = steady_clock::now();
+    m_writeBegan = SystemClock().Steady();
     boost::asio::async_write(m_socket, boost::asio::buffer(m_writing),
                              [self = shared_from_this()](const boost::system::error_code& error,
                                                          std::size_t) { self->OnWritten(error); });
@@ -222,7 +223,7 @@ void Session::OnWritten(const boost::system::error_code& error) {
         Lose(error.message());
         return;
     }
-    m_lastSaid = steady_clock::now();
+    m_lastSaid = SystemClock().Steady();
     Write();
     if (m_closeWhenSent && m_writing.empty()) {
         boost::system::error_code ignored;
@@ -259,7 +260,7 @@ void Session::WatchTime() {
 
 void Session::OnTick() {
     if (m_state == State::Closed) return;
-    const auto now = steady_clock::now();
+    const auto now = SystemClock().Steady();
     if (!m_writing.empty() && now - m_writeBegan >= m_settings.writeLimit) {
         Lose("a write did not complete");
         return;

@@ -11,6 +11,7 @@
 #include <string>
 #include <variant>
 
+#include "base/clock.h"
 #include "engine/settings.h"
 #include "link/codec.h"
 
@@ -100,7 +101,7 @@ class Session : public std::enable_shared_from_this<Session> {
     boost::asio::steady_timer m_clock;  // looks at all limits, once in a while
     boost::asio::steady_timer m_ackTimer;
     bool m_ackTimerRuns = false;
-    std::chrono::steady_clock::time_point m_start, m_lastHeard, m_lastSaid, m_writeBegan;
+    SteadyTime m_start, m_lastHeard, m_lastSaid, m_writeBegan;
 };
 
 }  // namespace rq::engine

@@ -1,12 +1,14 @@
 // Connecting, the handshake, the log, the interface's form.
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string_view>
 
+#include "kit/files.h"
 #include "kit/os.h"
 #include "kit/temp_dir.h"
 #include "link/client_test_kit.h"
@@ -57,6 +59,29 @@ TEST(EngineClientForm, TheFiveOperationsKeepTheirSlots) {
     reinterpret_cast<bool (*)(void*, std::uint32_t, std::uint32_t, const void*)>(table[4])(object, 0, 0,
                                                                                            nullptr);
     EXPECT_EQ(recorder.last, 4u);
+}
+
+// What the handler gets is read by its offsets.
+TEST(EngineClientForm, PayloadsAndDefaults) {
+    EXPECT_EQ(offsetof(TaskTextPayload, sessionId), 0u);
+    EXPECT_EQ(offsetof(TaskTextPayload, text), 8u);
+    EXPECT_EQ(offsetof(TaskCommandPayload, sessionId), 0u);
+    EXPECT_EQ(offsetof(TaskCommandPayload, command), 8u);
+    EXPECT_EQ(offsetof(DisconnectPayload, sessionId), 0u);
+    const EngineClientSetup setup;
+    EXPECT_EQ(setup.context, nullptr);
+    EXPECT_EQ(setup.handler, nullptr);
+    EXPECT_EQ(setup.logFile, L"RQCommunicate.log");
+    const EngineClientOptions options;
+    EXPECT_EQ(options.finalWait, std::chrono::seconds(5));
+    EXPECT_EQ(options.disconnectWait, std::chrono::seconds(1));
+    EXPECT_EQ(options.clock, nullptr);
+    EXPECT_TRUE(options.journal.empty());
+}
+
+TEST(EngineClientForm, TheJournalIsNamedByTheEnvironment) {
+    const kit::ScopedEnvironment journal("RQ_LINK_JOURNAL", "somewhere/j-%p");
+    EXPECT_EQ(OptionsFromEnvironment().journal, "somewhere/j-%p");
 }
 
 TEST(EngineClientForm, DeleteTakesNullAndClearsThePointer) {
@@ -115,6 +140,23 @@ TEST(EngineClientConnect, NoAddressIsAFailure) {
     EXPECT_EQ(test.client->Connect(nullptr), kNoSession);
     const EngineEndpoint endpoint{nullptr, 1};
     EXPECT_EQ(test.client->Connect(&endpoint), kNoSession);
+}
+
+TEST(EngineClientConnect, AFailureThatRepeatsIsLoggedAtFirstAndThenEach60th) {
+    kit::TempDir folder;
+    const std::filesystem::path log = folder.Path() / "x_C.log";
+    kit::ScriptedEngineOptions engineOptions;
+    engineOptions.token = "right";
+    kit::ScriptedEngine engine(engineOptions);
+    {
+        TestClient test({}, WideFromPath(log));
+        for (int attempt = 1; attempt <= 121; ++attempt) ASSERT_EQ(test.Connect(engine.Port()), kNoSession);
+    }
+    const std::vector<std::string> lines = kit::ReadLines(log);
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_TRUE(lines[0].ends_with(": wrong token")) << lines[0];
+    EXPECT_TRUE(lines[1].ends_with(": wrong token, attempt 61")) << lines[1];
+    EXPECT_TRUE(lines[2].ends_with(": wrong token, attempt 121")) << lines[2];
 }
 
 TEST(EngineClientConnect, ARefusalIsAFailureThatTheLogNames) {

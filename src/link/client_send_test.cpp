@@ -72,6 +72,51 @@ TEST(EngineClientSend, AFinalStatusGoesWithoutAResultThatIsTooLarge) {
     EXPECT_TRUE(entry.furtherText.ends_with(" bytes, and the link takes 16777216")) << entry.furtherText;
 }
 
+// What the plug-in said, the task's own ID: nothing of it is so large that the end of the task is never told.
+TEST(EngineClientSend, AFinalStatusGoesWithTextsCutAtAWholeCharacter) {
+    kit::ScriptedEngine engine;
+    TestClient test;
+    ASSERT_NE(test.Connect(engine.Port()), kNoSession);
+    constexpr std::size_t kSize = std::size_t{17} * 1024 * 1024;
+    constexpr std::size_t kLeft = std::size_t{64} * 1024;
+    std::string chinese;
+    while (chinese.size() < kSize) chinese += "\u4EFB";  // 3 bytes each, and 65536 is no multiple of 3
+    EngineStateMessage message{4009, "state", "Worker", "Lite/Agent", {}};
+    TaskStatusEntry& entry = message.entries.emplace_back();
+    entry.status = kTaskError;
+    entry.taskId = "T-1";
+    entry.errorCode = 7;
+    entry.detailErrorText = chinese;
+    entry.furtherText = "further";
+    EXPECT_TRUE(test.client->SendMessage(test.session, TCP_WORKER_STATE_ID, &message));
+    entry.detailErrorText = "detail";
+    entry.taskId = std::string(kSize, 't');
+    entry.furtherText = std::string(kSize, 'f');
+    auto result = std::make_shared<stMD5TaskResult>();
+    result->files.resize(1);
+    entry.result = result;
+    EXPECT_TRUE(test.client->SendMessage(test.session, TCP_WORKER_STATE_ID, &message));
+
+    const auto records = engine.Records(4009);
+    ASSERT_EQ(records.size(), 2u);
+    const TaskStatusEntry& first = std::get<EngineStateMessage>(records[0]).entries.at(0);
+    EXPECT_EQ(first.status, static_cast<std::uint32_t>(kTaskError));
+    EXPECT_EQ(first.taskId, "T-1");
+    EXPECT_EQ(first.errorCode, 7u);
+    EXPECT_EQ(first.detailErrorText, chinese.substr(0, kLeft - 1));
+    EXPECT_EQ(first.furtherText, "further; texts are cut to 65536 bytes at most");
+    const TaskStatusEntry& second = std::get<EngineStateMessage>(records[1]).entries.at(0);
+    EXPECT_EQ(second.taskId, std::string(kLeft, 't'));
+    EXPECT_EQ(second.detailErrorText, "detail");
+    EXPECT_EQ(second.result, nullptr);
+    EXPECT_EQ(second.furtherText.substr(0, kLeft + 44),
+              std::string(kLeft, 'f') + "; texts are cut to 65536 bytes at most; the ");
+    // A status that is not final is refused as it is.
+    entry.status = kTaskRunning;
+    EXPECT_FALSE(test.client->SendMessage(test.session, TCP_WORKER_STATE_ID, &message));
+    EXPECT_EQ(engine.Frames(TCP_WORKER_STATE_ID).size(), 2u);
+}
+
 TEST(EngineClientSend, OnlyFinalStatusesWaitForTheEngine) {
     kit::ScriptedEngineOptions engineOptions;
     engineOptions.acknowledge = false;
@@ -109,16 +154,24 @@ TEST(EngineClientSend, AFinalStatusReturnsWhenTheEngineHasIt) {
 
 TEST(EngineClientSend, AFinalStatusThatIsSentAgainIsANewFrame) {
     kit::ScriptedEngine engine;
+    kit::FakeClock clock;
     EngineClientOptions options;
-    options.finalWait = 250ms;  // the third must come back within it
+    options.clock = &clock;
     TestClient test(options);
     ASSERT_NE(test.Connect(engine.Port()), kNoSession);
     engine.HoldFinals(true);
-    EXPECT_FALSE(test.SendState(kTaskError));
-    EXPECT_FALSE(test.SendState(kTaskError));
+    for (std::size_t tries = 1; tries <= 2; ++tries) {
+        bool sent = true;
+        std::thread sender([&] { sent = test.SendState(kTaskError); });
+        EXPECT_TRUE(engine.WaitForFrame(TCP_WORKER_STATE_ID, tries));
+        EXPECT_TRUE(clock.WaitForWaiters(1));
+        clock.Advance(5s);
+        sender.join();
+        EXPECT_FALSE(sent) << tries;
+    }
     engine.HoldFinals(false);
     engine.AcknowledgeAll();
-    EXPECT_TRUE(test.SendState(kTaskError));
+    EXPECT_TRUE(test.SendState(kTaskError));  // the clock stands: only the acknowledgement ends the wait
     const std::vector<Frame> frames = engine.Frames(TCP_WORKER_STATE_ID);
     ASSERT_EQ(frames.size(), 3u);
     EXPECT_EQ(frames[2].seq, 3u);

@@ -1,5 +1,6 @@
 #include "link/codec.h"
 
+#include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/message_lite.h>
 
 #include "link/result_codec.h"
@@ -202,7 +203,42 @@ Result<Order> DecodeText(std::uint32_t id, std::string_view body) {
     return Result<Order>(boost::system::in_place_value, std::move(order));
 }
 
+// Whether the body names more tasks than are taken: looked at before any is given memory, since an empty ID
+// has 2 bytes on the wire and the size of a text in a list. A body that is none is left to the parser.
+bool NamesTooManyTasks(std::string_view body) {
+    google::protobuf::io::CodedInputStream in(reinterpret_cast<const std::uint8_t*>(body.data()),
+                                              static_cast<int>(body.size()));
+    int count = 0;
+    while (const std::uint32_t tag = in.ReadTag()) {
+        constexpr std::uint32_t kTaskIdTag = wire::TaskCommand::kTaskIdsFieldNumber << 3 | 2;
+        if (tag == kTaskIdTag && ++count > kTaskIdsLimit) return true;
+        std::uint64_t ignored = 0;
+        std::uint32_t size = 0;
+        switch (tag & 7) {
+            case 0:
+                if (!in.ReadVarint64(&ignored)) return false;
+                break;
+            case 1:
+                if (!in.Skip(8)) return false;
+                break;
+            case 2:
+                if (!in.ReadVarint32(&size) || size > body.size() || !in.Skip(static_cast<int>(size)))
+                    return false;
+                break;
+            case 5:
+                if (!in.Skip(4)) return false;
+                break;
+            default:  // the two ends of a group have nothing but their tags
+                break;
+        }
+    }
+    return false;
+}
+
 Result<Order> DecodeCommand(std::uint32_t id, std::string_view body) {
+    if (NamesTooManyTasks(body))
+        return Fail(IdText(id) + " names more than the " + std::to_string(kTaskIdsLimit) +
+                    " tasks that are taken");
     wire::TaskCommand in;
     if (!Parse(body, &in)) return NotDecodable(id);
     TaskCommand command;
@@ -212,9 +248,6 @@ Result<Order> DecodeCommand(std::uint32_t id, std::string_view body) {
                         " bytes, not 16");
         std::copy(in.uuid().begin(), in.uuid().end(), command.uuid.begin());
     }
-    if (in.task_ids_size() > kTaskIdsLimit)
-        return Fail(IdText(id) + " names " + std::to_string(in.task_ids_size()) + " tasks; at most " +
-                    std::to_string(kTaskIdsLimit) + " are taken");
     command.text = in.text();
     command.taskIds.assign(in.task_ids().begin(), in.task_ids().end());
     return Result<Order>(boost::system::in_place_value, std::move(command));

@@ -237,6 +237,33 @@ TEST(Codec, ACommandWithoutFieldsIsEmptyAndAShortUuidIsRefused) {
     EXPECT_FALSE(DecodeOrder(4002, std::string("\x0A\x03zzz", 5)));
 }
 
+TEST(Codec, TaskIdsAreCountedBeforeTheyAreGivenMemory) {
+    TaskCommand command;
+    command.taskIds.assign(10'000, "");
+    std::string body = EncodeTaskCommand(command);
+    ASSERT_TRUE(DecodeOrder(4002, body));
+    EXPECT_EQ(std::get<TaskCommand>(*DecodeOrder(4002, body)).taskIds.size(), 10'000u);
+    body += std::string("\x1A\x00", 2);
+    for (const std::uint32_t id : {4002u, 4004u, 4006u, 4019u})
+        EXPECT_EQ(DecodeOrder(id, body).error().message,
+                  std::to_string(id) + " names more than the 10000 tasks that are taken");
+    // Nothing behind the ID that is one too many has been looked at: the body has no good end.
+    EXPECT_EQ(DecodeOrder(4002, body + "\xFF").error().message,
+              "4002 names more than the 10000 tasks that are taken");
+    // Fields of every form between them are not IDs.
+    command.taskIds.assign(9'999, "T");
+    const std::string others = std::string("\x98\x06\x05", 3) + "\x99\x06" + "12345678" + "\x9A\x06\x03" +
+                               "\x1A\x01T" + "\x9D\x06" + "1234" + "\x9B\x06\x9C\x06";
+    ASSERT_TRUE(DecodeOrder(4002, others + EncodeTaskCommand(command) + others));
+    command.taskIds.assign(10'001, "T");
+    EXPECT_EQ(DecodeOrder(4002, others + EncodeTaskCommand(command)).error().message,
+              "4002 names more than the 10000 tasks that are taken");
+    // A body that ends inside a field is the parser's to refuse.
+    EXPECT_EQ(DecodeOrder(4002, "\x1A\x05T").error().message, "the body of 4002 cannot be decoded");
+    EXPECT_EQ(DecodeOrder(4002, "\x1A\xFF\xFF\xFF\xFF\x0F").error().message,
+              "the body of 4002 cannot be decoded");
+}
+
 TEST(Codec, TaskTextsPassAsBytesAndAreCutAtAZero) {
     for (const std::uint32_t id : {4015u, 4017u}) {
         const Result<std::string> body = EncodeOrder(id, TaskTextOrder{"<a>\xC8\xCE</a>", 0});

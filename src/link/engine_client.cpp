@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "base/text.h"
 #include "platform/environment.h"
 #include "platform/process.h"
 
@@ -11,20 +12,37 @@ namespace {
 // A failure that repeats is logged at first and then each time that many more have come.
 constexpr std::uint32_t kLogEachFailure = 60;
 
-// Without this a task whose result is too large would never come to its end.
-Result<std::string> EncodeWithoutResults(EngineStateMessage message, std::size_t size_bytes) {
-    for (TaskStatusEntry& entry : message.entries) {
-        if (!entry.result) continue;
-        entry.result = nullptr;
-        if (!entry.furtherText.empty()) entry.furtherText += "; ";
-        entry.furtherText += "the result is left out: the report would have " + std::to_string(size_bytes) +
-                             " bytes, and the link takes " + std::to_string(kFrameLimit_bytes);
-    }
-    return EncodeWorkerRecord(TCP_WORKER_STATE_ID, &message);
+// What is left of each text of a final status that would not fit into a frame.
+constexpr std::size_t kShortText_bytes = std::size_t{64} * 1024;
+
+void AddNote(std::string* text, const std::string& note) {
+    if (!text->empty()) *text += "; ";
+    *text += note;
 }
 
-SteadyTime Now() {
-    return std::chrono::steady_clock::now();
+bool CutTexts(TaskStatusEntry* entry) {
+    bool isCut = false;
+    for (std::string* text : {&entry->taskId, &entry->second, &entry->third, &entry->detailErrorText,
+                              &entry->errorText, &entry->furtherText}) {
+        if (text->size() <= kShortText_bytes) continue;
+        text->resize(CutUtf8(*text, kShortText_bytes).size());
+        isCut = true;
+    }
+    return isCut;
+}
+
+Result<std::string> EncodeShortened(EngineStateMessage message, std::size_t size_bytes, bool cutTexts) {
+    for (TaskStatusEntry& entry : message.entries) {
+        if (cutTexts && CutTexts(&entry))
+            AddNote(&entry.furtherText,
+                    "texts are cut to " + std::to_string(kShortText_bytes) + " bytes at most");
+        if (!entry.result) continue;
+        entry.result = nullptr;
+        AddNote(&entry.furtherText, "the result is left out: the report would have " +
+                                        std::to_string(size_bytes) + " bytes, and the link takes " +
+                                        std::to_string(kFrameLimit_bytes));
+    }
+    return EncodeWorkerRecord(TCP_WORKER_STATE_ID, &message);
 }
 
 }  // namespace
@@ -108,7 +126,7 @@ std::uint32_t EngineClient::AwaitConnect(const std::string& where) {
     {
         // The I/O thread decides at the latest when the time for connecting has passed; the second more is
         // for the case that it cannot.
-        const SteadyTime last = Now() + m_options.limits.connect + std::chrono::seconds(1);
+        const SteadyTime last = m_clock.Steady() + m_options.limits.connect + std::chrono::seconds(1);
         Signal::Hold hold(m_connectSignal);
         while (!m_connectOutcome && m_connectSignal.WaitUntil(hold, last)) {
         }
@@ -163,7 +181,7 @@ void EngineClient::OpenConnection(std::uint64_t attempt, const std::string& addr
     hello.workerVersion = m_options.workerVersion;
     {
         MutexLock lock(m_lock);
-        m_session = std::make_unique<Session>(hello, m_options.limits, Now(), m_log.IsDebug());
+        m_session = std::make_unique<Session>(hello, m_options.limits, m_clock.Steady(), m_log.IsDebug());
         m_connectionNumber = attempt;
     }
     Connection::Listener* listener = this;  // a private base: converted here
@@ -176,7 +194,7 @@ void EngineClient::OnConnected() {
     m_journal.Connected(m_options.workerVersion);
     {
         MutexLock lock(m_lock);
-        if (m_session) m_session->OnConnected(Now());
+        if (m_session) m_session->OnConnected(m_clock.Steady());
     }
     Settle();
 }
@@ -185,7 +203,7 @@ void EngineClient::OnBytes(std::string_view bytes) {
     m_journal.Received(bytes);
     {
         MutexLock lock(m_lock);
-        if (m_session) m_session->OnBytes(bytes, Now());
+        if (m_session) m_session->OnBytes(bytes, m_clock.Steady());
     }
     Settle();
 }
@@ -193,7 +211,7 @@ void EngineClient::OnBytes(std::string_view bytes) {
 void EngineClient::OnWritten() {
     {
         MutexLock lock(m_lock);
-        if (m_session) m_session->OnWritten(Now());
+        if (m_session) m_session->OnWritten(m_clock.Steady());
     }
     Settle();
 }
@@ -209,7 +227,7 @@ void EngineClient::OnDisconnected(std::string reason) {
 void EngineClient::OnTimer() {
     {
         MutexLock lock(m_lock);
-        if (m_session) m_session->OnTime(Now());
+        if (m_session) m_session->OnTime(m_clock.Steady());
     }
     Settle();
 }
@@ -223,7 +241,7 @@ void EngineClient::Settle() {
         MutexLock lock(m_lock);
         if (!m_session) return;
         m_finals.Acknowledge(m_session->AcknowledgedByPeer());
-        output = m_session->TakeOutput(Now());
+        output = m_session->TakeOutput(m_clock.Steady());
         events = m_session->TakeEvents();
         deadline = m_session->Deadline();
     }
@@ -233,7 +251,7 @@ void EngineClient::Settle() {
         m_journal.Sent(output);
         m_connection->Write(std::move(output));
     }
-    m_connection->SetTimer(deadline);
+    m_connection->SetTimer(deadline, m_clock.Steady());
 }
 
 void EngineClient::Carry(SessionEvent event) {
@@ -298,9 +316,8 @@ bool EngineClient::SendMessage(std::uint32_t sessionId, std::uint32_t id, const 
     const bool isFinal =
         id == TCP_WORKER_STATE_ID && IsFinalState(*static_cast<const EngineStateMessage*>(record));
     if (isFinal && !BodyFits(body->size())) {
-        m_log.Write(LogLevel::Warning, "the result of a final status is left out: with it, " + IdText(id) +
-                                           " would have " + std::to_string(body->size()) + " bytes");
-        body = EncodeWithoutResults(*static_cast<const EngineStateMessage*>(record), body->size());
+        body = ShortenFinal(*static_cast<const EngineStateMessage*>(record), body->size());
+        if (!body) return Refused(id, body.error().message);
     }
 
     FinalWait wait(m_clock);
@@ -322,6 +339,20 @@ bool EngineClient::SendMessage(std::uint32_t sessionId, std::uint32_t id, const 
     MutexLock lock(m_lock);
     m_finals.Remove(&wait);
     return acknowledged;
+}
+
+// A status that can never be sent would be repeated for ever: it goes without its result, and if that is not
+// enough, with short texts.
+Result<std::string> EngineClient::ShortenFinal(const EngineStateMessage& message, std::size_t size_bytes) {
+    const std::string would =
+        ": " + IdText(TCP_WORKER_STATE_ID) + " would have " + std::to_string(size_bytes) + " bytes";
+    Result<std::string> body = EncodeShortened(message, size_bytes, false);
+    if (body && BodyFits(body->size())) {
+        m_log.Write(LogLevel::Warning, "a final status goes without its result" + would);
+        return body;
+    }
+    m_log.Write(LogLevel::Warning, "a final status goes with texts cut short and without a result" + would);
+    return EncodeShortened(message, size_bytes, true);
 }
 
 bool EngineClient::Refused(std::uint32_t id, const std::string& problem) {
@@ -367,7 +398,7 @@ void EngineClient::Disconnect() {
     RequestSettle();
     {
         Signal::Hold hold(m_endSignal);
-        const SteadyTime deadline = Now() + m_options.disconnectWait;
+        const SteadyTime deadline = m_clock.Steady() + m_options.disconnectWait;
         while (!m_ended)
             if (!m_endSignal.WaitUntil(hold, deadline)) break;
     }

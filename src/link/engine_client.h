@@ -33,7 +33,7 @@ struct EngineClientOptions {
     SessionLimits limits;
     std::chrono::milliseconds finalWait{5'000};       // for the acknowledgement of a final status
     std::chrono::milliseconds disconnectWait{1'000};  // for what is queued and the peer's end
-    Clock* clock = nullptr;                           // for the wait of a final status; null: the system's
+    Clock* clock = nullptr;                           // every time and wait of the link; null: the system's
 };
 
 // What CreateEngineClient() uses: token, attempt and journal from RQ_ENGINE_TOKEN, RQ_ATTEMPT and
@@ -79,6 +79,7 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     void OnHanded(const Delivery& delivery);
     void RequestSettle();
     void DecideConnect(std::uint64_t attempt, std::uint32_t sessionId, std::string reason);
+    Result<std::string> ShortenFinal(const EngineStateMessage& message, std::size_t size_bytes);
     bool Refused(std::uint32_t id, const std::string& problem);
 
     const EngineClientOptions m_options;
@@ -94,12 +95,12 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     FinalWaits m_finals RQ_GUARDED_BY(m_lock);
 
     // What Connect waits for. Each call is an attempt; only what belongs to the newest is taken.
-    Signal m_connectSignal;
+    Signal m_connectSignal{m_clock};
     std::uint64_t m_connectAttempt RQ_GUARDED_BY(m_connectSignal) = 0;
     std::optional<std::uint32_t> m_connectOutcome RQ_GUARDED_BY(m_connectSignal);
     std::string m_connectReason RQ_GUARDED_BY(m_connectSignal);
     // What Disconnect waits for: the connection is closed.
-    Signal m_endSignal;
+    Signal m_endSignal{m_clock};
     bool m_ended RQ_GUARDED_BY(m_endSignal) = true;
 
     std::string m_lastFailure;         // the owner's thread

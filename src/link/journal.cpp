@@ -65,14 +65,18 @@ std::string WithoutToken(const std::string& body) {
 
 }  // namespace
 
-LinkJournal::LinkJournal(Clock clock) : m_clock(clock ? std::move(clock) : Clock(&SystemNow_us)) {}
+LinkJournal::LinkJournal(Clock clock, std::uint64_t limit_bytes)
+    : m_clock(clock ? std::move(clock) : Clock(&SystemNow_us)), m_limit_bytes(limit_bytes) {}
 
 std::string LinkJournal::Open(const std::string& path) {
     const std::string name = WithProcessId(path);
     platform::CreatePrivateFile(name, "");  // one that is there is continued
     platform::OsError error;
     m_file = platform::AppendFile::Open(name, &error);
-    return m_file ? std::string() : "no link journal: " + error.message;
+    if (!m_file) return "no link journal: " + error.message;
+    if (m_file->Size() < m_limit_bytes) return {};
+    m_file.reset();
+    return "no link journal: " + name + " is full";
 }
 
 void LinkJournal::Connected(const std::string& workerVersion) {
@@ -102,7 +106,7 @@ void LinkJournal::Feed(Direction& direction, std::string_view bytes) {
     if (!m_file || direction.isBad) return;
     direction.reader.Feed(bytes);
     Frame frame;
-    for (;;) {
+    while (m_file) {
         switch (direction.reader.Next(&frame)) {
             case FrameReader::Status::Ready:
                 WriteFrame(direction.way, frame);
@@ -129,7 +133,19 @@ void LinkJournal::WriteEvent(const std::string& event, const std::string& more) 
 }
 
 void LinkJournal::WriteLine(const std::string& rest) {
-    m_file->Append("{\"time\": \"" + TimeText(m_clock()) + "\", " + rest + "}\n");
+    if (!m_file) return;
+    const std::string line = LineOf(rest);
+    if (m_file->Size() + line.size() <= m_limit_bytes) {
+        m_file->Append(line);
+        return;
+    }
+    m_file->Append(LineOf("\"event\": \"full\", \"reason\": \"the next line would pass " +
+                          std::to_string(m_limit_bytes) + " bytes\""));
+    m_file.reset();
+}
+
+std::string LinkJournal::LineOf(const std::string& rest) const {
+    return "{\"time\": \"" + TimeText(m_clock()) + "\", " + rest + "}\n";
 }
 
 }  // namespace rq::link

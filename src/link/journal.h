@@ -17,14 +17,17 @@
 
 namespace rq::link {
 
+// A file that has grown to this size is full: a line says so, and nothing more is written to it.
+inline constexpr std::uint64_t kJournalLimit_bytes = std::uint64_t{512} * 1024 * 1024;
+
 class LinkJournal {
   public:
     // Microseconds since 1970, UTC; for tests.
     using Clock = std::function<std::int64_t()>;
-    explicit LinkJournal(Clock clock = {});
+    explicit LinkJournal(Clock clock = {}, std::uint64_t limit_bytes = kJournalLimit_bytes);
 
     // Continues the file, or makes it for its owner alone; "%p" in the path becomes the process ID. Why not,
-    // or empty.
+    // or empty. A file that is full is not continued.
     std::string Open(const std::string& path);
     bool IsOpen() const { return m_file != nullptr; }
 
@@ -44,8 +47,10 @@ class LinkJournal {
     void WriteFrame(const char* way, const Frame& frame);
     void WriteEvent(const std::string& event, const std::string& more);
     void WriteLine(const std::string& rest);
+    std::string LineOf(const std::string& rest) const;
 
     const Clock m_clock;
+    const std::uint64_t m_limit_bytes;
     std::unique_ptr<platform::AppendFile> m_file;
     Direction m_out{"out", FrameReader()};
     Direction m_in{"in", FrameReader()};

@@ -81,6 +81,27 @@ TEST_F(Journal, ContinuesAFileAndPutsTheProcessIdIntoTheName) {
     EXPECT_EQ(Text("j-" + pid + "-" + pid).rfind("earlier\n{", 0), 0u);
 }
 
+// A worker that runs for weeks must not fill the disk with what is there to look at one fault.
+TEST_F(Journal, EndsWithALineWhenItIsFullAndIsNotContinued) {
+    LinkJournal journal([this] { return m_now_us; }, 600);
+    ASSERT_EQ(journal.Open(m_folder.Utf8("journal")), "");
+    journal.Connected("1");
+    for (std::uint64_t seq = 1; seq <= 20; ++seq) journal.Received(Encoded(seq, 0, 4014, ""));
+    EXPECT_FALSE(journal.IsOpen());
+    const std::string text = Text();
+    const std::string full =
+        "{\"time\": \"2025-01-31T10:00:00.000000Z\", \"event\": \"full\", \"reason\": \"the next line would "
+        "pass 600 bytes\"}\n";
+    EXPECT_TRUE(text.ends_with("\"body\": \"\"}\n" + full)) << text;
+    EXPECT_GT(text.size(), 500 + full.size());
+    EXPECT_LE(text.size(), 600 + full.size());
+    EXPECT_EQ(journal.Open(m_folder.Utf8("journal")),
+              "no link journal: " + m_folder.Utf8("journal") + " is full");
+    journal.Connected("1");
+    EXPECT_EQ(Text(), text);
+    EXPECT_EQ(kJournalLimit_bytes, 512u << 20);
+}
+
 TEST_F(Journal, ThatCannotBeOpenedDoesNothing) {
     EXPECT_NE(m_journal.Open(m_folder.Utf8("no/such/folder")).find("no link journal: "), std::string::npos);
     m_journal.Connected("1");

@@ -191,7 +191,10 @@ TEST(Session, ARepeatIsIgnored) {
 }
 
 TEST(Session, ProtocolFaultsAreLosses) {
-    const std::vector<Frame> faults = {{2, 0, 4014, {}},        // a gap
+    TaskCommand tooMany;
+    tooMany.taskIds.resize(10'001);
+    const std::vector<Frame> faults = {{1, 0, 4002, EncodeTaskCommand(tooMany)},
+                                       {2, 0, 4014, {}},        // a gap
                                        {0, 0, 4014, {}},        // an order without a number
                                        {1, 0, kAckId, {}},      // a numbered control frame
                                        {0, 0, 0, "x"},          // no id
@@ -209,6 +212,31 @@ TEST(Session, ProtocolFaultsAreLosses) {
         EXPECT_NE(f.Closed(&wasOpen), "") << fault.id;
         EXPECT_TRUE(wasOpen);
         EXPECT_EQ(f.Queue(), 0u);
+    }
+}
+
+TEST(Session, DefaultLimits) {
+    const SessionLimits limits;
+    EXPECT_EQ(limits.connect, 5s);
+    EXPECT_EQ(limits.write, 10s);
+    EXPECT_EQ(limits.queue_bytes, 64u << 20);
+    EXPECT_EQ(limits.orders_bytes, 64u << 20);
+}
+
+// 9,000 empty IDs have 18,000 bytes on the wire and 32 bytes each in the list that waits for the handler.
+TEST(Session, TheMemoryOfAListOfTaskIdsCountsAsWaiting) {
+    SessionLimits limits;
+    limits.orders_bytes = 9'000 * (sizeof(std::string) + 2) + 256;
+    TaskCommand command;
+    command.taskIds.resize(9'000);
+    const std::string list(EncodeTaskCommand(command).substr(18));  // without the UUID
+    for (const std::size_t more : {0u, 1u}) {
+        Fixture f(limits);
+        f.Open();
+        std::string body = list;
+        if (more != 0) body += std::string("\x1A\x00", 2);
+        f.Receive({1, 0, 4002, body});
+        EXPECT_EQ(f.session.CurrentState(), more == 0 ? Session::State::Open : Session::State::Closed);
     }
 }
 

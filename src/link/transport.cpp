@@ -118,14 +118,14 @@ void Connection::Close() {
     m_socket.close(ignored);
 }
 
-void Connection::SetTimer(std::optional<SteadyTime> time) {
+void Connection::SetTimer(std::optional<SteadyTime> time, SteadyTime now) {
     if (time == m_timerAt) return;
     m_timerAt = time;
     if (!time) {
         m_timer.cancel();
         return;
     }
-    m_timer.expires_at(*time);
+    m_timer.expires_after(*time - now);
     m_timer.async_wait([self = shared_from_this()](const Error& error) {
         if (error || self->m_listener == nullptr) return;
         self->m_timerAt.reset();

@@ -198,6 +198,43 @@ TEST_F(StatusReport, RefusedFinalStatusIsRepeatedAtOnceAndThenEachSecond) {
                                         kRetry, "core.Send 4009"}));
 }
 
+// What the plug-in changes meanwhile is not told under the name of the first try.
+TEST_F(StatusReport, TheSameMessageIsRepeated) {
+    const auto first = std::make_shared<stMD5TaskResult>();
+    m_core.script.With([&](RunnerAnswers& answers) {
+        answers.error = {1, 2, L"detail", L"further"};
+        answers.result = first;
+    });
+    m_core.failures = 2;
+    m_core.onSend = [this](std::uint32_t) {
+        m_core.script.With([](RunnerAnswers& answers) {
+            answers.error = {9, 9, L"later", L"later"};
+            answers.result = std::make_shared<stMD5TaskResult>();
+            answers.status = 9;
+        });
+        m_core.taskType = 9;
+    };
+    std::thread reporter([this] { EXPECT_EQ(ReportStatus(m_core, 4), 0); });
+    for (int tries = 2; tries <= 3; ++tries) {
+        EXPECT_TRUE(m_core.clock.WaitForWaiters(1));
+        m_core.clock.Advance(1s);
+    }
+    reporter.join();
+    const auto sent = m_core.sent.All();
+    ASSERT_EQ(sent.size(), 3u);
+    for (const auto& message : sent) {
+        const TaskStatusEntry& entry = message.Status();
+        EXPECT_EQ(entry.taskType, 3u);
+        EXPECT_EQ(entry.status, 4u);
+        EXPECT_EQ(entry.detailErrorCode, 1u);
+        EXPECT_EQ(entry.detailErrorText, "detail");
+        EXPECT_EQ(entry.errorCode, 2u);
+        EXPECT_EQ(entry.errorText, GetErrorName(2, kFamilyTask));
+        EXPECT_EQ(entry.furtherText, "further");
+        EXPECT_EQ(entry.result, first);
+    }
+}
+
 TEST_F(StatusReport, LossOfTheServerEndsTheRepeats) {
     m_core.failures = 1'000'000;
     std::thread reporter([this] { EXPECT_EQ(ReportStatus(m_core, 4), 0); });

@@ -4,11 +4,13 @@
 #include <sstream>
 
 #include "base/text.h"
+#include "log/log_text.h"
 #include "platform/codepage.h"
 #include "platform/console.h"
 #include "platform/environment.h"
 #include "util/capture_hub.h"
 #include "util/console_encoding.h"
+#include "util/one_line.h"
 #include "util/worker_util.h"
 
 namespace rq {
@@ -69,6 +71,10 @@ std::string StreamText(double value) {
     stream.imbue(std::locale::classic());
     stream << value;
     return std::move(stream).str();
+}
+
+std::string OneLine(std::string_view text) {
+    return MakeLogText(text);
 }
 
 }  // namespace rq

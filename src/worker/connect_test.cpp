@@ -117,6 +117,7 @@ TEST_F(Connect, PortOfTheCommandLineNeedsNoList) {
     ProcessCommandLine().ServerPortOverride = 9000;
     EXPECT_EQ(Connected(), "127.0.0.1:9000");
     EXPECT_EQ(DefaultLines(), 0u);
+    EXPECT_EQ(m_journal.Count("read parameters"), 2u);  // past the list, whatever is used in the end
 }
 
 TEST_F(Connect, StartRecordsPortIsNotRead) {
@@ -167,6 +168,52 @@ TEST_F(Connect, LossBeforeConnectReturnsIsNotForgottenAndNotRetried) {
     EXPECT_EQ(JoinWork(), 0);
     EXPECT_EQ(m_journal.Count("runner.PerformTask"), 0u);
 }
+
+// Before the first task: no ID, no GUID, and before the end of Connect no session yet. Nothing is slept
+// through.
+class OrdersDuringInit : public Connect, public ::testing::WithParamInterface<bool> {
+  protected:
+    void DeliverAll() {
+        std::thread([this] {
+            m_engine.DeliverText(TCP_TASK_UPDATE_ID, "<new/>");
+            for (const std::uint32_t id : {4004u, 4019u, 4002u}) m_engine.DeliverCommand(id, {}, 7);
+            m_engine.DeliverDestroy();
+        }).join();
+    }
+};
+
+TEST_P(OrdersDuringInit, AreAnsweredAndKept) {
+    const bool inConnect = GetParam();
+    if (inConnect) {
+        m_engine.onConnect = [this] { DeliverAll(); };
+    } else {
+        m_script.onInit = [this] {
+            DeliverAll();
+            return 0;
+        };
+    }
+    EXPECT_EQ(InitCore(), 0);
+    EXPECT_TRUE(m_core->IsPaused());
+    EXPECT_TRUE(m_core->HeartbeatShouldStop());
+    EXPECT_EQ(m_journal.Count("runner.UpdateTask <new/>"), 1u);
+    EXPECT_EQ(m_journal.Count("runner.CloseTask 6 0"), 1u);
+    EXPECT_EQ(m_journal.Count("runner.CloseTask 2 0"), 1u);
+    const auto sent = m_engine.sent.All();
+    ASSERT_EQ(sent.size(), 4u);
+    const std::uint32_t ids[] = {4016, 4005, 4020, 4003};
+    for (std::size_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(sent[i].id, ids[i]);
+        EXPECT_EQ(sent[i].As<TaskCommandReply>().taskId, "");
+        EXPECT_EQ(sent[i].As<TaskCommandReply>().guid,
+                  ids[i] == 4020 ? "00000000-0000-0000-0000-000000000000" : "");
+        // The first order brings the session of all that follow.
+        EXPECT_EQ(sent[i].sessionId, inConnect && i == 0 ? kNoSession : 7u) << ids[i];
+    }
+    EXPECT_EQ(m_core->DoWork("<task/>", 3), 0);  // the stop flag was kept
+    EXPECT_EQ(m_journal.Count("runner.AnalyseTask <task/>"), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Places, OrdersDuringInit, ::testing::Bool());
 
 TEST_F(Connect, OrdersDuringInitAreTaken) {
     m_engine.onConnect = [this] {

@@ -4,9 +4,9 @@
 #include <string>
 #include <utility>
 
-#include "base/text.h"
 #include "platform/codepage.h"
 #include "records/engine_messages.h"
+#include "util/one_line.h"
 #include "util/utility.h"
 #include "util/worker_util.h"
 #include "worker/worker_base.h"
@@ -35,8 +35,9 @@ TaskCommand CopyCommand(const TaskCommandPayload* payload) {
     return payload != nullptr && payload->command != nullptr ? *payload->command : TaskCommand{};
 }
 
+// Whatever an ID holds, it is one line.
 void PrintTaskIds(const TaskCommand& command) {
-    for (const std::string& id : command.taskIds) ConsoleWrite("TaskID=" + RepairUtf8(id) + "\n");
+    for (const std::string& id : command.taskIds) ConsoleWrite("TaskID=" + OneLine(id) + "\n");
 }
 
 }  // namespace

@@ -253,6 +253,64 @@ TEST_F(Orders, AnExceptionEndsItsOrderAloneAndIsLogged) {
     EXPECT_EQ(m_engine.sent.WithId(TCP_TASK_SUSPEND_REPLY_ID).size(), 1u);
 }
 
+TEST_F(Orders, WhatIsNoExceptionOfOursEndsItsOrderAloneToo) {
+    m_script.onUpdate = [] { throw 3; };
+    m_engine.DeliverText(TCP_TASK_UPDATE_ID, "<t/>");
+    EXPECT_EQ(m_journal.LogLines().back(), Line(5, "Message 4015 ended by an unknown exception."));
+}
+
+// An engine's ID is one line of the console, whatever it holds.
+TEST_F(Orders, ControlsInATaskIdForgeNoLine) {
+    TaskCommand command;
+    command.taskIds = {"a\nReceived task type: 4014\r", "\x1B[2J", "b\xFF", "一 二"};
+    m_engine.DeliverCommand(TCP_TASK_SUSPEND_ID, command);
+    EXPECT_EQ(m_journal.Console(),
+              "Received task type: 4004\nTaskID=a\\nReceived task type: 4014\\r\nTaskID=\\x1B[2J\n"
+              "TaskID=b\xEF\xBF\xBD\nTaskID=一 二\n");
+}
+
+// While a task runs: what ends it clears the working flag, before the work loop comes to it.
+class HeldTask : public WorkerFixture, public ::testing::WithParamInterface<std::uint32_t> {
+  protected:
+    void Hold() {
+        m_script.onPerform = [this] {
+            m_inside.Open();
+            m_goOn.Wait();
+            return 0;
+        };
+        InitCore();
+        StartWork();
+        ASSERT_TRUE(m_inside.Wait());
+        EXPECT_TRUE(m_core->IsWorking());
+    }
+    void Deliver(std::uint32_t id) {
+        if (id == TCP_SERVER_DISCONNECT_ID) return m_engine.DeliverLoss();
+        if (id == TCP_WORKER_DESTROY_ID) return m_engine.DeliverDestroy();
+        if (id == TCP_TASK_ADD_ID || id == TCP_TASK_UPDATE_ID) return m_engine.DeliverText(id, "<more/>");
+        m_engine.DeliverCommand(id);
+    }
+};
+
+class EndingOrder : public HeldTask {};
+
+TEST_P(EndingOrder, ClearsTheWorkingFlag) {
+    Hold();
+    Deliver(GetParam());
+    EXPECT_FALSE(m_core->IsWorking());
+}
+
+INSTANTIATE_TEST_SUITE_P(Ids, EndingOrder, ::testing::Values(4002, 4019, 12306));
+
+class OtherOrder : public HeldTask {};
+
+TEST_P(OtherOrder, LeavesTheWorkingFlag) {
+    Hold();
+    Deliver(GetParam());
+    EXPECT_TRUE(m_core->IsWorking());
+}
+
+INSTANTIATE_TEST_SUITE_P(Ids, OtherOrder, ::testing::Values(4004, 4006, 4014, 4015, 4017));
+
 class EarlyOrders : public WorkerFixture {};
 
 TEST_F(EarlyOrders, ReplyBeforeAnalysisHasNoIdAndNoGuid) {

@@ -46,12 +46,16 @@ TEST_F(Init, NullRecord) {
 }
 
 TEST_F(Init, OrderForOrdinaryTypes) {
+    m_start.supervisionCallback = [](std::uint32_t, std::uint64_t, std::uint64_t) {
+        return std::uint64_t{0};
+    };
     EXPECT_EQ(InitCore(), 0);
     EXPECT_EQ(m_journal.Entries(),
               (std::vector<std::string>{"runner created", m_begin, "read parameters", "client created",
                                         "client.Initialize", "client.Connect 127.0.0.1:8083",
                                         "console sessionID=7\n", "runner.Init", m_end}));
     EXPECT_FALSE(m_core->IsDisconnected());
+    EXPECT_EQ(m_core->Supervision(), m_start.supervisionCallback);
     EXPECT_EQ(m_core->TaskType(), 3);
     EXPECT_EQ(m_core->ProcessIdText(), std::to_string(platform::CurrentProcessId()));
 }
@@ -79,6 +83,15 @@ TEST_F(Init, HeartbeatThreadRunsAfterwards) {
     EXPECT_EQ(beat.sessionId, 7u);
     EXPECT_EQ(beat.As<HeartbeatRecord>().workerGuid, "");
     EXPECT_EQ(m_core->HeartbeatInterval_s(), 40);
+}
+
+TEST_F(Init, HeartbeatThreadRunsBeforeTheRunnerOfAnOrdinaryTypeIsInitialised) {
+    m_script.onInit = [this] {
+        EXPECT_TRUE(m_clock.WaitForWaiters(1, std::chrono::seconds(20)));
+        return 0;
+    };
+    EXPECT_EQ(InitCore(), 0);
+    EXPECT_EQ(m_journal.Count("runner.Init"), 1u);
 }
 
 TEST_F(Init, RunnerGetsTextParametersAndType) {
@@ -121,6 +134,9 @@ TEST_F(Init, FailingRunnerOfAnyOtherTypeEndsTheHeartbeat) {
     Release();
     EXPECT_TRUE(m_engine.sent.All().empty());
     EXPECT_EQ(m_journal.Count("client deleted"), 1u);
+    EXPECT_EQ(m_journal.Count(Line(2, "Worker thread for sending heartbeat has stopped. PID:" +
+                                          std::to_string(platform::CurrentProcessId()) + ", TaskID:[]")),
+              1u);
 }
 
 TEST_F(Init, ParametersComeFromTheWorkPathAndAreWrittenBackWhenTheReadSaysSo) {
@@ -148,6 +164,23 @@ TEST_F(Init, MissingRunnerIsMadeHere) {
     EXPECT_LT(m_journal.Find("read parameters"), m_journal.Entries().size());
 }
 
+TEST_F(Init, RunnerThatFoundNoMemoryIsMadeHere) {
+    m_throwingRunners = 1;
+    MakeCore();
+    EXPECT_EQ(m_core->Runner(), nullptr);
+    EXPECT_EQ(InitCore(), 0);
+    EXPECT_NE(m_core->Runner(), nullptr);
+    EXPECT_EQ(m_journal.Count("runner created"), 2u);
+}
+
+// The stop flag alone: what there is to close is another matter.
+TEST_F(Init, ACloseWithoutARunnerStopsTheWorkLoop) {
+    m_failingRunners = 2;
+    InitCore();
+    EXPECT_EQ(m_core->SetClose(kCloseCancel), kStatusMissing);
+    EXPECT_EQ(m_core->DoWork("<task/>", 3), 0);  // with the flag clear: -1, after the try to prepare
+}
+
 TEST_F(Init, NoRunnerAtAllFails) {
     m_failingRunners = 2;
     EXPECT_EQ(InitCore(), kStatusMissing);
@@ -161,6 +194,7 @@ TEST_F(Init, NoRunnerAtAllFails) {
 TEST_F(Init, NoClientFails) {
     m_hasClient = false;
     EXPECT_EQ(InitCore(), kStatusMissing);
+    EXPECT_EQ(m_journal.Count(Line(4, "The engine client could not be created.")), 1u);
     EXPECT_EQ(m_journal.Count("runner.Init"), 0u);
     EXPECT_TRUE(m_core->HeartbeatShouldStop());
 }

@@ -128,6 +128,33 @@ TEST_F(WorkLoop, FailedPerformanceIsReturnedWithTheRunnersStatus) {
     EXPECT_EQ(m_journal.Count(Line(4, "WorkRunner DoWork False!")), 1u);
 }
 
+// A close that lands while the final status is under way.
+TEST_F(WorkLoop, StatusOfTheLastLineIsReadAnew) {
+    Begin();
+    m_engine.onSend = [this](std::uint32_t id) {
+        if (id == TCP_WORKER_STATE_ID && ++m_tasks == 2) m_script.SetStatus(kTaskCancelled);
+        return true;
+    };
+    m_engine.DeliverDestroy();
+    EXPECT_EQ(m_core->DoWork("<task/>", 3), 0);
+    EXPECT_EQ(m_engine.sent.Statuses(), (std::vector<std::uint32_t>{3, 0}));
+    EXPECT_EQ(m_journal.Count(Line(1, "End do work. Status=[5].")), 1u);
+}
+
+// Back to back, the thread holds its mutex nearly always; it must still let the main thread end it.
+TEST_F(WorkLoop, AHeartbeatWithoutAnIntervalEndsWithTheWork) {
+    m_parameters.resize(1);
+    m_parameters[0].heartbeatInterval_s = 0;
+    Begin();
+    EXPECT_TRUE(m_engine.sent.WaitFor(TCP_WORKER_HEARTBEAT_ID, 10));
+    m_engine.DeliverCommand(TCP_TASK_CANCEL_ID);
+    EXPECT_EQ(m_core->DoWork("<task/>", 3), 0);
+    const std::size_t beats = m_engine.sent.WithId(TCP_WORKER_HEARTBEAT_ID).size();
+    Release();
+    EXPECT_LE(m_engine.sent.WithId(TCP_WORKER_HEARTBEAT_ID).size(), beats + 1);
+    EXPECT_EQ(m_core->HeartbeatInterval_s(), 0);
+}
+
 // Both mutexes are kept while the log lines are written, so the threads speak afterwards.
 TEST_F(WorkLoop, HeartbeatEndsAfterDoWorkHasReturned) {
     Begin();

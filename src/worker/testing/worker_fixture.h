@@ -6,6 +6,7 @@
 #include <atomic>
 #include <deque>
 #include <memory>
+#include <new>
 #include <string>
 #include <thread>
 #include <utility>
@@ -45,6 +46,7 @@ class WorkerFixture : public ::testing::Test {
         seams.createRunner = [this]() -> std::unique_ptr<IWorkRunner> {
             m_journal.Note("runner created");
             if (m_failingRunners > 0 && m_failingRunners-- > 0) return nullptr;
+            if (m_throwingRunners > 0 && m_throwingRunners-- > 0) throw std::bad_alloc();
             return std::make_unique<ScriptedRunner>(m_script);
         };
         seams.readRunningParameter = [this](std::string path, tagOVLCommunicationParam* parameter) {
@@ -110,6 +112,7 @@ class WorkerFixture : public ::testing::Test {
     std::atomic<int> m_tasks = 0;
     bool m_hasClient = true;
     int m_failingRunners = 0;
+    int m_throwingRunners = 0;
     std::deque<tagOVLCommunicationParam> m_parameters;  // one for each read, the last for all further ones
     std::int32_t m_readResult = 0;
     std::string m_readPath;
