@@ -426,6 +426,17 @@ class Stage:
         with open(path, "w", encoding="utf-8") as file:
             file.write(text)
 
+    def install_plugin(self, name, task_type):
+        """One of the test plug-ins, for that type alone."""
+        library = name + os.environ["RQ_BAD_PLUGIN_SUFFIX"]
+        folder = os.path.join(self.folder, "plugins", name)
+        if not os.path.isdir(folder):
+            os.makedirs(folder)
+            shutil.copy(os.path.join(os.environ["RQ_BAD_PLUGIN_DIR"], name, library), folder)
+        with open(os.path.join(self.folder, "RQWorkerConfig.xml"), "w", encoding="utf-8") as file:
+            file.write("<WorkerConfig><WORKER><TYPE>%d</TYPE><PATH>plugins\\%s\\%s</PATH></WORKER></WorkerConfig>"
+                       % (task_type, name, library))
+
     def new_folder(self):
         return tempfile.mkdtemp(dir=self.root)
 
@@ -440,11 +451,11 @@ def end_process(process):
 
 
 class EnginePlace:
-    """Listens in the engine's place for the worker that it has started."""
+    """Listens in the engine's place for the worker that it has started, or sends that worker to another `port`."""
 
     TOKEN, ATTEMPT = "wire-token-5f0c", "attempt-17"
 
-    def __init__(self, stage, text=None, file=None, task_type="mc"):
+    def __init__(self, stage, text=None, file=None, task_type="mc", port=None, environment=None):
         self.listener = socket.create_server(("127.0.0.1", 0))
         self.port = self.listener.getsockname()[1]
         self.folder = stage.new_folder()
@@ -453,10 +464,10 @@ class EnginePlace:
             with open(parameter, "wb") as out:
                 out.write(text if isinstance(text, bytes) else text.encode())
         environment = dict(os.environ, RQ_LOG_DIR=as_seen(self.folder), RQ_ENGINE_TOKEN=self.TOKEN, RQ_ATTEMPT=self.ATTEMPT,
-                           RQ_CONSOLE_ENCODING="UTF-8")
+                           RQ_CONSOLE_ENCODING="UTF-8", **(environment or {}))
         self.output = open(os.path.join(self.folder, "output"), "wb")
         self.worker = subprocess.Popen(
-            program(stage.folder, "RQWorkerU") + [task_type, as_seen(parameter), str(self.port), "0"],
+            program(stage.folder, "RQWorkerU") + [task_type, as_seen(parameter), str(port or self.port), "0"],
             cwd=self.folder, env=environment, stdin=subprocess.DEVNULL, stdout=self.output, stderr=self.output)
         self.links = []
 
