@@ -51,6 +51,28 @@ std::string_view NameOf(const std::string& path) {
     return std::string_view(path).substr(path.find_last_of("\\/") + 1);
 }
 
+// Why a file should not be called so, although Windows opens it: it would be a device, or get another name.
+std::string WhyNoName(std::string_view name) {
+    if (name.empty()) return {};
+    if (name.back() == '.' || name.back() == ' ')
+        return "Windows drops the dot or blank at the end of the name";
+    if (name.find(':') != std::string_view::npos) return "Windows allows no colon in a file name";
+    std::string base(name.substr(0, name.find('.')));
+    while (!base.empty() && base.back() == ' ') base.pop_back();
+    for (char& c : base) {
+        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+    }
+    for (const std::string_view device : {"CON", "PRN", "AUX", "NUL", "CONIN$", "CONOUT$"}) {
+        if (base == device) return "Windows keeps the name " + base + " for a device";
+    }
+    const bool isPort = base.starts_with("COM") || base.starts_with("LPT");
+    const std::string number = isPort ? base.substr(3) : "";
+    const bool isNumber = number.size() == 1 && number[0] >= '0' && number[0] <= '9';
+    // The superscripts count as digits.
+    const bool isSmall = number == "\u00B9" || number == "\u00B2" || number == "\u00B3";
+    return isNumber || isSmall ? "Windows keeps the name " + base + " for a device" : "";
+}
+
 std::string In(const std::string& folder, std::string_view name) {
     return folder + (folder.ends_with('\\') || folder.ends_with('/') ? "" : "\\") + std::string(name);
 }
@@ -151,6 +173,8 @@ std::optional<PublishFailure> Publication::Begin(const std::string& target,
     m_overwrite = overwrite;
     m_mode = -1;
     m_sizeBytes = 0;
+    if (const std::string why = WhyNoName(NameOf(target)); !why.empty())
+        return Fail(PublishProblem::kCreate, 0, target + ": " + why);
     const auto same = std::find_if(sources.begin(), sources.end(), [&](const std::string& source) {
         return source == target || IsSameFile(source, target);
     });

@@ -45,5 +45,24 @@ TEST_F(PublishOnWindows, ATargetThatSomebodyHoldsIsNotReplaced) {
     EXPECT_EQ(Names(), Strings{"out"});
 }
 
+TEST_F(PublishOnWindows, NamesThatAreNotTheFilesOwnAreRefused) {
+    const auto refusal = [&](const std::string& name) {
+        Publication publication;
+        const auto failure = publication.Begin(PathOf(name), {}, true);
+        if (!failure) return std::string();
+        EXPECT_EQ(failure->problem, PublishProblem::kCreate);
+        return failure->words.substr(PathOf(name).size());
+    };
+    for (const char* device :
+         {"CON", "con.mp4", "Nul", "aux .mkv", "LPT1.mp4", "com0", "COM¹.mp4", "conout$"})
+        EXPECT_TRUE(refusal(device).starts_with(": Windows keeps the name ")) << device << refusal(device);
+    for (const char* cut : {"a.mp4.", "a.mp4 ", "..."})
+        EXPECT_EQ(refusal(cut), ": Windows drops the dot or blank at the end of the name") << cut;
+    EXPECT_EQ(refusal("a.mp4:b"), ": Windows allows no colon in a file name");
+    for (const char* fine : {"console.mp4", "com10.mp4", "com", "COM中.mp4", " con.mp4", ".con", "a. b"})
+        EXPECT_EQ(refusal(fine), "") << fine;
+    EXPECT_EQ(Names(), Strings{});
+}
+
 }  // namespace
 }  // namespace rq::task

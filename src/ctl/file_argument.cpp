@@ -4,6 +4,7 @@
 
 #include "base/paths.h"
 #include "base/text.h"
+#include "platform/file_name.h"
 #include "platform/files.h"
 
 namespace rq::ctl {
@@ -76,6 +77,11 @@ Result<std::string> ExistingFile(const std::string& name) {
 }
 
 Result<std::string> NewFile(const std::string& name, bool overwrite) {
+    // As it was given: made absolute, it has lost what is wrong with it.
+    const std::string last = Utf8FromPath(PathFromUtf8(RepairUtf8(name)).filename());
+    const bool isFolder = last == "." || last == "..";
+    if (const std::string why = platform::WhyNoFileName(last); !isFolder && !why.empty())
+        return Fail(RepairUtf8(name) + ": " + why);
     const auto path = AbsolutePath(name);
     if (!path) return path.error();
     if (!path->has_filename() || path->filename() == "..")

@@ -128,6 +128,12 @@ TEST(PrepareTranscode, SaysWhatIsWrongWithAFile) {
     if (kit::RootName().empty()) {
         EXPECT_EQ(errorOf("a.mxf", longName).rfind(longName + ": ", 0), 0u);
     }
+    const bool isWindows = !kit::RootName().empty();
+    EXPECT_EQ(errorOf("a.mxf", "con.mp4"),
+              isWindows ? "con.mp4: Windows keeps the name CON for a device" : "");
+    EXPECT_EQ(errorOf("a.mxf", "b.mp4. "),
+              isWindows ? "b.mp4. : Windows drops the dot or blank at the end of the name"
+                        : "b.mp4. : its ending is neither mp4 nor mkv; say which with --container");
     EXPECT_EQ(errorOf("a.mxf", "there.mp4"), "there.mp4: exists already; --overwrite replaces it");
     EXPECT_EQ(errorOf("a.mxf", "there.mp4", true), "");
     EXPECT_EQ(errorOf("a.mxf", folder.Utf8(""), true).substr(folder.Utf8("").size()),
