@@ -5,6 +5,7 @@
 #include "app/crash_filter.h"
 #include "app/parse_worker_type.h"
 #include "app/restart_worker.h"
+#include "platform/noinline.h"
 #include "util/utility.h"
 #include "util/worker_util.h"
 
@@ -43,7 +44,7 @@ bool IsRejectedType(std::int32_t number, const std::string& type) {
     return number >= 300 || (number == 0 && type != "0" && type != "tf");
 }
 
-[[gnu::noinline]] IRunnableCore* AllocateWorkerCore() {
+RQ_NOINLINE IRunnableCore* AllocateWorkerCore() {
     return new (std::nothrow) RealCore;
 }
 

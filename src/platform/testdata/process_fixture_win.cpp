@@ -11,6 +11,7 @@
 #include "platform/end_request.h"
 #include "platform/environment.h"
 #include "platform/files.h"
+#include "platform/noinline.h"
 #include "platform/process.h"
 #include "platform/start_up.h"
 #include "platform/win_api.h"
@@ -46,7 +47,7 @@ void LogHook(std::string_view line, std::uint32_t thread) noexcept {
                 &written, nullptr);
 }
 
-[[gnu::noinline]] int Overflow(volatile int* depth) {
+RQ_NOINLINE int Overflow(volatile int* depth) {
     volatile int room[1024] = {};
     room[0] = *depth + 1;
     if (room[0] == 0) return 0;  // after more rounds than any stack has room for
