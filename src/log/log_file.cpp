@@ -51,6 +51,9 @@ int UtcOffset_min() {
     return spdlog::details::os::utc_minutes_offset(spdlog::details::os::localtime());
 }
 
+// Too large for the stack that a signal is handled on; one thread reports a crash.
+constinit platform::CrashText g_crashLine;
+
 spdlog::pattern_formatter::custom_flags LineFlags() {
     spdlog::pattern_formatter::custom_flags flags;
     flags['*'] = std::make_unique<LineHead>();
@@ -84,19 +87,15 @@ void LogFile::log(const spdlog::details::log_msg& message) {
     if (file == nullptr) return;
     m_line.clear();
     m_formatter.format(message, m_line);
-    std::size_t used = m_used.load(std::memory_order_relaxed);
-    if (used + m_line.size() > kBufferSize_bytes) {
-        FlushLocked();
-        used = 0;
-    }
+    if (m_held.load().size + m_line.size() > kBufferSize_bytes) FlushLocked();
     if (m_line.size() > kBufferSize_bytes) {  // too long for the buffer: a write of its own
-        m_file.load(std::memory_order_relaxed)->Append({m_line.data(), m_line.size()});
+        AppendLocked({m_line.data(), m_line.size()});
         m_line = spdlog::memory_buf_t();  // lets the large block go
-        RollWhenFull();
         return;
     }
-    std::memcpy(m_buffer.get() + used, m_line.data(), m_line.size());
-    m_used.store(used + m_line.size(), std::memory_order_release);
+    const Held held = m_held.load();
+    std::memcpy(m_buffer.get() + held.size, m_line.data(), m_line.size());
+    m_held.store({held.begin, held.size + m_line.size()});
 }
 
 void LogFile::flush() {
@@ -105,22 +104,39 @@ void LogFile::flush() {
 }
 
 void LogFile::FlushLocked() noexcept {
-    platform::AppendFile* file = m_file.load(std::memory_order_relaxed);
-    const std::size_t used = m_used.load(std::memory_order_relaxed);
-    if (file == nullptr || used == 0) return;
-    file->Append({m_buffer.get(), used});
-    m_used.store(0, std::memory_order_release);
+    const Held held = m_held.load();
+    if (m_file.load(std::memory_order_relaxed) == nullptr || held.size == 0) return;
+    AppendLocked(Unwritten(held));
+    m_held.store({held.begin + held.size, 0});
     m_utcOffset_min.store(UtcOffset_min(), std::memory_order_relaxed);
+}
+
+// What no crash handler has written of it.
+std::string_view LogFile::Unwritten(Held held) const noexcept {
+    const std::uint64_t written = m_writtenByCrash.load();
+    if (written <= held.begin) return {m_buffer.get(), held.size};
+    const std::uint64_t part = std::min<std::uint64_t>(written - held.begin, held.size);
+    return {m_buffer.get() + part, held.size - part};
+}
+
+// A full file is left before lines are appended, not after: another process may have filled it meanwhile, and
+// gone so far that it is removed.
+void LogFile::AppendLocked(std::string_view lines) noexcept {
     try {
         RollWhenFull();
     } catch (...) {  // no memory for a path: the lines go on in this file
     }
+    if (!lines.empty()) m_file.load(std::memory_order_relaxed)->Append(lines);
 }
 
+// The buffer is left as it is: another thread may be adding a line behind what is counted.
 void LogFile::CrashFlush() noexcept {
     platform::AppendFile* file = m_file.load(std::memory_order_acquire);
-    const std::size_t used = m_used.exchange(0, std::memory_order_acquire);
-    if (file != nullptr && used != 0) file->Append({m_buffer.get(), used});
+    const Held held = m_held.load();
+    const std::string_view lines = Unwritten(held);
+    if (file == nullptr || lines.empty()) return;
+    file->Append(lines);
+    m_writtenByCrash.store(held.begin + held.size);
 }
 
 void LogFile::CrashLine(std::string_view text, std::uint32_t thread) noexcept {
@@ -130,7 +146,8 @@ void LogFile::CrashLine(std::string_view text, std::uint32_t thread) noexcept {
     const auto now = std::chrono::time_point_cast<microseconds>(std::chrono::system_clock::now()) +
                      std::chrono::minutes(m_utcOffset_min.load(std::memory_order_relaxed));
     const auto second = std::chrono::floor<std::chrono::seconds>(now);
-    platform::CrashText line;
+    platform::CrashText& line = g_crashLine;
+    line.Clear();
     line.Time(second) << ".";
     line.Decimal(static_cast<std::uint64_t>((now - second).count()), 6) << " [5] [ACT] [MAIN] [";
     line.Decimal(m_processId) << "/";

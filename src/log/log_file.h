@@ -48,23 +48,32 @@ class LogFile final : public spdlog::sinks::sink {
     void set_pattern(const std::string&) override {}                    // the form is fixed
     void set_formatter(std::unique_ptr<spdlog::formatter>) override {}  // likewise
 
-    // For a crash handler: writes what is buffered without waiting for a lock. A line may then stand in the
-    // file twice; none that was complete is missing.
+    // For a crash handler, on one thread: writes what is buffered and no earlier call has written, without
+    // waiting for a lock. Other threads may log and flush meanwhile; a line may then stand in the file twice.
     void CrashFlush() noexcept;
-    // For a crash handler: one line of level 5, tag "ACT", module "MAIN", written at once.
+    // For a crash handler, on one thread: one line of level 5, tag "ACT", module "MAIN", written at once.
     void CrashLine(std::string_view text, std::uint32_t thread) noexcept;
 
     bool IsOpen() const { return m_file.load() != nullptr; }
     const std::string& Path() const { return m_path; }
 
   private:
+    static constexpr std::size_t kBufferSize_bytes = 64 * 1024;
+    // What the buffer holds, as one atomic value: `size` bytes, the first of which is number `begin` of all
+    // that were ever logged here.
+    struct Held {
+        std::uint64_t begin : 47;
+        std::uint64_t size : 17;
+    };
+    static_assert(std::atomic<Held>::is_always_lock_free);
+
     void FlushLocked() noexcept RQ_REQUIRES(m_mutex);
+    std::string_view Unwritten(Held held) const noexcept;
+    void AppendLocked(std::string_view lines) noexcept RQ_REQUIRES(m_mutex);
     void RollWhenFull() RQ_REQUIRES(m_mutex);
     bool OpenNumber(unsigned number) RQ_REQUIRES(m_mutex);
     std::string NumberedPath(unsigned number) const;
     unsigned HighestNumber() const;
-
-    static constexpr std::size_t kBufferSize_bytes = 64 * 1024;
 
     const std::string m_path;
     const LogLimits m_limits;
@@ -75,10 +84,11 @@ class LogFile final : public spdlog::sinks::sink {
     unsigned m_number RQ_GUARDED_BY(m_mutex) = 0;
     // The file before the one in use: a crash handler that has just read the pointer may still write to it.
     std::unique_ptr<platform::AppendFile> m_previous RQ_GUARDED_BY(m_mutex);
-    // The crash handler reads these three without the lock: complete lines are there before m_used counts
+    // The crash handler reads these four without the lock: complete lines are there before m_held counts
     // them.
     const std::unique_ptr<char[]> m_buffer;
-    std::atomic<std::size_t> m_used{0};
+    std::atomic<Held> m_held{Held{0, 0}};
+    std::atomic<std::uint64_t> m_writtenByCrash{0};      // of all bytes ever logged: up to this one
     std::atomic<platform::AppendFile*> m_file{nullptr};  // owned
     // And this one: asking the C library takes a lock.
     std::atomic<int> m_utcOffset_min{0};

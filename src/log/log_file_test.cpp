@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <regex>
+#include <thread>
 
 #include "base/paths.h"
 #include "kit/files.h"
@@ -101,6 +102,45 @@ TEST_F(LogFileTest, BufferedLinesStayInMemoryUntilAFlush) {
     EXPECT_EQ(kit::ReadLines(Path("a.log")).size(), 1u);
 }
 
+// Other threads log on while the crash is reported.
+TEST_F(LogFileTest, ACrashWritesEachLineOnceAndLosesNone) {
+    LogFile file(m_folder.Utf8("a.log"));
+    for (const char* text : {"1", "2", "3", "4"}) {
+        Write(file, text);
+        file.CrashFlush();
+        file.CrashFlush();
+        if (*text == '2') file.flush();
+    }
+    Write(file, "5");
+    file.flush();
+    Write(file, "6");
+    file.CrashFlush();
+    const auto lines = kit::ReadLines(Path("a.log"));
+    ASSERT_EQ(lines.size(), 6u);
+    for (int i = 0; i < 6; ++i) EXPECT_TRUE(lines[i].ends_with("] " + std::to_string(i + 1))) << lines[i];
+}
+
+TEST_F(LogFileTest, ACrashMeetsAThreadThatLogs) {
+    constexpr int kLines = 20'000;
+    LogFile file(m_folder.Utf8("a.log"));
+    std::thread other([&] {
+        for (int i = 0; i < kLines; ++i) Write(file, "<" + std::to_string(i) + ">");
+    });
+    for (int i = 0; i < 200; ++i) file.CrashFlush();
+    other.join();
+    file.CrashFlush();
+    const std::string bytes = Bytes("a.log");
+    std::size_t at = 0;
+    for (int i = 0; i < kLines; ++i) {
+        const std::size_t found = bytes.find("] <" + std::to_string(i) + ">\n", at);
+        if (found == std::string::npos) {
+            EXPECT_NE(bytes.find("] <" + std::to_string(i) + ">\n"), std::string::npos) << i;
+        } else {
+            at = found;
+        }
+    }
+}
+
 TEST_F(LogFileTest, AFullBufferIsWrittenAsWholeLines) {
     LogFile file(m_folder.Utf8("a.log"));
     for (int i = 0; i < 100; ++i) Write(file, std::string(1000, 'x'));
@@ -130,12 +170,12 @@ TEST_F(LogFileTest, AFullFileIsContinuedUnderTheNextNumber) {
         Write(file, std::to_string(i) + std::string(200, 'x'));
         file.flush();
     }
-    // Each flush fills a file; the fifth is open and empty. The first and the two newest are kept.
+    // Each flush fills a file, and the next one leaves it. The first and the two newest are kept.
     EXPECT_TRUE(Exists("task_W.log"));
     EXPECT_FALSE(Exists("task_W.1.log"));
-    EXPECT_FALSE(Exists("task_W.2.log"));
+    EXPECT_TRUE(Exists("task_W.2.log"));
     EXPECT_TRUE(Exists("task_W.3.log"));
-    EXPECT_EQ(Bytes("task_W.4.log"), "");
+    EXPECT_FALSE(Exists("task_W.4.log"));
     EXPECT_NE(Bytes("task_W.log").find("] 0x"), std::string::npos);
     EXPECT_NE(Bytes("task_W.3.log").find("] 3x"), std::string::npos);
 }
@@ -144,14 +184,43 @@ TEST_F(LogFileTest, AnotherWritersContinuationIsFollowed) {
     LogFile first(m_folder.Utf8("_W.log"), LogLimits{150, 5});
     LogFile second(m_folder.Utf8("_W.log"), LogLimits{150, 5});
     Write(first, std::string(200, 'a'));
+    first.flush();
+    Write(first, "a");
     first.flush();  // goes on in number 1
-    Write(second, "b");
-    second.flush();  // finds its file full and follows
-    Write(second, "c");
-    second.flush();
-    EXPECT_EQ(kit::ReadLines(Path("_W.log")).size(), 2u);
-    EXPECT_EQ(kit::ReadLines(Path("_W.1.log")).size(), 1u);
+    for (const char* text : {"b", "c"}) {
+        Write(second, text);
+        second.flush();  // its file is full: it follows before it writes
+    }
+    EXPECT_EQ(kit::ReadLines(Path("_W.log")).size(), 1u);
+    EXPECT_EQ(kit::ReadLines(Path("_W.1.log")).size(), 3u);
     EXPECT_FALSE(Exists("_W.2.log"));
+}
+
+// The file of a writer that was quiet for long has been left and removed by others; none of its lines may
+// go there, however long they are.
+TEST_F(LogFileTest, NoLineGoesToAFileThatOthersHaveRemoved) {
+    LogFile busy(m_folder.Utf8("_W.log"), LogLimits{150, 1});
+    const auto fill = [&] {
+        Write(busy, std::string(200, 'a'));
+        busy.flush();
+    };
+    fill();
+    fill();
+    LogFile quiet(m_folder.Utf8("_W.log"), LogLimits{300, 9});  // in number 1
+    LogFile quietToo(m_folder.Utf8("_W.log"), LogLimits{300, 9});
+    Write(quiet, "hello");
+    quiet.flush();
+    for (int i = 0; i < 3; ++i) fill();
+    Write(quiet, std::string(200, 'q'));
+    quiet.flush();
+    Write(quietToo, std::string(100'000, 'r'));
+    std::string all;
+    for (const auto& file : kit::FindFiles(m_folder.Path(), ".log")) {
+        // A removed file that is open may still have its name.
+        if (file.filename() != "_W.1.log") all += kit::ReadBytes(file);
+    }
+    EXPECT_NE(all.find("] q"), std::string::npos);
+    EXPECT_NE(all.find("] r"), std::string::npos);
 }
 
 TEST_F(LogFileTest, ANewWriterBeginsInTheNewestFile) {

@@ -1,8 +1,8 @@
 // A file that several threads and processes append to at once. Each Append is one call of the operating
 // system at the end of the file as it is at that moment (O_APPEND, FILE_APPEND_DATA), so that blocks of whole
-// lines never mix; on Windows writers also take turns, each for at most about 0.2 s, since that end is not exact
-// everywhere. Paths are UTF-8. Any thread; Append and Size may also be called in a crash handler (no lock of this
-// process, no allocation).
+// lines never mix; on Windows writers also take turns, each for at most about 0.2 s, since that end is not
+// exact everywhere. Paths are UTF-8. Any thread; Append and Size may also be called in a crash handler (no
+// lock of this process, no allocation).
 #pragma once
 
 #include <cstdint>

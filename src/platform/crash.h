@@ -1,6 +1,6 @@
 // What a crash leaves behind. An unhandled crash of the process, in our code or in a library that it loaded,
-// on any thread: SIGSEGV, SIGBUS, SIGFPE, SIGILL and SIGABRT (so also an exception that nobody catches), on
-// Windows any unhandled exception and abort(). In this order:
+// on any thread: SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS and SIGABRT (so also an exception that
+// nobody catches), on Windows any unhandled exception and abort(). In this order:
 //
 //   1. a line on standard error with the signal or exception;
 //   2. the flush hook (SetCrashHook), so that no line of the log is missing whatever comes next;
@@ -11,7 +11,8 @@
 //   code.
 //
 // All of it happens on the crashed thread, which may hold any lock (that of the heap, that of the loader) and
-// whose stack may be used up: nothing here allocates or waits for a lock, and everything has a time limit.
+// whose stack may be used up: nothing here allocates or waits for a lock, and everything has a time limit (on
+// Windows all but the dump itself).
 // docs/adr/0013-crash-reports.md says how, and what cannot be had.
 #pragma once
 
@@ -22,16 +23,17 @@
 
 namespace rq::platform {
 
-// How long writing a report may take; a crashed process is gone at the latest 10 s after that.
+// How long writing a report may take; a crashed process is gone at the latest 5 s after that.
 inline constexpr std::chrono::seconds kCrashReportLimit{20};
 
 // The settings come before InstallCrashHandler, on the main thread. Paths are UTF-8.
 //
-// Where reports go; made when it is missing, but not the folders above it. Empty or never set: no reports, and on Linux the crashed
-// thread's frames on standard error.
+// Where reports go; made when it is missing, but not the folders above it. Empty or never set: no reports,
+// and on Linux the crashed thread's frames on standard error.
 void SetCrashFolder(const std::string& folder);
 // Linux: the program that is started for a report (src/crashreport). Where it cannot be started or may not
-// look into this process, the report has the crashed thread's own frames alone. Windows needs none.
+// look into this process, the report has the crashed thread's own frames alone. Windows needs none, but has
+// the limit.
 void SetCrashReporter(const std::string& program, std::chrono::seconds limit = kCrashReportLimit);
 // Both run in the crash handler: no lock, no allocation. Null: none. `line` says what happened and where the
 // report is; `thread` is the system's number of the crashed thread.

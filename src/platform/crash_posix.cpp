@@ -30,7 +30,8 @@ constinit CrashText g_line;
 constinit CrashText g_place;
 constinit CrashText g_report;
 
-constexpr std::initializer_list<int> kCrashSignals = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT};
+constexpr std::initializer_list<int> kCrashSignals = {SIGSEGV, SIGBUS,  SIGFPE, SIGILL,
+                                                      SIGABRT, SIGTRAP, SIGSYS};
 
 std::string_view NameOf(int number) {
     switch (number) {
@@ -44,6 +45,10 @@ std::string_view NameOf(int number) {
             return "SIGILL";
         case SIGABRT:
             return "SIGABRT";
+        case SIGTRAP:
+            return "SIGTRAP";
+        case SIGSYS:
+            return "SIGSYS";
         default:
             return "a signal";
     }

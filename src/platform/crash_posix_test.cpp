@@ -75,10 +75,12 @@ TEST_F(Crash, AStackThatIsUsedUp) {
 #endif
 
 TEST_F(Crash, EveryOtherSignal) {
-    for (int number : {SIGBUS, SIGFPE, SIGILL}) {
+    const std::vector<std::pair<int, std::string>> signals = {
+        {SIGBUS, "SIGBUS"}, {SIGFPE, "SIGFPE"}, {SIGILL, "SIGILL"}, {SIGTRAP, "SIGTRAP"}, {SIGSYS, "SIGSYS"}};
+    for (const auto& [number, name] : signals) {
         CrashBy(std::to_string(number));
         EXPECT_EQ(m_code, 1000 + number);
-        EXPECT_EQ(m_errors.find("RQWorkerU: crashed with SIG"), 0u) << m_errors;
+        EXPECT_EQ(m_errors.find("RQWorkerU: crashed with " + name + "\n"), 0u) << m_errors;
     }
 }
 
@@ -165,6 +167,13 @@ TEST_F(Crash, WithoutADescriptorLeft) {
     EXPECT_NE(kit::ReadText(Report()).find("\nthe stacks\n"), std::string::npos) << m_errors;
 }
 
+TEST_F(Crash, WithoutStandardOutput) {
+    Reporter("echo the stacks");
+    CrashBy(std::to_string(SIGSEGV), "ulimit -c 0; exec >&-");
+    EXPECT_EQ(m_code, 1000 + SIGSEGV);
+    EXPECT_NE(kit::ReadText(Report()).find("\nthe stacks\n"), std::string::npos) << m_errors;
+}
+
 TEST_F(Crash, ManyThreadsAtOnceLeaveOneReport) {
     Reporter("sleep 0.2; echo the stacks");
     CrashBy("many-threads");
@@ -181,6 +190,12 @@ TEST_F(Crash, AFolderThatCannotBeMade) {
     EXPECT_EQ(Report(), "");
     ExpectSaid("rq_process_fixture(");
     ExpectSaid(", no report could be written\n");
+}
+
+TEST_F(Crash, AHookThatHangsIsEndedBySignal) {
+    CrashBy("hook-hangs");
+    EXPECT_EQ(m_code, 1000 + SIGSEGV);
+    EXPECT_EQ(m_errors, "RQWorkerU: crashed with SIGSEGV\nhook\n");
 }
 
 TEST_F(Crash, AForkedChildJustDies) {

@@ -86,9 +86,14 @@ struct Reporter {
 // In the reporter's process while it still shares this one's memory: system calls only.
 int BecomeReporter(void* given) {
     const auto& reporter = *static_cast<const Reporter*>(given);
-    for (int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGALRM}) ::signal(number, SIG_DFL);
+    for (int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS, SIGALRM})
+        ::signal(number, SIG_DFL);
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    ::dup2(reporter.file, STDOUT_FILENO);
+    if (reporter.file == STDOUT_FILENO) {
+        ::fcntl(STDOUT_FILENO, F_SETFD, 0);  // to itself, dup2 would leave it to be closed by the new program
+    } else {
+        ::dup2(reporter.file, STDOUT_FILENO);
+    }
     ::dup2(::open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
     ::close_range(STDERR_FILENO + 1, ~0u, 0);
     ::alarm(static_cast<unsigned>(g_limit.count()));  // while it holds our threads nobody else ends it

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "platform/crash.h"
+#include "platform/crash_help_win.h"
 #include "platform/crash_text.h"
 #include "platform/win_api.h"
 
@@ -25,8 +26,8 @@ std::atomic_flag g_crashing = ATOMIC_FLAG_INIT;
 std::atomic<DWORD> g_crashedThread{0};
 
 constexpr ULONG kRoomForTheFilter_bytes = 65536;
-constexpr DWORD kSpareTime_ms = 5000;  // beside the dump's: for all else that the handler does
-constexpr UINT kAborted = 3;           // as the C run-time library's abort ends a process
+constexpr std::chrono::seconds kSpareTime{5};  // beside the dump's: for all else that the handler does
+constexpr UINT kAborted = 3;                   // as the C run-time library's abort ends a process
 
 std::atomic<void (*)(std::string_view, std::uint32_t) noexcept> g_log{nullptr};
 using DumpFunction = decltype(&::MiniDumpWriteDump);
@@ -35,17 +36,18 @@ DumpFunction g_writeDump = nullptr;
 CrashText g_pathHead;
 std::chrono::seconds g_limit = kCrashReportLimit;
 
-// What the crashed thread has the helping thread do.
-struct Help {
-    HANDLE asked = nullptr;  // by the crashed thread: once to watch it, and once more to write the dump
-    HANDLE done = nullptr;   // by the helping one
-    std::atomic<UINT> exitCode{0};
-    std::atomic<bool> wantsDump{false};
+// What a dump is made of and where it goes, for whichever thread writes it.
+struct Dump {
     EXCEPTION_POINTERS* exception = nullptr;
     DWORD thread = 0;
     HANDLE file = nullptr;
     bool isGood = false;
-} g_help;
+} g_dump;
+
+// Of the crash that is reported: written before its report is begun.
+const char* g_name = "";
+UINT g_exitCode = 0;
+std::atomic_flag g_isInLog = ATOMIC_FLAG_INIT;
 
 void Say(const CrashText& line) {
     DWORD written = 0;
@@ -112,76 +114,81 @@ HANDLE MakeDumpFile(CrashText& path) {
 }
 
 void DumpIt() {
-    MINIDUMP_EXCEPTION_INFORMATION facts{g_help.thread, g_help.exception, FALSE};
-    g_help.isGood = g_writeDump(::GetCurrentProcess(), ::GetCurrentProcessId(), g_help.file, MiniDumpNormal,
-                                g_help.exception != nullptr ? &facts : nullptr, nullptr, nullptr) != FALSE;
+    MINIDUMP_EXCEPTION_INFORMATION facts{g_dump.thread, g_dump.exception, FALSE};
+    g_dump.isGood = g_writeDump(::GetCurrentProcess(), ::GetCurrentProcessId(), g_dump.file, MiniDumpNormal,
+                                g_dump.exception != nullptr ? &facts : nullptr, nullptr, nullptr) != FALSE;
 }
 
-// The helping thread: sleeps until something crashes, then sees to it that the process ends in time.
-DWORD WINAPI HelpACrash(void*) {
-    ::WaitForSingleObject(g_help.asked, INFINITE);
-    const auto limit_ms = static_cast<DWORD>(std::chrono::milliseconds(g_limit).count()) + kSpareTime_ms;
-    if (::WaitForSingleObject(g_help.asked, limit_ms) == WAIT_OBJECT_0 && g_help.wantsDump.load()) {
-        DumpIt();
-        ::SetEvent(g_help.done);
-    }
-    ::Sleep(limit_ms);
-    ::TerminateProcess(::GetCurrentProcess(), g_help.exitCode.load());
-    return 0;
+bool IsStackUsedUp(const EXCEPTION_POINTERS* exception) {
+    return exception != nullptr && exception->ExceptionRecord->ExceptionCode == EXCEPTION_STACK_OVERFLOW;
 }
 
 // On the crashed thread, whose locks (the heap's) a dump takes again without waiting; but where its stack is
-// used up, on the helping one.
+// used up, on the helper.
 void WriteDump(EXCEPTION_POINTERS* exception, CrashText& path) {
     if (g_writeDump == nullptr) return;
-    g_help.file = MakeDumpFile(path);
-    if (g_help.file == INVALID_HANDLE_VALUE) {
+    g_dump.file = MakeDumpFile(path);
+    if (g_dump.file == INVALID_HANDLE_VALUE) {
         path = CrashText();
         return;
     }
-    g_help.exception = exception;
-    g_help.thread = ::GetCurrentThreadId();
-    if (exception != nullptr && exception->ExceptionRecord->ExceptionCode == EXCEPTION_STACK_OVERFLOW) {
-        g_help.wantsDump.store(true);
-        ::SetEvent(g_help.asked);
-        ::WaitForSingleObject(g_help.done, INFINITE);  // the helping thread's own limit holds
+    g_dump.exception = exception;
+    g_dump.thread = ::GetCurrentThreadId();
+    if (IsStackUsedUp(exception)) {
+        if (!HaveHelperDo(&DumpIt)) g_dump.isGood = false;
     } else {
         DumpIt();
     }
-    ::CloseHandle(g_help.file);
+    ::CloseHandle(g_dump.file);
     CrashText line;
-    line << "RQWorkerU: " << (g_help.isGood ? "a dump is in " : "no dump could be written to ") << path.View()
+    line << "RQWorkerU: " << (g_dump.isGood ? "a dump is in " : "no dump could be written to ") << path.View()
          << "\r\n";
     Say(line);
-    if (!g_help.isGood) path = CrashText();
+    if (!g_dump.isGood) path = CrashText();
 }
 
 void Flush() {
     if (const auto hook = g_hook.load()) hook();
 }
 
-// What every crash leaves behind; `name` is the exception's or signal's.
-void Report(EXCEPTION_POINTERS* exception, const char* name, UINT exitCode) {
-    g_help.exitCode.store(exitCode);
-    if (g_help.asked != nullptr) ::SetEvent(g_help.asked);
+// The log's last line, once; an empty path says that there is no report.
+void TellWhere(std::string_view path) {
+    if (g_isInLog.test_and_set()) return;
+    CrashText line;
+    line << "crashed with " << g_name << " in thread ";
+    line.Decimal(g_crashedThread.load());
+    if (path.empty()) {
+        line << ", no report could be written";
+    } else {
+        line << ", report: " << path;
+    }
+    if (const auto log = g_log.load()) log(line.View(), g_crashedThread.load());
+}
+
+// Before all else that the thread does which crashed first; `name` is the exception's or signal's.
+void BeginReport(const char* name, UINT exitCode) {
+    g_crashedThread.store(::GetCurrentThreadId());
+    g_name = name;
+    g_exitCode = exitCode;
+    WatchTheEnd(exitCode, g_limit + kSpareTime);
+}
+
+// What every crash leaves behind.
+void Report(EXCEPTION_POINTERS* exception) {
     Flush();
     CrashText path;
     WriteDump(exception, path);
     Flush();  // what other threads have logged meanwhile
-    CrashText line;
-    line << "crashed with " << name << " in thread ";
-    line.Decimal(::GetCurrentThreadId());
-    if (path.View().empty()) {
-        line << ", no report could be written";
-    } else {
-        line << ", report: " << path.View();
-    }
-    if (const auto log = g_log.load()) log(line.View(), ::GetCurrentThreadId());
+    TellWhere(path.View());
 }
 
-// Another thread that crashes meanwhile: its stack is in the first one's dump.
+// A crash while another one is reported. On another thread: its stack is in the first one's dump, and the
+// end comes soon. On the same thread: the report itself has crashed, and its end is that of the first crash.
 void WaitForTheEnd() {
+    StopIfHelper();
     if (g_crashedThread.load() != ::GetCurrentThreadId()) ::Sleep(INFINITE);
+    TellWhere({});
+    ::TerminateProcess(::GetCurrentProcess(), g_exitCode);
 }
 
 // The process ends with the exception's code.
@@ -190,36 +197,26 @@ LONG WINAPI OnException(EXCEPTION_POINTERS* exception) {
         WaitForTheEnd();
         return EXCEPTION_EXECUTE_HANDLER;
     }
-    g_crashedThread.store(::GetCurrentThreadId());
     const EXCEPTION_RECORD& record = *exception->ExceptionRecord;
+    BeginReport(NameOf(record.ExceptionCode), record.ExceptionCode);
     CrashText line;
     line << "RQWorkerU: crashed with " << NameOf(record.ExceptionCode);
     (line << " ").Hex(record.ExceptionCode);
     AddPlace(line, record.ExceptionAddress);
     line << "\r\n";
     Say(line);
-    Report(exception, NameOf(record.ExceptionCode), record.ExceptionCode);
+    Report(exception);
     return EXCEPTION_EXECUTE_HANDLER;
 }
 
 // The library's abort ends the process with 3 when this returns.
 extern "C" void OnAbort(int) {
     if (g_crashing.test_and_set()) return WaitForTheEnd();
-    g_crashedThread.store(::GetCurrentThreadId());
+    BeginReport("SIGABRT", kAborted);
     CrashText line;
     line << "RQWorkerU: crashed with SIGABRT\r\n";
     Say(line);
-    Report(nullptr, "SIGABRT", kAborted);
-}
-
-// Made at the start: a crashed process should make no thread. It gets a small stack.
-void StartTheHelpingThread() {
-    if (g_help.asked != nullptr) return;
-    g_help.asked = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    g_help.done = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    const HANDLE thread =
-        ::CreateThread(nullptr, 256 * 1024, &HelpACrash, nullptr, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
-    if (thread != nullptr) ::CloseHandle(thread);
+    Report(nullptr);
 }
 
 }  // namespace
@@ -229,7 +226,7 @@ void InstallCrashHandler() {
     if (const HMODULE library = ::LoadLibraryW(L"dbghelp.dll"); library != nullptr)
         g_writeDump = reinterpret_cast<DumpFunction>(
             reinterpret_cast<void (*)()>(::GetProcAddress(library, "MiniDumpWriteDump")));
-    StartTheHelpingThread();
+    StartCrashHelp();
     GiveThreadCrashRoom();
     ::SetUnhandledExceptionFilter(&OnException);
     ::signal(SIGABRT, &OnAbort);

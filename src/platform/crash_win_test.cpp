@@ -14,7 +14,8 @@ class CrashOnWindows : public ::testing::Test {
     // Runs the fixture until it has crashed; its exit code.
     std::uint32_t CrashBy(const std::string& how) {
         kit::Child::Options options;
-        options.environment = {{"RQ_CRASH_FOLDER", m_dir.Utf8("转储")}};
+        options.environment = m_environment;
+        options.environment.emplace_back("RQ_CRASH_FOLDER", m_dir.Utf8("转储"));
         kit::Child child(kit::ProgramIn(RQ_FIXTURES, "rq_process_fixture"), {"crash", how}, options);
         const auto status = child.Wait();
         m_errors = child.Errors();
@@ -38,7 +39,18 @@ class CrashOnWindows : public ::testing::Test {
         EXPECT_TRUE(m_errors.ends_with(name + "\n")) << m_errors;
     }
 
+    void ExpectNoReport(const std::string& name) {
+        const std::string line = "crashed with " + name + " in thread ";
+        const auto log = m_errors.find("\nlog: ");
+        ASSERT_NE(log, std::string::npos) << m_errors;
+        EXPECT_NE(m_errors.find(line, log), std::string::npos) << m_errors;
+        EXPECT_TRUE(m_errors.ends_with(", no report could be written\n")) << m_errors;
+        EXPECT_EQ(m_errors.find("\nlog: ", log + 1), std::string::npos) << m_errors;
+    }
+
     kit::TempDir m_dir;
+    // A busy machine may need long for a dump in Wine.
+    std::vector<std::pair<std::string, std::string>> m_environment = {{"RQ_CRASH_LIMIT_S", "50"}};
     std::string m_errors;
     std::string m_id;
     std::string m_dumpName;
@@ -76,6 +88,51 @@ TEST_F(CrashOnWindows, AStackThatIsUsedUp) {
     if (kit::IsWine()) GTEST_SKIP() << "Wine ends a thread whose stack is used up without any handler";
     EXPECT_EQ(CrashBy("stack"), 0xC00000FDu);
     EXPECT_EQ(m_errors.find("RQWorkerU: crashed with EXCEPTION_STACK_OVERFLOW"), 0u) << m_errors;
+}
+
+// As if the stack were used up: another thread writes the dump.
+TEST_F(CrashOnWindows, TheHelperWritesTheDump) {
+    EXPECT_EQ(CrashBy("0xC00000FD"), 0xC00000FDu);
+    EXPECT_EQ(m_errors.find("RQWorkerU: crashed with EXCEPTION_STACK_OVERFLOW"), 0u) << m_errors;
+    ExpectADump();
+}
+
+TEST_F(CrashOnWindows, WithTheHeapsLock) {
+    m_environment = {{"RQ_CRASH_LIMIT_S", "10"}};
+    EXPECT_EQ(CrashBy("heap-locked"), 0xC0000005u);
+    EXPECT_EQ(m_errors.find("RQWorkerU: crashed with EXCEPTION_ACCESS_VIOLATION"), 0u) << m_errors;
+    if (kit::IsWine() && m_errors.find("a dump is in") == std::string::npos)
+        GTEST_SKIP() << "Wine's dump hung, and the process was ended in time";
+    ExpectADump();
+}
+
+TEST_F(CrashOnWindows, AHookThatHangsIsEnded) {
+    m_environment = {{"RQ_CRASH_LIMIT_S", "0"}};
+    EXPECT_EQ(CrashBy("hook-hangs"), 0xC0000005u);
+    EXPECT_TRUE(m_errors.ends_with("hook\n")) << m_errors;
+}
+
+TEST_F(CrashOnWindows, ADumpThatHangsIsEnded) {
+    m_environment = {{"RQ_CRASH_LIMIT_S", "0"}, {"RQ_CRASH_DUMP", "hangs"}};
+    EXPECT_EQ(CrashBy("segv"), 0xC0000005u);
+    EXPECT_TRUE(m_errors.ends_with("hook\n")) << m_errors;
+    EXPECT_EQ(CrashBy("0xC00000FD"), 0xC00000FDu);
+    EXPECT_TRUE(m_errors.ends_with("hook\n")) << m_errors;
+}
+
+TEST_F(CrashOnWindows, ADumpThatFails) {
+    m_environment = {{"RQ_CRASH_DUMP", "fails"}};
+    EXPECT_EQ(CrashBy("segv"), 0xC0000005u);
+    EXPECT_NE(m_errors.find("\nRQWorkerU: no dump could be written to "), std::string::npos) << m_errors;
+    ExpectNoReport("EXCEPTION_ACCESS_VIOLATION");
+}
+
+TEST_F(CrashOnWindows, ADumpThatCrashesItself) {
+    m_environment = {{"RQ_CRASH_DUMP", "crashes"}};
+    EXPECT_EQ(CrashBy("segv"), 0xC0000005u) << "not the first crash's code";
+    ExpectNoReport("EXCEPTION_ACCESS_VIOLATION");
+    EXPECT_EQ(CrashBy("0xC00000FD"), 0xC00000FDu);
+    ExpectNoReport("EXCEPTION_STACK_OVERFLOW");
 }
 
 TEST_F(CrashOnWindows, AnExceptionThatNobodyCatches) {

@@ -11,9 +11,10 @@
 namespace rq::platform {
 namespace {
 
-// Asks for every value that a handle can have. They are multiples of 4, and the lowest free one is given away first: a
-// long row of free ones is the end of the table. Not NtQuerySystemInformation's table of all handles: Wine 8 does not
-// implement GetProcessHandleCount, and its server crashes when it lists the handles of a process that has none (yet).
+// Asks for every value that a handle can have. They are multiples of 4, and the lowest free one is given away
+// first: a long row of free ones is the end of the table. Not NtQuerySystemInformation's table of all
+// handles: Wine 8 does not implement GetProcessHandleCount, and its server crashes when it lists the handles
+// of a process that has none (yet).
 std::size_t CountByAsking() {
     constexpr std::size_t kFreeAtTheEnd = 256;
     std::size_t count = 0;

@@ -28,6 +28,11 @@ void Hook() noexcept {
     [[maybe_unused]] const auto written = ::write(STDERR_FILENO, "hook\n", 5);
 }
 
+void HangingHook() noexcept {
+    Hook();
+    for (;;) ::pause();
+}
+
 void LogHook(std::string_view line, std::uint32_t thread) noexcept {
     rq::platform::CrashText text;
     text << "log: ";
@@ -97,8 +102,9 @@ bool BeganInItsTree() {
     if (const auto folder = GetEnvironment("RQ_CRASH_FOLDER")) rq::platform::SetCrashFolder(*folder);
     if (const auto program = GetEnvironment("RQ_CRASH_REPORTER"))
         rq::platform::SetCrashReporter(*program, std::chrono::seconds(2));
+    if (how == "hook-hangs") rq::platform::SetCrashReporter({}, std::chrono::seconds(0));
     rq::platform::InstallCrashHandler();
-    rq::platform::SetCrashHook(&Hook);
+    rq::platform::SetCrashHook(how == "hook-hangs" ? &HangingHook : &Hook);
     rq::platform::SetCrashLog(&LogHook);
     if (how == "segv") {
         volatile int* nowhere = nullptr;
@@ -128,6 +134,8 @@ bool BeganInItsTree() {
         std::vector<std::thread> threads;
         for (int i = 0; i < 20; ++i) threads.emplace_back([] { ::raise(SIGSEGV); });
         for (std::thread& thread : threads) thread.join();
+    } else if (how == "hook-hangs") {
+        ::raise(SIGSEGV);
     } else if (how == "child") {
         if (::fork() == 0) ::raise(SIGSEGV);
         ::wait(nullptr);

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <stdexcept>
 #include <string_view>
@@ -36,6 +37,43 @@ const bool g_beganInItsTree = IsInJob();
 void Hook() noexcept {
     DWORD written = 0;
     ::WriteFile(::GetStdHandle(STD_ERROR_HANDLE), "hook\r\n", 6, &written, nullptr);
+}
+
+void HangingHook() noexcept {
+    Hook();
+    ::Sleep(INFINITE);
+}
+
+BOOL WINAPI DumpForEver() {
+    ::Sleep(INFINITE);
+    return TRUE;
+}
+
+BOOL WINAPI DumpNothing() {
+    return FALSE;
+}
+
+BOOL WINAPI DumpAndCrash() {
+    ::RaiseException(0xE0005678, 0, 0, nullptr);
+    return TRUE;
+}
+
+// From now on the system's function for dumps is that one: it jumps there.
+void DumpBy(BOOL(WINAPI* function)()) {
+    unsigned char jump[] = {0x48, 0xB8, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xE0};  // mov rax, ...; jmp rax
+    std::memcpy(jump + 2, &function, sizeof function);
+    void* place =
+        reinterpret_cast<void*>(::GetProcAddress(::LoadLibraryW(L"dbghelp.dll"), "MiniDumpWriteDump"));
+    DWORD before = 0;
+    ::VirtualProtect(place, sizeof jump, PAGE_EXECUTE_READWRITE, &before);
+    std::memcpy(place, jump, sizeof jump);
+    ::VirtualProtect(place, sizeof jump, before, &before);
+    ::FlushInstructionCache(::GetCurrentProcess(), place, sizeof jump);
+}
+
+void WriteNowhere() {
+    volatile int* nowhere = nullptr;
+    *nowhere = 1;
 }
 
 void LogHook(std::string_view line, std::uint32_t thread) noexcept {
@@ -101,12 +139,20 @@ bool BeganInItsTree() {
 
 void Crash(const std::string& how) {
     if (const auto folder = GetEnvironment("RQ_CRASH_FOLDER")) SetCrashFolder(*folder);
+    if (const auto limit = GetEnvironment("RQ_CRASH_LIMIT_S"))
+        SetCrashReporter({}, std::chrono::seconds(std::atoi(limit->c_str())));
+    const std::string dump = GetEnvironment("RQ_CRASH_DUMP").value_or("");
+    if (dump == "hangs") DumpBy(&DumpForEver);
+    if (dump == "fails") DumpBy(&DumpNothing);
+    if (dump == "crashes") DumpBy(&DumpAndCrash);
     InstallCrashHandler();
-    SetCrashHook(&Hook);
+    SetCrashHook(how == "hook-hangs" ? &HangingHook : &Hook);
     SetCrashLog(&LogHook);
-    if (how == "segv") {
-        volatile int* nowhere = nullptr;
-        *nowhere = 1;
+    if (how == "segv" || how == "hook-hangs") {
+        WriteNowhere();
+    } else if (how == "heap-locked") {
+        ::HeapLock(::GetProcessHeap());
+        WriteNowhere();
     } else if (how == "stack") {
         volatile int depth = 1;
         std::exit(Overflow(&depth));

@@ -1,0 +1,90 @@
+#include "platform/crash_help_win.h"
+
+#include <atomic>
+
+namespace rq::platform {
+
+namespace {
+
+constexpr SIZE_T kStack_bytes = 256 * 1024;
+
+struct Watch {
+    HANDLE begin = nullptr;
+    // Both written before `begin` is set.
+    std::atomic<UINT> exitCode{0};
+    std::atomic<ULONGLONG> deadline_ms{0};
+} g_watch;
+
+struct Help {
+    HANDLE begin = nullptr;
+    HANDLE end = nullptr;
+    DWORD thread = 0;
+    std::atomic<void (*)()> work{nullptr};
+    std::atomic<bool> isDone{false};
+} g_help;
+
+DWORD WINAPI Watcher(void*) {
+    ::WaitForSingleObject(g_watch.begin, INFINITE);
+    const ULONGLONG deadline_ms = g_watch.deadline_ms.load();
+    for (;;) {
+        const ULONGLONG now_ms = ::GetTickCount64();
+        if (now_ms >= deadline_ms) break;
+        ::Sleep(static_cast<DWORD>(deadline_ms - now_ms));
+    }
+    ::TerminateProcess(::GetCurrentProcess(), g_watch.exitCode.load());
+    return 0;
+}
+
+DWORD WINAPI Helper(void*) {
+    ::WaitForSingleObject(g_help.begin, INFINITE);
+    g_help.work.load()();
+    g_help.isDone.store(true);
+    ::SetEvent(g_help.end);
+    return 0;
+}
+
+HANDLE NewEvent() {
+    return ::CreateEventW(nullptr, TRUE, FALSE, nullptr);  // once set, it stays so
+}
+
+DWORD StartThread(LPTHREAD_START_ROUTINE routine) {
+    DWORD id = 0;
+    const HANDLE thread =
+        ::CreateThread(nullptr, kStack_bytes, routine, nullptr, STACK_SIZE_PARAM_IS_A_RESERVATION, &id);
+    if (thread == nullptr) return 0;
+    ::CloseHandle(thread);
+    return id;
+}
+
+}  // namespace
+
+void StartCrashHelp() {
+    if (g_watch.begin != nullptr) return;
+    g_watch.begin = NewEvent();
+    g_help.begin = NewEvent();
+    g_help.end = NewEvent();
+    if (g_watch.begin != nullptr) StartThread(&Watcher);
+    if (g_help.begin != nullptr && g_help.end != nullptr) g_help.thread = StartThread(&Helper);
+}
+
+void WatchTheEnd(UINT exitCode, std::chrono::milliseconds limit) {
+    g_watch.exitCode.store(exitCode);
+    g_watch.deadline_ms.store(::GetTickCount64() + static_cast<ULONGLONG>(limit.count()));
+    if (g_watch.begin != nullptr) ::SetEvent(g_watch.begin);
+}
+
+bool HaveHelperDo(void (*work)()) {
+    if (g_help.thread == 0) return false;
+    g_help.work.store(work);
+    ::SetEvent(g_help.begin);
+    ::WaitForSingleObject(g_help.end, INFINITE);  // the watcher's limit holds
+    return g_help.isDone.load();
+}
+
+void StopIfHelper() {
+    if (g_help.thread != ::GetCurrentThreadId()) return;
+    ::SetEvent(g_help.end);
+    ::Sleep(INFINITE);
+}
+
+}  // namespace rq::platform
