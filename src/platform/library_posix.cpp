@@ -17,19 +17,22 @@ namespace {
 constexpr int kFlags = RTLD_NOW | RTLD_LOCAL;
 constexpr int kDeepest = 32;  // libraries that need libraries; a circle ends here
 
-void TakeError(OsError* error) {
-    const char* text = ::dlerror();
-    if (error == nullptr) return;
-    error->code = 0;
-    error->message = std::string("dlopen ") + (text != nullptr ? text : "failed");
-}
-
 bool HasSeparator(const std::string& path) {
     return path.find('/') != std::string::npos;
 }
 
 bool Exists(const std::string& path) {
     return ::access(path.c_str(), F_OK) == 0;
+}
+
+// Of a library for another machine the linker says that there is no such file.
+void TakeError(const std::string& path, OsError* error) {
+    const char* text = ::dlerror();
+    if (error == nullptr) return;
+    error->code = 0;
+    error->message = std::string("dlopen ") + (text != nullptr ? text : "failed");
+    if (error->message.starts_with("dlopen " + path + ": cannot open") && ::access(path.c_str(), R_OK) == 0)
+        error->message += " (it is there and can be read: it was built for another kind of machine)";
 }
 
 std::string FolderWithSlash(const std::string& path) {
@@ -61,7 +64,7 @@ void* LoadWithFolder(const std::string& path, const std::string& folder, FolderT
     if (turn == FolderTurn::BeforeSystem) LoadNeeded(path, folder, turn, depth, nullptr);
     void* library = ::dlopen(path.c_str(), kFlags);
     if (library != nullptr) return library;
-    TakeError(error);
+    TakeError(path, error);
     OsError inner;
     if (turn == FolderTurn::BeforeSystem) return nullptr;
     if (!LoadNeeded(path, folder, turn, depth, &inner)) {
@@ -70,7 +73,7 @@ void* LoadWithFolder(const std::string& path, const std::string& folder, FolderT
         return nullptr;
     }
     library = ::dlopen(path.c_str(), kFlags);
-    if (library == nullptr) TakeError(error);
+    if (library == nullptr) TakeError(path, error);
     return library;
 }
 
@@ -86,7 +89,7 @@ void* LoadPlainLibrary(const std::string& path, OsError* error) {
         return LoadWithFolder(beside, "./", FolderTurn::AfterSystem, 0, error);
     }
     if (void* library = ::dlopen(path.c_str(), kFlags); library != nullptr) return library;
-    TakeError(error);
+    TakeError(path, error);
     if (!Exists("./" + path)) return nullptr;
     return LoadWithFolder("./" + path, "./", FolderTurn::AfterSystem, 0, error);
 }
@@ -99,7 +102,7 @@ void* LoadLibraryAltered(const std::string& path, OsError* error) {
     if (HasSeparator(where))
         return LoadWithFolder(where, FolderWithSlash(where), FolderTurn::BeforeSystem, 0, error);
     void* library = ::dlopen(where.c_str(), kFlags);
-    if (library == nullptr) TakeError(error);
+    if (library == nullptr) TakeError(where, error);
     return library;
 }
 

@@ -56,6 +56,20 @@ TEST_F(Library, PlainDoesNotLookBesideTheLibraryItself) {
     EXPECT_NE(error.message.find(m_needed), std::string::npos) << error.message;
 }
 
+TEST_F(Library, OfAnotherKindOfMachineIsToldAsSuch) {
+    std::string bytes = kit::ReadBytes(fs::path(RQ_FIXTURES) / m_needed);
+    if (!bytes.starts_with("\x7f"
+                           "ELF"))
+        GTEST_SKIP() << "the system itself says so of other libraries than ELF ones";
+    bytes[18] = '\xB7';  // the machine: 64-bit ARM
+    m_dir.Write("other.so", bytes);
+    OsError error;
+    EXPECT_EQ(LoadLibraryAltered(m_dir.Utf8("other.so"), &error), nullptr);
+    EXPECT_NE(error.message.find("built for another kind of machine"), std::string::npos) << error.message;
+    EXPECT_EQ(LoadLibraryAltered(m_dir.Utf8("missing.so"), &error), nullptr);
+    EXPECT_EQ(error.message.find("kind of machine"), std::string::npos) << error.message;
+}
+
 TEST_F(Library, ADamagedNeededLibraryIsNamed) {
     Copy(m_needing, m_dir.Path());
     m_dir.Write(m_needed, "this is no library");
