@@ -1,6 +1,6 @@
 // Streams of corpus/ and transcripts/, as they stand and mutated by a seed, into the frame reader, the
 // decoders and a session: whatever comes in, nothing crashes (the sanitizers look on) and what is promised of
-// every stream holds. RQ_FUZZ_ROUNDS mutations of each file (1000), beginning with the seed RQ_FUZZ_SEED (1);
+// every stream holds. RQ_FUZZ_ROUNDS mutations of each file (200), beginning with the seed RQ_FUZZ_SEED (1);
 // a failure names the file, the seed and the bytes, which then belong into corpus/.
 #include <gtest/gtest.h>
 
@@ -359,7 +359,7 @@ void Check(const std::string& bytes, std::uint64_t seed) {
 TEST(LinkFuzz, TheCorpusAndItsMutations) {
     const Corpus corpus = ReadCorpus();
     ASSERT_GE(corpus.streams.size(), 30u);
-    const std::uint64_t rounds = FromEnvironment("RQ_FUZZ_ROUNDS", 1'000);
+    const std::uint64_t rounds = FromEnvironment("RQ_FUZZ_ROUNDS", 200);
     const std::uint64_t firstSeed = FromEnvironment("RQ_FUZZ_SEED", 1);
     for (std::size_t i = 0; i < corpus.streams.size(); ++i) {
         for (std::uint64_t round = 0; round <= rounds; ++round) {
