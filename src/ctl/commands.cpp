@@ -54,13 +54,22 @@ std::uintmax_t TotalSize(const std::vector<Md5Job>& jobs) {
     return total_bytes;
 }
 
+// What the engine takes.
+constexpr std::size_t kBodyLimit_bytes = 16u * 1024u * 1024u;
+
 Outcome<int> Submit(const std::string& dataFolder, const std::string& type, const std::string& text,
                     const std::string& name, const std::optional<Follow>& follow,
                     std::uintmax_t work_bytes = 0) {
     auto engine = EngineAccess::Open(dataFolder);
     if (!engine) return engine.error();
     const json body = {{"type", type}, {"text", text}, {"name", name}};
-    const auto answer = (*engine)->Post("/api/v1/tasks", body.dump());
+    const std::string sent = body.dump();
+    if (sent.size() > kBodyLimit_bytes)
+        return Failure(
+            kExitUsage,
+            "the task's text is too large: a task may have 16 MiB with its name, as JSON, and this one has " +
+                std::to_string(sent.size()) + " bytes");
+    const auto answer = (*engine)->Post("/api/v1/tasks", sent);
     if (!answer) return answer.error();
     const std::string id = answer->value("id", "");
     if (follow) return WatchTask(**engine, id, *follow, work_bytes);
@@ -71,11 +80,16 @@ Outcome<int> Submit(const std::string& dataFolder, const std::string& type, cons
 Outcome<std::string> ReadText(const std::string& file) {
     std::string text;
     if (file == "-") {
-        text.assign(std::istreambuf_iterator<char>(std::cin), {});
+        text.resize(kBodyLimit_bytes + 1);
+        std::cin.read(text.data(), static_cast<std::streamsize>(text.size()));
+        text.resize(static_cast<std::size_t>(std::cin.gcount()));
+        if (text.size() > kBodyLimit_bytes)
+            return Failure(kExitUsage,
+                           "--text: standard input has more than 16 MiB, the most that a task may have");
     } else {
         platform::OsError error;
-        auto whole = platform::ReadWholeFile(file, &error);
-        if (!whole) return Failure(kExitUsage, "--text: " + error.message);
+        auto whole = platform::ReadWholeFile(file, &error, kBodyLimit_bytes);
+        if (!whole) return Failure(kExitUsage, "--text: " + error.message + " (a task may have 16 MiB)");
         text = std::move(*whole);
     }
     const std::string name = file == "-" ? "standard input" : file;

@@ -164,6 +164,18 @@ TEST(Failures, EmptyDataFolderIsRefused) {
     EXPECT_NE(engine.Errors().find("--data"), std::string::npos) << engine.Errors();
 }
 
+TEST(Failures, ATextThatIsLargerThanATaskMayBeIsRefused) {
+    Node node;
+    kit::TempDir folder;
+    folder.Write("text", std::string(16u * 1024 * 1024 + 1, 'a'));
+    folder.Write("grows", std::string(3u * 1024 * 1024, '\x01'));  // six bytes each in JSON
+    for (const char* name : {"text", "grows"}) {
+        const Outcome outcome = node.Ctl({"submit", "--type", "mc", "--text", folder.Utf8(name)});
+        EXPECT_EQ(outcome.code, 2) << name;
+        EXPECT_NE(outcome.errors.find("a task may have 16 MiB"), std::string::npos) << outcome.errors;
+    }
+}
+
 TEST(Failures, SecondEngineOnTheSameDataIsRefused) {
     Node node;
     kit::Child second(kit::ProgramIn(node.Stage(), "rqengine"),
