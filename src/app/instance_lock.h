@@ -8,9 +8,9 @@
 
 namespace rq {
 
-// One file lock that is refused to everybody else, this process included. File locks of some systems belong
-// to the process and are granted to it again and again, and letting go of somebody else's lock is silently
-// accepted there; so this remembers whether it has the lock.
+// One file lock that is refused to other processes, and to a second try of this object. File locks of some
+// systems belong to the process and are granted to it again and again, and letting go of somebody else's lock
+// is silently accepted there; so this remembers whether it has the lock.
 class InstanceLock {
   public:
     // Opens the file; boost::interprocess::interprocess_exception when it cannot be opened for reading and

@@ -6,6 +6,7 @@ import pty
 import select
 import sys
 import tempfile
+import termios
 import time
 import unittest
 
@@ -90,10 +91,29 @@ class AtATerminal(unittest.TestCase):
         self.check_pause(terminal)
         self.assertIn(("argc:\r\n1" + FIRST_LINE + "\r\n").encode(), terminal.output)
 
+    def test_control_c_is_a_key_and_the_terminal_keeps_its_echo(self):
+        terminal = self.start([])
+        before = termios.tcgetattr(terminal.terminal)[3]
+        self.assertTrue(before & termios.ECHO and before & termios.ISIG)
+        self.assertTrue(terminal.read_until(PROMPT), terminal.output)
+        end = time.monotonic() + PATIENCE_S
+        while termios.tcgetattr(terminal.terminal)[3] == before and time.monotonic() < end:
+            time.sleep(0.01)
+        terminal.press(b"\x03")
+        while not terminal.has_ended() and time.monotonic() < end:
+            terminal.read_for(0.05)
+        self.assertEqual(termios.tcgetattr(terminal.terminal)[3], before)
+        self.assertEqual(terminal.exit_code(), 0)
+
     def test_usage_in_the_encoding_of_the_locale(self):
         terminal = self.start([], LC_ALL="zh_CN.GBK")
         self.check_pause(terminal)
         self.assertIn(FIRST_LINE.encode("gbk"), terminal.output)
+
+    def test_usage_in_gb18030(self):
+        terminal = self.start([], LC_ALL="zh_CN.GB18030")
+        self.check_pause(terminal)
+        self.assertIn(FIRST_LINE.encode("gb18030"), terminal.output)
 
     def test_usage_in_an_encoding_that_is_neither(self):
         terminal = self.start([], LC_ALL="zh_TW.BIG5")

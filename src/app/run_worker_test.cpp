@@ -7,6 +7,7 @@
 #include "app/restart_worker.h"
 #include "util/console_capture.h"
 #include "util/log_capture.h"
+#include "util/output_capture.h"
 
 namespace rq {
 namespace {
@@ -119,6 +120,21 @@ TEST_F(RunWorkerTest, WithoutMemoryNothingIsPutBack) {
     EXPECT_EQ(m_events, (Events{"filter", "locale", "allocate"}));
     EXPECT_EQ(m_log.Lines().size(), 1u);
     EXPECT_EQ(m_console.Text(), "");
+}
+
+TEST_F(RunWorkerTest, TheFilterComesAfterTheFirstLine) {
+    OutputCapture output;
+    m_seams.installCrashFilter = [&] { output.Note("filter"); };
+    EXPECT_EQ(RunWorker("mc", "text", m_seams), 0);
+    EXPECT_EQ(output.Row(), (Events{"1 ==>Worker Begin DoWork", "filter"}));
+}
+
+TEST_F(RunWorkerTest, ARejectedTypeIsLoggedBeforeItIsPrinted) {
+    OutputCapture output;
+    EXPECT_EQ(RunWorker("abc", "text", m_seams), -1);
+    EXPECT_EQ(output.Row(), (Events{"1 ==>Worker Begin DoWork", "4 The input type para is wrong. type:abc",
+                                    "> 输入的类型参数不正确\n"}));
+    delete m_core;
 }
 
 TEST_F(RunWorkerTest, RejectedTypes) {

@@ -23,7 +23,7 @@ namespace utility = KWOVL_UTILITY;
 // Whatever is written after this goes to "<daily folder>/<prefix>_W.log"; an empty prefix leaves "_W.log".
 void OpenLog() {
     const WideText path = GetDailyLogDir() + ProcessCommandLine().LogFilePrefix + L"_W.log";
-    utility::OVLInitWriteLog(kLogTag, path, true);
+    utility::OVLInitWriteLog(LogChannelTag, path, true);
 }
 
 void NameLog(const wchar_t* type, const wchar_t* parameterFile, Clock& clock) {

@@ -12,6 +12,7 @@
 #include "util/console_capture.h"
 #include "util/directories.h"
 #include "util/log_capture.h"
+#include "util/output_capture.h"
 #include "util/utility.h"
 #include "util/worker_util.h"
 #include "worker/worker_base.h"
@@ -235,6 +236,33 @@ TEST_F(StartUpTest, LogLines) {
                                  {"ACT", 1, "==>Worker End Load CrashDump.dll", "MAIN"},
                              }));
     EXPECT_EQ(m_loaded, (std::vector<std::string>{platform::SharedLibraryFileName("CrashDump")}));
+}
+
+TEST_F(StartUpTest, LinesCallsAndEchoesInTheirOrder) {
+    OutputCapture output;
+    m_seams.moduleHandle = [&] {
+        output.Note("module");
+        return m_module;
+    };
+    m_seams.initialiseMfc = [&](void*) {
+        output.Note("mfc");
+        return true;
+    };
+    m_seams.loadLibrary = [&](const std::string&) {
+        output.Note("load");
+        return m_crashDump;
+    };
+    m_seams.runWorker = [&](const std::string&, const std::string&) {
+        output.Note("run");
+        return 0;
+    };
+    Start({L"mc", L"<x/>", L"1"});
+    EXPECT_EQ(output.Row(),
+              (std::vector<std::string>{
+                  "module", "mfc", "> argc:\n4", "2 RQWorkerU.exe Version:1.13.0.0 build20170531",
+                  "1 ==>Worker Begin Load CrashDump.dll", "load", "1 ==>Worker End Load CrashDump.dll",
+                  "> " + Echo("Type:", 1), "> " + Echo("ServerPort:", 3), "3 Eos Called!",
+                  "> " + Echo("Type:", 1), "> " + Echo("Cmd:", 2), "run"}));
 }
 
 TEST_F(StartUpTest, AMissingCrashDumpLibraryStopsNothing) {

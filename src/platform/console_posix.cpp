@@ -143,8 +143,9 @@ void PauseForKey() {
     WriteStandardOutput("Press any key to continue . . . ");
     termios before{};
     if (::tcgetattr(STDIN_FILENO, &before) != 0) return;
+    // Ctrl-C is a key like any other: ended here, the program would leave the terminal without its echo.
     termios raw = before;
-    raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+    raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ISIG);
     raw.c_cc[VMIN] = 1;
     raw.c_cc[VTIME] = 0;
     ::tcsetattr(STDIN_FILENO, TCSANOW, &raw);

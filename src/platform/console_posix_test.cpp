@@ -2,6 +2,7 @@
 
 #include "kit/child.h"
 #include "kit/temp_dir.h"
+#include "platform/codepage.h"
 #include "platform/console.h"
 
 namespace rq::platform {
@@ -36,6 +37,12 @@ TEST(ConsoleOnLinux, AReaderThatWentAwayDoesNotEndTheProcess) {
         "/bin/sh", {"-c", script, "sh", std::string(RQ_FIXTURES) + "/rq_process_fixture", dir.Utf8("code")});
     EXPECT_EQ(child.ExitCode(), 0);
     EXPECT_EQ(kit::ReadBytes(dir.Path() / "code"), "5\n");
+}
+
+// A character that GBK lacks.
+TEST(ConsoleOnLinux, ATerminalWithGb18030GetsEveryCharacter) {
+    EXPECT_EQ(Utf8ToEncoding("\xF0\xA0\x80\x80", "GB18030"), "\x95\x32\x82\x36");
+    EXPECT_EQ(Utf8ToEncoding("\xF0\xA0\x80\x80", "GBK"), "?");
 }
 
 }  // namespace

@@ -219,6 +219,21 @@ extern "C" void OnAbort(int) {
     Report(nullptr);
 }
 
+#if defined(_MSC_VER)
+const auto SetAbortBehavior = &::_set_abort_behavior;
+#else
+// Which C run-time library is behind this program, and whether it knows the call, shows at run time.
+void SetAbortBehavior(unsigned flags, unsigned mask) {
+    for (const wchar_t* name : {L"ucrtbase.dll", L"msvcrt.dll"}) {
+        const HMODULE library = ::GetModuleHandleW(name);
+        if (library == nullptr) continue;
+        const auto set = reinterpret_cast<unsigned(__cdecl*)(unsigned, unsigned)>(
+            reinterpret_cast<void (*)()>(::GetProcAddress(library, "_set_abort_behavior")));
+        if (set != nullptr) set(flags, mask);
+    }
+}
+#endif
+
 }  // namespace
 
 void InstallCrashHandler() {
@@ -268,11 +283,11 @@ bool GiveThreadCrashRoom() noexcept {
 
 // A wanted abort is no crash: nothing is written for it.
 void SilenceAbort() {
+    constexpr unsigned kWriteMessage = 1;
+    constexpr unsigned kCallReportFault = 2;
     ::signal(SIGABRT, SIG_DFL);
-#if defined(_MSC_VER) || defined(_UCRT)
-    ::_set_abort_behavior(0, _WRITE_ABORT_MSG);
-    ::_set_abort_behavior(0, _CALL_REPORTFAULT);
-#endif
+    SetAbortBehavior(0, kWriteMessage);
+    SetAbortBehavior(0, kCallReportFault);
 }
 
 void LeaveNoCore() {}

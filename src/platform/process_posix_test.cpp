@@ -83,6 +83,14 @@ TEST(ProcessOnLinux, ThisProcessHasItsNumber) {
     EXPECT_EQ(CurrentProcessId(), static_cast<std::uint64_t>(::getpid()));
 }
 
+TEST(ProcessOnLinux, APathThatIsStartedDetachedMayHoldQuotes) {
+    const TempDir dir;
+    const std::string copy = dir.Utf8("a \"copy\" of it");
+    std::filesystem::copy_file(std::string(RQ_FIXTURES) + "/rq_process_fixture", copy);
+    EXPECT_GT(StartDetached("\"" + copy + "\""), 31u);
+    EXPECT_TRUE(kit::WaitForText(copy + ".ran", "\n"));
+}
+
 TEST(ProcessOnLinux, WhatIsStartedDetachedIsNobodysChildHere) {
     const TempDir dir;
     const std::string copy = dir.Utf8("copy");

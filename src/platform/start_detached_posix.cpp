@@ -34,9 +34,10 @@ unsigned FailureCode(int code) {
     }
 }
 
+// A path may hold quotes of its own: the last one closes it.
 std::string WithoutQuotes(const std::string& commandLine) {
     if (commandLine.size() < 2 || commandLine.front() != '"') return commandLine;
-    return commandLine.substr(1, commandLine.find('"', 1) - 1);
+    return commandLine.substr(1, commandLine.rfind('"') - 1);
 }
 
 }  // namespace

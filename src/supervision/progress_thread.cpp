@@ -92,7 +92,7 @@ EngineProgressMessage ProgressWatch::MakeMessage() const {
         const auto runner = m_core.Runner();
         const std::string id = runner ? runner->GetTaskId() : std::string();
         KWOVL_UTILITY::OVLWriteLog(
-            kLogTag, 3,
+            LogChannelTag, 3,
             L" task( " + KWOVL_UTILITY::OVLStringToTString(id) + L" ) process is more then 100.0.",
             KWOVL_UTILITY::OVLStringToTString(kModuleMain));
         entry.percent = static_cast<float>(kFullPercent);

@@ -93,11 +93,12 @@ TEST(Console, TheEncodingIsForcedOrThatOfTheTerminalOrGbk) {
     EXPECT_EQ(ChooseConsoleEncoding(std::nullopt, true, "GBK"), Gbk);
     EXPECT_EQ(ChooseConsoleEncoding("utf-8", false, ""), Utf8);
     EXPECT_EQ(ChooseConsoleEncoding("gbk", true, "UTF-8"), Gbk);
-    for (const char* name : {"GB2312", "gb18030", "CP936", "936"})
-        EXPECT_EQ(EncodingByName(name), Gbk) << name;
+    for (const char* name : {"GB2312", "gbk", "CP936", "936"}) EXPECT_EQ(EncodingByName(name), Gbk) << name;
     for (const char* name : {"UTF-8", "utf8", "ANSI_X3.4-1968", ""})
         EXPECT_EQ(EncodingByName(name), Utf8) << name;
     EXPECT_EQ(EncodingByName("big5"), "BIG5");
+    EXPECT_EQ(ChooseConsoleEncoding(std::nullopt, true, "GB18030"), "GB18030");
+    EXPECT_EQ(ChooseConsoleEncoding("gb18030", true, "UTF-8"), Gbk);
     EXPECT_EQ(ChooseConsoleEncoding(std::nullopt, true, "ISO-8859-1"), "ISO-8859-1");
 }
 

@@ -32,7 +32,7 @@ ConsoleEncoding OfThisProcess() {
 ConsoleEncoding EncodingByName(std::string_view name) {
     std::string upper(name);
     std::transform(upper.begin(), upper.end(), upper.begin(), UpperAscii);
-    constexpr std::array<std::string_view, 5> kGbk{"GBK", "GB2312", "GB18030", "CP936", "936"};
+    constexpr std::array<std::string_view, 4> kGbk{"GBK", "GB2312", "CP936", "936"};
     constexpr std::array<std::string_view, 6> kUtf8{"",      "UTF-8",    "UTF8",
                                                     "ASCII", "US-ASCII", "ANSI_X3.4-1968"};
     if (std::find(kGbk.begin(), kGbk.end(), upper) != kGbk.end()) return kConsoleGbk;
@@ -41,7 +41,10 @@ ConsoleEncoding EncodingByName(std::string_view name) {
 
 ConsoleEncoding ChooseConsoleEncoding(const std::optional<std::string>& forced, bool isTerminal,
                                       std::string_view terminalEncoding) {
-    if (forced && !forced->empty()) return EncodingByName(*forced);
+    if (forced && !forced->empty()) {
+        const ConsoleEncoding encoding = EncodingByName(*forced);
+        return encoding == "GB18030" ? kConsoleGbk : encoding;
+    }
     return isTerminal ? EncodingByName(terminalEncoding) : kConsoleGbk;
 }
 

@@ -12,12 +12,12 @@ using ConsoleEncoding = std::string;
 inline constexpr const char* kConsoleGbk = "GBK";
 inline constexpr const char* kConsoleUtf8 = "UTF-8";
 
-// "GBK", "GB2312", "GB18030", "CP936" and "936" in any case are GBK; no name, "UTF8" and the names of ASCII
+// "GBK", "GB2312", "CP936" and "936" in any case are GBK; no name, "UTF8" and the names of ASCII
 // are UTF-8, whose ASCII part every terminal shows; every other name is that encoding.
 ConsoleEncoding EncodingByName(std::string_view name);
 
-// `forced` is RQ_CONSOLE_ENCODING (empty counts as absent); a redirected output is GBK, a terminal has its
-// own.
+// `forced` is RQ_CONSOLE_ENCODING (empty counts as absent; "GB18030" is GBK, which is a part of it that every
+// platform has); a redirected output is GBK, a terminal has its own.
 ConsoleEncoding ChooseConsoleEncoding(const std::optional<std::string>& forced, bool isTerminal,
                                       std::string_view terminalEncoding);
 

@@ -45,7 +45,7 @@ void Quietly(Function function) noexcept {
 }  // namespace
 
 void Log(int level, std::string text, std::string module) {
-    KWOVL_UTILITY::OVLWriteLog(kLogTag, level, std::move(text), std::move(module));
+    KWOVL_UTILITY::OVLWriteLog(LogChannelTag, level, std::move(text), std::move(module));
 }
 
 void CrashFlushLog() noexcept {

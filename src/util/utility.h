@@ -33,8 +33,9 @@ void OVLWriteLog(std::int32_t level, std::string text, std::string module);
 // Writes out what is buffered. Lines of level 3 and more, each second and a normal end do so by themselves;
 // whoever calls abort() calls this first. (For a crash handler: util/log_crash.h.)
 void OVLFlushLog();
-// The log root, ending with a separator: RQ_LOG_DIR, else "logs" in the per-user data folder. Absolute, fixed
-// at the first call of this or OVLIniGetPath, since the working directory moves later. Always 0.
+// The log root, ending with a separator: RQ_LOG_DIR, else Root in [Log] of RQWorker.ini, else "logs" in the
+// per-user data folder. Absolute, fixed at the first call of this or OVLIniGetPath, since the working
+// directory moves later. Always 0.
 std::int32_t OVLGetLogDir(std::string& directory);
 
 // ---- INI texts ----

@@ -10,7 +10,7 @@
 namespace rq {
 
 // The tag and module of nearly every log line.
-inline constexpr const char* kLogTag = "ACT";
+inline constexpr const char* LogChannelTag = "ACT";
 inline constexpr const char* kModuleMain = "MAIN";
 
 // One line to the worker's log, tag "ACT". Module "MAIN" unless told.

@@ -123,7 +123,8 @@ void EngineOrders::AnswerThenRead(const TaskCommandPayload* payload, std::uint32
 }
 
 void EngineOrders::Cancel(const TaskCommandPayload* payload) {
-    AnswerThenRead(payload, TCP_TASK_CANCEL_REPLY_ID, Texts().cancelled, "Status=Cancel, SendMSG..", kLogTag);
+    AnswerThenRead(payload, TCP_TASK_CANCEL_REPLY_ID, Texts().cancelled, "Status=Cancel, SendMSG..",
+                   LogChannelTag);
     m_core.SetClose(kCloseCancel);
     m_core.m_working = false;
 }

@@ -35,6 +35,27 @@ TEST(ErrorNameCommand, TellsNameAndTextOfACode) {
               "text:    KWR_DMC_ERROR_80000011\n");
 }
 
+TEST(ErrorNameCommand, ANegativeCodeIsNoOption) {
+    const kit::TempDir folder;  // no texts
+    const Outcome five = Ask({"error-name", "-5", "--family", "4"}, folder.Utf8());
+    EXPECT_EQ(five.code, 0) << five.errors;
+    EXPECT_EQ(five.output,
+              "code:    0xFFFFFFFB\nfamily:  4 (task)\nname:    KWR_OVL_ERROR_FFFFFFFB\n"
+              "text:    KWR_OVL_ERROR_FFFFFFFB\n");
+}
+
+TEST(ErrorNameCommand, EachFamilyAnswersForItself) {
+    const kit::TempDir folder;  // no texts
+    const std::string names[] = {"1 (network and transfer)\nname:    KWR_TRANSFER_ERROR_1\n",
+                                 "2 (codec)\nname:    dwKWRSOFTCODEC_CANCLED\n",
+                                 "3 (inspection)\nname:    KWR_VACHECK_SDK_ERROR_1\n"};
+    for (const std::string& name : names) {
+        const Outcome one = Ask({"error-name", "1", "--family", name.substr(0, 1)}, folder.Utf8());
+        EXPECT_EQ(one.code, 0) << one.errors;
+        EXPECT_EQ(one.output.find("code:    0x00000001\nfamily:  " + name + "text:    "), 0u) << one.output;
+    }
+}
+
 TEST(ErrorNameCommand, WrongUseIsRefused) {
     for (const std::vector<std::string>& arguments : {std::vector<std::string>{"error-name"},
                                                       {"error-name", "six"},

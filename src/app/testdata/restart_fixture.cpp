@@ -17,7 +17,7 @@ int main(int argc, char** argv) {
     if (argc != 2 || std::string_view(argv[1]) != "time-out") {
         return rq::platform::ReplaceWholeFile(program + ".ran", std::to_string(argc) + "\n", false) ? 0 : 1;
     }
-    KWOVL_UTILITY::OVLInitWriteLog(rq::kLogTag, rq::WidenUtf8(program + ".log"), true);
+    KWOVL_UTILITY::OVLInitWriteLog(rq::LogChannelTag, rq::WidenUtf8(program + ".log"), true);
     rq::Log(1, "before");
     rq::InstallCrashFilter();
     rq::OnSupervisionEvent(0, 0, 0);
