@@ -76,9 +76,15 @@ TypeTableReading Failure(std::string problem) {
     return reading;
 }
 
+// TinyXML passes over a byte order mark only where it reads UTF-8.
+std::string WithoutMark(std::string bytes) {
+    if (bytes.starts_with("\xEF\xBB\xBF")) bytes.erase(0, 3);
+    return bytes;
+}
+
 class TableReader {
   public:
-    explicit TableReader(std::string bytes) : m_xml(std::move(bytes)) {}
+    explicit TableReader(std::string bytes) : m_xml(WithoutMark(std::move(bytes))) {}
 
     TypeTableReading Read() {
         if (std::optional<std::string> problem =

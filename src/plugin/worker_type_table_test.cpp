@@ -280,6 +280,12 @@ TEST_F(WorkerTypeTableTest, GbkUnderAUtf8DeclarationIsNoError) {
     EXPECT_EQ(PathOf(1), L"a\u6d63");
 }
 
+TEST_F(WorkerTypeTableTest, AByteOrderMarkBeforeBytesThatAreNotUtf8) {
+    Write("\xEF\xBB\xBF<c><WORKER><TYPE>1</TYPE><PATH>a\xff\xff/b</PATH></WORKER></c>");
+    EXPECT_EQ(PathOf(1), L"a\ufffd\ufffd/b");
+    EXPECT_THAT(Failures(), IsEmpty());
+}
+
 TEST_F(WorkerTypeTableTest, BytesThatAreNeitherUtf8NorGbkAreNoError) {
     Write("<c><X>\xff\xff\xfe</X><WORKER><TYPE>1</TYPE><PATH>a\xff\xff/b</PATH></WORKER></c>");
     EXPECT_EQ(PathOf(1), L"a\ufffd\ufffd/b");

@@ -44,6 +44,24 @@ TEST_F(Patrol, StallIsFoundOnTheFirstRoundAtTheTimeoutExactly) {
     EXPECT_EQ(Stalls().size(), 1u);
 }
 
+// Stamps and the patrol's now are of one clock, which no step of the wall clock moves.
+TEST_F(Patrol, StepsOfTheWallClockMakeNoStallAndHideNone) {
+    for (const int hours : {1, -1}) {
+        m_core.script.SetPercent(30);
+        m_core.script.With(
+            [&](RunnerAnswers& answers) { answers.progress.expectedNextUpdate = m_core.script.StampNow(); });
+        const std::size_t before = Stalls().size();
+        Start();
+        Round();
+        m_core.clock.SetLocal(m_core.clock.Local() + boost::posix_time::hours(hours));
+        for (int round = 2; round <= 11; ++round) Round();
+        EXPECT_EQ(Stalls().size(), before) << hours;
+        LastRound();
+        EXPECT_EQ(Stalls().size(), before + 1) << hours;
+        Stop();
+    }
+}
+
 TEST_F(Patrol, OneMicrosecondShortIsNoStallYet) {
     m_core.script.SetPercent(30);
     const LocalTime stamp = m_core.clock.Local() + boost::posix_time::microseconds(1);

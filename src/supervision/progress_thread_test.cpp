@@ -167,6 +167,17 @@ TEST_F(Progress, TranscodeSendsItsTimeSpeed) {
     EXPECT_EQ(m_core.journal.Console(), "Process=10\nAverateSpeed=4\n");
 }
 
+TEST_F(Progress, AStepOfTheWallClockChangesNoSpeed) {
+    m_core.taskType = 1;
+    SetWork(10, 500, 0s);
+    Start();
+    ASSERT_TRUE(m_core.clock.WaitForWaiters(1));
+    m_core.clock.SetLocal(m_core.clock.Local() + boost::posix_time::hours(1));
+    Round();
+    EXPECT_EQ(Reports().at(0).Progress().speed, 4.0f);
+    EXPECT_EQ(Reports().at(0).Progress().averageSpeed, 100.0f);
+}
+
 TEST_F(Progress, RunnersFrameRateCounts) {
     m_core.taskType = 8;
     m_core.script.With([](RunnerAnswers& answers) { answers.frameRate = 50; });

@@ -2,6 +2,7 @@
 // test's journal. The script outlives the runner, which its owner may delete at any time. Any thread.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -31,7 +32,15 @@ struct RunnerAnswers {
 
 class RunnerScript {
   public:
-    RunnerScript(Journal& noteIn, Clock& stampsFrom) : journal(noteIn), clock(stampsFrom) {}
+    RunnerScript(Journal& noteIn, Clock& stampsFrom)
+        : journal(noteIn), m_clock(stampsFrom), m_local(m_clock.Local()), m_steady(m_clock.Steady()) {}
+
+    // As a runner's: local time that no step of the wall clock moves.
+    LocalTime StampNow() {
+        const auto passed =
+            std::chrono::duration_cast<std::chrono::microseconds>(m_clock.Steady() - m_steady);
+        return m_local + boost::posix_time::microseconds(passed.count());
+    }
 
     template <class Function>
     auto With(Function function) {
@@ -46,7 +55,6 @@ class RunnerScript {
     }
 
     Journal& journal;
-    Clock& clock;
     // Called without the script's lock; fixed before the runner is used.
     std::function<std::int32_t()> onInit;
     std::function<std::int32_t(const std::string&, std::string&)> onAnalyse;
@@ -56,6 +64,9 @@ class RunnerScript {
     std::function<void()> onRelease;
 
   private:
+    Clock& m_clock;
+    const LocalTime m_local;
+    const SteadyTime m_steady;
     std::mutex m_mutex;
     RunnerAnswers m_answers;
 };
@@ -110,7 +121,7 @@ class ScriptedRunner final : public IWorkRunner {
     TaskProgress GetProgress() const override {
         return m_script.With([](RunnerAnswers& answers) { return answers.progress; });
     }
-    LocalTime StampNow() const override { return m_script.clock.Local(); }
+    LocalTime StampNow() const override { return m_script.StampNow(); }
     std::uint32_t GetStatus() const override {
         return m_script.With([](RunnerAnswers& answers) { return answers.status; });
     }
