@@ -23,7 +23,10 @@ struct Help {
     std::atomic<bool> isDone{false};
 } g_help;
 
+HANDLE g_began = nullptr;  // set by the thread that is being started; never closed, it may be late
+
 DWORD WINAPI Watcher(void*) {
+    ::SetEvent(g_began);
     ::WaitForSingleObject(g_watch.begin, INFINITE);
     const ULONGLONG deadline_ms = g_watch.deadline_ms.load();
     for (;;) {
@@ -36,6 +39,7 @@ DWORD WINAPI Watcher(void*) {
 }
 
 DWORD WINAPI Helper(void*) {
+    ::SetEvent(g_began);
     ::WaitForSingleObject(g_help.begin, INFINITE);
     g_help.work.load()();
     g_help.isDone.store(true);
@@ -47,12 +51,17 @@ HANDLE NewEvent() {
     return ::CreateEventW(nullptr, TRUE, FALSE, nullptr);  // once set, it stays so
 }
 
+// Returns when the thread runs: while it begins, it takes the locks of the loader and the heap, and a crash
+// that holds one of them would wait for it.
 DWORD StartThread(LPTHREAD_START_ROUTINE routine) {
+    constexpr DWORD kBeginLimit_ms = 5000;
     DWORD id = 0;
+    g_began = NewEvent();
     const HANDLE thread =
         ::CreateThread(nullptr, kStack_bytes, routine, nullptr, STACK_SIZE_PARAM_IS_A_RESERVATION, &id);
     if (thread == nullptr) return 0;
     ::CloseHandle(thread);
+    if (g_began != nullptr) ::WaitForSingleObject(g_began, kBeginLimit_ms);
     return id;
 }
 

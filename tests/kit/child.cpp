@@ -22,6 +22,11 @@ Child::Child(const std::filesystem::path& program, const std::vector<std::string
     spec.errorsFile = Utf8FromPath(ErrorsFile());
     platform::OsError error;
     m_process = platform::ChildProcess::Start(spec, &error);
+    // Wine gives a new process ten seconds to begin, then this "internal error": on a busy machine that is
+    // too short.
+    constexpr int kInternalError = 1359;
+    for (int again = 0; again < 2 && m_process == nullptr && error.code == kInternalError; ++again)
+        m_process = platform::ChildProcess::Start(spec, &error);
     if (m_process == nullptr) throw std::runtime_error(error.message);
 }
 
