@@ -2,9 +2,9 @@
 
 #include <fstream>
 #include <stdexcept>
-#include <vector>
 
 #include "base/paths.h"
+#include "base/remove_tree.h"
 #include "platform/environment.h"
 #include "platform/identity.h"
 
@@ -18,24 +18,6 @@ void Apply(const std::string& name, const std::optional<std::string>& value) {
     } else {
         platform::UnsetEnvironment(name.c_str());
     }
-}
-
-// What can be removed. One try for each: on Windows a file that this process still has open (its log) goes
-// with its last handle, and the folders that it is in stay.
-void RemoveTree(const std::filesystem::path& folder) {
-    std::error_code ignored;
-    std::vector<std::filesystem::directory_entry> entries;
-    for (std::filesystem::directory_iterator at(folder, ignored), end; !ignored && at != end;
-         at.increment(ignored))
-        entries.push_back(*at);
-    for (const auto& entry : entries) {
-        if (entry.symlink_status(ignored).type() == std::filesystem::file_type::directory) {
-            RemoveTree(entry.path());
-        } else {
-            std::filesystem::remove(entry.path(), ignored);
-        }
-    }
-    std::filesystem::remove(folder, ignored);
 }
 
 }  // namespace
