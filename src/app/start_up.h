@@ -1,5 +1,5 @@
 // The worker's start: reads the command line, opens the log, and hands the task to the run driver. Main
-// thread only; everything that is stored in ProcessCommandLine() is stored before any other thread exists.
+// thread only; what ProcessCommandLine() holds is stored before any thread exists that reads it.
 //
 //   RQWorkerU TYPE PARAMETERS PORT         the parameter text itself
 //   RQWorkerU TYPE FILE PORT FILEFLAG      the parameter text is the file's content

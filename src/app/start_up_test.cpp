@@ -265,6 +265,51 @@ TEST_F(StartUpTest, LinesCallsAndEchoesInTheirOrder) {
                   "> " + Echo("Type:", 1), "> " + Echo("Cmd:", 2), "run"}));
 }
 
+TEST_F(StartUpTest, TheUsageFollowsTheLogAndThePauseFollowsTheUsage) {
+    OutputCapture output;
+    m_seams.pause = [&] { output.Note("pause"); };
+    Start({L"mc"});
+    EXPECT_EQ(output.Row(), (std::vector<std::string>{
+                                "> argc:\n2", "2 RQWorkerU.exe Version:1.13.0.0 build20170531",
+                                "1 ==>Worker Begin Load CrashDump.dll", "1 ==>Worker End Load CrashDump.dll",
+                                "> " + kUsage, "pause", "> " + Echo("Type:", 1)}));
+}
+
+TEST_F(StartUpTest, TheFileIsReadBetweenTheTwoEchoesAndBeforeTheRun) {
+    OutputCapture output;
+    CommandLineValues atRun;
+    m_seams.runWorker = [&](const std::string&, const std::string&) {
+        output.Note("run");
+        atRun = ProcessCommandLine();
+        return 0;
+    };
+    const std::string missing = m_dir.Utf8("missing.xml");
+    Start({L"mc", WidenUtf8(missing), L"9000", L"1"});
+    std::vector<std::string> row = output.Row();
+    ASSERT_EQ(row.size(), 10u);
+    EXPECT_TRUE(row[7].starts_with("4 The file \"" + missing + "\" is not used: ")) << row[7];
+    row.erase(row.begin() + 7);
+    EXPECT_EQ(row, (std::vector<std::string>{"> argc:\n5", "2 RQWorkerU.exe Version:1.13.0.0 build20170531",
+                                             "1 ==>Worker Begin Load CrashDump.dll",
+                                             "1 ==>Worker End Load CrashDump.dll", "> " + Echo("Type:", 1),
+                                             "> " + Echo("ServerPort:", 3), "> " + Echo("Cmd:", 2),
+                                             "> " + Echo("FileFlag:", 4), "run"}));
+    EXPECT_EQ(atRun.CommandText, WidenUtf8(missing));
+    EXPECT_EQ(atRun.ServerPortOverride, 9000u);
+    EXPECT_EQ(atRun.LogFilePrefix, L"missing");
+}
+
+TEST_F(StartUpTest, ATextIsStoredBeforeTheRun) {
+    CommandLineValues atRun;
+    m_seams.runWorker = [&](const std::string&, const std::string&) {
+        atRun = ProcessCommandLine();
+        return 0;
+    };
+    Start({L"mc", L"<x/>", L"9000"});
+    EXPECT_EQ(atRun.CommandText, L"<x/>");
+    EXPECT_EQ(atRun.ServerPortOverride, 9000u);
+}
+
 TEST_F(StartUpTest, AMissingCrashDumpLibraryStopsNothing) {
     m_crashDump = nullptr;
     Start({L"mc", L"<x/>", L"1"});

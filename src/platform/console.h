@@ -18,7 +18,7 @@ std::string TerminalEncoding();
 // pipe). On Windows "\n" becomes "\r\n" in a file or pipe, as with stdio there, and a console gets UTF-8
 // bytes as characters.
 bool WriteStandardOutput(std::string_view bytes);
-// When standard input is a terminal, waits for a key (on Windows by the system's own "pause").
+// When standard input is a terminal, waits for a key (Windows: by "pause", where a command interpreter is).
 void PauseForKey();
 
 // For programs that print UTF-8 with stdio: while it lives, a Windows console shows that rightly. Main
