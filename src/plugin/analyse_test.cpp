@@ -17,6 +17,7 @@ TEST_F(RunnerAnalyseTest, GivesTheTextAndTakesTheTaskId) {
     m_plugin.analyse = [&](RQText text, TaskInfo** info) {
         received.assign(text.p, text.n);
         EXPECT_EQ(*info, nullptr);
+        EXPECT_THAT(Lines(), ElementsAre("4 AnalysTask Begin! TaskStr: <t>\xe4\xbb\xbb</t>"));
         *info = &m_info;
         return 0;
     };
@@ -108,6 +109,7 @@ TEST_F(RunnerAnalyseTest, TheTaskBeforeIsGoneWhileTheNextIsAnalysed) {
     m_plugin.analyse = [&](RQText, TaskInfo** info) {
         EXPECT_EQ(m_runner->GetStatus(), 4u);
         EXPECT_EQ(m_runner->GetTaskId(), "");
+        EXPECT_EQ(*info, nullptr);
         *info = &m_info;
         return 0;
     };
@@ -165,6 +167,30 @@ TEST_F(RunnerFrameRateTest, StaysWithoutVideoOrDenominator) {
     EXPECT_EQ(RateOf(1, 60, 0), 50);
 }
 
+TEST_F(RunnerFrameRateTest, StaysThroughAFailedAnalysisAndAnUpdate) {
+    Ready();
+    EXPECT_EQ(RateOf(1, 50, 1), 50);
+    std::int32_t result = 12;
+    const RQSourceDescription source{sizeof source, 1, 60, 1};
+    const RQSourceDescription* const sources[] = {&source};
+    RQTranscodeData data{};
+    data.size = sizeof data;
+    data.sourceCount = 1;
+    data.sources = sources;
+    m_info.typeData = &data;
+    m_plugin.analyse = [&](RQText, TaskInfo** info) {
+        *info = &m_info;
+        return result;
+    };
+    EXPECT_EQ(Analyse(), 12);
+    EXPECT_EQ(m_runner->GetFrameRate(), 50);
+    result = 0;
+    EXPECT_EQ(m_runner->UpdateTask("<u/>"), 0);
+    EXPECT_EQ(m_runner->GetFrameRate(), 50);
+    EXPECT_EQ(Analyse(), 0);
+    EXPECT_EQ(m_runner->GetFrameRate(), 60);
+}
+
 TEST_F(RunnerFrameRateTest, OfZeroIs25) {
     Ready();
     EXPECT_EQ(RateOf(1, 0, 1), 25);
@@ -203,7 +229,10 @@ TEST_F(RunnerUpdateTest, CallsThePluginAndLogsNothing) {
     EXPECT_EQ(m_runner->UpdateTask("<u/>"), 9);
     EXPECT_EQ(received, "<u/>");
     EXPECT_EQ(m_runner->GetTaskId(), "task-2");
-    EXPECT_EQ(m_info.errorCode, 0);
+    for (const TaskInfo* record : {&m_info, &m_second}) {
+        EXPECT_EQ(record->errorCode, 0);
+        EXPECT_EQ(record->detailErrorText.n, 0u);
+    }
     EXPECT_THAT(Lines(), IsEmpty());
 }
 

@@ -231,6 +231,7 @@ TEST_F(CloseTaskTest, ATimedWaitThatRunsOutIsReported) {
     EXPECT_EQ(runner.CloseTask(kCloseCancel, 7), -1);
     EXPECT_THAT(m_calls, ElementsAre("wait 7000"));
     EXPECT_EQ(runner.GetStopFlag(), 1u);
+    EXPECT_EQ(runner.GetCloseMode(), 2u);
     EXPECT_THAT(Lines(), ElementsAre("2 close task:task-1, mode=2, wait:7...", kWaiting,
                                      "3 apparitor::close: waiting for thread failed."));
 }
@@ -249,10 +250,14 @@ TEST_F(CloseTaskTest, ThePatrolInterruptsAndLetsTheThreadGo) {
                                      "1 apparitor::close: thread interrupted...", kByPatrol));
 }
 
-TEST_F(CloseTaskTest, ReleaseWaitsForTheThread) {
+TEST_F(CloseTaskTest, ReleaseCallsThePluginAndThenWaitsForTheThread) {
+    m_plugin.release = [this] {
+        m_calls.push_back("release");
+        return 0;
+    };
     WorkRunner& runner = StuckRunner();
     runner.Release();
-    EXPECT_THAT(m_calls, ElementsAre("join"));
+    EXPECT_THAT(m_calls, ElementsAre("release", "join"));
 }
 
 // A real thread that is deaf to its interruption, and does not end in any time that is given to it.

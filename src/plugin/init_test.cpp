@@ -24,6 +24,7 @@ TEST_F(RunnerInitTest, LoadsAndCallsInit) {
         const auto* record = static_cast<const RQRunningParameter*>(parameter);
         heartbeat = record->heartbeatInterval_s;
         second.assign(record->serverAddresses.items[1].p, record->serverAddresses.items[1].n);
+        EXPECT_EQ(Lines().back(), "1 m_workerPlugin.pInitFunc begin..");
         return 0;
     };
     MakeRunner();
@@ -259,6 +260,7 @@ TEST_F(RunnerInitTest, ReleaseCallsThePluginOnceWithItsLines) {
     int calls = 0;
     m_plugin.release = [&] {
         ++calls;
+        EXPECT_THAT(Lines(), ElementsAre("1 m_workerPlugin.pReleaseFunc begin.."));
         return 5;
     };
     Ready();

@@ -143,6 +143,29 @@ TEST_F(RealLibraryTest, ScriptedTaskFromAnalysisToResult) {
     EXPECT_EQ(record->files[0].computedMd5, "000102030405060708090a0b0c0d0e0f");
 }
 
+// What was loaded stays: threads that the plug-in left behind may still run in it.
+TEST_F(RealLibraryTest, IsNeverUnloaded) {
+    std::filesystem::copy(test::BadPluginFolder("only_required"), m_dir.Path() / "plugins" / "only_required",
+                          std::filesystem::copy_options::recursive);
+    const auto file = std::filesystem::path(test::BadPlugin("only_required")).filename();
+    const auto path = ("plugins/only_required" / file).make_preferred();
+    WriteTable("<c><WORKER><TYPE>3</TYPE><PATH>" + Utf8FromPath(path) + "</PATH></WORKER></c>");
+    WorkerPlugin loaded;
+    WorkRunnerSeams seams;
+    seams.moduleDirectory = ModuleDirectory();
+    seams.findEntryPoints = [&](WorkerPlugin& plugin) {
+        const bool isFound = FindEntryPoints(plugin);
+        loaded = plugin;
+        return isFound;
+    };
+    MakeRunner(std::move(seams));
+    ASSERT_EQ(Init(), 0);
+    m_runner.reset();
+    TaskInfo* info = nullptr;
+    EXPECT_EQ(loaded.pAnalyseTaskFunc(Text("<t/>"), &info), 0);  // a crash if it were gone
+    EXPECT_NE(info, nullptr);
+}
+
 TEST_F(RealLibraryTest, AnExceptionThatCrossesTheLibraryIsCaught) {
     ASSERT_EQ(InitWith("scripted"), 0);
     EXPECT_EQ(Analyse("id t; throw broken"), 0);

@@ -95,12 +95,16 @@ TEST(MakeTaskResultTest, Md5Verification) {
 TEST(MakeTaskResultTest, Transfer) {
     TaskResultCopy results;
     results.verifications.push_back({"a", "b", Digest(1), Digest(2)});
+    results.verifications.push_back({"zeros", "", Md5Digest{}, Digest(1)});
+    results.verifications.push_back({"none", "", {}, Digest(1)});
     results.transferOutputs.push_back({RQ_OUTPUT_TEXT, "f", "s", 5, std::nullopt, "more"});
     KWOVL::tagAVFormat format;
     format.container = "mxf";
     results.transferOutputs.push_back({RQ_OUTPUT_FORMAT, "g", "", 6, format, ""});
     const auto record = As<stTransferTaskResult>(MakeTaskResult(0, results));
-    ASSERT_THAT(record->verifications, SizeIs(1));
+    ASSERT_THAT(record->verifications, SizeIs(3));
+    EXPECT_EQ(record->verifications[1].verification, 0);
+    EXPECT_EQ(record->verifications[2].verification, 0);
     EXPECT_EQ(record->verifications[0].first, "a");
     EXPECT_EQ(record->verifications[0].second, "b");
     EXPECT_EQ(record->verifications[0].firstMd5, kTextOf1);
@@ -125,12 +129,16 @@ TEST(MakeTaskResultTest, Transcode) {
     format.container = "mp4";
     TaskResultCopy results;
     results.verifications.push_back({"a", "b", Digest(1), Digest(1)});
+    results.verifications.push_back({"zeros", "", Md5Digest{}, Digest(1)});
+    results.verifications.push_back({"none", "", {}, Digest(1)});
     results.transcodeOutputs.push_back({1, 0xFFFFFFFFu, 1ull << 40, "f", "s", format});
     results.transcodeOutputs.push_back({0, 0, 0, "g", "", std::nullopt});
     for (const std::int32_t type : {1, 8, 30}) {
         const auto record = As<stTranscodeTaskResult>(MakeTaskResult(type, results));
-        ASSERT_THAT(record->verifications, SizeIs(1));
+        ASSERT_THAT(record->verifications, SizeIs(3));
         EXPECT_EQ(record->verifications[0].verification, 1);
+        EXPECT_EQ(record->verifications[1].verification, 0);
+        EXPECT_EQ(record->verifications[2].verification, 0);
         ASSERT_THAT(record->outputs, SizeIs(2));
         EXPECT_EQ(record->outputs[0].first, "f");
         EXPECT_EQ(record->outputs[0].second, "s");

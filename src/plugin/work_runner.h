@@ -49,7 +49,8 @@ class IWorkRunner {
     // code.
     virtual std::int32_t Init(const WorkRunnerStart& start) = 0;
     // 0, else the plug-in's code; also when the plug-in left no record, which PerformTask and GetStatus then
-    // show. `taskId` is left alone when there is no record, or the analysis failed before it had an ID.
+    // show; -1 when no analyse function is loaded, or after Release. `taskId` is left alone when there is no
+    // record, or the analysis failed before it had an ID.
     virtual std::int32_t AnalyseTask(const std::string& text, std::string& taskId) = 0;
     // The plug-in's code; -1 when no analyse function is loaded.
     virtual std::int32_t UpdateTask(const std::string& text) = 0;
@@ -70,9 +71,9 @@ class IWorkRunner {
     virtual std::int32_t GetFrameRate() const = 0;
     virtual std::uint32_t GetCloseMode() const = 0;
     virtual TaskErrorInfo GetErrorInfo() const = 0;
-    // A new record for the task type, null for types that have none; replaces the record of the call before.
-    // Holders of the older one keep it alive: the progress thread and the status report may ask at the same
-    // time.
+    // A new record for the task type, null for types that have none and without a task; replaces the record
+    // of the call before. Holders of the older one keep it alive: the progress thread and the status report
+    // may ask at the same time.
     virtual std::shared_ptr<const stTaskResultBase> GetTaskResult(std::int32_t taskType) = 0;
     virtual void Release() = 0;
 };
