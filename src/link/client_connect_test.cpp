@@ -190,6 +190,32 @@ TEST(EngineClientConnect, AnEngineThatDoesNotAnswerIsAFailureInBoundedTime) {
     EXPECT_TRUE(engine.WaitForClosed(1));
 }
 
+// Nobody would know of the session: it is closed, what the engine orders in it is not handed on, and its end
+// is no loss.
+TEST(EngineClientConnect, AnAnswerAfterConnectHasGivenUpOpensNoSession) {
+    kit::ScriptedEngineOptions engineOptions;
+    engineOptions.answerHello = false;
+    kit::ScriptedEngine engine(engineOptions);
+    LateConnectionClock clock;
+    EngineClientOptions options;
+    options.clock = &clock;
+    TestClient test(options);
+    ASSERT_TRUE(clock.ConnectInVain(test, engine));
+    const std::string welcome = EncodeWelcome({1, 9, 0, 0, 0, {}});
+    engine.SendRaw(EncodeFrame({0, 0, kWelcomeId, welcome}).value() + EncodeFrame({1, 0, 4014, {}}).value());
+    ASSERT_TRUE(engine.WaitForClosed(1));
+
+    std::thread answer([&] {
+        EXPECT_TRUE(engine.WaitForFrame(kHelloId, 2));
+        engine.SendControl(kWelcomeId, welcome);
+    });
+    EXPECT_EQ(test.Connect(engine.Port()), 9u);
+    answer.join();
+    engine.SendOrder(TCP_TASK_SUSPEND_ID, TaskCommand{});
+    ASSERT_TRUE(test.handler.WaitFor(1));
+    EXPECT_EQ(test.handler.All()[0].id, TCP_TASK_SUSPEND_ID);
+}
+
 TEST(EngineClientConnect, AnEngineThatAnswersSomethingElseIsAFailure) {
     kit::ScriptedEngineOptions engineOptions;
     engineOptions.answerHello = false;

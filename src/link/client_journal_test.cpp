@@ -94,6 +94,50 @@ TEST_F(EngineClientJournal, ARefusedTokenIsNotInItEither) {
     EXPECT_EQ(written.find(Hex("another-token")), std::string::npos);
 }
 
+TEST_F(EngineClientJournal, AConnectionThatTheEngineKeepsOpenEndsInItToo) {
+    m_engineOptions.closeOnBye = false;
+    m_options.disconnectWait = std::chrono::milliseconds(100);
+    kit::ScriptedEngine engine(m_engineOptions);
+    {
+        TestClient test(m_options);
+        ASSERT_NE(test.Connect(engine.Port()), kNoSession);
+        engine.StopReading();  // it does not see the end of the connection either
+        test.client->Disconnect();
+    }
+    const std::string written = Written();
+    EXPECT_EQ(LinesOf(written),
+              (std::vector<std::string>{"\"event\": \"connect\"", "\"way\": \"out\", \"id\": 1",
+                                        "\"way\": \"in\", \"id\": 2", "\"way\": \"out\", \"id\": 6",
+                                        "\"event\": \"close\""}))
+        << written;
+    EXPECT_NE(written.find("\"reason\": \"the engine did not close in time\""), std::string::npos) << written;
+}
+
+TEST_F(EngineClientJournal, AConnectionThatANewAttemptReplacesEndsInIt) {
+    m_engineOptions.answerHello = false;
+    LateConnectionClock clock;
+    m_options.clock = &clock;
+    kit::ScriptedEngine engine(m_engineOptions);
+    {
+        TestClient test(m_options);
+        ASSERT_TRUE(clock.ConnectInVain(test, engine));
+        std::thread answer([&engine] {
+            EXPECT_TRUE(engine.WaitForFrame(kHelloId, 2));
+            engine.SendControl(kWelcomeId, EncodeWelcome({1, 9, 0, 0, 0, {}}));
+        });
+        EXPECT_EQ(test.Connect(engine.Port()), 9u);
+        answer.join();
+    }
+    const std::string written = Written();
+    EXPECT_EQ(LinesOf(written),
+              (std::vector<std::string>{"\"event\": \"connect\"", "\"way\": \"out\", \"id\": 1",
+                                        "\"event\": \"close\"", "\"event\": \"connect\"",
+                                        "\"way\": \"out\", \"id\": 1", "\"way\": \"in\", \"id\": 2",
+                                        "\"way\": \"out\", \"id\": 6", "\"event\": \"close\""}))
+        << written;
+    EXPECT_NE(written.find("\"reason\": \"a new attempt to connect\""), std::string::npos) << written;
+}
+
 // A journal that cannot be written holds nobody up, and the link's log says why there is none.
 TEST_F(EngineClientJournal, OneThatCannotBeOpenedIsALineInTheLog) {
     m_options.journal = m_folder.Utf8("none") + "/deeper/journal";

@@ -12,6 +12,7 @@
 
 #include "base/paths.h"
 #include "base/sync.h"
+#include "kit/fake_clock.h"
 #include "kit/scripted_engine.h"
 #include "link/engine_client.h"
 
@@ -130,6 +131,39 @@ struct TestClient {
     HandlerRecord handler;
     IEngineCommunicate* client;
     std::uint32_t session = kNoSession;
+};
+
+// A clock for a connection that is made when Connect has given up: before, the link's own thread gets no
+// time. Made on the test's thread.
+class LateConnectionClock final : public Clock {
+  public:
+    SteadyTime Steady() override {
+        if (std::this_thread::get_id() != m_test) m_gate.Pass();
+        return m_fake.Steady();
+    }
+    LocalTime Local() override { return m_fake.Local(); }
+    void WaitUntil(boost::unique_lock<boost::mutex>& lock, boost::condition_variable& condition,
+                   SteadyTime deadline) override {
+        m_fake.WaitUntil(lock, condition, deadline);
+    }
+    void SleepFor(std::chrono::milliseconds duration) override { m_fake.SleepFor(duration); }
+
+    // Whether that came to pass.
+    bool ConnectInVain(TestClient& test, const kit::ScriptedEngine& engine) {
+        std::thread time([this] {
+            m_fake.WaitForWaiters(1);
+            m_fake.Advance(std::chrono::hours(1));
+        });
+        const std::uint32_t session = test.Connect(engine.Port());
+        time.join();
+        m_gate.Open();
+        return session == kNoSession && engine.WaitForFrame(kHelloId);
+    }
+
+  private:
+    const std::thread::id m_test = std::this_thread::get_id();
+    kit::FakeClock m_fake;
+    Gate m_gate;
 };
 
 }  // namespace rq::link

@@ -156,19 +156,20 @@ void EngineClient::LogFailedConnect(const std::string& line) {
                     line + (m_failureCount > 1 ? ", attempt " + std::to_string(m_failureCount) : ""));
 }
 
-void EngineClient::DecideConnect(std::uint64_t attempt, std::uint32_t sessionId, std::string reason) {
+bool EngineClient::DecideConnect(std::uint64_t attempt, std::uint32_t sessionId, std::string reason) {
     Signal::Hold hold(m_connectSignal);
-    if (m_connectOutcome || attempt != m_connectAttempt) return;
+    if (m_connectOutcome || attempt != m_connectAttempt) return false;
     m_connectOutcome = sessionId;
     m_connectReason = std::move(reason);
     m_connectSignal.Notify(hold);
+    return true;
 }
 
 // ---- the I/O thread ----
 
 // Sessions begin and end on this thread only, so that nothing of one reaches the next.
 void EngineClient::OpenConnection(std::uint64_t attempt, const std::string& address, std::uint16_t port) {
-    CloseConnection();
+    CloseConnection("a new attempt to connect");
     {
         Signal::Hold hold(m_endSignal);
         m_ended = false;
@@ -245,13 +246,29 @@ void EngineClient::Settle() {
         events = m_session->TakeEvents();
         deadline = m_session->Deadline();
     }
-    for (SessionEvent& event : events) Carry(std::move(event));
+    for (SessionEvent& event : events) {
+        const auto* welcomed = std::get_if<Welcomed>(&event);
+        if (welcomed == nullptr)
+            Carry(std::move(event));
+        else if (!DecideConnect(ConnectionNumber(), welcomed->sessionId, {}))
+            return AbandonSession();
+    }
     if (!m_connection) return;  // closed, perhaps by one of the events
     if (!output.empty()) {
         m_journal.Sent(output);
         m_connection->Write(std::move(output));
     }
     m_connection->SetTimer(deadline, m_clock.Steady());
+}
+
+// The engine's answer came after Connect had given up: nobody knows of the session, so that it cannot be lost
+// either, and what the engine orders in it is not handed on.
+void EngineClient::AbandonSession() {
+    {
+        MutexLock lock(m_lock);
+        m_session->Abandon("the engine's answer came too late");
+    }
+    Settle();
 }
 
 void EngineClient::Carry(SessionEvent event) {
@@ -265,8 +282,6 @@ void EngineClient::Carry(SessionEvent event) {
                         std::move(order->order)};
         }
         m_handlerThread.Push(std::move(delivery));
-    } else if (const auto* welcomed = std::get_if<Welcomed>(&event)) {
-        DecideConnect(ConnectionNumber(), welcomed->sessionId, {});
     } else if (std::holds_alternative<ByeWritten>(event)) {
         if (m_connection) m_connection->ShutdownSend();
     } else {
@@ -275,8 +290,7 @@ void EngineClient::Carry(SessionEvent event) {
 }
 
 void EngineClient::CarryClosed(const SessionClosed& closed) {
-    m_journal.Closed(closed.reason);
-    CloseConnection();
+    CloseConnection(closed.reason);
     std::optional<Delivery> lost;
     {
         MutexLock lock(m_lock);
@@ -301,7 +315,8 @@ std::uint64_t EngineClient::ConnectionNumber() {
     return m_connectionNumber;
 }
 
-void EngineClient::CloseConnection() {
+void EngineClient::CloseConnection(const std::string& reason) {
+    m_journal.Closed(reason);
     if (!m_connection) return;
     m_connection->Close();
     m_connection.reset();
@@ -403,7 +418,7 @@ void EngineClient::Disconnect() {
             if (!m_endSignal.WaitUntil(hold, deadline)) break;
     }
     m_io.Stop();
-    CloseConnection();
+    CloseConnection("the engine did not close in time");
     {
         MutexLock lock(m_lock);
         m_session.reset();

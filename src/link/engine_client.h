@@ -65,9 +65,10 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     void OnTimer() override;
     void OpenConnection(std::uint64_t attempt, const std::string& address, std::uint16_t port);
     void Settle();
+    void AbandonSession();
     void Carry(SessionEvent event);
     void CarryClosed(const SessionClosed& closed);
-    void CloseConnection();
+    void CloseConnection(const std::string& reason);
     std::uint64_t ConnectionNumber();
 
     // The owner's thread.
@@ -78,7 +79,8 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     // Any thread.
     void OnHanded(const Delivery& delivery);
     void RequestSettle();
-    void DecideConnect(std::uint64_t attempt, std::uint32_t sessionId, std::string reason);
+    // False when Connect waits for that attempt no longer.
+    bool DecideConnect(std::uint64_t attempt, std::uint32_t sessionId, std::string reason);
     Result<std::string> ShortenFinal(const EngineStateMessage& message, std::size_t size_bytes);
     bool Refused(std::uint32_t id, const std::string& problem);
 

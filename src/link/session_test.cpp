@@ -309,6 +309,20 @@ TEST(Session, TheQueueIsBoundedAndOpensAgain) {
     EXPECT_EQ(f.Queue(std::string(100, 'x')), 3u);
 }
 
+TEST(Session, ABatchIsClosedByTheFrameThatReaches256KiB) {
+    constexpr std::size_t kBatch_bytes = std::size_t{256} * 1024;
+    const std::size_t head_bytes = EncodeFrameHead(1, 0, 4008, kBatch_bytes).size();
+    for (const std::size_t missing_bytes : {0u, 1u}) {
+        Fixture f;
+        f.Open();
+        f.Queue(std::string(kBatch_bytes - head_bytes - missing_bytes, 'x'));
+        f.Queue();
+        f.Queue();
+        EXPECT_EQ(f.Written().size(), 1 + missing_bytes);
+        EXPECT_EQ(f.Written().size(), 2 - missing_bytes);
+    }
+}
+
 TEST(Session, ABodyThatFitsNoFrameIsRefused) {
     Fixture f;
     f.Open();
