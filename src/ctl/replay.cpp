@@ -27,6 +27,23 @@ bool IsCounted(std::uint32_t id) {
     return id >= TCP_WORKER_HEARTBEAT_ID && id != TCP_WORKER_HEARTBEAT_ID && id != TCP_WORKER_PROGRESS_ID;
 }
 
+// A final status that was not acknowledged in time is sent again as it is. A replay acknowledges at once, so
+// that it comes once only.
+class RepeatedFinal {
+  public:
+    bool Is(const link::Frame& frame) {
+        if (frame.id != TCP_WORKER_STATE_ID) return false;
+        const bool isSame = m_last && *m_last == frame.body;
+        m_last = frame.body;
+        if (!isSame) return false;
+        const auto record = link::DecodeWorkerRecord(frame.id, frame.body);
+        return record && link::IsFinalState(std::get<EngineStateMessage>(*record));
+    }
+
+  private:
+    std::optional<std::string> m_last;
+};
+
 // The one worker's connection. Everything runs inside Run.
 class Player {
   public:
@@ -181,10 +198,11 @@ class Player {
 
 ReplayScript::ReplayScript(const JournalConnection& connection) {
     Counts counts;
+    RepeatedFinal repeated;
     for (const JournalFrame& line : connection.frames) {
         const link::Frame& frame = line.frame;
         if (line.fromWorker) {
-            if (IsCounted(frame.id)) ++counts[frame.id];
+            if (IsCounted(frame.id) && !repeated.Is(frame)) ++counts[frame.id];
         } else if (frame.id == link::kWelcomeId || frame.id == link::kRefuseId) {
             if (!m_answer) m_answer = frame;
         } else if (frame.id >= TCP_WORKER_HEARTBEAT_ID) {

@@ -135,6 +135,33 @@ TEST(ReplayScript, WaitsForTheFarewellThatTheJournalHas) {
     EXPECT_TRUE(script.IsDone());
 }
 
+std::string StateBody(std::uint32_t status, const std::string& taskId) {
+    EngineStateMessage message{4009, "state", "Worker", "Lite/Agent", {}};
+    message.entries.emplace_back().status = status;
+    message.entries[0].taskId = taskId;
+    return link::EncodeWorkerRecord(4009, &message).value();
+}
+
+// A repeat is one only of the status before it: the second task of a package may end as the first did.
+TEST(ReplayScript, AFinalStatusThatWasSentAgainIsWaitedForOnce) {
+    const std::string running = StateBody(kTaskRunning, "T"), finished = StateBody(kTaskFinished, "T");
+    JournalConnection connection;
+    for (const std::string& body :
+         {running, running, finished, finished, finished, StateBody(kTaskFinished, "U"), running, finished}) {
+        connection.frames.push_back(Line(true, 4009, body));
+        connection.frames.push_back(Line(true, 4000));
+    }
+    connection.frames.push_back(Line(false, 4014));
+    ReplayScript script(connection);
+    EXPECT_EQ(script.Missing(), "4009 (0 of 6)");
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_FALSE(script.NextDue());
+        script.Took(4009);
+    }
+    EXPECT_EQ(script.NextDue()->id, 4014u);
+    EXPECT_TRUE(script.IsDone());
+}
+
 // A worker's client that answers suspend and resume, and says its two statuses.
 struct Client {
     Client() : client(link::CreateEngineClient(link::EngineClientOptions{})) {
