@@ -83,6 +83,8 @@ void AddAttempt(std::string& text, const json& attempt) {
     AddLine(text, "  detail error", CodeAndText(attempt, "detail_error"));
     AddLine(text, "  further text", Field(attempt, "further_text"));
     AddLine(text, "  output", Field(attempt, "output"));
+    AddLine(text, "  log", Field(attempt, "log"));
+    AddLine(text, "  crash report", Field(attempt, "crash_report"));
 }
 
 }  // namespace

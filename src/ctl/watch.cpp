@@ -39,6 +39,7 @@ class Display {
     int Poll_ms() const { return m_on ? kBarPoll_ms : kQuietPoll_ms; }
 
     void Show(const json& task) {
+        TellWhyItWaits(task);
         if (!m_on) return;
         ProgressView view;
         view.state = task.value("state", "");
@@ -71,6 +72,15 @@ class Display {
     }
 
   private:
+    // Once for each reason; nobody should sit before a task that cannot start without being told.
+    void TellWhyItWaits(const json& task) {
+        const json reason = task.value("reason", json());
+        if (task.value("state", "") != "queued" || !reason.is_string() || reason == m_toldReason) return;
+        m_toldReason = reason;
+        End();
+        std::fprintf(stderr, "rqctl: %s %s\n", m_id.c_str(), m_toldReason.c_str());
+    }
+
     void Draw(const std::string& line) {
         const std::size_t before = m_drawn.size();
         const std::string rest(before > line.size() ? before - line.size() : 0, ' ');
@@ -96,6 +106,7 @@ class Display {
     double m_frameRate_fps = 0;
     std::string m_drawn;
     std::string m_lastState;
+    std::string m_toldReason;
     int m_lastStep = 0;
 };
 

@@ -5,6 +5,7 @@
 
 #include "engine/json.h"
 #include "engine/version.h"
+#include "records/task_codes.h"
 
 namespace rq::engine {
 
@@ -123,6 +124,11 @@ void Api::RouteTask(const ApiRequest& request, const Target& target, const Reply
     }
 }
 
+json Api::Short(TaskRow task) const {
+    if (task.state == TaskState::Queued && !task.reason) task.reason = m_host.HoldReason(task.type);
+    return TaskJson(task);
+}
+
 ApiResponse Api::Health() {
     const auto counts = m_store.CountByState();
     if (!counts) return StoreError(counts.error());
@@ -130,6 +136,12 @@ ApiResponse Api::Health() {
     json tasks = json::object();
     for (std::size_t i = 0; i < counts->size(); ++i)
         tasks[std::string(NameOf(kTaskStates[i]))] = (*counts)[i];
+    json held = json::array();
+    for (const auto& [type, reason] : facts.held) {
+        const std::string code(CodeOfTaskType(type));
+        held.push_back(
+            {{"type", type}, {"type_code", code.empty() ? json(nullptr) : json(code)}, {"reason", reason}});
+    }
     return MakeResponse(200, {{"status", facts.ending ? "ending" : "ok"},
                               {"version", kVersion},
                               {"pid", facts.processId},
@@ -137,7 +149,8 @@ ApiResponse Api::Health() {
                               {"link_port", facts.linkPort},
                               {"http_port", facts.httpPort},
                               {"workers", {{"running", facts.workers}, {"max", facts.maxWorkers}}},
-                              {"tasks", tasks}});
+                              {"tasks", tasks},
+                              {"held", held}});
 }
 
 ApiResponse Api::Submit(const ApiRequest& request) {
@@ -163,16 +176,19 @@ ApiResponse Api::List(const Target& target) {
     const auto rows = m_store.Tasks(*query);
     if (!rows) return StoreError(rows.error());
     json tasks = json::array();
-    for (std::size_t i = 0; i < std::min(limit, rows->size()); ++i) tasks.push_back(TaskJson((*rows)[i]));
+    for (std::size_t i = 0; i < std::min(limit, rows->size()); ++i) tasks.push_back(Short((*rows)[i]));
     const json next = rows->size() > limit ? json((*rows)[limit - 1].id) : json(nullptr);
     return MakeResponse(200, {{"tasks", tasks}, {"next", next}});
 }
 
 ApiResponse Api::Show(std::int64_t task) {
-    const auto details = m_store.Details(task);
+    auto details = m_store.Details(task);
     if (!details) return StoreError(details.error());
     if (!*details) return MakeError(404, "unknown-task", "no task has this ID");
-    return MakeResponse(200, DetailsJson(**details));
+    for (auto& attempt : (*details)->attempts) m_host.FindTraces(attempt);
+    json document = DetailsJson(**details);
+    document.update(Short((*details)->task));
+    return MakeResponse(200, document);
 }
 
 ApiResponse Api::Cancel(const TaskRow& task) {
@@ -204,7 +220,7 @@ std::optional<ApiResponse> Api::EventsNow(std::int64_t task, std::int64_t after,
     for (const auto& event : *events) list.push_back(EventJson(event));
     return MakeResponse(200, {{"events", list},
                               {"last", events->empty() ? after : events->back().key},
-                              {"task", *row ? TaskJson(**row) : json(nullptr)}});
+                              {"task", *row ? Short(**row) : json(nullptr)}});
 }
 
 void Api::Events(std::int64_t task, const Target& target, const Reply& reply) {

@@ -6,6 +6,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <functional>
 #include <list>
+#include <map>
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
@@ -29,12 +30,17 @@ class ApiHost {
         std::size_t workers = 0;
         unsigned maxWorkers = 0;
         bool ending = false;
+        std::map<std::int32_t, std::string> held = {};  // types that cannot start, and why
     };
 
     virtual ~ApiHost() = default;
     virtual Facts GetFacts() const = 0;
     virtual void OnSubmitted() = 0;
     virtual Result<CancelOutcome> CancelTask(std::int64_t task) = 0;
+    // Why queued tasks of this type cannot be started; nothing when they can.
+    virtual std::optional<std::string> HoldReason(std::int32_t) const { return std::nullopt; }
+    // Fills in which files the attempt's worker left.
+    virtual void FindTraces(AttemptRow&) const {}
     // Begins an orderly end; returns at once.
     virtual void RequestEnd() = 0;
 };
@@ -66,6 +72,8 @@ class Api {
 
     void Route(const ApiRequest& request, const Target& target, const Reply& reply);
     void RouteTask(const ApiRequest& request, const Target& target, const Reply& reply);
+    // The task in short, as it stands with what the engine knows beside the store.
+    nlohmann::json Short(TaskRow task) const;
     ApiResponse Health();
     ApiResponse Submit(const ApiRequest& request);
     ApiResponse List(const Target& target);

@@ -12,6 +12,7 @@
 #include "engine/listener.h"
 #include "engine/scheduler.h"
 #include "engine/version.h"
+#include "engine/worker_traces.h"
 #include "platform/process.h"
 
 namespace rq::engine {
@@ -53,13 +54,20 @@ class EngineImpl final : public Engine, public ApiHost {
                 HttpPort(),
                 m_scheduler->Workers(),
                 m_scheduler->MaxWorkers(),
-                m_scheduler->Ending()};
+                m_scheduler->Ending(),
+                m_scheduler->Held()};
     }
     // After the answer: what a start takes is not the client's time.
     void OnSubmitted() override {
         boost::asio::post(m_io, [this] { m_scheduler->Pump(); });
     }
     Result<CancelOutcome> CancelTask(std::int64_t task) override { return m_scheduler->Cancel(task, "api"); }
+    std::optional<std::string> HoldReason(std::int32_t type) const override {
+        const auto found = m_scheduler->Held().find(type);
+        if (found == m_scheduler->Held().end()) return std::nullopt;
+        return "waits: " + found->second;
+    }
+    void FindTraces(AttemptRow& attempt) const override;
 
     const EngineSettings m_settings;
     // Destroyed last to first: the I/O context goes after everything that has operations on it.
@@ -131,6 +139,17 @@ Result<void> EngineImpl::Listen() {
     if (auto listening = m_links->Listen(m_settings.linkPort); !listening) return listening;
     m_scheduler->SetLinkPort(LinkPort());
     return m_pages->Listen(m_settings.httpPort);
+}
+
+void EngineImpl::FindTraces(AttemptRow& attempt) const {
+    WorkerLife life;
+    life.name = Utf8FromPath(PathFromUtf8(attempt.output).stem());
+    life.processId = static_cast<std::uint64_t>(attempt.processId.value_or(0));
+    life.from_us = attempt.created_us;
+    life.until_us = attempt.exited_us.value_or(Store::SystemNow()());
+    WorkerTraces traces = FindWorkerTraces(m_launcher->LogFolder(), life);
+    attempt.log = std::move(traces.log);
+    attempt.crashReport = std::move(traces.crashReport);
 }
 
 void EngineImpl::BeginEnd() {

@@ -181,8 +181,11 @@ TEST_F(EngineTest, AFinalStatusThatWasSentJustBeforeADeathCounts) {
         EXPECT_EQ(Ended(Submit("connect\nstatus 3\nfinal 0\nkilled\n"))["state"], "finished");
 }
 
-TEST_F(EngineTest, AProgramThatIsNotThereFailsTheTask) {
-    m_settings.stageFolder = m_folder.Utf8();
+TEST_F(EngineTest, AProgramThatCannotBeStartedFailsTheTask) {
+    m_settings.stageFolder = m_folder.Utf8("stage");
+    std::filesystem::copy(PathFromUtf8(RQ_SCRIPTED_STAGE), PathFromUtf8(m_settings.stageFolder));
+    const auto program = m_folder.Write("stage/" RQ_WORKER_FILE_NAME, "no program");
+    std::filesystem::permissions(program, std::filesystem::perms::owner_all);
     Start();
     const auto id = Submit("exit 0\n");
     AwaitState(id, "failed");

@@ -30,6 +30,10 @@ json ExitJson(const AttemptRow& attempt) {
     return nullptr;
 }
 
+json TextOrNull(const std::string& text) {
+    return text.empty() ? json(nullptr) : json(text);
+}
+
 json AttemptJson(const AttemptRow& attempt) {
     return {{"number", attempt.number},
             {"state", NameOf(attempt.state)},
@@ -53,7 +57,9 @@ json AttemptJson(const AttemptRow& attempt) {
             {"error", CodeAndText(attempt.errorCode, attempt.errorText)},
             {"further_text", attempt.furtherText},
             {"reason", OrNull(attempt.reason)},
-            {"output", attempt.output}};
+            {"output", attempt.output},
+            {"log", TextOrNull(attempt.log)},
+            {"crash_report", TextOrNull(attempt.crashReport)}};
 }
 
 }  // namespace

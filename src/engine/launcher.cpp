@@ -22,12 +22,12 @@ std::string Under(const std::string& folder, std::string_view name) {
     return Utf8FromPath(PathFromUtf8(folder) / PathFromUtf8(name));
 }
 
-std::string LogFolder(const EngineSettings& settings) {
+std::string LogFolderOf(const EngineSettings& settings) {
     return settings.logFolder.empty() ? Under(settings.dataFolder, "logs") : settings.logFolder;
 }
 
 std::string OutputFolder(const EngineSettings& settings) {
-    return Under(LogFolder(settings), "workers");
+    return Under(LogFolderOf(settings), "workers");
 }
 
 std::string ParameterFolder(const EngineSettings& settings) {
@@ -73,10 +73,13 @@ Launcher::~Launcher() {
     }
 }
 
+std::string Launcher::LogFolder() const {
+    return LogFolderOf(m_settings);
+}
+
 Result<void> Launcher::Prepare() {
     platform::OsError error;
-    for (const auto& folder :
-         {ParameterFolder(m_settings), LogFolder(m_settings), OutputFolder(m_settings)}) {
+    for (const auto& folder : {ParameterFolder(m_settings), LogFolder(), OutputFolder(m_settings)}) {
         if (!platform::CreatePrivateFolder(folder, &error)) return Fail(error.message);
     }
     std::error_code code;
@@ -93,7 +96,7 @@ platform::ProcessSpec Launcher::SpecFor(const Claim& claim, const std::string& f
     spec.program = Under(m_settings.stageFolder, kWorkerFileName);
     spec.arguments = {TypeArgument(claim.type), file, std::to_string(linkPort), "1"};
     spec.environment = {
-        {"RQ_ENGINE_TOKEN", m_linkToken}, {"RQ_ATTEMPT", claim.token}, {"RQ_LOG_DIR", LogFolder(m_settings)}};
+        {"RQ_ENGINE_TOKEN", m_linkToken}, {"RQ_ATTEMPT", claim.token}, {"RQ_LOG_DIR", LogFolder()}};
     spec.directory = m_settings.stageFolder;
     spec.output = platform::ProcessSpec::Stream::File;
     spec.errors = platform::ProcessSpec::Stream::File;
@@ -125,7 +128,7 @@ Result<LaunchedWorker> Launcher::Start(const Claim& claim, std::uint16_t linkPor
     worker.child = child;
     worker.parameterFile = file;
     Wait(claim.token, worker);
-    return LaunchedWorker{child->Id(), output};
+    return LaunchedWorker{child->Id(), base, output};
 }
 
 void Launcher::Wait(const std::string& token, Worker& worker) {

@@ -20,6 +20,7 @@ namespace rq::engine {
 // What a start gives back. Owned by the launcher until the end has been told.
 struct LaunchedWorker {
     std::uint64_t processId = 0;
+    std::string name;    // of its files, without their endings
     std::string output;  // file with its standard output and error streams
 };
 
@@ -42,6 +43,8 @@ class Launcher {
     // The worker and whatever it started. Nothing happens when it has ended.
     void KillTree(const std::string& token);
     std::size_t Running() const { return m_workers.size(); }
+    // Where the workers' logs and crash reports go.
+    std::string LogFolder() const;
 
   private:
     struct Worker {

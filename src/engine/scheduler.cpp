@@ -13,6 +13,7 @@ namespace rq::engine {
 namespace {
 
 constexpr std::chrono::seconds kStoreRetry(1);
+constexpr std::chrono::seconds kStageRetry(2);
 
 std::string Seconds(std::chrono::milliseconds duration) {
     const auto ms = duration.count();
@@ -35,10 +36,13 @@ Scheduler::Scheduler(boost::asio::io_context& io, Store& store, Launcher& launch
       m_linkToken(std::move(linkToken)),
       m_log(log),
       m_maxWorkers(WorkerSlots(settings.maxWorkers)),
+      m_stage(settings.stageFolder),
       m_retry(io),
       m_endTimer(io) {
     platform::RandomBytes(&m_lastSession, sizeof m_lastSession);
     m_launcher.SetOnExit([this](const std::string& token, const WorkerExit& exit) { OnExit(token, exit); });
+    for (const auto& problem : m_stage.Problems())
+        m_log.Warn(problem + "; tasks that need it will wait until that is mended");
 }
 
 Scheduler::~Scheduler() {
@@ -49,18 +53,41 @@ Scheduler::~Scheduler() {
 
 void Scheduler::Pump() {
     while (!m_ending && m_launcher.Running() < m_maxWorkers) {
-        auto claim = m_store.ClaimNext();
+        auto claim = m_store.ClaimNext([this](std::int32_t type) { return MayStart(type); });
         if (!claim) {
             m_log.Warn("no task can be claimed: " + claim.error().message);
-            m_retry.expires_after(kStoreRetry);
-            m_retry.async_wait([this](const boost::system::error_code& error) {
-                if (!error) Pump();
-            });
+            PumpAgainAfter(kStoreRetry);
             return;
         }
-        if (!*claim) return;
+        if (!*claim) break;
         StartWorker(std::move(**claim));
     }
+    if (!m_ending && !m_held.empty()) PumpAgainAfter(kStageRetry);
+}
+
+void Scheduler::PumpAgainAfter(std::chrono::milliseconds pause) {
+    m_retry.expires_after(pause);
+    m_retry.async_wait([this](const boost::system::error_code& error) {
+        if (error) return;
+        // Also those whose tasks have been cancelled meanwhile, which nobody asks about any more.
+        std::vector<std::int32_t> types;
+        for (const auto& [type, reason] : m_held) types.push_back(type);
+        for (const auto type : types) MayStart(type);
+        Pump();
+    });
+}
+
+bool Scheduler::MayStart(std::int32_t type) {
+    const auto problem = m_stage.Problem(type);
+    if (!problem) {
+        if (m_held.erase(type) != 0) m_log.Info("tasks of type " + std::to_string(type) + " can start again");
+        return true;
+    }
+    if (auto& reason = m_held[type]; reason != *problem) {
+        reason = *problem;
+        m_log.Warn("tasks of type " + std::to_string(type) + " wait: " + reason);
+    }
+    return false;
 }
 
 void Scheduler::StartWorker(Claim claim) {
@@ -74,6 +101,7 @@ void Scheduler::StartWorker(Claim claim) {
     auto& run = *(m_runs[token] = std::make_unique<Run>(m_io));
     run.claim = std::move(claim);
     run.claim.text.clear();  // the worker has it
+    run.life = {worker->name, worker->processId, Store::SystemNow()(), 0};
     m_log.Info(run.claim.id + ": worker " + std::to_string(worker->processId) + " started");
     Report(m_store.WorkerStarted(token, worker->processId, worker->output), "a start");
     Arm(run, m_settings.connectLimit, [this](Run& late) {
@@ -163,7 +191,20 @@ std::string Scheduler::HowItEnded(const Run& run) const {
     std::string text = run.killReason;
     if (run.exit) text += text.empty() ? ExitText(*run.exit) : " (" + ExitText(*run.exit) + ")";
     if (run.external && text.empty()) text = "the connection ended";
-    return run.killReason.empty() ? text + " before it reported a final status" : text;
+    if (run.killReason.empty()) text += " before it reported a final status";
+    return text + WhatItLeft(run);
+}
+
+std::string Scheduler::WhatItLeft(const Run& run) const {
+    WorkerLife life = run.life;
+    life.until_us = Store::SystemNow()();
+    const WorkerTraces traces = FindWorkerTraces(m_launcher.LogFolder(), life);
+    std::string text;
+    if (const auto trouble = traces.log.empty() ? std::nullopt : LastTrouble(traces.log))
+        text += "; its log says last: " + *trouble;
+    if (!traces.log.empty()) text += "; log: " + traces.log;
+    if (!traces.crashReport.empty()) text += "; crash report: " + traces.crashReport;
+    return text;
 }
 
 void Scheduler::Settle(Run& run) {

@@ -21,7 +21,9 @@
 #include "engine/launcher.h"
 #include "engine/session.h"
 #include "engine/settings.h"
+#include "engine/stage_check.h"
 #include "engine/store.h"
+#include "engine/worker_traces.h"
 
 namespace rq::engine {
 
@@ -42,6 +44,8 @@ class Scheduler final : public SessionHost {
     bool Ending() const { return m_ending; }
     std::size_t Workers() const { return m_runs.size(); }
     unsigned MaxWorkers() const { return m_maxWorkers; }
+    // Types whose tasks wait because the stage lacks something, and why.
+    const std::map<std::int32_t, std::string>& Held() const { return m_held; }
 
     std::variant<link::Welcome, link::Refuse> Admit(const link::Hello& hello,
                                                     const std::shared_ptr<Session>& session) override;
@@ -60,6 +64,7 @@ class Scheduler final : public SessionHost {
         std::shared_ptr<Session> session;
         std::string reportedTask;
         std::string killReason;  // why we ended it
+        WorkerLife life;         // of a worker that we started
         std::optional<WorkerExit> exit;
         boost::asio::steady_timer timer;
         unsigned timerUse = 0;
@@ -67,6 +72,9 @@ class Scheduler final : public SessionHost {
         explicit Run(boost::asio::io_context& io) : timer(io) {}
     };
 
+    // Whether the stage has what a worker of the type needs; notes and tells when that changes.
+    bool MayStart(std::int32_t type);
+    void PumpAgainAfter(std::chrono::milliseconds pause);
     void StartWorker(Claim claim);
     Run* Find(const std::string& token);
     Run* FindSession(std::uint32_t session);
@@ -88,6 +96,8 @@ class Scheduler final : public SessionHost {
     // The attempt is over: says how it ended and lets it go.
     void Settle(Run& run);
     std::string HowItEnded(const Run& run) const;
+    // What its log and crash report say of a worker that ended without a final status.
+    std::string WhatItLeft(const Run& run) const;
     void FinishEnd();
 
     // Replaces the deadline of the run.
@@ -103,11 +113,13 @@ class Scheduler final : public SessionHost {
     const std::string m_linkToken;
     EngineLog& m_log;
     const unsigned m_maxWorkers;
+    const StageCheck m_stage;
+    std::map<std::int32_t, std::string> m_held;
     std::uint16_t m_linkPort = 0;
     std::uint32_t m_lastSession = 0;
     std::map<std::string, std::unique_ptr<Run>> m_runs;  // by the attempt's token
     std::map<std::uint32_t, std::string> m_sessions;     // the token of each
-    boost::asio::steady_timer m_retry;                   // after a store failure
+    boost::asio::steady_timer m_retry;                   // after a store failure, and for held tasks
     bool m_ending = false;
     std::function<void()> m_onEnded;
     boost::asio::steady_timer m_endTimer;

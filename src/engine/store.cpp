@@ -164,13 +164,21 @@ Claim Store::NewAttempt(std::int64_t task) {
     return claim;
 }
 
-Result<std::optional<Claim>> Store::ClaimNext() {
+Result<std::optional<Claim>> Store::ClaimNext(const MayStart& mayStart) {
     Transaction transaction(*m_database);
     std::int64_t task = 0;
-    {
-        Statement query =
-            m_database->Prepare("SELECT id FROM tasks WHERE state = 'queued' ORDER BY id LIMIT 1");
-        if (query.Row()) task = query.Number();
+    std::string held;  // types, as the inside of a JSON array
+    while (task == 0) {
+        Statement query = m_database->Prepare(
+            "SELECT id, type FROM tasks WHERE state = 'queued' AND type NOT IN (SELECT value FROM "
+            "json_each(?1)) ORDER BY id LIMIT 1");
+        if (!query.Bind("[" + held + "]").Row()) break;
+        const auto found = query.Number();
+        const auto type = static_cast<std::int32_t>(query.Number());
+        if (!mayStart || mayStart(type))
+            task = found;
+        else
+            held += (held.empty() ? "" : ",") + std::to_string(type);
     }
     if (task == 0) {
         if (auto ok = Checked(); !ok) return ok.error();

@@ -32,8 +32,10 @@ class Store {
 
     // ---- tasks ----
     Result<TaskRow> Submit(const NewTask& task);
-    // The oldest queued task gets an attempt and is starting. Nothing when the queue is empty.
-    Result<std::optional<Claim>> ClaimNext();
+    // The oldest queued task of a type that may start gets an attempt and is starting. Nothing when there is
+    // none. `mayStart` is asked once for each type that it meets.
+    using MayStart = std::function<bool(std::int32_t type)>;
+    Result<std::optional<Claim>> ClaimNext(const MayStart& mayStart = {});
     // A worker that was started by hand: a new task, starting, with an attempt.
     // Its type is kUnknownType until TypeSeen tells.
     Result<Claim> AdoptExternal(const std::string& name);

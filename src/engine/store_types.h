@@ -123,6 +123,9 @@ struct AttemptRow {
     std::string furtherText;
     std::optional<std::string> reason;
     std::string output;
+    // Found when somebody asks for them, not stored.
+    std::string log;
+    std::string crashReport;
 };
 
 struct EventRow {

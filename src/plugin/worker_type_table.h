@@ -21,12 +21,9 @@
 #include <string>
 
 #include "base/text.h"
-#include "plugin/type_table_file.h"
+#include "util/type_table_file.h"
 
 namespace rq {
-
-inline constexpr std::size_t kMaxTableNesting = 1000;
-inline constexpr std::size_t kMaxTableSize_bytes = 512u * 1024u * 1024u;
 
 class WorkerTypeTable {
   public:
