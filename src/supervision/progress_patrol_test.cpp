@@ -27,6 +27,8 @@ TEST(IsOverdue, NeedsTheWholeTimeoutAndALaterNow) {
     EXPECT_FALSE(after(-3'600'000'000));
     EXPECT_FALSE(IsOverdue(stamp, stamp, 0));
     EXPECT_TRUE(IsOverdue(stamp + boost::posix_time::microseconds(1), stamp, 0));
+    // A parameter of -1.
+    EXPECT_FALSE(IsOverdue(stamp + boost::posix_time::hours(24 * 365 * 100), stamp, 4'294'967'295u));
     EXPECT_FALSE(IsOverdue(stamp, LocalTime(), 0));
     EXPECT_FALSE(IsOverdue(LocalTime(), stamp, 0));
 }

@@ -34,6 +34,11 @@ class Prepare : public WorkerFixture {
 };
 
 TEST_F(Prepare, FirstTaskIsAnnounced) {
+    m_engine.onSend = [this](std::uint32_t) {
+        EXPECT_NE(m_core->WorkerGuid(), "");
+        EXPECT_EQ(m_core->TaskId(), "");  // comes with the announcement behind it
+        return true;
+    };
     EXPECT_EQ(m_core->PrepareWork("<t/>"), 0);
     EXPECT_EQ(m_journal.Entries(),
               (std::vector<std::string>{Line(1, "Prepare work begin.."), "runner.AnalyseTask <t/>",

@@ -80,6 +80,20 @@ TEST_F(WorkLoop, OneTaskFromBeginToEnd) {
     EXPECT_EQ(m_engine.sent.Statuses(), (std::vector<std::uint32_t>{3, 0}));
 }
 
+TEST_F(WorkLoop, TheProgressThreadRunsBeforeTheFirstStatusIsSent) {
+    Begin();
+    m_engine.onSend = [this](std::uint32_t id) {
+        if (id == TCP_WORKER_STATE_ID && ++m_tasks == 1) {
+            EXPECT_TRUE(m_clock.WaitForWaiters(2, 20s));  // it waits as well as the heartbeat's
+        }
+        return true;
+    };
+    ASSERT_TRUE(m_clock.WaitForWaiters(1));  // the exit order would end a heartbeat that does not wait yet
+    m_engine.DeliverDestroy();
+    EXPECT_EQ(m_core->DoWork("<task/>", 3), 0);
+    EXPECT_EQ(m_tasks, 2);
+}
+
 TEST_F(WorkLoop, PerformGetsTheParameters) {
     m_parameters.resize(1);
     m_parameters[0].progressReportInterval_s = 17;
@@ -243,6 +257,18 @@ TEST_F(WorkLoop, PausedWorkerRunsNothingUntilResumed) {
     EXPECT_TRUE(m_journal.WaitFor("runner.PerformTask"));
 }
 
+TEST_F(WorkLoop, TheRunnerIsSuspendedAndResumedBeforeTheWorkerIs) {
+    Begin();
+    m_script.onSuspend = [this] { EXPECT_FALSE(m_core->IsPaused()); };
+    m_script.onResume = [this] { EXPECT_TRUE(m_core->IsPaused()); };
+    m_engine.DeliverCommand(TCP_TASK_SUSPEND_ID);
+    EXPECT_TRUE(m_core->IsPaused());
+    m_engine.DeliverCommand(TCP_TASK_RESUME_ID);
+    EXPECT_FALSE(m_core->IsPaused());
+    EXPECT_EQ(m_journal.Count("runner.SuspendTask"), 1u);
+    EXPECT_EQ(m_journal.Count("runner.ResumeTask"), 1u);
+}
+
 TEST_F(WorkLoop, DestroyDoesNotEndAPausedWorkerButACancelDoes) {
     Begin();
     m_engine.DeliverCommand(TCP_TASK_SUSPEND_ID);
@@ -277,6 +303,27 @@ TEST_P(PackageLoop, KeepsTakingTasksUntilACancel) {
     EXPECT_EQ(Performed(), 3u);
     EXPECT_EQ(m_engine.sent.Statuses(), (std::vector<std::uint32_t>{3, 0, 3, 0, 3, 0}));
     EXPECT_EQ(m_engine.sent.WithId(TCP_WORKER_SEND_ID).size(), 1u);
+}
+
+TEST_P(PackageLoop, TakesNoTaskWhileItIsBeingClosed) {
+    Begin(GetParam());
+    m_script.onPerform = [this] {
+        m_closed.Wait();
+        m_script.SetStatus(kTaskCancelled);
+        return 0;
+    };
+    m_script.onClose = [this](std::uint32_t) {
+        m_closed.Open();
+        m_goOn.Wait(20s);
+    };
+    m_core->AddTask("<a/>");
+    StartWork("<b/>");
+    ASSERT_TRUE(m_journal.WaitFor("runner.PerformTask"));
+    std::thread handler([this] { m_engine.DeliverCommand(TCP_TASK_CANCEL_ID); });
+    EXPECT_EQ(JoinWork(), 0);  // the close is still under way
+    EXPECT_EQ(Performed(), 1u);
+    m_goOn.Open();
+    handler.join();
 }
 
 TEST_P(PackageLoop, DestroyAloneDoesNotEndIt) {

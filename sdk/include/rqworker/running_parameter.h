@@ -44,7 +44,7 @@ typedef struct RQRunningParameter {
     int32_t value22; /* Value22; default 0; for plug-ins */
     int32_t value23; /* Value23; default 5; for plug-ins */
     int32_t progressReportInterval_s; /* ProgressReportInterval; default 5 s; time between progress reports */
-    int32_t progressPatrolTimeout_s; /* ProgressPatrolTimeout; default 60 s; a task without progress for this long is closed as stalled */
+    int32_t progressPatrolTimeout_s; /* ProgressPatrolTimeout; default 60 s; a task without progress for this long is closed as stalled; negative: practically never */
     int32_t value26; /* Value26; default 0; for plug-ins */
     uint8_t flag27; /* Flag27; default 0; for plug-ins */
     int32_t value28; /* Value28; default 10; for plug-ins */

@@ -61,6 +61,8 @@ class RunnerScript {
     std::function<std::int32_t()> onPerform;
     std::function<void(std::uint32_t)> onClose;
     std::function<void()> onUpdate;
+    std::function<void()> onSuspend;
+    std::function<void()> onResume;
     std::function<void()> onRelease;
 
   private:
@@ -112,10 +114,12 @@ class ScriptedRunner final : public IWorkRunner {
     }
     std::int32_t SuspendTask() override {
         m_script.journal.Note("runner.SuspendTask");
+        if (m_script.onSuspend) m_script.onSuspend();
         return 0;
     }
     std::int32_t ResumeTask() override {
         m_script.journal.Note("runner.ResumeTask");
+        if (m_script.onResume) m_script.onResume();
         return 0;
     }
     TaskProgress GetProgress() const override {
