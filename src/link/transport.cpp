@@ -119,12 +119,9 @@ void Connection::Close() {
 }
 
 void Connection::SetTimer(std::optional<SteadyTime> time, SteadyTime now) {
-    if (time == m_timerAt) return;
+    // A timer that fires too early costs less than one that is set again with each frame.
+    if (!time || (m_timerAt && *m_timerAt <= *time)) return;
     m_timerAt = time;
-    if (!time) {
-        m_timer.cancel();
-        return;
-    }
     m_timer.expires_after(*time - now);
     m_timer.async_wait([self = shared_from_this()](const Error& error) {
         if (error || self->m_listener == nullptr) return;

@@ -70,8 +70,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
     void ShutdownSend();
     // The listener hears nothing more.
     void Close();
-    // One timer; a new time replaces the old one. It is armed for `time` - `now`, which may be those of any
-    // clock: where that has not come so far when the timer fires, OnTimer comes early and sets it again.
+    // OnTimer comes at `time`, or earlier: at a time that was wanted before this one, or because the timer is
+    // armed for `time` - `now`, which may be those of any clock, and that clock has not come so far. It then
+    // sets the timer again. Without a time nothing is wanted.
     void SetTimer(std::optional<SteadyTime> time, SteadyTime now);
 
   private:

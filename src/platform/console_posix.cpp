@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -31,10 +32,13 @@ int DescriptorOf(StandardStream stream) {
 }
 
 // A reader that went away must not end the process: SIGPIPE is held back for this thread during a write, and
-// one that the write caused is taken away again.
+// one that the write caused is taken away again. Files and terminals have no such readers.
 class HoldSigpipe {
   public:
-    HoldSigpipe() {
+    explicit HoldSigpipe(int fd) {
+        struct stat facts {};
+        m_holds = ::fstat(fd, &facts) != 0 || S_ISFIFO(facts.st_mode) || S_ISSOCK(facts.st_mode);
+        if (!m_holds) return;
         sigemptyset(&m_pipe);
         sigaddset(&m_pipe, SIGPIPE);
         sigset_t pending;
@@ -43,6 +47,7 @@ class HoldSigpipe {
         pthread_sigmask(SIG_BLOCK, &m_pipe, &m_before);
     }
     ~HoldSigpipe() {
+        if (!m_holds) return;
         const timespec atOnce{0, 0};
         if (!m_wasPending) {
             while (sigtimedwait(&m_pipe, nullptr, &atOnce) == -1 && errno == EINTR) {
@@ -56,6 +61,7 @@ class HoldSigpipe {
   private:
     sigset_t m_pipe;
     sigset_t m_before;
+    bool m_holds = false;
     bool m_wasPending = false;
 };
 
@@ -130,7 +136,7 @@ bool WriteStandardOutput(std::string_view bytes) {
     ::flockfile(stdout);
     bool isWhole = false;
     {
-        const HoldSigpipe hold;
+        const HoldSigpipe hold(STDOUT_FILENO);
         isWhole = std::fflush(stdout) == 0 && WriteAll(STDOUT_FILENO, bytes);
     }
     ::funlockfile(stdout);

@@ -2,12 +2,39 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <thread>
+
 #include "base/paths.h"
 #include "kit/child.h"
 #include "platform/crash.h"
 
 namespace rq::platform {
 namespace {
+
+// Where the calling thread's crash room begins, once it has one.
+char* Room() {
+    EXPECT_TRUE(GiveThreadCrashRoom());
+    stack_t now{};
+    EXPECT_EQ(::sigaltstack(nullptr, &now), 0);
+    EXPECT_EQ(now.ss_flags, 0);
+    return static_cast<char*>(now.ss_sp);
+}
+
+TEST(CrashRoom, IsTheThreadsOwnAndGoesToAnotherWhenItEnds) {
+    // New memory would be all zeros.
+    constexpr char kMark = 'x';
+    int marked = 0;
+    for (int i = 0; i < 100; ++i) {
+        std::thread([&] {
+            char* outer = Room();
+            std::thread([&] { EXPECT_NE(Room(), outer); }).join();
+            EXPECT_EQ(Room(), outer);
+            marked += *outer == kMark ? 1 : 0;
+            *outer = kMark;
+        }).join();
+    }
+    EXPECT_GE(marked, 90) << "a thread that ends leaves its room to the next";
+}
 
 // The program that crashes as it is told. Without a core file, which tests do not want to leave behind.
 class Crash : public ::testing::Test {

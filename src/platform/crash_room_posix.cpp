@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 
 #include "platform/crash.h"
 
@@ -26,6 +28,38 @@ std::size_t RoomSize() {
     return (size + page - 1) / page * page;
 }
 
+// Rooms of threads that have ended, for the next ones: a worker starts a thread for each task.
+std::array<std::atomic<void*>, 4> g_spare{};
+
+void* TakeSpare() {
+    for (std::atomic<void*>& slot : g_spare) {
+        if (slot.load(std::memory_order_relaxed) == nullptr) continue;
+        if (void* block = slot.exchange(nullptr, std::memory_order_acquire)) return block;
+    }
+    return nullptr;
+}
+
+bool KeepSpare(void* block) {
+    for (std::atomic<void*>& slot : g_spare) {
+        void* empty = nullptr;
+        if (slot.compare_exchange_strong(empty, block, std::memory_order_release, std::memory_order_relaxed))
+            return true;
+    }
+    return false;
+}
+
+void* MakeRoom() {
+    void* block = ::mmap(nullptr, GuardSize() + RoomSize(), PROT_READ | PROT_WRITE,
+                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (block == MAP_FAILED) return nullptr;
+    ::mprotect(block, GuardSize(), PROT_NONE);
+    return block;
+}
+
+void GiveRoomAway(void* block) {
+    if (!KeepSpare(block)) ::munmap(block, GuardSize() + RoomSize());
+}
+
 // At the thread's end, whichever way it ends.
 extern "C" void TakeRoomBack(void* block) {
     stack_t now{};
@@ -35,7 +69,7 @@ extern "C" void TakeRoomBack(void* block) {
         none.ss_flags = SS_DISABLE;
         ::sigaltstack(&none, nullptr);
     }
-    ::munmap(block, GuardSize() + RoomSize());
+    GiveRoomAway(block);
 }
 
 pthread_key_t g_key;
@@ -52,18 +86,15 @@ bool GiveThreadCrashRoom() noexcept {
     ::pthread_once(&g_once, &MakeKey);
     if (!g_hasKey) return false;
     if (::pthread_getspecific(g_key) != nullptr) return true;
-    const std::size_t guard = GuardSize();
-    const std::size_t room = RoomSize();
-    void* block = ::mmap(nullptr, guard + room, PROT_READ | PROT_WRITE,
-                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (block == MAP_FAILED) return false;
-    ::mprotect(block, guard, PROT_NONE);
+    void* block = TakeSpare();
+    if (block == nullptr) block = MakeRoom();
+    if (block == nullptr) return false;
     stack_t stack{};
-    stack.ss_sp = static_cast<char*>(block) + guard;
-    stack.ss_size = room;
+    stack.ss_sp = static_cast<char*>(block) + GuardSize();
+    stack.ss_size = RoomSize();
     if (::pthread_setspecific(g_key, block) != 0 || ::sigaltstack(&stack, nullptr) != 0) {
         ::pthread_setspecific(g_key, nullptr);
-        ::munmap(block, guard + room);
+        GiveRoomAway(block);
         return false;
     }
     return true;

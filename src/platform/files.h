@@ -26,6 +26,16 @@ std::FILE* OpenFile(const std::string& path, const char* mode);
 std::optional<std::string> ReadWholeFile(const std::string& path, OsError* error = nullptr,
                                          std::uint64_t limit_bytes = UINT64_MAX);
 
+// What tells one state of a file from another.
+struct FileState {
+    std::int64_t changed = 0;  // when its bytes were last written, in the system's own units
+    std::uint64_t size_bytes = 0;
+
+    bool operator==(const FileState&) const = default;
+};
+// By one look at the file; nothing when there is none, or it is no regular one.
+std::optional<FileState> StateOfFile(const std::string& path);
+
 // Makes a new file that only its owner can read (0600; an owner-only ACL on Windows) and writes `bytes`.
 // Fails when the file is already there.
 bool CreatePrivateFile(const std::string& path, std::string_view bytes, OsError* error = nullptr);

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <memory>
 
 #include "platform/identity.h"
@@ -131,6 +132,14 @@ std::optional<std::string> ReadWholeFile(const std::string& path, OsError* error
             return std::nullopt;
         }
     }
+}
+
+std::optional<FileState> StateOfFile(const std::string& path) {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
+    const auto changed =
+        std::chrono::seconds(info.st_mtim.tv_sec) + std::chrono::nanoseconds(info.st_mtim.tv_nsec);
+    return FileState{changed.count(), static_cast<std::uint64_t>(info.st_size)};
 }
 
 bool CreatePrivateFile(const std::string& path, std::string_view bytes, OsError* error) {

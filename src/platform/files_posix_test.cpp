@@ -17,5 +17,9 @@ TEST(FilesOnLinux, AFileWithoutAnEndIsGivenUpAtTheLimit) {
     EXPECT_EQ(error.message, "read /dev/zero: File too large");
 }
 
+TEST(FilesOnLinux, ADeviceHasNoState) {
+    EXPECT_FALSE(StateOfFile("/dev/null"));
+}
+
 }  // namespace
 }  // namespace rq::platform

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <filesystem>
 #include <memory>
 
 #include "base/paths.h"
@@ -69,6 +71,24 @@ TEST(Files, ReadsNoMoreThanALimit) {
     EXPECT_FALSE(ReadWholeFile(dir.Utf8("sparse"), &error, 1000));
     dir.Write("empty", "");
     EXPECT_EQ(ReadWholeFile(dir.Utf8("empty"), &error, 0), "");
+}
+
+TEST(Files, AStateTellsAChangeOfSizeAndOfTime) {
+    const TempDir dir;
+    const auto path = dir.Write("文件", "ab");
+    const auto time = std::filesystem::last_write_time(path);
+    std::filesystem::last_write_time(path, time);  // where whole seconds alone can be set
+    const auto before = StateOfFile(dir.Utf8("文件"));
+    ASSERT_TRUE(before);
+    EXPECT_EQ(before->size_bytes, 2u);
+    EXPECT_EQ(StateOfFile(dir.Utf8("文件")), before);
+    std::filesystem::last_write_time(path, time + std::chrono::seconds(2));
+    EXPECT_NE(StateOfFile(dir.Utf8("文件"))->changed, before->changed);
+    dir.Write("文件", "abc");
+    std::filesystem::last_write_time(path, time);
+    EXPECT_EQ(StateOfFile(dir.Utf8("文件")), (FileState{before->changed, 3}));
+    EXPECT_FALSE(StateOfFile(dir.Utf8("missing")));
+    EXPECT_FALSE(StateOfFile(dir.Utf8()));
 }
 
 TEST(Files, StreamsOfEveryMode) {

@@ -172,6 +172,17 @@ std::FILE* OpenFile(const std::string& path, const char* mode) {
     return file;
 }
 
+std::optional<FileState> StateOfFile(const std::string& path) {
+    const WinHandle file = Open(path, FILE_READ_ATTRIBUTES, OPEN_EXISTING);
+    BY_HANDLE_FILE_INFORMATION info{};
+    if (!file.Valid() || !::GetFileInformationByHandle(file.Get(), &info)) return std::nullopt;
+    if ((info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) return std::nullopt;
+    const auto whole = [](DWORD high, DWORD low) { return std::uint64_t{high} << 32 | low; };
+    const std::uint64_t changed =
+        whole(info.ftLastWriteTime.dwHighDateTime, info.ftLastWriteTime.dwLowDateTime);
+    return FileState{static_cast<std::int64_t>(changed), whole(info.nFileSizeHigh, info.nFileSizeLow)};
+}
+
 std::optional<std::string> ReadWholeFile(const std::string& path, OsError* error, std::uint64_t limit_bytes) {
     const WinHandle file = Open(path, GENERIC_READ, OPEN_EXISTING);
     if (!file.Valid()) {

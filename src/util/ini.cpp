@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cstdint>
 #include <exception>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
@@ -15,7 +14,6 @@
 #include <string_view>
 #include <vector>
 
-#include "base/paths.h"
 #include "base/result.h"
 #include "base/sync.h"
 #include "base/text.h"
@@ -30,25 +28,13 @@ namespace {
 using Section = std::map<std::string, std::string, std::less<>>;
 using Sections = std::map<std::string, Section, std::less<>>;
 
-// What tells one state of a file from another.
-struct Stamp {
-    std::filesystem::file_time_type changed;
-    std::uintmax_t size_bytes = 0;
+using Stamp = rq::platform::FileState;
 
-    bool operator==(const Stamp&) const = default;
-};
-
-constexpr std::uintmax_t kLargestFile_bytes = 16 * 1024 * 1024;
+constexpr std::uint64_t kLargestFile_bytes = 16 * 1024 * 1024;
 
 std::optional<Stamp> StampOf(const std::string& path) {
-    std::error_code error;
-    const std::filesystem::path file = rq::PathFromUtf8(path);
-    if (!std::filesystem::is_regular_file(file, error)) return std::nullopt;
-    Stamp stamp;
-    stamp.changed = std::filesystem::last_write_time(file, error);
-    if (error) return std::nullopt;
-    stamp.size_bytes = std::filesystem::file_size(file, error);
-    if (error || stamp.size_bytes > kLargestFile_bytes) return std::nullopt;
+    const std::optional<Stamp> stamp = rq::platform::StateOfFile(path);
+    if (stamp && stamp->size_bytes > kLargestFile_bytes) return std::nullopt;
     return stamp;
 }
 

@@ -80,7 +80,7 @@ void Connection::Close() {
 
 // The clocks are one here: `now` is not needed.
 void Connection::SetTimer(std::optional<SteadyTime> time, SteadyTime) {
-    if (m_listener == nullptr || time == m_timerAt) return;
+    if (m_listener == nullptr || !time || (m_timerAt && *m_timerAt <= *time)) return;
     m_timerAt = time;
     m_io.SetTimer(weak_from_this(), time);
 }
