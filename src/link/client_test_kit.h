@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "base/paths.h"
@@ -100,6 +101,49 @@ class Gate {
   private:
     Signal m_signal;
     bool m_open = false;
+};
+
+// The system's clock, which lets something happen on the I/O thread of a client that has it, where that asks
+// for the time. Made, and connected first, on the test's thread.
+class IoThreadClock final : public Clock {
+  public:
+    // Before the answer to the I/O thread's question after `skipped` further ones, once.
+    void Arm(std::function<void()> act, int skipped = 0) {
+        MutexLock lock(m_lock);
+        m_act = std::move(act);
+        m_skipped = skipped;
+    }
+    bool IsArmed() {
+        MutexLock lock(m_lock);
+        return m_act != nullptr;
+    }
+
+    SteadyTime Steady() override {
+        if (const std::function<void()> act = Next()) act();
+        return SystemClock().Steady();
+    }
+    LocalTime Local() override { return SystemClock().Local(); }
+    void WaitUntil(boost::unique_lock<boost::mutex>& lock, boost::condition_variable& condition,
+                   SteadyTime deadline) override {
+        SystemClock().WaitUntil(lock, condition, deadline);
+    }
+    void SleepFor(std::chrono::milliseconds duration) override { SystemClock().SleepFor(duration); }
+
+  private:
+    std::function<void()> Next() {
+        const std::thread::id self = std::this_thread::get_id();
+        MutexLock lock(m_lock);
+        if (self == m_owner) return nullptr;
+        if (m_io == std::thread::id()) m_io = self;
+        if (self != m_io || !m_act || m_skipped-- > 0) return nullptr;
+        return std::exchange(m_act, nullptr);
+    }
+
+    const std::thread::id m_owner = std::this_thread::get_id();
+    Mutex m_lock;
+    std::thread::id m_io RQ_GUARDED_BY(m_lock);  // nobody else asks before the first connection
+    std::function<void()> m_act RQ_GUARDED_BY(m_lock);
+    int m_skipped RQ_GUARDED_BY(m_lock) = 0;
 };
 
 // A client whose handler is `handler`, for one test.

@@ -1,5 +1,6 @@
 #include "link/engine_client.h"
 
+#include <new>
 #include <utility>
 
 #include "base/text.h"
@@ -111,13 +112,9 @@ std::uint32_t EngineClient::Connect(const EngineEndpoint* endpoint) {
 }
 
 bool EngineClient::StartThreads() {
-    const auto onFailure = [this](const std::string& thrown) {
-        m_log.Write(LogLevel::Warning, "the I/O thread caught: " + thrown);
-        OnDisconnected("an exception on the I/O thread: " + thrown);
-    };
     return m_handlerThread.Start(m_handler, m_context, [this](const Delivery& delivery) {
         OnHanded(delivery);
-    }) && m_io.Start(onFailure);
+    }) && m_io.Start([this](const std::string& thrown) { OnIoFailure(thrown); });
 }
 
 std::uint32_t EngineClient::AwaitConnect(const std::string& where) {
@@ -169,12 +166,18 @@ bool EngineClient::DecideConnect(std::uint64_t attempt, std::uint32_t sessionId,
 
 // Sessions begin and end on this thread only, so that nothing of one reaches the next.
 void EngineClient::OpenConnection(std::uint64_t attempt, const std::string& address, std::uint16_t port) {
-    CloseConnection("a new attempt to connect");
     {
         Signal::Hold hold(m_endSignal);
         m_ended = false;
         m_endSignal.Reset(hold);
     }
+    {
+        // From here on a failure is one of this attempt, and of no session yet.
+        MutexLock lock(m_lock);
+        m_session.reset();
+        m_connectionNumber = attempt;
+    }
+    CloseConnection("a new attempt to connect");
     Hello hello;
     hello.token = m_options.token;
     hello.attempt = m_options.attempt;
@@ -183,7 +186,6 @@ void EngineClient::OpenConnection(std::uint64_t attempt, const std::string& addr
     {
         MutexLock lock(m_lock);
         m_session = std::make_unique<Session>(hello, m_options.limits, m_clock.Steady(), m_log.IsDebug());
-        m_connectionNumber = attempt;
     }
     Connection::Listener* listener = this;  // a private base: converted here
     m_connection = std::make_shared<Connection>(m_io.Io(), listener);
@@ -225,6 +227,19 @@ void EngineClient::OnDisconnected(std::string reason) {
     Settle();
 }
 
+// What the thread was about to do is not known to be done: the session ends. It may have been closed before,
+// with its end not carried out to the last.
+void EngineClient::OnIoFailure(const std::string& thrown) {
+    const std::string reason = "an exception on the I/O thread: " + thrown;
+    m_log.Write(LogLevel::Warning, "the I/O thread caught: " + thrown);
+    OnDisconnected(reason);
+    {
+        Signal::Hold hold(m_endSignal);
+        if (m_ended) return;
+    }
+    CarryClosed({true, reason});
+}
+
 void EngineClient::OnTimer() {
     {
         MutexLock lock(m_lock);
@@ -248,10 +263,13 @@ void EngineClient::Settle() {
     }
     for (SessionEvent& event : events) {
         const auto* welcomed = std::get_if<Welcomed>(&event);
-        if (welcomed == nullptr)
+        if (welcomed == nullptr) {
             Carry(std::move(event));
-        else if (!DecideConnect(ConnectionNumber(), welcomed->sessionId, {}))
-            return AbandonSession();
+            continue;
+        }
+        m_handlerThread.ReserveLoss(
+            {ConnectionNumber(), welcomed->sessionId, 0, TCP_SERVER_DISCONNECT_ID, ServerLost{}});
+        if (!DecideConnect(ConnectionNumber(), welcomed->sessionId, {})) return AbandonSession();
     }
     if (!m_connection) return;  // closed, perhaps by one of the events
     if (!output.empty()) {
@@ -264,6 +282,7 @@ void EngineClient::Settle() {
 // The engine's answer came after Connect had given up: nobody knows of the session, so that it cannot be lost
 // either, and what the engine orders in it is not handed on.
 void EngineClient::AbandonSession() {
+    m_handlerThread.ForgetLoss();
     {
         MutexLock lock(m_lock);
         m_session->Abandon("the engine's answer came too late");
@@ -289,25 +308,38 @@ void EngineClient::Carry(SessionEvent event) {
     }
 }
 
+// Each step may be carried out again after one behind it has failed.
 void EngineClient::CarryClosed(const SessionClosed& closed) {
+    TellLost(closed);
     CloseConnection(closed.reason);
-    std::optional<Delivery> lost;
+    bool isLost = false;
     {
         MutexLock lock(m_lock);
         m_finals.FailAll();
-        if (closed.wasOpen && !m_disconnecting)
-            lost = Delivery{m_connectionNumber, m_session->SessionId(), 0, TCP_SERVER_DISCONNECT_ID,
-                            ServerLost{}};
+        isLost = closed.wasOpen && !m_disconnecting;
     }
-    if (lost) {
-        m_log.Write(LogLevel::Warning,
-                    "session " + std::to_string(lost->sessionId) + " lost: " + closed.reason);
-        m_handlerThread.Push(std::move(*lost));
-    }
+    if (isLost) m_handlerThread.PushLoss();
     DecideConnect(ConnectionNumber(), kNoSession, closed.reason);
     Signal::Hold hold(m_endSignal);
     m_ended = true;
     m_endSignal.Notify(hold);
+}
+
+// A line that cannot be written keeps nothing back; the same below.
+void EngineClient::TellLost(const SessionClosed& closed) noexcept try {
+    std::uint32_t lost = kNoSession;
+    {
+        MutexLock lock(m_lock);
+        if (closed.wasOpen && !m_disconnecting && m_session) lost = m_session->SessionId();
+    }
+    if (lost != kNoSession)
+        m_log.Write(LogLevel::Warning, "session " + std::to_string(lost) + " lost: " + closed.reason);
+} catch (...) {
+}
+
+void EngineClient::JournalClosed(const std::string& reason) noexcept try {
+    m_journal.Closed(reason);
+} catch (...) {
 }
 
 std::uint64_t EngineClient::ConnectionNumber() {
@@ -316,7 +348,7 @@ std::uint64_t EngineClient::ConnectionNumber() {
 }
 
 void EngineClient::CloseConnection(const std::string& reason) {
-    m_journal.Closed(reason);
+    JournalClosed(reason);
     if (!m_connection) return;
     m_connection->Close();
     m_connection.reset();
@@ -325,7 +357,8 @@ void EngineClient::CloseConnection(const std::string& reason) {
 // ---- sending ----
 
 bool EngineClient::SendMessage(std::uint32_t sessionId, std::uint32_t id, const void* record) {
-    if (sessionId == kNoSession) return false;
+    if (sessionId == kNoSession)
+        return Refused(id, "there is no session (" + std::to_string(kNoSession) + ")");
     Result<std::string> body = EncodeWorkerRecord(id, record);
     if (!body) return Refused(id, body.error().message);
     const bool isFinal =
@@ -377,10 +410,15 @@ bool EngineClient::Refused(std::uint32_t id, const std::string& problem) {
 
 void EngineClient::RequestSettle() {
     if (m_settleRequested.exchange(true)) return;
-    m_io.Post([this] {
+    try {
+        m_io.Post([this] {
+            m_settleRequested = false;
+            Settle();
+        });
+    } catch (const std::bad_alloc&) {
+        // What waits goes with whatever happens next on the connection, at the latest with the next ping.
         m_settleRequested = false;
-        Settle();
-    });
+    }
 }
 
 void EngineClient::OnHanded(const Delivery& delivery) {

@@ -68,6 +68,9 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     void AbandonSession();
     void Carry(SessionEvent event);
     void CarryClosed(const SessionClosed& closed);
+    void TellLost(const SessionClosed& closed) noexcept;
+    void JournalClosed(const std::string& reason) noexcept;
+    void OnIoFailure(const std::string& thrown);
     void CloseConnection(const std::string& reason);
     std::uint64_t ConnectionNumber();
 

@@ -19,6 +19,7 @@ bool HandlerThread::Start(EngineMessageHandler handler, void* context,
     {
         Signal::Hold hold(m_signal);
         m_waiting.clear();
+        m_loss.clear();
         m_refuse = false;
         m_signal.Reset(hold);
     }
@@ -34,6 +35,25 @@ void HandlerThread::Push(Delivery delivery) {
     Signal::Hold hold(m_signal);
     if (m_refuse) return;
     m_waiting.push_back(std::move(delivery));
+    m_signal.Notify(hold);
+}
+
+void HandlerThread::ReserveLoss(Delivery loss) {
+    std::list<Delivery> reserved;
+    reserved.push_back(std::move(loss));
+    Signal::Hold hold(m_signal);
+    m_loss.swap(reserved);
+}
+
+void HandlerThread::ForgetLoss() {
+    Signal::Hold hold(m_signal);
+    m_loss.clear();
+}
+
+void HandlerThread::PushLoss() {
+    Signal::Hold hold(m_signal);
+    if (m_refuse) return;
+    m_waiting.splice(m_waiting.end(), m_loss);
     m_signal.Notify(hold);
 }
 

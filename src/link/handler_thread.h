@@ -4,8 +4,8 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <functional>
+#include <list>
 #include <thread>
 #include <variant>
 
@@ -37,6 +37,12 @@ class HandlerThread {
     // can be started. A null handler takes everything and does nothing.
     bool Start(EngineMessageHandler handler, void* context, std::function<void(const Delivery&)> onHanded);
     void Push(Delivery delivery);
+    // Keeps what is to be told at the loss of a session that begins, so that PushLoss needs no memory. The
+    // newest one counts.
+    void ReserveLoss(Delivery loss);
+    void ForgetLoss();
+    // Pushes it, once; nothing without one.
+    void PushLoss();
     // Drops what waits and lets nothing new begin; a call that runs goes on.
     void Refuse();
     // Refuse(), then waits for the end of the thread.
@@ -53,7 +59,8 @@ class HandlerThread {
     void* m_context = nullptr;
     std::function<void(const Delivery&)> m_onHanded;
     Signal m_signal;
-    std::deque<Delivery> m_waiting RQ_GUARDED_BY(m_signal);
+    std::list<Delivery> m_waiting RQ_GUARDED_BY(m_signal);
+    std::list<Delivery> m_loss RQ_GUARDED_BY(m_signal);  // one at most
     bool m_refuse RQ_GUARDED_BY(m_signal) = false;
     std::thread m_thread;
 };

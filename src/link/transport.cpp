@@ -28,17 +28,30 @@ bool IoThread::Start(std::function<void(std::string)> onFailure) {
     return true;
 }
 
+namespace {
+
+std::string TextOf(const std::exception_ptr& thrown) {
+    try {
+        std::rethrow_exception(thrown);
+    } catch (const std::exception& exception) {
+        return exception.what();
+    } catch (...) {
+        return "an unknown exception";
+    }
+}
+
+}  // namespace
+
+// What onFailure throws is a failure again: it is called until it has done what it has to.
 void IoThread::Run(const std::function<void(std::string)>& onFailure) {
-    std::string thrown;
+    std::exception_ptr thrown;
     for (;;) {
         try {
-            if (!thrown.empty()) onFailure(std::exchange(thrown, {}));
+            if (thrown) onFailure(TextOf(std::exchange(thrown, nullptr)));
             m_io.run();
             return;
-        } catch (const std::exception& exception) {
-            thrown = exception.what();
         } catch (...) {
-            thrown = "an unknown exception";
+            thrown = std::current_exception();
         }
     }
 }

@@ -2,6 +2,7 @@
 #include <chrono>
 
 #include "base/result.h"
+#include "base/text.h"
 #include "util/worker_util.h"
 #include "worker/worker_base.h"
 
@@ -65,6 +66,11 @@ std::int32_t CRQWorkerBase::ConnectEngine() {
     std::uint32_t sessionId = client->Connect(&endpoint);
     StoreSession(sessionId);
     ConsoleWrite("sessionID=" + std::to_string(sessionId) + "\n");
+    // Once: whoever looks for a reason reads the worker's log first.
+    if (sessionId == kNoSession) {
+        Log(3, "No session with the engine at " + server.address + ":" + std::to_string(server.port) + "; " +
+                   NarrowUtf8(setup.logFile) + " says why. It is tried again each second.");
+    }
     // For ever: a worker is of no use without its engine. What Connect gave decides, not the stored value,
     // which a loss right after the connection may have taken away: a lost server is never called again.
     while (sessionId == kNoSession) {

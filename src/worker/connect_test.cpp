@@ -3,6 +3,7 @@
 #include <chrono>
 #include <thread>
 
+#include "base/text.h"
 #include "worker/testing/worker_fixture.h"
 
 namespace rq {
@@ -154,6 +155,11 @@ TEST_F(Connect, LateServerIsJoinedOnTheFirstAttemptAfterItComesUp) {
               "4294967295\n通信服务端没有启动\n通信服务端没有启动\n通信服务端没有启动\n通信服务端没有启动\n");
     EXPECT_EQ(m_journal.Count("client created"), 1u);
     EXPECT_EQ(m_journal.Count("client.Initialize"), 1u);
+    // One line tells where the reasons stand.
+    EXPECT_EQ(m_journal.LogLines().at(1), testing::Line(3, "No session with the engine at 127.0.0.1:8083; " +
+                                                               NarrowUtf8(m_engine.setup.logFile) +
+                                                               " says why. It is tried again each second."));
+    EXPECT_EQ(m_journal.LogLines().size(), 3u);
 }
 
 TEST_F(Connect, LossBeforeConnectReturnsIsNotForgottenAndNotRetried) {

@@ -96,11 +96,13 @@ void CRQWorkerBase::ResumeTask() {
 
 boost::thread CRQWorkerBase::StartThread(std::uint32_t (*function)(IWorkerCore&)) {
     try {
-        return boost::thread([this, function] {
+        return m_seams.startThread([this, function] {
             try {
                 function(*this);
             } catch (const std::exception& error) {
                 Log(5, std::string("A supervision thread ended by an exception: ") + error.what());
+            } catch (...) {
+                Log(5, "A supervision thread ended by an unknown exception.");
             }
         });
     } catch (const std::exception& error) {

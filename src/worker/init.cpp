@@ -26,6 +26,7 @@ void WorkerCoreSeams::FillIn() {
     if (!createRunner) createRunner = [this] { return std::make_unique<WorkRunner>(*clock); };
     if (!readRunningParameter) readRunningParameter = KWOVL_UTILITY::OVLReadRunningParameter;
     if (!writeRunningParameter) writeRunningParameter = KWOVL_UTILITY::OVLRunningParamToXml;
+    if (!startThread) startThread = [](std::function<void()> body) { return boost::thread(std::move(body)); };
 }
 
 CRQWorkerBase::CRQWorkerBase(WorkerCoreSeams seams)

@@ -7,6 +7,8 @@
 #include <memory>
 #include <string>
 
+#include <boost/thread/thread.hpp>
+
 #include "base/clock.h"
 #include "link/engine_communicate.h"
 #include "plugin/work_runner.h"
@@ -22,6 +24,8 @@ struct WorkerCoreSeams {
     std::function<std::unique_ptr<IWorkRunner>()> createRunner;
     std::function<std::int32_t(std::string, tagOVLCommunicationParam*)> readRunningParameter;
     std::function<std::int32_t(const tagOVLCommunicationParam*, std::wstring)> writeRunningParameter;
+    // Throws when there can be no thread.
+    std::function<boost::thread(std::function<void()>)> startThread;
 
     // What is still empty becomes the real thing.
     void FillIn();

@@ -44,7 +44,7 @@ struct EngineScript {
     std::deque<std::uint32_t> connectResults;  // then 7
     std::function<void()> onConnect;           // before Connect returns
     std::function<void()> onDisconnect;
-    std::function<bool(std::uint32_t)> onSend;  // accepts everything without
+    std::function<bool(std::uint32_t)> onSend;  // accepts everything without; what it throws the sender gets
     SentMessages sent;
     std::atomic<int> sendersInside = 0;
 };
@@ -77,15 +77,26 @@ class RecordingEngine final : public IEngineCommunicate {
     }
     void Uninitialize() override { m_script.journal.Note("client.Uninitialize"); }
     bool SendMessage(std::uint32_t sessionId, std::uint32_t id, const void* record) override {
-        EXPECT_EQ(m_script.sendersInside.fetch_add(1), 0) << "two senders at once";
+        const Inside inside(m_script.sendersInside);
         m_script.journal.Note("send " + std::to_string(id));
         m_script.sent.Record(sessionId, id, record, m_script.clock.Steady());
-        const bool accepted = (!m_script.onSend || m_script.onSend(id)) && sessionId != kNoSession;
-        m_script.sendersInside.fetch_sub(1);
-        return accepted;
+        return (!m_script.onSend || m_script.onSend(id)) && sessionId != kNoSession;
     }
 
   private:
+    class Inside {
+      public:
+        explicit Inside(std::atomic<int>& senders) : m_senders(senders) {
+            EXPECT_EQ(m_senders.fetch_add(1), 0) << "two senders at once";
+        }
+        ~Inside() { m_senders.fetch_sub(1); }
+        Inside(const Inside&) = delete;
+        Inside& operator=(const Inside&) = delete;
+
+      private:
+        std::atomic<int>& m_senders;
+    };
+
     EngineScript& m_script;
 };
 

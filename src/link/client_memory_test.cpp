@@ -1,0 +1,95 @@
+// The loss of a session when memory is short. A program of its own: it replaces operator new.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+#include "link/client_test_kit.h"
+#include "platform/noinline.h"
+
+namespace {
+
+// Of the thread that they belong to: allocations that still succeed, and how many then fail.
+thread_local int t_good = 0;
+thread_local int t_failing = 0;
+std::atomic<bool> g_hasFailed{false};
+
+}  // namespace
+
+// Not inlined, since the compiler would take malloc and free at one place for a pair that does not fit.
+RQ_NOINLINE void* operator new(std::size_t size_bytes) {
+    if (t_failing > 0 && t_good-- <= 0) {
+        --t_failing;
+        g_hasFailed = true;
+        throw std::bad_alloc();
+    }
+    void* memory = std::malloc(size_bytes > 0 ? size_bytes : 1);
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+
+RQ_NOINLINE void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+
+RQ_NOINLINE void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+
+namespace rq::link {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Whichever allocation it is that fails while the I/O thread takes in an order and a frame that ends the
+// session, and however many do: the worker hears of the loss, once and last, and no sender waits on.
+class EngineClientMemory : public ::testing::TestWithParam<int> {
+  protected:
+    // False when there are fewer allocations than that.
+    bool LoseWithout(int allocation) {
+        IoThreadClock clock;
+        EngineClientOptions options;
+        options.clock = &clock;
+        options.finalWait = 24h;
+        kit::ScriptedEngine engine;
+        TestClient test(options);
+        EXPECT_EQ(test.Connect(engine.Port()), 1u);
+        engine.HoldFinals(true);
+        bool sent = true;
+        std::thread sender([&] { sent = test.SendState(kTaskFinished); });
+        EXPECT_TRUE(engine.WaitForFrame(TCP_WORKER_STATE_ID));
+        g_hasFailed = false;
+        clock.Arm([allocation] {
+            t_good = allocation;
+            t_failing = GetParam();
+        });
+        engine.SendRaw(*EncodeFrame({1, 0, TCP_TASK_SUSPEND_ID, {}}) +
+                       *EncodeFrame({9, 0, TCP_TASK_SUSPEND_ID, {}}));
+        EXPECT_TRUE(WaitForLoss(test.handler)) << allocation;
+        if (::testing::Test::HasFailure()) test.client->Disconnect();
+        sender.join();
+        EXPECT_FALSE(sent);
+        EXPECT_EQ(test.handler.Count(TCP_SERVER_DISCONNECT_ID), 1u);
+        EXPECT_EQ(test.handler.All().back().id, TCP_SERVER_DISCONNECT_ID);
+        return g_hasFailed;
+    }
+    static bool WaitForLoss(const HandlerRecord& handler) {
+        for (std::size_t calls = 1; calls <= 2; ++calls) {
+            if (!handler.WaitFor(calls)) return false;
+            if (handler.Count(TCP_SERVER_DISCONNECT_ID) > 0) return true;
+        }
+        return false;
+    }
+};
+
+TEST_P(EngineClientMemory, IsShortAndTheLossIsTold) {
+    int allocations = 0;
+    while (!HasFailure() && LoseWithout(allocations)) ++allocations;
+    EXPECT_GE(allocations, 3);
+}
+
+INSTANTIATE_TEST_SUITE_P(Failing, EngineClientMemory, ::testing::Values(1, 100));
+
+}  // namespace
+}  // namespace rq::link
