@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <functional>
 #include <thread>
 
 #include "base/result.h"
@@ -88,6 +90,35 @@ TEST_F(Release, WaitsForAnOrderThatIsInsideTheRunner) {
     handler.join();
     EXPECT_LT(m_journal.Find("update done"), m_journal.Find("runner.Release"));
 }
+
+// The heartbeat's thread and the progress thread, held at their end: both use the runner and the link.
+class ReleaseWithALateThread : public WorkerFixture, public ::testing::WithParamInterface<int> {};
+
+TEST_P(ReleaseWithALateThread, KeepsTheRunnerUntilItHasEnded) {
+    WorkerCoreSeams seams = Seams();
+    seams.startThread = [this](std::function<void()> body) {
+        const bool isLate = ++m_tasks == GetParam();
+        return boost::thread([this, isLate, body = std::move(body)] {
+            body();
+            if (!isLate) return;
+            m_goOn.Wait();
+            m_journal.Note("late thread ended");
+        });
+    };
+    m_core = std::make_unique<CRQWorkerBase>(std::move(seams));
+    EXPECT_EQ(InitCore(), 0);
+    m_engine.DeliverDestroy();
+    EXPECT_EQ(m_core->DoWork("<task/>", 3), 0);
+    std::thread release([this] { WorkerFixture::Release(); });
+    EXPECT_FALSE(m_journal.WaitFor("runner.Release", 1, std::chrono::seconds(1)));  // it would come at once
+    m_goOn.Open();
+    release.join();
+    EXPECT_LT(m_journal.Find("late thread ended"), m_journal.Find("runner.Release"));
+    EXPECT_EQ(m_journal.Count("runner.Release"), 1u);
+    EXPECT_EQ(m_tasks, 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(Threads, ReleaseWithALateThread, ::testing::Values(1, 2));
 
 TEST_F(Release, LossDuringDisconnect) {
     Begin();
