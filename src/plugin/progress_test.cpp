@@ -1,5 +1,6 @@
 // The progress callback: figures, signs of life, two-pass tasks, pauses and the clock behind the stamps.
 
+#include <atomic>
 #include <cmath>
 
 #include "base/sync.h"
@@ -458,6 +459,33 @@ TEST_F(RunnerBreachTest, AnotherThreadIsOneLine) {
     });
     EXPECT_THAT(Lines(),
                 ElementsAre(kBegin, "3 plug-in fake told progress from another thread than perform's", kEnd));
+}
+
+// A thread that outlives its perform call and goes on while the next one begins. What it reads of the runner
+// meanwhile must be whole: linux-tsan sees to that, so nothing here orders the two threads by accident.
+TEST_F(RunnerBreachTest, AThreadThatReachesIntoTheNextPerformIsOneLine) {
+    std::atomic<int> reports = 0;
+    std::atomic<bool> isOver = false;
+    std::thread straggler;
+    m_plugin.perform = [&](const PerformArguments& call) {
+        if (!straggler.joinable()) {
+            straggler = std::thread([&isOver, &reports, call] {
+                while (!isOver.load(std::memory_order_relaxed)) {
+                    call.Progress(4, 1);
+                    reports.fetch_add(1, std::memory_order_relaxed);
+                }
+            });
+        }
+        const int before = reports.load(std::memory_order_relaxed);
+        while (reports.load(std::memory_order_relaxed) < before + 2) std::this_thread::yield();
+        call.Leave(RQ_STATUS_FINISHED);
+        return 0;
+    };
+    Analysed();
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(Perform(), 0);
+    isOver.store(true, std::memory_order_relaxed);
+    straggler.join();
+    EXPECT_EQ(m_log.Count(3, "plug-in fake told progress from another thread than perform's"), 1u);
 }
 
 TEST_F(RunnerBreachTest, ANewTaskIsToldOnAgain) {

@@ -83,7 +83,9 @@ struct WorkRunner::State {
     // What the progress callback needs of the record that is being performed. Set before the perform call
     // begins.
     std::atomic<TaskInfo*> performing{nullptr};  // null when no perform call is running
-    std::thread::id performThread;               // read only while `performing` is not null
+    // Atomic, since a plug-in in breach reads it on a thread that outlived its perform call while the next
+    // one begins.
+    std::atomic<std::thread::id> performThread;
     std::atomic<bool> hasTask{false};
     std::atomic<std::int32_t> taskType{0};
     std::atomic<bool> isTwoPass{false};
