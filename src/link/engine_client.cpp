@@ -188,7 +188,7 @@ void EngineClient::OpenConnection(std::uint64_t attempt, const std::string& addr
         m_session = std::make_unique<Session>(hello, m_options.limits, m_clock.Steady(), m_log.IsDebug());
     }
     Connection::Listener* listener = this;  // a private base: converted here
-    m_connection = std::make_shared<Connection>(m_io.Io(), listener);
+    m_connection = std::make_shared<Connection>(m_io.Io(), listener, m_options.lookUp);
     m_connection->Open(address, port);
     Settle();
 }

@@ -34,6 +34,7 @@ struct EngineClientOptions {
     std::chrono::milliseconds finalWait{5'000};       // for the acknowledgement of a final status
     std::chrono::milliseconds disconnectWait{1'000};  // for what is queued and the peer's end
     Clock* clock = nullptr;                           // every time and wait of the link; null: the system's
+    HostLookUp lookUp;                                // of host names; empty: the system's
 };
 
 // What CreateEngineClient() uses: token, attempt and journal from RQ_ENGINE_TOKEN, RQ_ATTEMPT and

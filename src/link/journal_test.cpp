@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "kit/os.h"
 #include "kit/temp_dir.h"
 #include "link/codec.h"
 #include "platform/files.h"
@@ -79,6 +80,12 @@ TEST_F(Journal, ContinuesAFileAndPutsTheProcessIdIntoTheName) {
     ASSERT_EQ(m_journal.Open(m_folder.Utf8("j-%p-%p")), "");
     m_journal.Connected("1");
     EXPECT_EQ(Text("j-" + pid + "-" + pid).rfind("earlier\n{", 0), 0u);
+}
+
+// Task texts and paths stand in it.
+TEST_F(Journal, IsItsOwnersAlone) {
+    ASSERT_EQ(m_journal.Open(m_folder.Utf8("journal")), "");
+    EXPECT_TRUE(kit::IsOwnersAlone(m_folder.Path() / "journal"));
 }
 
 // A worker that runs for weeks must not fill the disk with what is there to look at one fault.

@@ -1,5 +1,6 @@
 #include "link/transport.h"
 
+#include <atomic>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/connect.hpp>
 #include <boost/asio/ip/address.hpp>
@@ -8,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "base/sync.h"
 #include "platform/inherit.h"
 
 namespace rq::link {
@@ -63,22 +65,86 @@ void IoThread::Stop() {
     m_work.reset();
 }
 
-Connection::Connection(asio::io_context& io, Listener* listener)
-    : m_listener(listener), m_socket(io), m_resolver(io), m_timer(io) {}
+namespace {
+
+// The system's call cannot be stopped: nobody waits for its thread, and one that never comes back must not be
+// followed by another at each attempt.
+constexpr int kLookUpsAtOnce = 4;
+std::atomic<int> g_lookUps{0};
+
+std::vector<tcp::endpoint> SystemLookUp(const std::string& host, std::uint16_t port,
+                                        boost::system::error_code& error) {
+    asio::io_context io;
+    std::vector<tcp::endpoint> endpoints;
+    for (const auto& entry : tcp::resolver(io).resolve(host, std::to_string(port), error))
+        endpoints.push_back(entry.endpoint());
+    return endpoints;
+}
+
+}  // namespace
+
+// Where a look-up's thread leaves what it has found, for as long as somebody wants it. The thread reaches the
+// connection through here alone.
+struct Connection::Answer {
+    void Give(const Error& error, Endpoints endpoints) {
+        MutexLock lock(m_lock);
+        if (!m_executor) return;
+        asio::post(*m_executor, [connection = m_connection, error, endpoints = std::move(endpoints)] {
+            const std::shared_ptr<Connection> self = connection.lock();
+            if (!self) return;
+            if (error) return self->Fail("resolve", error);
+            self->ConnectTo(endpoints);
+        });
+    }
+    void Forget() {
+        MutexLock lock(m_lock);
+        m_executor.reset();
+    }
+
+    Mutex m_lock;
+    std::optional<tcp::socket::executor_type> m_executor RQ_GUARDED_BY(m_lock);
+    std::weak_ptr<Connection> m_connection;  // used on the I/O thread only
+};
+
+Connection::Connection(asio::io_context& io, Listener* listener, HostLookUp lookUp)
+    : m_listener(listener),
+      m_socket(io),
+      m_lookUp(lookUp ? std::move(lookUp) : HostLookUp(&SystemLookUp)),
+      m_timer(io) {}
 
 void Connection::Open(const std::string& address, std::uint16_t port) {
     Error notNumeric;
     const asio::ip::address numeric = asio::ip::make_address(address, notNumeric);
-    if (!notNumeric)
-        return ConnectTo(Resolved::create(tcp::endpoint(numeric, port), address, std::to_string(port)));
-    m_resolver.async_resolve(address, std::to_string(port),
-                             [self = shared_from_this()](const Error& error, const Resolved& endpoints) {
-                                 if (error) return self->Fail("resolve", error);
-                                 self->ConnectTo(endpoints);
-                             });
+    if (!notNumeric) return ConnectTo({tcp::endpoint(numeric, port)});
+    StartLookUp(address, port);
 }
 
-void Connection::ConnectTo(const Resolved& endpoints) {
+void Connection::StartLookUp(const std::string& host, std::uint16_t port) {
+    m_answer = std::make_shared<Answer>();
+    m_answer->m_connection = weak_from_this();
+    {
+        MutexLock lock(m_answer->m_lock);
+        m_answer->m_executor = m_socket.get_executor();
+    }
+    const int before = g_lookUps.fetch_add(1);
+    const std::shared_ptr<void> place(nullptr, [](void*) { --g_lookUps; });
+    if (before >= kLookUpsAtOnce) return m_answer->Give(asio::error::host_not_found_try_again, {});
+    try {
+        std::thread([answer = m_answer, lookUp = m_lookUp, host, port, place] {
+            Error error;
+            try {
+                Endpoints endpoints = lookUp(host, port, error);
+                answer->Give(error, std::move(endpoints));
+            } catch (...) {
+                // No memory: whoever waits gives up when the time for connecting is over.
+            }
+        }).detach();
+    } catch (const std::system_error& error) {
+        m_answer->Give(error.code(), {});
+    }
+}
+
+void Connection::ConnectTo(const Endpoints& endpoints) {
     if (m_listener == nullptr) return;
     asio::async_connect(
         m_socket, endpoints, [self = shared_from_this()](const Error& error, const tcp::endpoint&) {
@@ -122,7 +188,7 @@ void Connection::ShutdownSend() {
 
 void Connection::Close() {
     m_listener = nullptr;
-    m_resolver.cancel();
+    if (m_answer) m_answer->Forget();
     m_timer.cancel();
     Error ignored;
     // What a peer does not read is given up with the connection, and holds nothing back.

@@ -15,6 +15,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 #include "base/clock.h"
 
@@ -46,6 +47,10 @@ class IoThread {
     std::thread m_thread;
 };
 
+// The addresses of a host name, on a thread of its own; what fails is told in the error.
+using HostLookUp = std::function<std::vector<boost::asio::ip::tcp::endpoint>(
+    const std::string& host, std::uint16_t port, boost::system::error_code& error)>;
+
 class Connection : public std::enable_shared_from_this<Connection> {
   public:
     class Listener {
@@ -61,8 +66,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
         ~Listener() = default;
     };
 
-    // `listener` outlives the I/O thread or is let go by Close().
-    Connection(boost::asio::io_context& io, Listener* listener);
+    // `listener` outlives the I/O thread or is let go by Close(), before which a connection must not go. An
+    // empty look-up is the system's.
+    Connection(boost::asio::io_context& io, Listener* listener, HostLookUp lookUp = {});
 
     void Open(const std::string& address, std::uint16_t port);
     // One at a time: the next after OnWritten.
@@ -77,15 +83,18 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   private:
     using Error = boost::system::error_code;
-    using Resolved = boost::asio::ip::tcp::resolver::results_type;
+    using Endpoints = std::vector<boost::asio::ip::tcp::endpoint>;
+    struct Answer;
 
-    void ConnectTo(const Resolved& endpoints);
+    void StartLookUp(const std::string& host, std::uint16_t port);
+    void ConnectTo(const Endpoints& endpoints);
     void Read();
     void Fail(const char* what, const Error& error);
 
     Listener* m_listener;
     boost::asio::ip::tcp::socket m_socket;
-    boost::asio::ip::tcp::resolver m_resolver;
+    HostLookUp m_lookUp;
+    std::shared_ptr<Answer> m_answer;  // of a look-up that is under way
     boost::asio::steady_timer m_timer;
     std::optional<SteadyTime> m_timerAt;
     std::array<char, std::size_t{64} * 1024> m_input{};

@@ -496,6 +496,15 @@ class EnginePlace:
         with open(self.output.name, "rb") as file:
             return file.read()
 
+    def log(self, end):
+        """The text and the name of the worker's log whose name ends so."""
+        found = [os.path.join(folder, name) for folder, _, names in os.walk(self.folder) for name in names
+                 if name.endswith(end)]
+        if len(found) != 1:
+            raise AssertionError("%d logs %s" % (len(found), end))
+        with open(found[0], encoding="utf-8") as file:
+            return file.read(), os.path.basename(found[0])
+
     def close(self):
         end_process(self.worker)
         for link in self.links:

@@ -382,6 +382,12 @@ class Handshake(WorkerCase):
         link.close()
         link, _ = engine.welcome()
         link.wait_for(peer.ID_NOTICE)
+        # The worker's own log tells where the reason stands.
+        reasons, name = engine.log("_C.log")
+        lines = [line for line in engine.log("_W.log")[0].splitlines() if "No session with the engine at" in line]
+        self.assertEqual(len(lines), 1)
+        self.assertRegex(lines[0], r" 127\.0\.0\.1:%d; .*%s says why" % (engine.port, re.escape(name)))
+        return reasons
 
     def welcome_frame(self, **values):
         return peer.pack_frame(0, 0, peer.ID_WELCOME, peer.encode(peer.WELCOME, values))
@@ -390,7 +396,7 @@ class Handshake(WorkerCase):
         for code in (1, 5, 99):
             with self.subTest(code):
                 body = peer.encode(peer.REFUSE, {"code": code, "text": "不行"})
-                self.refused(peer.pack_frame(0, 0, peer.ID_REFUSE, body))
+                self.assertIn("code %d: 不行" % code, self.refused(peer.pack_frame(0, 0, peer.ID_REFUSE, body)))
 
     def test_bad_welcome(self):
         for values in ({"session_id": 7}, {"protocol_version": 2, "session_id": 7}, {"protocol_version": 1},

@@ -22,6 +22,9 @@ namespace rq::link {
 
 class Connection;
 
+// There are no names to be looked up.
+using HostLookUp = std::function<void()>;
+
 class IoThread {
   public:
     IoThread() = default;
@@ -67,7 +70,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
         ~Listener() = default;
     };
 
-    Connection(IoThread& io, Listener* listener) : m_io(io), m_listener(listener) {}
+    Connection(IoThread& io, Listener* listener, const HostLookUp&) : m_io(io), m_listener(listener) {}
 
     void Open(const std::string& address, std::uint16_t port);
     void Write(std::string bytes);
