@@ -111,12 +111,14 @@ function(rq_room name)
   target_link_libraries(rq_${name} PRIVATE ${ROOM_LIBRARIES})
 endfunction()
 
-# rq_test(<name> SOURCES ... [USES room...] [LIBRARIES lib...] [LABELS ...] [SERIAL] [WINE_PATH folder])
-# A GoogleTest program; each of its tests becomes one of ctest's. SERIAL keeps it from running beside others. WINE_PATH is
-# where, in Wine, it finds DLLs and programs.
+# rq_test(<name> SOURCES ... [USES room...] [LIBRARIES lib...] [LABELS ...] [SERIAL] [COST n] [WINE_PATH folder])
+# A GoogleTest program; each of its tests becomes one of ctest's. SERIAL keeps it from running beside others. Those of the
+# highest COST begin first. WINE_PATH is where, in Wine, it finds DLLs and programs. Programs with the label "threads" make up
+# the target rq_threads, which ./test builds and runs alone under the data-race checker.
 include(GoogleTest)
+add_custom_target(rq_threads)
 function(rq_test name)
-  cmake_parse_arguments(T "SERIAL" "TIMEOUT;WINE_PATH" "SOURCES;USES;LIBRARIES;LABELS" ${ARGN})
+  cmake_parse_arguments(T "SERIAL" "COST;TIMEOUT;WINE_PATH" "SOURCES;USES;LIBRARIES;LABELS" ${ARGN})
   add_executable(${name} ${T_SOURCES})
   target_link_libraries(${name} PRIVATE rq_warnings GTest::gmock GTest::gtest_main ${T_LIBRARIES})
   foreach(used IN LISTS T_USES)
@@ -126,12 +128,18 @@ function(rq_test name)
     set_target_properties(${name} PROPERTIES
       CROSSCOMPILING_EMULATOR "env;WINEPATH=${RQ_PATH_ROOT}${T_WINE_PATH};${CMAKE_CROSSCOMPILING_EMULATOR}")
   endif()
+  if("threads" IN_LIST T_LABELS)
+    add_dependencies(rq_threads ${name})
+  endif()
   set(props)
   if(T_LABELS)
     list(APPEND props LABELS "${T_LABELS}")
   endif()
   if(T_SERIAL)
     list(APPEND props RUN_SERIAL TRUE)
+  endif()
+  if(T_COST)
+    list(APPEND props COST ${T_COST})
   endif()
   if(T_TIMEOUT)
     list(APPEND props TIMEOUT ${T_TIMEOUT})
