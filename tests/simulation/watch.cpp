@@ -342,7 +342,8 @@ void Watch::OnAnalyse(const std::string& task, std::int32_t result) {
     Require(!m_reportIsDue, "the status of " + m_task + " was not reported");
     m_lastActivity = Now();
     m_performedAtStep = 0;
-    m_isClosing = false;
+    // An order to stop that still waits to be answered will close this task.
+    m_isClosing = IsStop(m_orderInHand);
     m_task = task;
     m_hasTask = true;
     m_reportIsDue = result != 0;
