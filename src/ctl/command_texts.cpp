@@ -121,6 +121,8 @@ std::string ShowText(const json& task, const json& events) {
     AddLine(text, "started", Time(task, "started"));
     AddLine(text, "finished", Time(task, "finished"));
     AddLine(text, "cancel requested", Time(task, "cancel_requested"));
+    for (const auto& reason : task.value("waits", json::array()))
+        AddLine(text, "waits", Field(reason, "text"));
     AddLine(text, "text", Field(task, "text"));
     for (const auto& attempt : task.value("attempt_list", json::array())) AddAttempt(text, attempt);
     const json result = task.value("result", json());

@@ -164,17 +164,32 @@ Outcome<int> Show(EngineAccess& engine, const std::string& id, const ShowOptions
     return kExitFinished;
 }
 
-Outcome<int> Cancel(EngineAccess& engine, const std::string& id) {
-    const auto answer = engine.Post("/api/v1/tasks/" + EncodeSegment(id) + "/cancel");
+namespace {
+
+Outcome<int> Tell(const Outcome<json>& answer, bool asJson) {
     if (!answer) return answer.error();
-    const std::string result = answer->value("result", "");
-    if (result == "cancelled")
-        Print(id + " cancelled\n");
-    else if (result == "requested")
-        Print(id + " is told to stop\n");
-    else
-        Print(id + " has ended already: " + answer->value("state", "") + "\n");
+    Print(asJson ? Dump(*answer, 2) : answer->value("message", "") + "\n");
     return kExitFinished;
+}
+
+}  // namespace
+
+Outcome<int> GiveOrder(EngineAccess& engine, const std::string& order, const std::string& id, bool json) {
+    const std::string path = "/api/v1/tasks/" + EncodeSegment(id);
+    return Tell(order == "delete" ? engine.Delete(path) : engine.Post(path + "/" + order), json);
+}
+
+Outcome<int> Update(EngineAccess& engine, const std::string& id, const std::string& textFile, bool asJson) {
+    const auto text = ReadText(textFile);
+    if (!text) return text.error();
+    const std::string body = json{{"text", *text}}.dump();
+    return Tell(engine.Post("/api/v1/tasks/" + EncodeSegment(id) + "/update", body), asJson);
+}
+
+Outcome<int> DrainOrUndrain(EngineAccess& engine, const std::string& order, const std::string& type,
+                            bool asJson) {
+    const std::string body = type.empty() ? "" : json{{"type", type}}.dump();
+    return Tell(engine.Post("/api/v1/" + order, body), asJson);
 }
 
 Outcome<int> Shutdown(EngineAccess& engine) {

@@ -38,7 +38,13 @@ Outcome<int> SubmitText(const std::string& dataFolder, const std::string& type, 
                         const SubmitOptions& options);
 Outcome<int> List(EngineAccess& engine, const ListOptions& options);
 Outcome<int> Show(EngineAccess& engine, const std::string& id, const ShowOptions& options);
-Outcome<int> Cancel(EngineAccess& engine, const std::string& id);
+// An order to a task: "cancel", "suspend", "resume", "finish", "retry" or "delete".
+Outcome<int> GiveOrder(EngineAccess& engine, const std::string& order, const std::string& id, bool json);
+// `textFile` is a path, or "-" for standard input.
+Outcome<int> Update(EngineAccess& engine, const std::string& id, const std::string& textFile, bool json);
+// "drain" or "undrain", for all types when `type` is empty.
+Outcome<int> DrainOrUndrain(EngineAccess& engine, const std::string& order, const std::string& type,
+                            bool json);
 // Returns when the engine has ended.
 Outcome<int> Shutdown(EngineAccess& engine);
 

@@ -96,6 +96,7 @@ Outcome<json> EngineAccess::Call(const std::string& method, const std::string& t
                                           " refuses the token in " + Under(m_dataFolder, "engine.token") +
                                           ": another engine has this port, or the file was changed");
     if (answer->status == 400 || answer->status == 413) return Failure(kExitUsage, MessageOf(*answer));
+    if (answer->status == 409) return Failure(kExitRefused, MessageOf(*answer));
     if (answer->status >= 300) return Failure(kExitFailed, MessageOf(*answer));
     json document = json::parse(answer->body, nullptr, false);
     if (document.is_discarded()) return Failure(kExitFailed, "the engine's answer is not JSON");

@@ -18,6 +18,7 @@ enum ExitCode : int {
     kExitUsage = 2,
     kExitNoEngine = 3,
     kExitCancelled = 4,
+    kExitRefused = 5,  // the task's state does not allow the order
 };
 
 // A command's failure: its text and what rqctl ends with.
@@ -41,6 +42,7 @@ class EngineAccess {
     Outcome<nlohmann::json> Post(const std::string& target, const std::string& body = {}) {
         return Call("POST", target, body);
     }
+    Outcome<nlohmann::json> Delete(const std::string& target) { return Call("DELETE", target, {}); }
     const std::string& DataFolder() const { return m_dataFolder; }
 
   private:

@@ -122,6 +122,9 @@ TEST_F(EngineAccessTest, RefusalsKeepTheEnginesWords) {
     EXPECT_EQ(failure.message, "no task");
     failure = GetFailure(Http("400 Bad Request", R"({"error":{"message":"type: bad"}})"));
     EXPECT_EQ(failure.exitCode, kExitUsage);
+    failure = GetFailure(Http("409 Conflict", R"({"error":{"message":"t1 is queued: ..."}})"));
+    EXPECT_EQ(failure.exitCode, kExitRefused);
+    EXPECT_EQ(failure.message, "t1 is queued: ...");
     failure = GetFailure(Http("401 Unauthorized", "{}"));
     EXPECT_EQ(failure.exitCode, kExitNoEngine);
     EXPECT_NE(failure.message.find("engine.token"), std::string::npos);

@@ -24,6 +24,7 @@ struct CommandLine {
     std::string type, text, name, id, code;
     std::uint32_t family = 0;
     bool all = false;
+    bool json = false;
     std::string journal;
     ReplayOptions replay;
     int replayWait_s = 120;
@@ -90,6 +91,40 @@ void AddSubmit(CLI::App& app, CommandLine& line) {
     AddTranscode(*submit, line);
 }
 
+struct TaskOrder {
+    const char* name;
+    const char* meaning;
+};
+constexpr TaskOrder kTaskOrders[] = {
+    {"cancel", "End a task; what is done may be lost"},
+    {"suspend", "Pause a running task, or keep a queued one from being started"},
+    {"resume", "Let a suspended task go on"},
+    {"finish", "Stop a running task and keep what is done"},
+    {"retry", "Queue a failed, cancelled or lost task again"},
+    {"delete", "Remove an ended task with everything that is kept of it"},
+};
+
+void AddOrders(CLI::App& app, CommandLine& line) {
+    const auto add = [&](const char* name, const char* meaning) {
+        auto* command = app.add_subcommand(name, meaning);
+        command->add_flag("--json", line.json, "The answer as JSON");
+        command->fallthrough();
+        return command;
+    };
+    for (const auto& order : kTaskOrders)
+        add(order.name, order.meaning)->add_option("id", line.id, "Task ID")->required();
+    auto* update = add("update", "Give a queued, running or paused task another text");
+    update->add_option("id", line.id, "Task ID")->required();
+    update->add_option("--text", line.text, "File with the task text; - is standard input")
+        ->required()
+        ->type_name("FILE");
+    auto* drain = add("drain", "Start no further task, until undrain; what runs goes on");
+    auto* undrain = add("undrain", "Start tasks again; with --type also a type that failed too often");
+    for (auto* command : {drain, undrain})
+        command->add_option("--type", line.type, "Only tasks of this type: its code or number")
+            ->type_name("CODE");
+}
+
 void AddCommands(CLI::App& app, CommandLine& line) {
     line.dataFolder = rq::platform::GetEnvironment("RQ_ENGINE_DATA")
                           .value_or(rq::platform::DefaultDataFolder() + "/engine");
@@ -112,8 +147,7 @@ void AddCommands(CLI::App& app, CommandLine& line) {
     show->add_flag("--events", line.show.events, "With its events");
     auto* watch = app.add_subcommand("watch", "Follow a task to its end and print the result");
     watch->add_option("id", line.id, "Task ID")->required();
-    auto* cancel = app.add_subcommand("cancel", "Cancel a task");
-    cancel->add_option("id", line.id, "Task ID")->required();
+    AddOrders(app, line);
     auto* errorName =
         app.add_subcommand("error-name", "Tell the name and text of a result code; needs no engine");
     auto* code = errorName->add_option("code", line.code, "0x84100014, 2215641108 or -5")->type_name("CODE");
@@ -137,8 +171,11 @@ void AddCommands(CLI::App& app, CommandLine& line) {
         ->check(CLI::Range(1, 86'400))
         ->capture_default_str();
     auto* shutdown = app.add_subcommand("shutdown", "End the engine in good order");
-    for (auto* command : {list, show, watch, cancel, errorName, replay, shutdown}) command->fallthrough();
-    app.footer("Ends with 0 finished, 1 failed, 2 wrong use, 3 no engine, 4 cancelled.");
+    for (auto* command : {list, show, watch, errorName, replay, shutdown}) command->fallthrough();
+    app.footer(
+        "Ends with 0 finished or done (also when nothing was left to do), 1 failed or lost, 2 wrong use, 3 "
+        "no "
+        "engine, 4 cancelled, 5 the task's state does not allow the order.");
 }
 
 Outcome<int> RunSubmit(const CLI::App& submit, const CommandLine& line) {
@@ -192,7 +229,13 @@ Outcome<int> Run(const CLI::App& app, const CommandLine& line) {
     if (app.got_subcommand("list")) return List(**engine, line.list);
     if (app.got_subcommand("show")) return Show(**engine, line.id, line.show);
     if (app.got_subcommand("watch")) return WatchTask(**engine, line.id, Follow::WithProgress);
-    if (app.got_subcommand("cancel")) return Cancel(**engine, line.id);
+    for (const auto& order : kTaskOrders) {
+        if (app.got_subcommand(order.name)) return GiveOrder(**engine, order.name, line.id, line.json);
+    }
+    if (app.got_subcommand("update")) return Update(**engine, line.id, line.text, line.json);
+    for (const char* order : {"drain", "undrain"}) {
+        if (app.got_subcommand(order)) return DrainOrUndrain(**engine, order, line.type, line.json);
+    }
     return Shutdown(**engine);
 }
 
@@ -212,7 +255,7 @@ int main(int argc, char** argv) {
     rq::platform::OpenStandardStreams();
     const rq::platform::Utf8Console console;
     rq::platform::Arguments arguments(argc, argv);
-    CLI::App app("Submits, lists, watches and cancels tasks of the local engine.", "rqctl");
+    CLI::App app("Submits, lists and watches tasks of the local engine, and gives orders to them.", "rqctl");
     CommandLine line;
     AddCommands(app, line);
     try {

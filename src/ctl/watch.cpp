@@ -21,7 +21,7 @@ constexpr int kQuietPoll_ms = 20'000;
 constexpr int kPlainStep_percent = 10;
 
 bool IsEnded(const std::string& state) {
-    return state == "finished" || state == "failed" || state == "cancelled";
+    return state == "finished" || state == "failed" || state == "cancelled" || state == "lost";
 }
 
 // The one line, or the lines, on standard error.

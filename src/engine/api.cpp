@@ -47,6 +47,15 @@ bool IsJsonType(const std::string& contentType) {
     return type.empty() || type == "application/json";
 }
 
+// What stands behind a task's ID in the path of an order.
+std::optional<StateEvent> OrderOf(const std::string& action) {
+    for (const StateEvent order : {StateEvent::Cancel, StateEvent::Suspend, StateEvent::Resume,
+                                   StateEvent::Finish, StateEvent::Update, StateEvent::Retry}) {
+        if (NameOf(order) == action) return order;
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 Api::Api(boost::asio::io_context& io, Store& store, ApiHost& host, std::string token)
@@ -86,6 +95,8 @@ void Api::Route(const ApiRequest& request, const Target& target, const Reply& re
         reply(IsGet(request) ? Health() : NotAllowed("GET, HEAD"));
     } else if (what == "shutdown" && depth == 3) {
         reply(request.method == "POST" ? Shutdown() : NotAllowed("POST"));
+    } else if ((what == "drain" || what == "undrain") && depth == 3) {
+        reply(request.method == "POST" ? DrainOrGoOn(request, what == "drain") : NotAllowed("POST"));
     } else if (what == "tasks" && depth == 3) {
         if (IsGet(request))
             reply(List(target));
@@ -100,13 +111,14 @@ void Api::Route(const ApiRequest& request, const Target& target, const Reply& re
 
 void Api::RouteTask(const ApiRequest& request, const Target& target, const Reply& reply) {
     const std::string action = target.path.size() == 5 ? target.path[4] : "";
-    const bool isCancel = action == "cancel";
-    if (!action.empty() && !isCancel && action != "events") {
+    auto order = OrderOf(action);
+    if (!action.empty() && !order && action != "events") {
         reply(UnknownPath());
         return;
     }
-    if (isCancel ? request.method != "POST" : !IsGet(request)) {
-        reply(NotAllowed(isCancel ? "POST" : "GET, HEAD"));
+    if (action.empty() && request.method == "DELETE") order = StateEvent::Delete;
+    if (order && order != StateEvent::Delete ? request.method != "POST" : !order && !IsGet(request)) {
+        reply(NotAllowed(order ? "POST" : action.empty() ? "GET, HEAD, DELETE" : "GET, HEAD"));
         return;
     }
     const auto key = ParseTaskId(target.path[3]);
@@ -114,9 +126,12 @@ void Api::RouteTask(const ApiRequest& request, const Target& target, const Reply
     if (!task) {
         reply(StoreError(task.error()));
     } else if (!*task) {
-        reply(MakeError(404, "unknown-task", "no task has the ID \"" + target.path[3].substr(0, 60) + "\""));
-    } else if (isCancel) {
-        reply(Cancel(**task));
+        auto deleted = key && order == StateEvent::Delete ? DeletedAlready(*key) : std::nullopt;
+        reply(deleted ? std::move(*deleted)
+                      : MakeError(404, "unknown-task",
+                                  "no task has the ID \"" + target.path[3].substr(0, 60) + "\""));
+    } else if (order) {
+        reply(GiveOrder(request, **task, *order));
     } else if (action == "events") {
         Events(*key, target, reply);
     } else {
@@ -133,6 +148,14 @@ ApiResponse Api::Health() {
     const auto counts = m_store.CountByState();
     if (!counts) return StoreError(counts.error());
     const auto facts = m_host.GetFacts();
+    const auto stops = m_store.Stops();
+    if (!stops) return StoreError(stops.error());
+    json stopped = json::array();
+    bool drained = false;
+    for (const auto& stop : *stops) {
+        stopped.push_back(StopJson(stop));
+        drained = drained || stop.type == kEveryType;
+    }
     json tasks = json::object();
     for (std::size_t i = 0; i < counts->size(); ++i)
         tasks[std::string(NameOf(kTaskStates[i]))] = (*counts)[i];
@@ -150,7 +173,9 @@ ApiResponse Api::Health() {
                               {"http_port", facts.httpPort},
                               {"workers", {{"running", facts.workers}, {"max", facts.maxWorkers}}},
                               {"tasks", tasks},
-                              {"held", held}});
+                              {"held", held},
+                              {"drained", drained},
+                              {"stopped", stopped}});
 }
 
 ApiResponse Api::Submit(const ApiRequest& request) {
@@ -188,19 +213,10 @@ ApiResponse Api::Show(std::int64_t task) {
     for (auto& attempt : (*details)->attempts) m_host.FindTraces(attempt);
     json document = DetailsJson(**details);
     document.update(Short((*details)->task));
+    document["waits"] = json::array();
+    for (const auto& reason : m_host.WhyWaits((*details)->task))
+        document["waits"].push_back(WaitJson(reason));
     return MakeResponse(200, document);
-}
-
-ApiResponse Api::Cancel(const TaskRow& task) {
-    const auto outcome = m_host.CancelTask(task.key);
-    if (!outcome) return StoreError(outcome.error());
-    const auto now = m_store.Task(task.key);
-    if (!now) return StoreError(now.error());
-    const char* result = *outcome == CancelOutcome::Cancelled   ? "cancelled"
-                         : *outcome == CancelOutcome::Requested ? "requested"
-                                                                : "already-ended";
-    return MakeResponse(
-        200, {{"id", task.id}, {"state", NameOf(*now ? (*now)->state : task.state)}, {"result", result}});
 }
 
 ApiResponse Api::Shutdown() {

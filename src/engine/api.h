@@ -36,7 +36,12 @@ class ApiHost {
     virtual ~ApiHost() = default;
     virtual Facts GetFacts() const = 0;
     virtual void OnSubmitted() = 0;
-    virtual Result<CancelOutcome> CancelTask(std::int64_t task) = 0;
+    // An order to a task that the store knows; `text` goes with Update.
+    virtual Result<OrderOutcome> GiveOrder(std::int64_t task, StateEvent order, const std::string& text) = 0;
+    // No task of this type (or of any: kEveryType) is started until GoOn. False: nothing changed.
+    virtual Result<bool> Drain(std::int32_t type) = 0;
+    virtual Result<bool> GoOn(std::int32_t type) = 0;
+    virtual std::vector<WaitReason> WhyWaits(const TaskRow& task) = 0;
     // Why queued tasks of this type cannot be started; nothing when they can.
     virtual std::optional<std::string> HoldReason(std::int32_t) const { return std::nullopt; }
     // Fills in which files the attempt's worker left.
@@ -78,7 +83,10 @@ class Api {
     ApiResponse Submit(const ApiRequest& request);
     ApiResponse List(const Target& target);
     ApiResponse Show(std::int64_t task);
-    ApiResponse Cancel(const TaskRow& task);
+    ApiResponse GiveOrder(const ApiRequest& request, const TaskRow& task, StateEvent order);
+    // Of a task that is not there: it may have been deleted already.
+    std::optional<ApiResponse> DeletedAlready(std::int64_t task);
+    ApiResponse DrainOrGoOn(const ApiRequest& request, bool drain);
     ApiResponse Shutdown();
     void Events(std::int64_t task, const Target& target, const Reply& reply);
     // Nothing when there are no events yet.

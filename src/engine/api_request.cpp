@@ -195,6 +195,28 @@ Checked<NewTask> ParseSubmission(std::string_view body) {
     return task;
 }
 
+Checked<std::string> ParseUpdate(std::string_view body) {
+    const json document = json::parse(body, nullptr, false);
+    if (!document.is_object()) return FieldError{"bad-json", "", "the body is not a JSON object"};
+    for (const auto& [key, value] : document.items()) {
+        if (key != "text")
+            return BadField(std::string(CutUtf8(key, 60)), "is not a field of an update (text)");
+    }
+    if (!document.contains("text")) return BadField("text", "is missing");
+    return ParseText(document["text"]);
+}
+
+Checked<std::int32_t> ParseDrain(std::string_view body) {
+    if (body.empty()) return kEveryType;
+    const json document = json::parse(body, nullptr, false);
+    if (!document.is_object()) return FieldError{"bad-json", "", "the body is not a JSON object"};
+    for (const auto& [key, value] : document.items()) {
+        if (key != "type")
+            return BadField(std::string(CutUtf8(key, 60)), "is not a field of this order (type)");
+    }
+    return document.contains("type") ? ParseType(document["type"]) : Checked<std::int32_t>(kEveryType);
+}
+
 Checked<std::int64_t> ParseNumber(const Target& target, const std::string& name, std::int64_t least,
                                   std::int64_t most, std::int64_t fallback) {
     const auto found = target.query.find(name);

@@ -60,6 +60,10 @@ using Checked = boost::system::result<T, FieldError>;
 [[noreturn]] void throw_exception_from_error(const FieldError& error, const boost::source_location&);
 
 Checked<NewTask> ParseSubmission(std::string_view body);
+// The text of {"text": "..."}.
+Checked<std::string> ParseUpdate(std::string_view body);
+// The type of {"type": ...}; kEveryType without a body.
+Checked<std::int32_t> ParseDrain(std::string_view body);
 Checked<TaskQuery> ParseListQuery(const Target& target);
 // The parameter as a number from `least` to `most`; `fallback` when it is missing.
 Checked<std::int64_t> ParseNumber(const Target& target, const std::string& name, std::int64_t least,

@@ -105,7 +105,7 @@ TEST(ParseListQuery, ReadsStatesLimitAndPlace) {
     EXPECT_EQ(query->before_key, 9);
     const struct {
         const char *target, *field;
-    } cases[] = {{"/t?state=lost", "state"}, {"/t?limit=0", "limit"}, {"/t?limit=1001", "limit"},
+    } cases[] = {{"/t?state=gone", "state"}, {"/t?limit=0", "limit"}, {"/t?limit=1001", "limit"},
                  {"/t?limit=x", "limit"},    {"/t?after=9", "after"}, {"/t?limit=", "limit"}};
     for (const auto& one : cases) {
         const auto bad = ParseListQuery(*ParseTarget(one.target));

@@ -18,8 +18,31 @@ class FakeHost final : public ApiHost {
     explicit FakeHost(Store& store) : m_store(store) {}
     Facts GetFacts() const override { return {11, 0, 1, 2, 3, 4, ending}; }
     void OnSubmitted() override { ++submitted; }
-    Result<CancelOutcome> CancelTask(std::int64_t task) override {
-        return m_store.Cancel(task, "api", "why");
+    // What the store does of it; no worker is told.
+    Result<OrderOutcome> GiveOrder(std::int64_t task, StateEvent order, const std::string& text) override {
+        std::vector<std::string> outputs;
+        switch (order) {
+            case StateEvent::Cancel:
+                return m_store.Cancel(task, "api", "why");
+            case StateEvent::Suspend:
+                return m_store.Suspend(task, "api");
+            case StateEvent::Resume:
+                return m_store.Resume(task, "api");
+            case StateEvent::Finish:
+                return m_store.FinishTask(task, "api");
+            case StateEvent::Update:
+                return m_store.Update(task, "api", text);
+            case StateEvent::Retry:
+                return m_store.Retry(task, "api");
+            default:
+                return m_store.Delete(task, outputs);
+        }
+    }
+    Result<bool> Drain(std::int32_t type) override { return m_store.Stop(type, "drained by api"); }
+    Result<bool> GoOn(std::int32_t type) override { return m_store.Unstop(type); }
+    std::vector<WaitReason> WhyWaits(const TaskRow& task) override {
+        if (!task.suspended_us) return {};
+        return {{"suspended", "since then", task.suspended_us}};
     }
     void RequestEnd() override { ending = true; }
 
@@ -175,7 +198,71 @@ TEST_F(ApiTest, CancelSaysWhatItDid) {
     ASSERT_TRUE(m_store->ClaimNext());
     answer = Ask("POST", "/api/v1/tasks/t2/cancel", 200);
     EXPECT_EQ(answer["result"], "requested");
-    EXPECT_EQ(answer["state"], "starting");
+    EXPECT_EQ(answer["state"], "finishing");
+}
+
+TEST_F(ApiTest, OrdersSayWhatTheyDid) {
+    const std::string path = "/api/v1/tasks/" + Submit();
+    json answer = Ask("POST", path + "/suspend", 200);
+    EXPECT_EQ(answer, json::parse(R"({"id":"t1","state":"queued","result":"suspended","changed":true,
+        "message":"t1 stays in the queue until it is resumed"})"));
+    answer = Ask("POST", path + "/suspend", 200);
+    EXPECT_EQ(answer["result"], "already-suspended");
+    EXPECT_EQ(answer["changed"], false);
+    answer = Ask("GET", path, 200);
+    EXPECT_TRUE(answer["suspended"].is_string());
+    EXPECT_EQ(answer["waits"][0]["rule"], "suspended");
+    EXPECT_TRUE(answer["waits"][0]["until"].is_string());
+    EXPECT_EQ(Ask("POST", path + "/resume", 200)["result"], "resumed");
+    EXPECT_TRUE(Ask("GET", path, 200)["waits"].empty());
+    EXPECT_EQ(Ask("POST", path + "/update", 200, R"({"text":"<U/>"})")["result"], "updated");
+    EXPECT_EQ(Ask("GET", path, 200)["text"], "<U/>");
+    EXPECT_EQ(Ask("POST", path + "/cancel", 200)["result"], "cancelled");
+    EXPECT_EQ(Ask("POST", path + "/retry", 200)["result"], "queued");
+    EXPECT_EQ(Ask("POST", path + "/retry", 200)["result"], "not-ended");
+    EXPECT_EQ(Ask("POST", path + "/cancel", 200)["result"], "cancelled");
+    answer = Ask("DELETE", path, 200);
+    EXPECT_EQ(answer["result"], "deleted");
+    EXPECT_TRUE(answer["state"].is_null());
+    EXPECT_EQ(ErrorCode(Ask("GET", path, 404)), "unknown-task");
+    answer = Ask("DELETE", path, 200);
+    EXPECT_EQ(answer["result"], "already-deleted");
+    EXPECT_EQ(answer["changed"], false);
+    EXPECT_EQ(ErrorCode(Ask("DELETE", "/api/v1/tasks/t99", 404)), "unknown-task");
+}
+
+TEST_F(ApiTest, AnOrderThatTheStateDoesNotAllowIsRefusedByName) {
+    const std::string path = "/api/v1/tasks/" + Submit();
+    const json error = Ask("POST", path + "/finish", 409)["error"];
+    EXPECT_EQ(error["code"], "wrong-state");
+    EXPECT_EQ(error["message"], "t1 is queued: finish is for a task that is running or paused");
+    EXPECT_EQ(ErrorCode(Ask("DELETE", path, 409)), "wrong-state");
+    EXPECT_EQ(ErrorCode(Ask("GET", path + "/suspend", 405)), "bad-method");
+    EXPECT_EQ(ErrorCode(Ask("POST", path + "/delete", 404)), "unknown-path");
+    EXPECT_EQ(Ask("POST", path + "/update", 400, R"({"texts":"x"})")["error"]["field"], "texts");
+    EXPECT_EQ(Ask("POST", path + "/update", 400, "{}")["error"]["field"], "text");
+    EXPECT_EQ(ErrorCode(Ask("POST", path + "/update", 400, "")), "bad-json");
+}
+
+TEST_F(ApiTest, DrainAndUndrainAreSeenInTheHealth) {
+    EXPECT_EQ(Ask("POST", "/api/v1/drain", 200)["changed"], true);
+    EXPECT_EQ(Ask("POST", "/api/v1/drain", 200)["changed"], false);
+    EXPECT_EQ(Ask("POST", "/api/v1/drain", 200, R"({"type":"mc"})")["changed"], true);
+    json health = Ask("GET", "/api/v1/health", 200);
+    EXPECT_EQ(health["drained"], true);
+    ASSERT_EQ(health["stopped"].size(), 2u);
+    EXPECT_TRUE(health["stopped"][0]["type"].is_null());
+    EXPECT_EQ(health["stopped"][1]["type_code"], "mc");
+    EXPECT_EQ(health["stopped"][1]["reason"], "drained by api");
+    EXPECT_TRUE(health["stopped"][1]["until"].is_null());
+    EXPECT_EQ(Ask("POST", "/api/v1/undrain", 200)["result"], "undrained");
+    EXPECT_EQ(Ask("POST", "/api/v1/undrain", 200)["changed"], false);
+    EXPECT_EQ(Ask("POST", "/api/v1/undrain", 200, R"({"type":3})")["changed"], true);
+    health = Ask("GET", "/api/v1/health", 200);
+    EXPECT_EQ(health["drained"], false);
+    EXPECT_TRUE(health["stopped"].empty());
+    EXPECT_EQ(Ask("POST", "/api/v1/drain", 400, R"({"type":"xx"})")["error"]["field"], "type");
+    EXPECT_EQ(ErrorCode(Ask("GET", "/api/v1/drain", 405)), "bad-method");
 }
 
 TEST_F(ApiTest, EventsComeAtOnceWhenThereAreSome) {

@@ -61,7 +61,12 @@ class EngineImpl final : public Engine, public ApiHost {
     void OnSubmitted() override {
         boost::asio::post(m_io, [this] { m_scheduler->Pump(); });
     }
-    Result<CancelOutcome> CancelTask(std::int64_t task) override { return m_scheduler->Cancel(task, "api"); }
+    Result<OrderOutcome> GiveOrder(std::int64_t task, StateEvent order, const std::string& text) override {
+        return m_scheduler->Order(task, order, "api", text);
+    }
+    Result<bool> Drain(std::int32_t type) override { return m_scheduler->Drain(type, "api"); }
+    Result<bool> GoOn(std::int32_t type) override { return m_scheduler->GoOn(type); }
+    std::vector<WaitReason> WhyWaits(const TaskRow& task) override { return m_scheduler->WhyWaits(task); }
     std::optional<std::string> HoldReason(std::int32_t type) const override {
         const auto found = m_scheduler->Held().find(type);
         if (found == m_scheduler->Held().end()) return std::nullopt;
@@ -120,6 +125,7 @@ Result<void> EngineImpl::OpenStore() {
     auto store = Store::Open(m_folder->File("store.db"));
     if (!store) return store.error();
     m_store = std::move(*store);
+    m_store->SetRetryRules(m_settings.retry);
     const auto lost = m_store->LoseOpenAttempts("the engine ended while this attempt was open");
     if (!lost) return lost.error();
     if (*lost != 0) m_log->Warn(std::to_string(*lost) + " attempt(s) of an earlier run are lost");

@@ -134,6 +134,24 @@ std::string ReasonEventJson(const std::string& reason) {
     return Dump({{"reason", reason}});
 }
 
+std::string VerdictEventJson(const std::string& rule, const std::string& reason) {
+    return Dump({{"rule", rule}, {"reason", reason}});
+}
+
+std::string RepeatEventJson(const std::string& rule, const std::optional<std::int64_t>& notBefore_us) {
+    json data = {{"rule", rule}};
+    if (notBefore_us) data["not_before"] = TimeText(*notBefore_us);
+    return Dump(data);
+}
+
+std::string AskedEventJson(StateEvent order, const std::string& by) {
+    return Dump({{"order", NameOf(order)}, {"by", by}});
+}
+
+std::string StoppedEventJson(const TypeStop& stop) {
+    return Dump(StopJson(stop));
+}
+
 std::optional<std::string> FinalReason(const FinalStatus& final) {
     if (final.status == kTaskFinished) return std::nullopt;
     if (final.status == kTaskCancelled) return "the worker cancelled the task";

@@ -73,6 +73,20 @@ std::string TimeText(std::int64_t time_us) {
     return text + "Z";
 }
 
+json WaitJson(const WaitReason& reason) {
+    return {{"rule", reason.rule}, {"text", reason.text}, {"until", TimeJson(reason.until_us)}};
+}
+
+json StopJson(const TypeStop& stop) {
+    const std::string code(CodeOfTaskType(stop.type));
+    return {{"type", stop.type == kEveryType ? json(nullptr) : json(stop.type)},
+            {"type_code", code.empty() ? json(nullptr) : json(code)},
+            {"failures", stop.failures},
+            {"since", TimeText(stop.since_us)},
+            {"until", TimeJson(stop.until_us)},
+            {"reason", stop.reason}};
+}
+
 json TaskJson(const TaskRow& task) {
     const std::string code(CodeOfTaskType(task.type));
     return {{"id", task.id},
@@ -86,6 +100,8 @@ json TaskJson(const TaskRow& task) {
             {"started", TimeJson(task.started_us)},
             {"finished", TimeJson(task.finished_us)},
             {"cancel_requested", TimeJson(task.cancelRequested_us)},
+            {"not_before", TimeJson(task.notBefore_us)},
+            {"suspended", TimeJson(task.suspended_us)},
             {"attempts", task.attempts},
             {"percent", task.percent},
             {"speed", task.speed},

@@ -27,6 +27,11 @@ std::string CancelEventJson(const std::string& by);
 std::string FinalEventJson(const FinalStatus& final);
 std::string ExitEventJson(const WorkerExit& exit);
 std::string ReasonEventJson(const std::string& reason);
+// `rule` names what the engine went by.
+std::string VerdictEventJson(const std::string& rule, const std::string& reason);
+std::string RepeatEventJson(const std::string& rule, const std::optional<std::int64_t>& notBefore_us);
+std::string AskedEventJson(StateEvent order, const std::string& by);
+std::string StoppedEventJson(const TypeStop& stop);
 
 // Why a task with this final status failed or was cancelled, in words; nothing for a finished one.
 std::optional<std::string> FinalReason(const FinalStatus& final);
@@ -38,6 +43,8 @@ std::string ResultJson(const stTaskResultBase* result);
 // ---- documents of the API ----
 // "2025-01-31T10:00:00.123456Z"
 std::string TimeText(std::int64_t time_us);
+nlohmann::json WaitJson(const WaitReason& reason);
+nlohmann::json StopJson(const TypeStop& stop);
 nlohmann::json TaskJson(const TaskRow& task);
 nlohmann::json DetailsJson(const TaskDetails& details);
 nlohmann::json EventJson(const EventRow& event);

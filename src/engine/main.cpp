@@ -54,6 +54,15 @@ void AddOptions(CLI::App& app, EngineSettings& settings) {
     app.add_option("--max-workers", settings.maxWorkers, "Workers at a time; default: one for each core")
         ->type_name("N")
         ->check(CLI::Range(1, 1000));
+    app.add_option_function<int>(
+           "--attempts",
+           [&settings](int attempts) {
+               settings.retry.standard.attempts = attempts;
+               for (auto& [type, policy] : settings.retry.byType) policy.attempts = attempts;
+           },
+           "Attempts of a task whose worker is lost; default: 3")
+        ->type_name("N")
+        ->check(CLI::Range(1, 100));
     app.add_option("--log", settings.logFolder,
                    "Log root; also RQ_LOG_DIR; default: \"logs\" in the data folder")
         ->type_name("DIR");

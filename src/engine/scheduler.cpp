@@ -1,9 +1,10 @@
-// Starting, cancelling, ending. What workers say is in scheduler_records.cpp.
+// Starting and ending. Orders are in scheduler_orders.cpp, what workers say in scheduler_records.cpp.
 #include "engine/scheduler.h"
 
 #include <boost/asio/post.hpp>
 #include <thread>
 
+#include "engine/heartbeat_interval.h"
 #include "engine/json.h"
 #include "platform/identity.h"
 #include "records/task_codes.h"
@@ -14,11 +15,7 @@ namespace {
 
 constexpr std::chrono::seconds kStoreRetry(1);
 constexpr std::chrono::seconds kStageRetry(2);
-
-std::string Seconds(std::chrono::milliseconds duration) {
-    const auto ms = duration.count();
-    return ms % 1000 == 0 ? std::to_string(ms / 1000) + " s" : std::to_string(ms) + " ms";
-}
+constexpr int kHeartbeatsMissed = 3;
 
 unsigned WorkerSlots(unsigned wanted) {
     if (wanted != 0) return wanted;
@@ -38,6 +35,7 @@ Scheduler::Scheduler(boost::asio::io_context& io, Store& store, Launcher& launch
       m_maxWorkers(WorkerSlots(settings.maxWorkers)),
       m_stage(settings.stageFolder),
       m_retry(io),
+      m_wake(io),
       m_endTimer(io) {
     platform::RandomBytes(&m_lastSession, sizeof m_lastSession);
     m_launcher.SetOnExit([this](const std::string& token, const WorkerExit& exit) { OnExit(token, exit); });
@@ -52,14 +50,18 @@ Scheduler::~Scheduler() {
 // ---- starting ----
 
 void Scheduler::Pump() {
-    while (!m_ending && m_launcher.Running() < m_maxWorkers) {
-        auto claim = m_store.ClaimNext([this](std::int32_t type) { return MayStart(type); });
-        if (!claim) {
-            m_log.Warn("no task can be claimed: " + claim.error().message);
-            PumpAgainAfter(kStoreRetry);
-            return;
+    while (!m_ending) {
+        const auto stops = m_store.Stops();
+        if (!stops) return PumpLater(stops.error());
+        LogStops(*stops);
+        if (m_launcher.Running() >= m_maxWorkers || !IsReleased(kEveryType, *stops)) break;
+        auto claim = m_store.ClaimNext(
+            [&](std::int32_t type) { return IsReleased(type, *stops) && MayStart(type); }, BusyTasks());
+        if (!claim) return PumpLater(claim.error());
+        if (!*claim) {
+            WakeWhenDue(*stops);
+            break;
         }
-        if (!*claim) break;
         StartWorker(std::move(**claim));
     }
     if (!m_ending && !m_held.empty()) PumpAgainAfter(kStageRetry);
@@ -90,6 +92,11 @@ bool Scheduler::MayStart(std::int32_t type) {
     return false;
 }
 
+void Scheduler::PumpLater(const Error& problem) {
+    m_log.Warn("no task can be claimed: " + problem.message);
+    PumpAgainAfter(kStoreRetry);
+}
+
 void Scheduler::StartWorker(Claim claim) {
     const std::string token = claim.token;
     auto worker = m_launcher.Start(claim, m_linkPort);
@@ -102,34 +109,37 @@ void Scheduler::StartWorker(Claim claim) {
     run.claim = std::move(claim);
     run.claim.text.clear();  // the worker has it
     run.life = {worker->name, worker->processId, Store::SystemNow()(), 0};
+    const auto interval = m_settings.heartbeatInterval.count() != 0
+                              ? m_settings.heartbeatInterval
+                              : HeartbeatInterval(m_settings.stageFolder);
+    run.beatLimit = interval * kHeartbeatsMissed;
     m_log.Info(run.claim.id + ": worker " + std::to_string(worker->processId) + " started");
     Report(m_store.WorkerStarted(token, worker->processId, worker->output), "a start");
     Arm(run, m_settings.connectLimit, [this](Run& late) {
-        Kill(late, "the worker did not connect within " + Seconds(m_settings.connectLimit));
+        Kill(late, "no-connection",
+             "the worker did not connect within " + DurationText(m_settings.connectLimit));
     });
 }
 
 // ---- orders ----
-
-Result<CancelOutcome> Scheduler::Cancel(std::int64_t task, const std::string& by) {
-    auto outcome = m_store.Cancel(task, by, "cancelled before it started");
-    if (!outcome || *outcome != CancelOutcome::Requested) return outcome;
-    Run* run = FindTask(task);
-    if (run == nullptr || run->final || run->exit) return outcome;
-    if (!run->connected)
-        Kill(*run, "cancelled before its worker connected");
-    else
-        SendCancel(*run);
-    return outcome;
-}
 
 void Scheduler::SendCancel(Run& run) {
     if (run.cancelSent || !run.session) return;
     run.cancelSent = true;
     SendCommand(run, TCP_TASK_CANCEL_ID, "cancel");
     Arm(run, m_settings.cancelGrace, [this](Run& late) {
-        Kill(late,
-             "the worker did not end within " + Seconds(m_settings.cancelGrace) + " of the cancel order");
+        Kill(
+            late, "ignored-cancel",
+            "the worker did not end within " + DurationText(m_settings.cancelGrace) + " of the cancel order");
+    });
+}
+
+void Scheduler::SendFinish(Run& run) {
+    SendCommand(run, TCP_TASK_FINISH_ID, "finish");
+    Arm(run, m_settings.finishGrace, [this](Run& late) {
+        Kill(
+            late, "ignored-finish",
+            "the worker did not end within " + DurationText(m_settings.finishGrace) + " of the finish order");
     });
 }
 
@@ -144,8 +154,9 @@ void Scheduler::SendCommand(Run& run, std::uint32_t id, const std::string& text)
 
 void Scheduler::SendEnd(Run& run) {
     Arm(run, m_settings.destroyGrace, [this](Run& late) {
-        Kill(late,
-             "the worker did not end within " + Seconds(m_settings.destroyGrace) + " of the order to exit");
+        Kill(late, "no-exit",
+             "the worker did not end within " + DurationText(m_settings.destroyGrace) +
+                 " of the order to exit");
     });
     if (!run.session) return;
     // A package worker keeps waiting for tasks whatever 4014 says; the finish order ends it.
@@ -159,13 +170,14 @@ void Scheduler::SendEnd(Run& run) {
 
 // ---- the end of an attempt ----
 
-void Scheduler::Kill(Run& run, const std::string& reason) {
+void Scheduler::Kill(Run& run, const std::string& rule, const std::string& reason) {
     if (run.killReason.empty()) {
         run.killReason = reason;
         m_log.Warn(run.claim.id + ": " + reason);
-        Report(m_store.Note(run.claim.token, "killed", ReasonEventJson(reason)), "an end");
+        Report(m_store.Note(run.claim.token, "killed", VerdictEventJson(rule, reason)), "an end");
     }
     Disarm(run);
+    run.beat.cancel();
     if (run.external) {
         // Its process is not ours to end.
         if (run.session) run.session->End(reason);
@@ -187,7 +199,20 @@ void Scheduler::OnExit(const std::string& token, const WorkerExit& exit) {
     Arm(*run, m_settings.drainLimit, [this](Run& drained) { Settle(drained); });
 }
 
+bool Scheduler::EndedUnsaid(const Run& run) {
+    if (!run.killReason.empty()) return false;
+    if (run.external) return run.saidBye;
+    // One that did not get as far as a connection has nothing to close.
+    return run.exit && !run.exit->signalled && run.exit->code == 0 && (run.saidBye || !run.connected);
+}
+
 std::string Scheduler::HowItEnded(const Run& run) const {
+    if (EndedUnsaid(run)) {
+        const std::string when =
+            run.lastStatus ? " and in status " + std::to_string(*run.lastStatus) + ", without a final status"
+                           : " before its task began";
+        return "the worker ended in good order" + when + WhatItLeft(run);
+    }
     std::string text = run.killReason;
     if (run.exit) text += text.empty() ? ExitText(*run.exit) : " (" + ExitText(*run.exit) + ")";
     if (run.external && text.empty()) text = "the connection ended";
@@ -214,7 +239,9 @@ void Scheduler::Settle(Run& run) {
         done = m_store.Exited(token, *run.exit);
         run.exitNoted = bool(done);
     }
-    if (done && !run.final) done = m_store.Lost(token, HowItEnded(run));
+    if (done && !run.final)
+        done =
+            EndedUnsaid(run) ? m_store.Unsaid(token, HowItEnded(run)) : m_store.Lost(token, HowItEnded(run));
     if (!done) {
         Report(done, "the end of an attempt");
         Arm(run, kStoreRetry, [this](Run& again) { Settle(again); });
@@ -231,6 +258,23 @@ void Scheduler::Settle(Run& run) {
         Pump();
 }
 
+// From its connection on. The worker's core may hang while its link still answers.
+void Scheduler::WatchHeartbeat(Run& run) {
+    if (run.beatLimit.count() == 0 || run.exit) return;
+    const auto silence = SystemClock().Steady() - run.lastRecord;
+    if (silence >= run.beatLimit) {
+        Kill(run, "no-heartbeat",
+             "no heartbeat and nothing else came from the worker for " + DurationText(run.beatLimit) +
+                 ", three of its intervals");
+        return;
+    }
+    run.beat.expires_after(run.beatLimit - silence);
+    run.beat.async_wait([this, token = run.claim.token](const boost::system::error_code& error) {
+        Run* watched = error ? nullptr : Find(token);
+        if (watched != nullptr && watched->session && !watched->final) WatchHeartbeat(*watched);
+    });
+}
+
 // ---- the end of the engine ----
 
 void Scheduler::BeginEnd(std::function<void()> done) {
@@ -238,6 +282,7 @@ void Scheduler::BeginEnd(std::function<void()> done) {
     m_ending = true;
     m_onEnded = std::move(done);
     m_retry.cancel();
+    m_wake.cancel();
     std::vector<std::int64_t> tasks;
     for (const auto& [token, run] : m_runs) {
         if (!run->final) tasks.push_back(run->claim.task);
@@ -252,7 +297,8 @@ void Scheduler::BeginEnd(std::function<void()> done) {
         for (const auto& [token, run] : m_runs) tokens.push_back(token);
         for (const auto& token : tokens) {
             if (Run* run = Find(token))
-                Kill(*run, "the engine ended and the worker did not within " + Seconds(m_settings.endGrace));
+                Kill(*run, "engine-end",
+                     "the engine ended and the worker did not within " + DurationText(m_settings.endGrace));
         }
     });
     FinishEnd();

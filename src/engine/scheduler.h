@@ -4,7 +4,8 @@
 //
 // An attempt is over when its process has ended (one that was started by hand: when its session has ended).
 // Until then one deadline is in force at any time: to connect, to end after a cancel, to end after the final
-// status, to end after its connection broke. When it passes, the process tree is ended.
+// status, to end after its connection broke. When it passes, the process tree is ended. Beside it runs the
+// watch over heartbeats.
 //
 // Everything runs on the I/O thread.
 #pragma once
@@ -15,8 +16,11 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
+#include <vector>
 
+#include "base/clock.h"
 #include "engine/engine_log.h"
 #include "engine/launcher.h"
 #include "engine/session.h"
@@ -36,7 +40,14 @@ class Scheduler final : public SessionHost {
     // Starts waiting tasks while there is room. Call it after a submission.
     void Pump();
     void SetLinkPort(std::uint16_t port) { m_linkPort = port; }
-    Result<CancelOutcome> Cancel(std::int64_t task, const std::string& by);
+    // Any of the orders; `text` goes with Update. What the task's state does not allow is refused.
+    Result<OrderOutcome> Order(std::int64_t task, StateEvent order, const std::string& by,
+                               const std::string& text = {});
+    // No task (of this type, or of any with kEveryType) is started until GoOn. False: nothing changed.
+    Result<bool> Drain(std::int32_t type, const std::string& by);
+    Result<bool> GoOn(std::int32_t type);
+    // In the order in which they would have to pass; empty for a task that is not queued.
+    std::vector<WaitReason> WhyWaits(const TaskRow& task);
     // Cancels what runs, waits for it for a bounded time, ends what remains; then calls `done` once. Nothing
     // is started any more.
     void BeginEnd(std::function<void()> done);
@@ -60,7 +71,11 @@ class Scheduler final : public SessionHost {
         bool connected = false;  // has been, at least
         bool final = false;      // a final status is committed
         bool cancelSent = false;
+        bool pauseSent = false;   // and neither answered nor taken back
+        bool resumeSent = false;  // the same
+        bool saidBye = false;
         bool exitNoted = false;
+        std::optional<std::uint32_t> lastStatus;
         std::shared_ptr<Session> session;
         std::string reportedTask;
         std::string killReason;  // why we ended it
@@ -68,13 +83,17 @@ class Scheduler final : public SessionHost {
         std::optional<WorkerExit> exit;
         boost::asio::steady_timer timer;
         unsigned timerUse = 0;
+        std::chrono::milliseconds beatLimit{0};  // 0: not watched
+        SteadyTime lastRecord;
+        boost::asio::steady_timer beat;
 
-        explicit Run(boost::asio::io_context& io) : timer(io) {}
+        explicit Run(boost::asio::io_context& io) : timer(io), beat(io) {}
     };
 
     // Whether the stage has what a worker of the type needs; notes and tells when that changes.
     bool MayStart(std::int32_t type);
     void PumpAgainAfter(std::chrono::milliseconds pause);
+    void PumpLater(const Error& problem);
     void StartWorker(Claim claim);
     Run* Find(const std::string& token);
     Run* FindSession(std::uint32_t session);
@@ -87,17 +106,42 @@ class Scheduler final : public SessionHost {
     bool TakeState(Run& run, const EngineStateMessage& message);
     bool TakeFinal(Run& run, const TaskStatusEntry& entry);
 
+    // A worker whose attempt has ended: it is heard and told to stop.
+    std::variant<link::Welcome, link::Refuse> AdmitTwin(const link::Hello& hello,
+                                                        const std::shared_ptr<Session>& session);
+    bool TakeTwinRecord(const std::string& token, const link::WorkerRecord& record);
+
+    Result<OrderOutcome> Cancel(std::int64_t task, const std::string& by);
+    Result<OrderOutcome> Suspend(std::int64_t task, const std::string& by);
+    Result<OrderOutcome> Resume(std::int64_t task, const std::string& by);
+    Result<OrderOutcome> FinishTask(std::int64_t task, const std::string& by);
+    Result<OrderOutcome> Update(std::int64_t task, const std::string& by, const std::string& text);
+    Result<OrderOutcome> Delete(std::int64_t task);
+    // The worker that an order can be sent to; null when there is none.
+    Run* Listening(std::int64_t task);
+    std::set<std::int64_t> BusyTasks() const;
+    // Whether no stop keeps the type from being started.
+    bool IsReleased(std::int32_t type, const std::vector<TypeStop>& stops) const;
+    // Pumps again when the first waiting task or stopped type is due.
+    void WakeWhenDue(const std::vector<TypeStop>& stops);
+    void LogStops(const std::vector<TypeStop>& stops);
+
     void SendCancel(Run& run);
+    void SendFinish(Run& run);
     void SendCommand(Run& run, std::uint32_t id, const std::string& text);
     // The order that ends a worker after its final status.
     void SendEnd(Run& run);
-    void Kill(Run& run, const std::string& reason);
+    // `rule` is the verdict in a word.
+    void Kill(Run& run, const std::string& rule, const std::string& reason);
+    void WatchHeartbeat(Run& run);
     void OnExit(const std::string& token, const WorkerExit& exit);
     // The attempt is over: says how it ended and lets it go.
     void Settle(Run& run);
     std::string HowItEnded(const Run& run) const;
     // What its log and crash report say of a worker that ended without a final status.
     std::string WhatItLeft(const Run& run) const;
+    // It closed its session and ended as it should, and did not say how its task ended.
+    static bool EndedUnsaid(const Run& run);
     void FinishEnd();
 
     // Replaces the deadline of the run.
@@ -119,7 +163,14 @@ class Scheduler final : public SessionHost {
     std::uint32_t m_lastSession = 0;
     std::map<std::string, std::unique_ptr<Run>> m_runs;  // by the attempt's token
     std::map<std::uint32_t, std::string> m_sessions;     // the token of each
-    boost::asio::steady_timer m_retry;                   // after a store failure, and for held tasks
+    struct Twin {
+        std::string token;
+        std::shared_ptr<Session> session;
+    };
+    std::map<std::uint32_t, Twin> m_twins;  // by session
+    std::set<std::int32_t> m_loggedStops;
+    boost::asio::steady_timer m_retry;  // after a store failure, and for held tasks
+    boost::asio::steady_timer m_wake;   // for what is due
     bool m_ending = false;
     std::function<void()> m_onEnded;
     boost::asio::steady_timer m_endTimer;

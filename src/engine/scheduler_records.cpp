@@ -7,6 +7,7 @@
 #include "engine/json.h"
 #include "engine/scheduler.h"
 #include "platform/codepage.h"
+#include "platform/identity.h"
 
 namespace rq::engine {
 
@@ -48,7 +49,8 @@ FinalStatus FinalOf(const TaskStatusEntry& entry) {
 std::uint32_t Scheduler::NewSessionId() {
     do {
         ++m_lastSession;
-    } while (m_lastSession == 0 || m_lastSession == kNoSession || m_sessions.contains(m_lastSession));
+    } while (m_lastSession == 0 || m_lastSession == kNoSession || m_sessions.contains(m_lastSession) ||
+             m_twins.contains(m_lastSession));
     return m_lastSession;
 }
 
@@ -59,8 +61,9 @@ std::variant<link::Welcome, link::Refuse> Scheduler::Admit(const link::Hello& he
         return Refuse{link::kRefuseVersion, "this engine speaks version 1"};
     if (!SameSecret(hello.token, m_linkToken)) return Refuse{link::kRefuseToken, "wrong token"};
     Run* run = hello.attempt.empty() ? nullptr : Find(hello.attempt);
-    if (!hello.attempt.empty() && (run == nullptr || run->connected || run->exit))
-        return Refuse{link::kRefuseAttempt, "the attempt is unknown, has ended or is connected"};
+    if (!hello.attempt.empty() && run == nullptr) return AdmitTwin(hello, session);
+    if (run != nullptr && (run->connected || run->exit))
+        return Refuse{link::kRefuseAttempt, "the attempt has ended or is connected"};
     if (m_ending) return Refuse{link::kRefuseEnding, "the engine is ending"};
     if (run == nullptr) {
         auto claim = m_store.AdoptExternal("process " + std::to_string(hello.processId));
@@ -71,6 +74,44 @@ std::variant<link::Welcome, link::Refuse> Scheduler::Admit(const link::Hello& he
         run = made.get();
     }
     return Welcome(*run, hello, session);
+}
+
+// Its attempt has ended: it was lost, and is back. Refused, it would try again for ever, and its task may be
+// in other hands meanwhile.
+std::variant<link::Welcome, link::Refuse> Scheduler::AdmitTwin(const link::Hello& hello,
+                                                               const std::shared_ptr<Session>& session) {
+    const auto noted = m_store.Note(hello.attempt, "late-worker", ProcessEventJson(hello.processId));
+    if (!noted) return link::Refuse{link::kRefuseAttempt, "the attempt is unknown"};
+    link::Welcome welcome;
+    welcome.sessionId = NewSessionId();
+    welcome.pingInterval_ms = static_cast<std::uint32_t>(m_settings.pingInterval.count());
+    welcome.silenceLimit_ms = static_cast<std::uint32_t>(m_settings.silenceLimit.count());
+    m_twins[welcome.sessionId] = {hello.attempt, session};
+    m_log.Warn("process " + std::to_string(hello.processId) +
+               " came with an attempt that has ended; it is told to stop");
+    boost::asio::post(m_io, [this, id = welcome.sessionId] {
+        const auto twin = m_twins.find(id);
+        if (twin == m_twins.end()) return;
+        TaskCommand command;
+        platform::RandomBytes(command.uuid.data(), command.uuid.size());
+        command.text = "cancel";
+        // The second ends one whose task is over already.
+        twin->second.session->SendOrder(TCP_TASK_CANCEL_ID, command);
+        twin->second.session->SendOrder(TCP_WORKER_DESTROY_ID, link::DestroyOrder{});
+    });
+    return welcome;
+}
+
+// What it reports changes nothing; a final status is kept as an event.
+bool Scheduler::TakeTwinRecord(const std::string& token, const link::WorkerRecord& record) {
+    const auto* state = std::get_if<EngineStateMessage>(&record);
+    if (state == nullptr) return true;
+    bool taken = true;
+    for (const auto& entry : state->entries) {
+        if (link::IsFinalTaskStatus(entry.status))
+            taken = m_store.Finish(token, FinalOf(entry)).has_value() && taken;
+    }
+    return taken;
 }
 
 link::Welcome Scheduler::Welcome(Run& run, const link::Hello& hello,
@@ -91,12 +132,18 @@ link::Welcome Scheduler::Welcome(Run& run, const link::Hello& hello,
            "a connection");
     // A worker started by hand announces itself by connecting; there is no start of ours to follow.
     if (run.external) Report(m_store.Status(run.claim.token, kTaskRunning), "a connection");
+    run.lastRecord = SystemClock().Steady();
+    WatchHeartbeat(run);
     return welcome;
 }
 
 bool Scheduler::OnRecord(Session& session, std::uint32_t id, const link::WorkerRecord& record) {
+    if (const auto twin = m_twins.find(session.Id()); twin != m_twins.end())
+        return TakeTwinRecord(twin->second.token, record);
     Run* run = FindSession(session.Id());
-    return run == nullptr || TakeRecord(*run, id, record);
+    if (run == nullptr) return true;
+    run->lastRecord = SystemClock().Steady();
+    return TakeRecord(*run, id, record);
 }
 
 bool Scheduler::TakeRecord(Run& run, std::uint32_t id, const link::WorkerRecord& record) {
@@ -107,7 +154,9 @@ bool Scheduler::TakeRecord(Run& run, std::uint32_t id, const link::WorkerRecord&
         run.reportedTask = notice->taskId;
         Report(m_store.Notice(token, RepairUtf8(notice->taskId), RepairUtf8(notice->workerGuid)), "a notice");
     } else if (const auto* reply = std::get_if<TaskCommandReply>(&record)) {
-        Report(m_store.Note(token, "reply", ReplyEventJson(id, reply->resultCode, ReplyText(reply->message))),
+        if (id == TCP_TASK_SUSPEND_REPLY_ID) run.pauseSent = false;
+        if (id == TCP_TASK_RESUME_REPLY_ID) run.resumeSent = false;
+        Report(m_store.Reply(token, id, ReplyEventJson(id, reply->resultCode, ReplyText(reply->message))),
                "a reply");
     } else if (const auto* progress = std::get_if<EngineProgressMessage>(&record)) {
         TakeProgress(run, *progress);
@@ -130,10 +179,12 @@ bool Scheduler::TakeState(Run& run, const EngineStateMessage& message) {
     for (const auto& entry : message.entries) {
         if (run.external)
             Report(m_store.TypeSeen(run.claim.token, static_cast<std::int32_t>(entry.taskType)), "a type");
-        if (link::IsFinalTaskStatus(entry.status))
+        if (link::IsFinalTaskStatus(entry.status)) {
             taken = TakeFinal(run, entry) && taken;
-        else
-            Report(m_store.Status(run.claim.token, entry.status), "a status");
+            continue;
+        }
+        run.lastStatus = entry.status;
+        Report(m_store.Status(run.claim.token, entry.status), "a status");
     }
     return taken;
 }
@@ -158,10 +209,12 @@ bool Scheduler::TakeFinal(Run& run, const TaskStatusEntry& entry) {
 }
 
 void Scheduler::OnSessionEnd(Session& session, const std::string& why) {
+    m_twins.erase(session.Id());
     Run* run = FindSession(session.Id());
     m_sessions.erase(session.Id());
     if (run == nullptr) return;
     run->session = nullptr;
+    run->saidBye = session.SaidBye();
     Report(m_store.Note(run->claim.token, "disconnected", ReasonEventJson(RepairUtf8(why))), "a loss");
     if (run->external || run->exit) {
         Settle(*run);
@@ -170,8 +223,9 @@ void Scheduler::OnSessionEnd(Session& session, const std::string& why) {
     if (run->final || !run->killReason.empty()) return;
     m_log.Warn(run->claim.id + ": session " + std::to_string(session.Id()) + " ended: " + why);
     Arm(*run, m_settings.linkGrace, [this, why](Run& late) {
-        Kill(late, "the connection ended (" + why + ") and the worker did not within " +
-                       std::to_string(m_settings.linkGrace.count()) + " ms");
+        Kill(late, "connection-lost",
+             "the connection ended (" + why + ") and the worker did not within " +
+                 DurationText(m_settings.linkGrace));
     });
 }
 

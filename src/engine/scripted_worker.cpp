@@ -7,6 +7,7 @@
 //   acknowledgement; final-text N TEXT is one with an error text await ID           waits for this order;
 //   reply ID answers one bye | close        ends the connection in good order, or just so print TEXT | sleep
 //   MS | hang | exit CODE | killed
+//   in N LINE          does the line in attempt N alone
 #include <chrono>
 #include <cstdio>
 #include <fstream>
@@ -26,6 +27,7 @@ using namespace rq::engine;
 
 struct Script {
     std::uint16_t port = 0;
+    int attempt = 0;
     std::unique_ptr<LinkClient> link = std::make_unique<LinkClient>();
     std::string furtherText;
 
@@ -54,6 +56,10 @@ struct Script {
     bool Do(const std::string& verb, std::istringstream& rest) {
         std::string text;
         double number = 0, second = 0;
+        if (verb == "in") {
+            rest >> number >> text;
+            return static_cast<int>(number) != attempt || Do(text, rest);
+        }
         if (verb == "connect") return Greet(*link) == 0u;
         if (verb == "connect-again") {
             LinkClient other;
@@ -113,6 +119,9 @@ int main(int argc, char** argv) {
     std::ifstream file(argv[2]);
     Script script;
     script.port = static_cast<std::uint16_t>(std::stoi(argv[3]));
+    // t12a3_...: the third attempt
+    const std::string name = argv[2];
+    script.attempt = std::atoi(name.c_str() + name.rfind('a', name.rfind('_')) + 1);
     std::printf("type %s flag %s\n", argv[1], argv[4]);
     for (std::string line; std::getline(file, line);) {
         std::istringstream rest(line);

@@ -122,6 +122,7 @@ bool Session::TakeControl(const link::Frame& frame) {
             SendControl(link::kAckId);
             return true;
         case link::kByeId:
+            m_saidBye = true;
             TellHost("the worker said goodbye");
             Close();
             return false;

@@ -49,6 +49,8 @@ class Session : public std::enable_shared_from_this<Session> {
     void End(const std::string& why);
 
     std::uint32_t Id() const { return m_id; }
+    // Whether the worker ended the session in good order.
+    bool SaidBye() const { return m_saidBye; }
 
   private:
     enum class State { Handshake, Open, Leaving, Closed };
@@ -91,6 +93,7 @@ class Session : public std::enable_shared_from_this<Session> {
     std::deque<Outgoing> m_outgoing;
     std::string m_writing;  // the bytes of the write that is under way
     bool m_closeWhenSent = false;
+    bool m_saidBye = false;
 
     std::uint64_t m_lastSent = 0;  // seq of our latest numbered frame
     std::uint64_t m_received = 0;  // highest seq of the worker's

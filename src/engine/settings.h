@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <string>
 
+#include "engine/retry.h"
+
 namespace rq::engine {
 
 struct EngineSettings {
@@ -25,6 +27,13 @@ struct EngineSettings {
     std::chrono::milliseconds destroyGrace = std::chrono::seconds(70);
     // From a cancel order to the end of the process tree.
     std::chrono::milliseconds cancelGrace = std::chrono::seconds(120);
+    // From a finish order to the end of the process tree.
+    std::chrono::milliseconds finishGrace = std::chrono::minutes(5);
+    // A worker of which nothing comes for three of these is ended. 0: the interval that the stage's actor.xml
+    // gives to the worker.
+    std::chrono::milliseconds heartbeatInterval = std::chrono::milliseconds(0);
+    // Which tasks get another attempt, and when a type is stopped.
+    RetryRules retry = RetryRules::Standard();
     // An orderly end waits this long for its workers.
     std::chrono::milliseconds endGrace = std::chrono::seconds(10);
     // After a worker's end, for what it has sent to be read.

@@ -1,4 +1,4 @@
-// What all verbs share: opening, names of states, events, and the verbs on tasks.
+// What all verbs share: opening, events, and the verbs that make tasks and attempts.
 #include "engine/store.h"
 
 #include <chrono>
@@ -7,43 +7,6 @@
 #include "platform/identity.h"
 
 namespace rq::engine {
-
-namespace {
-
-constexpr std::string_view kTaskStateNames[] = {"queued",   "starting", "running",  "paused",
-                                                "finished", "failed",   "cancelled"};
-constexpr std::string_view kAttemptStateNames[] = {"starting", "running",   "paused", "finished",
-                                                   "failed",   "cancelled", "lost"};
-
-template <class State, std::size_t n>
-std::optional<State> StateOf(const std::string_view (&names)[n], std::string_view name) {
-    for (std::size_t i = 0; i < n; ++i) {
-        if (names[i] == name) return static_cast<State>(i);
-    }
-    return std::nullopt;
-}
-
-}  // namespace
-
-std::string_view NameOf(TaskState state) {
-    return kTaskStateNames[static_cast<int>(state)];
-}
-
-std::string_view NameOf(AttemptState state) {
-    return kAttemptStateNames[static_cast<int>(state)];
-}
-
-std::optional<TaskState> TaskStateOf(std::string_view name) {
-    return StateOf<TaskState>(kTaskStateNames, name);
-}
-
-std::optional<AttemptState> AttemptStateOf(std::string_view name) {
-    return StateOf<AttemptState>(kAttemptStateNames, name);
-}
-
-bool IsEnded(TaskState state) {
-    return state == TaskState::Finished || state == TaskState::Failed || state == TaskState::Cancelled;
-}
 
 Store::Now Store::SystemNow() {
     return [] {
@@ -92,7 +55,8 @@ void Store::SetTaskState(std::int64_t task, std::optional<std::int64_t> attempt,
     m_database
         ->Prepare(
             "UPDATE tasks SET state = ?1, reason = ?2, started_us = coalesce(started_us, ?3), "
-            "finished_us = coalesce(finished_us, ?4) WHERE id = ?5")
+            "finished_us = coalesce(finished_us, ?4), not_before_us = NULL, waits_since_us = NULL "
+            "WHERE id = ?5")
         .Bind(NameOf(state))
         .Bind(reason)
         .Bind(state == TaskState::Running ? now : none)
@@ -164,15 +128,19 @@ Claim Store::NewAttempt(std::int64_t task) {
     return claim;
 }
 
-Result<std::optional<Claim>> Store::ClaimNext(const MayStart& mayStart) {
+Result<std::optional<Claim>> Store::ClaimNext(const MayStart& mayStart, const std::set<std::int64_t>& busy) {
     Transaction transaction(*m_database);
     std::int64_t task = 0;
-    std::string held;  // types, as the inside of a JSON array
+    std::string held, without;  // types and tasks, as the inside of JSON arrays
+    for (const auto key : busy) without += (without.empty() ? "" : ",") + std::to_string(key);
     while (task == 0) {
+        // A time that was set later than now is one of a clock that was put back since.
         Statement query = m_database->Prepare(
-            "SELECT id, type FROM tasks WHERE state = 'queued' AND type NOT IN (SELECT value FROM "
-            "json_each(?1)) ORDER BY id LIMIT 1");
-        if (!query.Bind("[" + held + "]").Row()) break;
+            "SELECT id, type FROM tasks WHERE state = 'queued' AND suspended_us IS NULL "
+            "AND (not_before_us IS NULL OR not_before_us <= ?1 OR waits_since_us > ?1) "
+            "AND type NOT IN (SELECT value FROM json_each(?2)) "
+            "AND id NOT IN (SELECT value FROM json_each(?3)) ORDER BY id LIMIT 1");
+        if (!query.Bind(m_now()).Bind("[" + held + "]").Bind("[" + without + "]").Row()) break;
         const auto found = query.Number();
         const auto type = static_cast<std::int32_t>(query.Number());
         if (!mayStart || mayStart(type))
@@ -189,37 +157,24 @@ Result<std::optional<Claim>> Store::ClaimNext(const MayStart& mayStart) {
     return claim;
 }
 
+Result<std::optional<std::int64_t>> Store::NextDue() {
+    std::optional<std::int64_t> due;
+    {
+        Statement query = m_database->Prepare(
+            "SELECT min(not_before_us) FROM tasks "
+            "WHERE not_before_us > ?1 AND state = 'queued' AND suspended_us IS NULL");
+        if (query.Bind(m_now()).Row()) due = query.OptionalNumber();
+    }
+    if (auto ok = Checked(); !ok) return ok.error();
+    return due;
+}
+
 Result<Claim> Store::AdoptExternal(const std::string& name) {
     Transaction transaction(*m_database);
     const TaskRow task = Insert({kUnknownType, name, "", "external"});
     Claim claim = NewAttempt(task.key);
     if (auto done = Commit(transaction, task.key); !done) return done.error();
     return claim;
-}
-
-Result<CancelOutcome> Store::Cancel(std::int64_t task, const std::string& by, const std::string& reason) {
-    Transaction transaction(*m_database);
-    std::optional<TaskState> state;
-    std::optional<std::int64_t> asked, attempt;
-    {
-        Statement query =
-            m_database->Prepare("SELECT state, cancel_us, last_attempt FROM tasks WHERE id = ?1");
-        if (query.Bind(task).Row()) {
-            state = TaskStateOf(query.Text());
-            asked = query.OptionalNumber();
-            attempt = query.OptionalNumber();
-        }
-    }
-    if (auto ok = Checked(); !ok) return ok.error();
-    if (!state) return Fail("no such task");
-    if (IsEnded(*state)) return CancelOutcome::AlreadyEnded;
-    if (asked) return CancelOutcome::Requested;
-    m_database->Prepare("UPDATE tasks SET cancel_us = ?1 WHERE id = ?2").Bind(m_now()).Bind(task).Run();
-    AddEvent(task, attempt, "cancel-requested", CancelEventJson(by));
-    const bool queued = *state == TaskState::Queued;
-    if (queued) SetTaskState(task, std::nullopt, TaskState::Cancelled, reason);
-    if (auto done = Commit(transaction, task); !done) return done.error();
-    return queued ? CancelOutcome::Cancelled : CancelOutcome::Requested;
 }
 
 }  // namespace rq::engine

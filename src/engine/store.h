@@ -10,15 +10,17 @@
 
 #include <functional>
 #include <memory>
+#include <set>
 
 #include "base/result.h"
+#include "engine/retry.h"
 #include "engine/sqlite.h"
 #include "engine/store_types.h"
 
 namespace rq::engine {
 
 // Newest schema that this program knows.
-inline constexpr int kSchemaVersion = 2;
+inline constexpr int kSchemaVersion = 3;
 
 class Store {
   public:
@@ -29,19 +31,47 @@ class Store {
     static Now SystemNow();
 
     void SetListener(Listener listener) { m_listener = std::move(listener); }
+    // When a task gets another attempt, and a type is stopped. Without them neither ever happens.
+    void SetRetryRules(RetryRules rules) { m_rules = std::move(rules); }
 
     // ---- tasks ----
     Result<TaskRow> Submit(const NewTask& task);
-    // The oldest queued task of a type that may start gets an attempt and is starting. Nothing when there is
-    // none. `mayStart` is asked once for each type that it meets.
+    // The oldest queued task of a type that may start gets an attempt and is starting, unless it waits for
+    // its time, is suspended or is one of `busy`. Nothing when there is none. `mayStart` is asked once for
+    // each type that it meets.
     using MayStart = std::function<bool(std::int32_t type)>;
-    Result<std::optional<Claim>> ClaimNext(const MayStart& mayStart = {});
+    Result<std::optional<Claim>> ClaimNext(const MayStart& mayStart = {},
+                                           const std::set<std::int64_t>& busy = {});
+    // When the first of the queued tasks that wait for their time may start.
+    Result<std::optional<std::int64_t>> NextDue();
+    std::int64_t NowTime() const { return m_now(); }
     // A worker that was started by hand: a new task, starting, with an attempt.
     // Its type is kUnknownType until TypeSeen tells.
     Result<Claim> AdoptExternal(const std::string& name);
-    // Queued: cancelled at once. Starting, running, paused: the request is noted and the caller sends the
-    // order.
-    Result<CancelOutcome> Cancel(std::int64_t task, const std::string& by, const std::string& reason);
+
+    // ---- orders; each is refused when the table of states (states.h) says so ----
+    // Queued: cancelled at once. Starting, running, paused: finishing, and the caller sends the order.
+    Result<OrderOutcome> Cancel(std::int64_t task, const std::string& by, const std::string& reason);
+    // A queued task is not started until Resume; of a running or paused one only the caller can do it.
+    // `resuming`: the worker of a paused one has just been told to go on.
+    Result<OrderOutcome> Suspend(std::int64_t task, const std::string& by, bool resuming = false);
+    Result<OrderOutcome> Resume(std::int64_t task, const std::string& by);
+    // Finishing; the caller sends the order.
+    Result<OrderOutcome> FinishTask(std::int64_t task, const std::string& by);
+    // Another text, for this attempt (the caller sends it) and for every later one.
+    Result<OrderOutcome> Update(std::int64_t task, const std::string& by, const std::string& text);
+    // An ended task is queued again, with as many attempts as a new one.
+    Result<OrderOutcome> Retry(std::int64_t task, const std::string& by);
+    // An ended task is removed with everything that belongs to it. `outputs` gets the names of its files.
+    Result<OrderOutcome> Delete(std::int64_t task, std::vector<std::string>& outputs);
+    // Whether a task with this key was there and has been deleted.
+    Result<bool> WasDeleted(std::int64_t task);
+
+    // ---- types that are not started ----
+    // By order, until Unstop. False: nothing changed.
+    Result<bool> Stop(std::int32_t type, const std::string& reason);
+    Result<bool> Unstop(std::int32_t type);
+    Result<std::vector<TypeStop>> Stops();
 
     // ---- the attempt that holds the token ----
     Result<void> WorkerStarted(const std::string& token, std::uint64_t processId, const std::string& output);
@@ -49,6 +79,8 @@ class Store {
                            const std::string& version);
     Result<void> Notice(const std::string& token, const std::string& taskId, const std::string& guid);
     Result<void> Status(const std::string& token, std::uint32_t status);
+    // The answer to an order; `json` is the event's data.
+    Result<void> Reply(const std::string& token, std::uint32_t id, const std::string& json);
     Result<void> TypeSeen(const std::string& token, std::int32_t type);
     Result<void> Progress(const std::string& token, const ProgressFigures& figures);
     Result<void> Seen(const std::string& token);
@@ -56,9 +88,11 @@ class Store {
     Result<void> Note(const std::string& token, const std::string& kind, const std::string& json);
     // The first final status decides; the same again is a Repeat, another one is Late and changes nothing.
     Result<FinishOutcome> Finish(const std::string& token, const FinalStatus& final);
-    // The attempt ends without a final status: the task is cancelled when that was asked for, and failed
-    // otherwise. Does nothing when the attempt has ended.
+    // The attempt ends without a final status: the task is cancelled when that was asked for; else it is
+    // queued again or lost, by its type's policy. Does nothing when the attempt has ended.
     Result<void> Lost(const std::string& token, const std::string& reason);
+    // The same of a worker that ended in good order: the task is cancelled or failed.
+    Result<void> Unsaid(const std::string& token, const std::string& reason);
     Result<void> Exited(const std::string& token, const WorkerExit& exit);
 
     // Attempts that a previous run of the engine left open become lost. The number of them.
@@ -81,6 +115,21 @@ class Store {
         TaskState taskState = TaskState::Starting;
         double percent = 0;
         bool cancelRequested = false;
+        std::int32_t type = 0;
+        std::string id;
+        bool external = false;
+        bool connected = false;
+        std::int64_t made = 0;  // attempts since the submission or the latest retry order
+    };
+    // A task as an order finds it.
+    struct Ordered {
+        std::string id;
+        TaskState state = TaskState::Queued;
+        std::optional<std::int64_t> attempt;
+        std::optional<std::int64_t> cancelled_us;
+        std::optional<std::int64_t> suspended_us;
+        bool external = false;
+        std::string text;
     };
 
     Store(std::unique_ptr<Database> database, Now now);
@@ -96,10 +145,20 @@ class Store {
     void SetTaskState(std::int64_t task, std::optional<std::int64_t> attempt, TaskState state,
                       const std::optional<std::string>& reason);
     void SetAttemptState(std::int64_t attempt, AttemptState state);
-    // The states that follow from a report of status 3 or 7.
-    void MoveTo(const Holder& holder, AttemptState state, TaskState taskState);
+    // The state that follows from what the worker reports.
+    void Report(const Holder& holder, StateEvent event);
     void WriteFinal(const Holder& holder, const FinalStatus& final);
-    void LoseAttempt(const Holder& holder, const std::string& reason);
+    void LoseAttempt(const Holder& holder, StateEvent event, const std::string& reason);
+    static bool MayRepeat(const Holder& holder);
+    void EndAttempt(const Holder& holder, StateEvent event, const std::optional<std::string>& reason,
+                    const RetryDecision& decision);
+    // Counts what the end says of the type, and stops or releases the type.
+    void CountForStop(const Holder& holder, StateEvent event, const RetryDecision& decision,
+                      const std::string& reason);
+    // Runs `change(ordered, outcome)` in a transaction unless the table refuses the event.
+    template <class Change>
+    Result<OrderOutcome> ForOrder(std::int64_t task, StateEvent event, Change change);
+    void SetFinishing(std::int64_t task, const Ordered& ordered);
     bool SameFinal(std::int64_t attempt, const FinalStatus& final);
     void FillAttempts(TaskDetails& details);
     Result<void> Commit(Transaction& transaction, std::int64_t task);
@@ -109,9 +168,11 @@ class Store {
     std::unique_ptr<Database> m_database;
     Now m_now;
     Listener m_listener;
+    RetryRules m_rules = RetryRules::Never();
 };
 
-// Brings the file to kSchemaVersion; refuses a newer one. Part of Store::Open, apart for its tests.
-Result<void> MigrateSchema(Database& database);
+// Brings the file to this version; refuses a newer one. Part of Store::Open, apart for its tests, which also
+// make stores of earlier versions.
+Result<void> MigrateSchema(Database& database, int to = kSchemaVersion);
 
 }  // namespace rq::engine

@@ -10,24 +10,41 @@ namespace {
 // A progress event at least this often while reports come, whatever the percentage does.
 constexpr std::int64_t kProgressEvent_us = 10'000'000;
 
-bool IsOpen(AttemptState state) {
-    return state == AttemptState::Starting || state == AttemptState::Running || state == AttemptState::Paused;
+AttemptState AttemptStateAfter(StateEvent event) {
+    switch (event) {
+        case StateEvent::SaysFinished:
+            return AttemptState::Finished;
+        case StateEvent::SaysCancelled:
+        case StateEvent::EndsCancelled:
+            return AttemptState::Cancelled;
+        case StateEvent::EndsLost:
+        case StateEvent::EndsLostAgain:
+            return AttemptState::Lost;
+        default:
+            return AttemptState::Failed;
+    }
 }
 
 }  // namespace
 
 std::optional<Store::Holder> Store::Find(const std::string& token) {
     Statement query = m_database->Prepare(
-        "SELECT a.id, a.task, a.state, a.percent, t.state, t.cancel_us IS NOT NULL "
+        "SELECT a.id, a.task, a.state, a.percent, t.state, t.cancel_us IS NOT NULL, t.type, t.public_id, "
+        "t.origin = 'external', a.connected_us IS NOT NULL, t.attempts - t.spent "
         "FROM attempts a JOIN tasks t ON t.id = a.task WHERE a.token = ?1");
     if (!query.Bind(token).Row()) return std::nullopt;
     Holder holder;
     holder.attempt = query.Number();
     holder.task = query.Number();
-    holder.state = AttemptStateOf(query.Text()).value_or(AttemptState::Lost);
+    holder.state = TaskStateOf(query.Text()).value_or(AttemptState::Lost);
     holder.percent = query.Real();
     holder.taskState = TaskStateOf(query.Text()).value_or(TaskState::Failed);
     holder.cancelRequested = query.Number() != 0;
+    holder.type = static_cast<std::int32_t>(query.Number());
+    holder.id = query.Text();
+    holder.external = query.Number() != 0;
+    holder.connected = query.Number() != 0;
+    holder.made = query.Number();
     return holder;
 }
 
@@ -50,7 +67,7 @@ void Store::SetAttemptState(std::int64_t attempt, AttemptState state) {
             "finished_us = coalesce(finished_us, ?3) WHERE id = ?4")
         .Bind(NameOf(state))
         .Bind(state == AttemptState::Running ? now : none)
-        .Bind(IsOpen(state) ? none : now)
+        .Bind(IsActive(state) ? none : now)
         .Bind(attempt)
         .Run();
 }
@@ -95,17 +112,31 @@ Result<void> Store::Notice(const std::string& token, const std::string& taskId, 
     });
 }
 
-void Store::MoveTo(const Holder& holder, AttemptState state, TaskState taskState) {
-    if (!IsOpen(holder.state) || holder.state == state) return;
-    SetAttemptState(holder.attempt, state);
-    SetTaskState(holder.task, holder.attempt, taskState, std::nullopt);
+void Store::Report(const Holder& holder, StateEvent event) {
+    // An attempt that has ended holds its task no longer.
+    if (!IsActive(holder.state)) return;
+    const Transition next = Next(holder.taskState, event);
+    if (next.effect != Effect::Moves) return;
+    SetAttemptState(holder.attempt, next.to);
+    SetTaskState(holder.task, holder.attempt, next.to, std::nullopt);
 }
 
 Result<void> Store::Status(const std::string& token, std::uint32_t status) {
     return ForHolder(token, Transaction::Sync::Relaxed, [&](const Holder& holder) {
         AddEvent(holder.task, holder.attempt, "status", StatusEventJson(status));
-        if (status == kTaskRunning) MoveTo(holder, AttemptState::Running, TaskState::Running);
-        if (status == kTaskPaused) MoveTo(holder, AttemptState::Paused, TaskState::Paused);
+        if (status == kTaskRunning) Report(holder, StateEvent::SaysRunning);
+        if (status == kTaskPaused) Report(holder, StateEvent::SaysPaused);
+    });
+}
+
+Result<void> Store::Reply(const std::string& token, std::uint32_t id, const std::string& json) {
+    return ForHolder(token, Transaction::Sync::Relaxed, [&](const Holder& holder) {
+        AddEvent(holder.task, holder.attempt, "reply", json);
+        // A worker that was told to pause or go on reports no status: its answer tells.
+        if (id == TCP_TASK_SUSPEND_REPLY_ID && holder.state == AttemptState::Running)
+            Report(holder, StateEvent::SaysPaused);
+        if (id == TCP_TASK_RESUME_REPLY_ID && holder.state == AttemptState::Paused)
+            Report(holder, StateEvent::SaysRunning);
     });
 }
 
@@ -120,7 +151,7 @@ Result<void> Store::TypeSeen(const std::string& token, std::int32_t type) {
 
 Result<void> Store::Progress(const std::string& token, const ProgressFigures& figures) {
     return ForHolder(token, Transaction::Sync::Relaxed, [&](const Holder& holder) {
-        if (!IsOpen(holder.state)) return;
+        if (!IsActive(holder.state)) return;
         const auto now = m_now();
         m_database
             ->Prepare(
@@ -202,7 +233,7 @@ void Store::WriteFinal(const Holder& holder, const FinalStatus& final) {
 Result<FinishOutcome> Store::Finish(const std::string& token, const FinalStatus& final) {
     FinishOutcome outcome = FinishOutcome::Committed;
     auto done = ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
-        if (!IsOpen(holder.state)) {
+        if (!IsActive(holder.state)) {
             outcome = SameFinal(holder.attempt, final) ? FinishOutcome::Repeat : FinishOutcome::Late;
             if (outcome == FinishOutcome::Late)
                 AddEvent(holder.task, holder.attempt, "late-status", FinalEventJson(final));
@@ -210,35 +241,75 @@ Result<FinishOutcome> Store::Finish(const std::string& token, const FinalStatus&
         }
         WriteFinal(holder, final);
         AddEvent(holder.task, holder.attempt, "final", FinalEventJson(final));
-        const bool cancelled = final.status == kTaskCancelled;
-        const bool finished = final.status == kTaskFinished;
-        SetAttemptState(holder.attempt, finished    ? AttemptState::Finished
-                                        : cancelled ? AttemptState::Cancelled
-                                                    : AttemptState::Failed);
-        SetTaskState(holder.task, holder.attempt,
-                     finished    ? TaskState::Finished
-                     : cancelled ? TaskState::Cancelled
-                                 : TaskState::Failed,
-                     FinalReason(final));
+        RetryDecision decision;
+        StateEvent event = StateEvent::SaysError;
+        if (final.status == kTaskFinished) {
+            event = StateEvent::SaysFinished;
+        } else if (final.status == kTaskCancelled) {
+            event = StateEvent::SaysCancelled;
+        } else if (MayRepeat(holder)) {
+            decision = AfterError(m_rules.For(holder.type), holder.made, final);
+            if (decision.again) event = StateEvent::SaysErrorAgain;
+        }
+        EndAttempt(holder, event, FinalReason(final), decision);
     });
     if (!done) return done.error();
     return outcome;
 }
 
-void Store::LoseAttempt(const Holder& holder, const std::string& reason) {
+// Who was told to stop, or has no text of ours, is not started again.
+bool Store::MayRepeat(const Holder& holder) {
+    return !holder.external && !holder.cancelRequested && holder.taskState != TaskState::Finishing;
+}
+
+void Store::EndAttempt(const Holder& holder, StateEvent event, const std::optional<std::string>& reason,
+                       const RetryDecision& decision) {
+    const Transition next = Next(holder.taskState, event);
+    SetAttemptState(holder.attempt, AttemptStateAfter(event));
+    if (next.effect == Effect::Moves && next.to == TaskState::Queued) {
+        const auto now = m_now();
+        const std::int64_t due_us = now + std::chrono::microseconds(decision.delay).count();
+        SetTaskState(holder.task, holder.attempt, TaskState::Queued, reason);
+        m_database->Prepare("UPDATE tasks SET not_before_us = ?1, waits_since_us = ?2 WHERE id = ?3")
+            .Bind(due_us)
+            .Bind(now)
+            .Bind(holder.task)
+            .Run();
+        AddEvent(holder.task, holder.attempt, "repeat", RepeatEventJson(decision.rule, due_us));
+    } else if (next.effect == Effect::Moves) {
+        SetTaskState(holder.task, holder.attempt, next.to, reason);
+        if (!decision.rule.empty())
+            AddEvent(holder.task, holder.attempt, "no-repeat", RepeatEventJson(decision.rule, std::nullopt));
+    }
+    CountForStop(holder, event, decision, reason.value_or(""));
+}
+
+void Store::LoseAttempt(const Holder& holder, StateEvent event, const std::string& reason) {
     m_database->Prepare("UPDATE attempts SET reason = ?1 WHERE id = ?2")
         .Bind(reason)
         .Bind(holder.attempt)
         .Run();
-    AddEvent(holder.task, holder.attempt, "lost", ReasonEventJson(reason));
-    SetAttemptState(holder.attempt, holder.cancelRequested ? AttemptState::Cancelled : AttemptState::Lost);
-    SetTaskState(holder.task, holder.attempt,
-                 holder.cancelRequested ? TaskState::Cancelled : TaskState::Failed, reason);
+    AddEvent(holder.task, holder.attempt, event == StateEvent::EndsLost ? "lost" : "unsaid",
+             ReasonEventJson(reason));
+    RetryDecision decision;
+    if (holder.cancelRequested) {
+        event = StateEvent::EndsCancelled;
+    } else if (event == StateEvent::EndsLost && MayRepeat(holder)) {
+        decision = AfterLoss(m_rules.For(holder.type), holder.made, holder.connected);
+        if (decision.again) event = StateEvent::EndsLostAgain;
+    }
+    EndAttempt(holder, event, reason, decision);
 }
 
 Result<void> Store::Lost(const std::string& token, const std::string& reason) {
     return ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
-        if (IsOpen(holder.state)) LoseAttempt(holder, reason);
+        if (IsActive(holder.state)) LoseAttempt(holder, StateEvent::EndsLost, reason);
+    });
+}
+
+Result<void> Store::Unsaid(const std::string& token, const std::string& reason) {
+    return ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
+        if (IsActive(holder.state)) LoseAttempt(holder, StateEvent::EndsUnsaid, reason);
     });
 }
 
@@ -260,7 +331,7 @@ Result<int> Store::LoseOpenAttempts(const std::string& reason) {
     {
         Statement query = m_database->Prepare(
             "SELECT a.token FROM tasks t JOIN attempts a ON a.id = t.last_attempt "
-            "WHERE t.state IN ('starting', 'running', 'paused')");
+            "WHERE t.state IN ('starting', 'running', 'paused', 'finishing')");
         while (query.Row()) tokens.push_back(query.Text());
     }
     if (auto ok = Checked(); !ok) return ok.error();

@@ -7,7 +7,8 @@ namespace {
 
 constexpr const char* kTaskColumns =
     "SELECT t.id, t.public_id, t.type, t.name, t.origin, t.state, t.reason, t.created_us, t.started_us, "
-    "t.finished_us, t.cancel_us, t.attempts, coalesce(a.percent, 0), coalesce(a.speed, 0), "
+    "t.finished_us, t.cancel_us, t.not_before_us, t.suspended_us, t.attempts, coalesce(a.percent, 0), "
+    "coalesce(a.speed, 0), "
     "coalesce(a.average_speed, 0), a.status "
     "FROM tasks t LEFT JOIN attempts a ON a.id = t.last_attempt ";
 
@@ -24,11 +25,18 @@ TaskRow ReadTask(Statement& row) {
     task.started_us = row.OptionalNumber();
     task.finished_us = row.OptionalNumber();
     task.cancelRequested_us = row.OptionalNumber();
+    task.notBefore_us = row.OptionalNumber();
+    task.suspended_us = row.OptionalNumber();
     task.attempts = row.Number();
     task.percent = row.Real();
     task.speed = row.Real();
     task.averageSpeed = row.Real();
     task.status = row.OptionalNumber();
+    if (task.state == TaskState::Queued) {
+        // An earlier attempt's figures say nothing of the next one.
+        task.percent = task.speed = task.averageSpeed = 0;
+        task.status.reset();
+    }
     return task;
 }
 
@@ -36,7 +44,7 @@ AttemptRow ReadAttempt(Statement& row) {
     AttemptRow attempt;
     attempt.key = row.Number();
     attempt.number = static_cast<std::int32_t>(row.Number());
-    attempt.state = AttemptStateOf(row.Text()).value_or(AttemptState::Lost);
+    attempt.state = TaskStateOf(row.Text()).value_or(AttemptState::Lost);
     attempt.session = row.OptionalNumber();
     attempt.processId = row.OptionalNumber();
     attempt.workerVersion = row.Text();

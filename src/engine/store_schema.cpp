@@ -86,12 +86,39 @@ ALTER TABLE attempts ADD COLUMN average_speed REAL NOT NULL DEFAULT 0;
 PRAGMA user_version = 2;
 )sql";
 
-constexpr const char* kSteps[] = {kStep1, kStep2};
+// Waiting for another attempt, suspended in the queue, attempts before the latest retry order; types that are
+// stopped. Events go with their task alone.
+constexpr const char* kStep3 = R"sql(
+ALTER TABLE tasks ADD COLUMN not_before_us INTEGER;
+ALTER TABLE tasks ADD COLUMN waits_since_us INTEGER;
+ALTER TABLE tasks ADD COLUMN suspended_us INTEGER;
+ALTER TABLE tasks ADD COLUMN spent INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE tasks ADD COLUMN deleted INTEGER NOT NULL DEFAULT 0;
+CREATE INDEX events_by_attempt ON events (attempt);
+CREATE INDEX tasks_by_time ON tasks (not_before_us) WHERE not_before_us IS NOT NULL;
+
+CREATE TABLE stops (
+  type INTEGER PRIMARY KEY,
+  failures INTEGER NOT NULL DEFAULT 0,
+  since_us INTEGER,
+  until_us INTEGER,
+  reason TEXT NOT NULL DEFAULT ''
+) STRICT;
+
+DROP TRIGGER events_stay;
+CREATE TRIGGER events_stay BEFORE DELETE ON events
+  WHEN (SELECT deleted FROM tasks WHERE id = OLD.task) = 0
+  BEGIN SELECT RAISE(ABORT, 'events are only ever added'); END;
+
+PRAGMA user_version = 3;
+)sql";
+
+constexpr const char* kSteps[] = {kStep1, kStep2, kStep3};
 static_assert(std::size(kSteps) == kSchemaVersion);
 
 }  // namespace
 
-Result<void> MigrateSchema(Database& database) {
+Result<void> MigrateSchema(Database& database, int to) {
     std::int64_t version = 0;
     {
         Statement query = database.Prepare("PRAGMA user_version");
@@ -103,7 +130,7 @@ Result<void> MigrateSchema(Database& database) {
                     "; this program knows up to " + std::to_string(kSchemaVersion) +
                     ": use the newer program that made it");
     }
-    for (auto step = version; step < kSchemaVersion; ++step) {
+    for (auto step = version; step < to; ++step) {
         Transaction transaction(database);
         database.Execute(kSteps[step]);
         if (auto done = transaction.Commit(); !done) return done;

@@ -137,13 +137,13 @@ TEST_F(StoreTest, AfterTheEndReportsDoNotReviveATask) {
     EXPECT_EQ(Task(key).percent, 100.0);
 }
 
-TEST_F(StoreTest, ALostAttemptFailsItsTask) {
+TEST_F(StoreTest, ALostAttemptLosesItsTask) {
     const auto key = Submit();
     const Claim claim = Claimed();
     ASSERT_TRUE(m_store->Exited(claim.token, {true, 9}));
     ASSERT_TRUE(m_store->Lost(claim.token, "worker ended by signal 9"));
     const auto details = m_store->Details(key).value().value();
-    EXPECT_EQ(details.task.state, TaskState::Failed);
+    EXPECT_EQ(details.task.state, TaskState::Lost);
     EXPECT_EQ(details.task.reason, "worker ended by signal 9");
     EXPECT_EQ(details.attempts[0].state, AttemptState::Lost);
     EXPECT_EQ(details.attempts[0].exitSignal, 9);
@@ -153,19 +153,19 @@ TEST_F(StoreTest, ALostAttemptFailsItsTask) {
 
 TEST_F(StoreTest, CancelOfAQueuedTaskIsItsEnd) {
     const auto key = Submit();
-    EXPECT_EQ(m_store->Cancel(key, "api", "why").value(), CancelOutcome::Cancelled);
+    EXPECT_EQ(m_store->Cancel(key, "api", "why").value().result, "cancelled");
     EXPECT_EQ(Task(key).state, TaskState::Cancelled);
     EXPECT_EQ(Task(key).reason, "why");
-    EXPECT_EQ(m_store->Cancel(key, "api", "why").value(), CancelOutcome::AlreadyEnded);
+    EXPECT_EQ(m_store->Cancel(key, "api", "why").value().result, "already-ended");
     EXPECT_FALSE(*m_store->ClaimNext());
 }
 
 TEST_F(StoreTest, ACancelledWorkerThatJustEndsLeavesACancelledTask) {
     const auto key = Submit();
     const Claim claim = Claimed();
-    EXPECT_EQ(m_store->Cancel(key, "api", "why").value(), CancelOutcome::Requested);
-    EXPECT_EQ(m_store->Cancel(key, "api", "why").value(), CancelOutcome::Requested);
-    EXPECT_EQ(Task(key).state, TaskState::Starting);
+    EXPECT_EQ(m_store->Cancel(key, "api", "why").value().result, "requested");
+    EXPECT_EQ(m_store->Cancel(key, "api", "why").value().result, "requested");
+    EXPECT_EQ(Task(key).state, TaskState::Finishing);
     ASSERT_TRUE(m_store->Lost(claim.token, "ended"));
     EXPECT_EQ(Task(key).state, TaskState::Cancelled);
     const auto kinds = Kinds(key);
@@ -232,7 +232,7 @@ TEST_F(StoreTest, AttemptsThatAnEarlierRunLeftOpenAreLost) {
     const auto queued = Submit();
     Open();
     EXPECT_EQ(m_store->LoseOpenAttempts("the engine ended").value(), 1);
-    EXPECT_EQ(Task(key).state, TaskState::Failed);
+    EXPECT_EQ(Task(key).state, TaskState::Lost);
     EXPECT_EQ(Task(key).reason, "the engine ended");
     EXPECT_EQ(Task(queued).state, TaskState::Queued);
     EXPECT_EQ(m_store->LoseOpenAttempts("again").value(), 0);
@@ -256,7 +256,7 @@ TEST_F(StoreTest, ListsAreNewestFirstAndCanBeContinued) {
     rows = m_store->Tasks(query).value();
     ASSERT_EQ(rows.size(), 1u);
     EXPECT_EQ(rows[0].id, "t4");
-    EXPECT_EQ(m_store->CountByState().value(), (std::vector<std::int64_t>{4, 0, 0, 0, 0, 0, 1}));
+    EXPECT_EQ(m_store->CountByState().value(), (std::vector<std::int64_t>{4, 0, 0, 0, 0, 0, 0, 1, 0}));
 }
 
 TEST_F(StoreTest, AnExternalWorkerGetsATaskOfItsOwn) {
@@ -283,23 +283,48 @@ TEST_F(StoreTest, EventsCannotBeChangedOrRemoved) {
     EXPECT_FALSE(database->Execute("DELETE FROM events"));
 }
 
-TEST_F(StoreTest, AStoreOfTheFirstSchemaIsBroughtUpWithItsTasks) {
-    const auto key = Submit();
-    m_store.reset();
-    {
-        auto database = Database::Open(m_folder.Utf8("store.db")).value();
-        ASSERT_TRUE(database->Execute("ALTER TABLE attempts DROP COLUMN average_speed"));
-        ASSERT_TRUE(database->Execute("PRAGMA user_version = 1"));
+// A store as the program with that schema left it: one finished task and one that waits.
+void MakeOldStore(const std::string& path, int version) {
+    auto database = Database::Open(path).value();
+    ASSERT_TRUE(MigrateSchema(*database, version));
+    ASSERT_TRUE(database->Execute(R"sql(
+        INSERT INTO tasks (public_id, type, name, origin, text, state, created_us, started_us, finished_us,
+                           attempts, last_attempt)
+          VALUES ('t1', 3, 'a', 'api', '<A/>', 'finished', 10, 11, 12, 1, 1);
+        INSERT INTO attempts (task, number, token, state, created_us, percent, status)
+          VALUES (1, 1, 'secret', 'finished', 10, 100, 0);
+        INSERT INTO results (attempt, json) VALUES (1, '{"kind":"md5"}');
+        INSERT INTO events (task, attempt, time_us, kind, json) VALUES (1, 1, 10, 'claimed', '{"number":1}');
+        INSERT INTO tasks (public_id, type, name, origin, text, state, created_us)
+          VALUES ('t2', 3, 'b', 'api', '<B/>', 'queued', 20);
+    )sql"));
+}
+
+TEST_F(StoreTest, AStoreOfAnEarlierSchemaIsBroughtUpWithItsTasks) {
+    for (const int version : {1, 2}) {
+        const std::string path = m_folder.Utf8("old" + std::to_string(version) + ".db");
+        MakeOldStore(path, version);
+        m_store = Store::Open(path, [this] { return m_now; }).value();
+        const auto details = m_store->Details(1).value().value();
+        EXPECT_EQ(details.task.state, TaskState::Finished);
+        EXPECT_EQ(details.task.finished_us, 12);
+        EXPECT_EQ(details.result, R"({"kind":"md5"})");
+        EXPECT_EQ(Kinds(1), std::vector<std::string>{"claimed"});
+        // What is new works on what is old.
+        const Claim claim = Claimed();
+        EXPECT_EQ(claim.id, "t2");
+        EXPECT_EQ(claim.text, "<B/>");
+        ASSERT_TRUE(m_store->Progress(claim.token, {41.5, 2.5, 62.25}));
+        EXPECT_EQ(Task(2).averageSpeed, 62.25);
+        m_store->SetRetryRules(RetryRules::Standard());
+        ASSERT_TRUE(m_store->Lost(claim.token, "gone"));
+        EXPECT_EQ(Task(2).state, TaskState::Queued);
+        EXPECT_TRUE(Task(2).notBefore_us);
+        std::vector<std::string> outputs;
+        EXPECT_EQ(m_store->Delete(1, outputs).value().result, "deleted");
+        auto database = Database::Open(path).value();
+        EXPECT_FALSE(database->Execute("DELETE FROM events"));
     }
-    Open();
-    const Claim claim = Claimed();
-    EXPECT_EQ(claim.task, key);
-    ASSERT_TRUE(m_store->Progress(claim.token, {41.5, 2.5, 62.25}));
-    const TaskRow task = Task(key);
-    EXPECT_EQ(task.percent, 41.5);
-    EXPECT_EQ(task.speed, 2.5);
-    EXPECT_EQ(task.averageSpeed, 62.25);
-    EXPECT_EQ(m_store->Details(key).value().value().attempts.at(0).averageSpeed, 62.25);
 }
 
 TEST_F(StoreTest, ANewerSchemaIsRefused) {

@@ -8,24 +8,14 @@
 #include <string_view>
 #include <vector>
 
+#include "engine/states.h"
+
 namespace rq::engine {
-
-enum class TaskState { Queued, Starting, Running, Paused, Finished, Failed, Cancelled };
-enum class AttemptState { Starting, Running, Paused, Finished, Failed, Cancelled, Lost };
-
-inline constexpr TaskState kTaskStates[] = {TaskState::Queued,   TaskState::Starting, TaskState::Running,
-                                            TaskState::Paused,   TaskState::Finished, TaskState::Failed,
-                                            TaskState::Cancelled};
-
-std::string_view NameOf(TaskState state);     // "queued", ...
-std::string_view NameOf(AttemptState state);  // "starting", ..., "lost"
-std::optional<TaskState> TaskStateOf(std::string_view name);
-std::optional<AttemptState> AttemptStateOf(std::string_view name);
-// Finished, failed or cancelled.
-bool IsEnded(TaskState state);
 
 // Of a worker that has not said it yet.
 inline constexpr std::int32_t kUnknownType = -1;
+// In a stop: of all types.
+inline constexpr std::int32_t kEveryType = -2;
 
 struct NewTask {
     std::int32_t type = 0;
@@ -59,7 +49,33 @@ struct FinalStatus {
 };
 
 enum class FinishOutcome { Committed, Repeat, Late };
-enum class CancelOutcome { Cancelled, Requested, AlreadyEnded };
+
+// What an order to a task did.
+struct OrderOutcome {
+    bool refused = false;                 // by the task's state; the message says which
+    bool changed = false;                 // false: nothing was left to do
+    bool send = false;                    // the task's worker is to be told
+    std::string result;                   // a word for programs
+    std::string message;                  // a sentence for people
+    TaskState state = TaskState::Queued;  // afterwards
+};
+
+// Why a queued task is not started now. The rules: "ending", "drained", "stopped", "suspended", "backoff",
+// "stage", "earlier-worker", "workers".
+struct WaitReason {
+    std::string rule;
+    std::string text;
+    std::optional<std::int64_t> until_us;
+};
+
+// Tasks of this type are not started: after too many failures in a row, or by order.
+struct TypeStop {
+    std::int32_t type = 0;  // or kEveryType
+    std::int64_t failures = 0;
+    std::int64_t since_us = 0;
+    std::optional<std::int64_t> until_us;  // then one task is tried; nothing: until the order to go on
+    std::string reason;
+};
 
 // How a worker's process ended: the signal's number, or the exit code, which on Windows is also that of an
 // unhandled exception or a kill (from 0xC0000000).
@@ -80,6 +96,8 @@ struct TaskRow {
     std::optional<std::int64_t> started_us;
     std::optional<std::int64_t> finished_us;
     std::optional<std::int64_t> cancelRequested_us;
+    std::optional<std::int64_t> notBefore_us;  // of a queued task that waits for its next attempt
+    std::optional<std::int64_t> suspended_us;  // of a queued task that was suspended
     std::int64_t attempts = 0;
     // Of the latest attempt.
     double percent = 0;

@@ -22,7 +22,7 @@ class CrashReports : public ::testing::Test {
     // Runs a task with these steps to the worker's end by `signal`; its report.
     std::string ReportOf(const std::string& steps, int signal) {
         const auto record = m_node.WaitForEnd(m_node.SubmitText("mc", "id t; " + steps));
-        EXPECT_EQ(record["state"], "failed");
+        EXPECT_EQ(record["state"], "lost");
         const nlohmann::json end = {{"signal", signal}};
         EXPECT_EQ(record.value("/attempt_list/0/exit"_json_pointer, nlohmann::json()), end) << record;
         const auto reports = kit::FindFiles(m_node.Data(), ".txt");

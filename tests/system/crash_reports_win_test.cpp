@@ -23,7 +23,7 @@ class CrashReports : public ::testing::Test {
     // Runs a task with these steps to the worker's end with `code`, and looks at what it left.
     void ExpectADump(const std::string& steps, std::uint32_t code, const std::string& name) {
         const auto record = m_node.WaitForEnd(m_node.SubmitText("mc", "id t; " + steps));
-        EXPECT_EQ(record["state"], "failed");
+        EXPECT_EQ(record["state"], "lost");
         const nlohmann::json end = {{"code", code}};
         EXPECT_EQ(record.value("/attempt_list/0/exit"_json_pointer, nlohmann::json()), end) << record;
         const auto dumps = kit::FindFiles(m_node.Data(), ".dmp");

@@ -110,7 +110,7 @@ TEST(Failures, NothingThatAWorkerStartedOutlivesItWhenItIsKilled) {
     const auto record = node.WaitForState(task, {"running"});
     kit::EndProcess(record["attempt_list"][0]["pid"].get<std::uint64_t>());
     EXPECT_TRUE(kit::WaitUntil([&] { return !platform::ProcessRuns(left); }));
-    EXPECT_EQ(node.WaitForEnd(task)["state"], "failed");
+    EXPECT_EQ(node.WaitForEnd(task)["state"], "lost");
 }
 
 TEST(Failures, KilledWorkerIsInTheTasksRecord) {
@@ -121,7 +121,7 @@ TEST(Failures, KilledWorkerIsInTheTasksRecord) {
     const auto pid = record["attempt_list"][0]["pid"].get<std::uint64_t>();
     kit::EndProcess(pid);
     const auto after = node.WaitForEnd(task);
-    EXPECT_EQ(after["state"], "failed");
+    EXPECT_EQ(after["state"], "lost");
     EXPECT_NE(after["reason"].get<std::string>().find(kit::KilledWords()), std::string::npos)
         << after["reason"];
     EXPECT_EQ(after["attempt_list"][0]["state"], "lost");

@@ -15,7 +15,7 @@ namespace rq::system_test {
 namespace fs = std::filesystem;
 using kit::Child;
 
-Node::Node(bool startEngine) {
+Node::Node(bool startEngine, int attempts) : m_attempts(attempts) {
     kit::CopyStage(Stage());
     // Progress each second, so that a test sees some.
     kit::ReplaceElementText(Stage() / "actor.xml", "ProgressReportInterval", "1");
@@ -28,10 +28,10 @@ Node::~Node() {
 
 void Node::StartEngine(int linkPort) {
     const fs::path announced = Data() / "engine.json";
-    m_engine =
-        std::make_unique<Child>(kit::ProgramIn(Stage(), "rqengine"),
-                                std::vector<std::string>{"--data", Utf8FromPath(Data()), "--port",
-                                                         std::to_string(linkPort), "--http-port", "0"});
+    m_engine = std::make_unique<Child>(
+        kit::ProgramIn(Stage(), "rqengine"),
+        std::vector<std::string>{"--data", Utf8FromPath(Data()), "--port", std::to_string(linkPort),
+                                 "--http-port", "0", "--attempts", std::to_string(m_attempts)});
     // An engine that was killed leaves its announcement behind: wait for one of this process.
     const std::string pid = std::to_string(m_engine->Id());
     const bool up = kit::WaitUntil([&] {
@@ -113,7 +113,7 @@ nlohmann::json Node::WaitForState(const std::string& task, const std::vector<std
 }
 
 nlohmann::json Node::WaitForEnd(const std::string& task) const {
-    return WaitForState(task, {"finished", "failed", "cancelled"});
+    return WaitForState(task, {"finished", "failed", "cancelled", "lost"});
 }
 
 std::string Node::WorkerLog() const {

@@ -25,8 +25,9 @@ struct Outcome {
 
 class Node {
   public:
-    // Copies the stage and starts the engine (unless told not to). Throws when it does not come up.
-    explicit Node(bool startEngine = true);
+    // Copies the stage and starts the engine (unless told not to), which gives each task so many attempts.
+    // Throws when it does not come up.
+    explicit Node(bool startEngine = true, int attempts = 1);
     ~Node();
     Node(const Node&) = delete;
     Node& operator=(const Node&) = delete;
@@ -59,6 +60,7 @@ class Node {
     std::string WorkerLog() const;
 
   private:
+    const int m_attempts;
     kit::TempDir m_folder;
     std::unique_ptr<kit::Child> m_engine;
 };

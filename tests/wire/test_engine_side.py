@@ -217,13 +217,43 @@ class TypicalTask(EngineCase):
         reply, = self.of_kind(task_id, "reply")
         self.assertEqual((reply["data"]["id"], reply["data"]["result_code"]), (4003, "0"))
 
+    def order(self, link, what):
+        code, answer = engine.ask("POST", "/tasks/%s/%s" % (self.task_of(link), what))
+        self.assertEqual(code, 200, answer)
+        return answer["result"]
+
+    def reply(self, link, message_id):
+        link.acknowledge()
+        link.send(message_id, {"version": "1.0", "guid": GUID, "task_id": "T-1", "result_code": "0", "message": b"ok"})
+
+    def test_suspend_resume_finish(self):
+        link = self.worker()
+        self.assertEqual(self.order(link, "suspend"), "requested")
+        link.wait_for(4004)
+        self.assertEqual(self.order(link, "suspend"), "requested")  # once on the wire: the next order is 4006
+        self.reply(link, 4005)
+        self.wait_for_task(link, lambda task: task["state"] == "paused")
+        self.assertEqual(self.order(link, "suspend"), "already-suspended")
+        self.assertEqual(self.order(link, "resume"), "requested")
+        self.assertEqual(link.wait_for(lambda frame: frame.id >= 4000).id, 4006)
+        self.reply(link, 4007)
+        self.wait_for_task(link, lambda task: task["state"] == "running")
+        self.assertEqual(self.order(link, "finish"), "requested")
+        link.wait_for(4019)
+        self.reply(link, 4020)
+        self.wait_for_task(link, lambda task: task["state"] == "finishing")
+        code, answer = engine.ask("POST", "/tasks/%s/suspend" % self.task_of(link))
+        self.assertEqual((code, answer["error"]["code"]), (409, "wrong-state"))
+        link.wait_for_ack(link.send(peer.ID_STATE, finished()))
+        self.assertEqual(self.wait_for_task(link, lambda task: task["state"] == "finished")["status"], 0)
+
     def test_lost(self):
         for name in ("close", "reset"):
             with self.subTest(name):
                 link = self.worker()
                 task_id = self.task_of(link)
                 getattr(link, name)()
-                task = engine.wait_for_task(task_id, lambda task: task["state"] == "failed")
+                task = engine.wait_for_task(task_id, lambda task: task["state"] == "lost")
                 self.assertIsNone(task["status"])
                 self.assertTrue(task["reason"])
                 self.assertEqual(task["attempt_list"][0]["state"], "lost")
@@ -299,8 +329,17 @@ class Handshake(EngineCase):
         engine.ask("POST", "/tasks/%s/cancel" % task["id"])
         engine.wait_for_task(task["id"], lambda task: task["state"] == "cancelled" and
                              task["attempt_list"][0]["exited"])
+        # Who comes with an attempt that has ended is told to stop.
         link, answer = engine.shake_hands(attempt=environment[b"RQ_ATTEMPT"])
-        self.assert_refused(link, answer, 3)
+        self.addCleanup(link.close)
+        self.assertEqual(answer.id, peer.ID_WELCOME)
+        link.wait_for(peer.ID_CANCEL)
+        link.wait_for(peer.ID_EXIT)
+        link.acknowledge()
+        link.wait_for_ack(link.send(peer.ID_STATE, finished()))
+        self.assertEqual(engine.get("/tasks/" + task["id"])["state"], "cancelled")
+        self.assertEqual(len(self.of_kind(task["id"], "late-status")), 1)
+        self.assertEqual(len(self.of_kind(task["id"], "late-worker")), 1)
 
     def test_resume_is_a_new_session(self):
         first = self.connect()
@@ -380,7 +419,7 @@ class Frames(EngineCase):
                 link.send_raw(make(link.next_seq()))
                 link.wait_for_close(5)
                 self.assertFalse(link.said_bye)
-                engine.wait_for_task(task_id, lambda task: task["state"] == "failed")
+                engine.wait_for_task(task_id, lambda task: task["state"] == "lost")
                 self.assertTrue(self.of_kind(task_id, "disconnected")[0]["data"]["reason"])
 
     def test_harmless(self):
