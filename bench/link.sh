@@ -98,12 +98,13 @@ peer() {
 
 # link NAME WORKER...: one round of a worker of the engine link.
 link() {
-    local name=$1 rate middle late frames reads
+    local name=$1 rate middle late frames reads processor
     shift
-    read -r rate frames reads < <("${pin[@]}" "$bench/bench_link" backlog "$tasks" "$@")
+    read -r rate frames reads processor < <("${pin[@]}" "$bench/bench_link" backlog "$tasks" "$@")
     keep "backlog $name" "$rate"
     keep "backlog frames $name" "$frames"
     keep "backlog reads $name" "$reads"
+    keep "processor $name" "$processor"
     read -r -d '' middle late frames reads < <("${pin[@]}" "$bench/bench_link" single "$singles" "$@") || true
     keep "single $name" "$middle"
     keep "late $name" "$late"
@@ -131,6 +132,8 @@ done
 for name in ours plain gearman beanstalk; do
     printf 'one by one         %-10s %8.1f us (99th %.0f)   %-10s / ours %.2f\n' "$name" "$(of "single $name")" "$(of "late $name")" "$name" "$(ratio "single $name" 'single ours')"
 done
+printf 'processor time of the worker for a task of the backlog: ours %.1f us, plain %.1f us, plain / ours %.2f\n' \
+    "$(of 'processor ours')" "$(of 'processor plain')" "$(ratio 'processor plain' 'processor ours')"
 for name in ours plain; do
     printf 'frames a task, and how many writes they came in: %-10s %.2f, %.2f (backlog); %.2f, %.2f (one by one)\n' "$name" \
         "$(of "backlog frames $name")" "$(of "backlog reads $name")" "$(of "single frames $name")" "$(of "single reads $name")"

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -24,8 +25,15 @@
 
 namespace bench {
 
+// Processes that must not outlive a measurement that failed.
+inline std::vector<pid_t>& Children() {
+    static std::vector<pid_t> children;
+    return children;
+}
+
 [[noreturn]] inline void Die(const std::string& what) {
     std::fprintf(stderr, "bench: %s\n", what.c_str());
+    for (const pid_t child : Children()) kill(child, SIGKILL);
     std::exit(1);
 }
 [[noreturn]] inline void DieOfErrno(const std::string& what) {
@@ -87,6 +95,8 @@ inline int Listen(std::uint16_t* port) {
     return listener;
 }
 inline int Accept(int listener) {
+    pollfd waiting{listener, POLLIN, 0};
+    if (poll(&waiting, 1, 30'000) <= 0) Die("nobody connected for 30 s");
     const int peer = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (peer < 0) DieOfErrno("accept");
     SetNoDelay(peer);
@@ -138,6 +148,7 @@ inline pid_t Spawn(const std::vector<std::string>& command, int output = -1) {
     errno = posix_spawn(&child, arguments[0], &actions, nullptr, arguments.data(), environ);
     if (errno != 0) DieOfErrno("start of " + command[0]);
     posix_spawn_file_actions_destroy(&actions);
+    Children().push_back(child);
     return child;
 }
 

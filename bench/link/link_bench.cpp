@@ -1,13 +1,18 @@
 // Measures a worker from its engine's side. bench/link.sh runs it; WORKER... is the worker's program and its
 // arguments, of which "{port}" becomes the engine's port. The worker's own first task must have number 0.
 //
-//   bench_link backlog COUNT WORKER...          tasks a second, frames a task, reads a task
+//   bench_link backlog COUNT WORKER...          tasks a second, frames a task, reads a task, microseconds of
+//   the
+//                                               worker's processor time a task
 //   bench_link single COUNT WORKER...           microseconds from submit to final status: median, 99th
 //   percentile bench_link start COUNT TRIVIAL WORKER...    milliseconds: start to notice; start of the
 //   program TRIVIAL bench_link memory COUNT WORKER...           KiB when idle: resident, proportional; the
 //   same after COUNT tasks
+#include <sys/resource.h>
+
 #include <csignal>
 #include <fstream>
+#include <optional>
 #include <utility>
 
 #include "engine.h"
@@ -34,11 +39,12 @@ class Worker {
     ~Worker() {
         m_engine.End();
         for (int i = 0; i < 500; ++i) {
-            if (waitpid(m_id, nullptr, WNOHANG) == m_id) return;
+            if (waitpid(m_id, nullptr, WNOHANG) == m_id) {
+                std::erase(Children(), m_id);
+                return;
+            }
             usleep(10'000);
         }
-        kill(m_id, SIGKILL);
-        waitpid(m_id, nullptr, 0);
         Die("the worker did not end with its session");
     }
     Worker(const Worker&) = delete;
@@ -58,17 +64,31 @@ void RunTasks(Engine& engine, unsigned first, unsigned count) {
     while (engine.Finals() < first + count) engine.Step();
 }
 
+// Of the children that have ended.
+double ProcessorSeconds() {
+    rusage used{};
+    getrusage(RUSAGE_CHILDREN, &used);
+    const auto seconds = [](const timeval& time) {
+        return double(time.tv_sec) + double(time.tv_usec) * 1e-6;
+    };
+    return seconds(used.ru_utime) + seconds(used.ru_stime);
+}
+
 int Backlog(unsigned count, const std::vector<std::string>& command) {
     Engine engine;
-    const Worker worker(engine, command);
+    std::optional<Worker> worker;
+    worker.emplace(engine, command);
     RunTasks(engine, 1, kWarmUp - 1);
     const unsigned frames = engine.Frames();
     const unsigned reads = engine.Reads();
     const Time begin = Now();
     RunTasks(engine, kWarmUp, count);
     const double seconds = Seconds(begin, Now());
-    std::printf("%.1f %.2f %.2f\n", count / seconds, double(engine.Frames() - frames) / count,
-                double(engine.Reads() - reads) / count);
+    const double framesEach = double(engine.Frames() - frames) / count;
+    const double readsEach = double(engine.Reads() - reads) / count;
+    worker.reset();
+    std::printf("%.1f %.2f %.2f %.1f\n", count / seconds, framesEach, readsEach,
+                ProcessorSeconds() / (kWarmUp + count) * 1e6);
     return 0;
 }
 
@@ -94,6 +114,8 @@ int Single(unsigned count, const std::vector<std::string>& command) {
     const int listener = Listen(&port);
     const pid_t submitter = fork();
     if (submitter == 0) std::exit(Submitter(count, port));
+    if (submitter < 0) DieOfErrno("fork");
+    Children().push_back(submitter);
     Engine engine;
     const Worker worker(engine, command);
     const int socket = Accept(listener);
@@ -131,6 +153,7 @@ double StartToMain(const std::string& program) {
     Check(ReadSome(ends[0], &said), "the program said nothing");
     const Time end = Now();
     waitpid(child, nullptr, 0);
+    std::erase(Children(), child);
     close(ends[0]);
     close(ends[1]);
     return Seconds(begin, end);

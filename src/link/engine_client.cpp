@@ -250,12 +250,18 @@ void EngineClient::OnTimer() {
 
 // Carries out what the session wants after anything has happened to it.
 void EngineClient::Settle() {
+    while (SettleOnce()) {
+    }
+}
+
+// True when something was written at once: what follows from that is to be seen to.
+bool EngineClient::SettleOnce() {
     std::vector<SessionEvent> events;
     std::string output;
     std::optional<SteadyTime> deadline;
     {
         MutexLock lock(m_lock);
-        if (!m_session) return;
+        if (!m_session) return false;
         m_finals.Acknowledge(m_session->AcknowledgedByPeer());
         output = m_session->TakeOutput(m_clock.Steady());
         events = m_session->TakeEvents();
@@ -269,14 +275,22 @@ void EngineClient::Settle() {
         }
         m_handlerThread.ReserveLoss(
             {ConnectionNumber(), welcomed->sessionId, 0, TCP_SERVER_DISCONNECT_ID, ServerLost{}});
-        if (!DecideConnect(ConnectionNumber(), welcomed->sessionId, {})) return AbandonSession();
+        if (!DecideConnect(ConnectionNumber(), welcomed->sessionId, {})) {
+            AbandonSession();
+            return false;
+        }
     }
-    if (!m_connection) return;  // closed, perhaps by one of the events
+    if (!m_connection) return false;  // closed, perhaps by one of the events
     if (!output.empty()) {
         m_journal.Sent(output);
-        m_connection->Write(std::move(output));
+        if (m_connection->Write(std::move(output))) {
+            MutexLock lock(m_lock);
+            m_session->OnWritten(m_clock.Steady());
+            return true;
+        }
     }
     m_connection->SetTimer(deadline, m_clock.Steady());
+    return false;
 }
 
 // The engine's answer came after Connect had given up: nobody knows of the session, so that it cannot be lost

@@ -66,6 +66,7 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     void OnTimer() override;
     void OpenConnection(std::uint64_t attempt, const std::string& address, std::uint16_t port);
     void Settle();
+    bool SettleOnce();
     void AbandonSession();
     void Carry(SessionEvent event);
     void CarryClosed(const SessionClosed& closed);

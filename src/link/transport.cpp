@@ -152,6 +152,7 @@ void Connection::ConnectTo(const Endpoints& endpoints) {
             if (self->m_listener == nullptr) return;
             Error ignored;
             self->m_socket.set_option(tcp::no_delay(true), ignored);
+            self->m_socket.non_blocking(true, ignored);
             // Else a program that a plug-in started would keep the connection open after the worker's end.
             platform::KeepFromChildren(static_cast<std::uintptr_t>(self->m_socket.native_handle()));
             self->Read();
@@ -169,16 +170,20 @@ void Connection::Read() {
                              });
 }
 
-void Connection::Write(std::string bytes) {
+bool Connection::Write(std::string bytes) {
+    Error ignored;  // the read tells it, once it has given what the peer had sent
+    const std::size_t written = m_socket.write_some(asio::buffer(bytes), ignored);
+    if (written == bytes.size()) return true;
     m_output = std::move(bytes);
     m_isWriting = true;
-    asio::async_write(m_socket, asio::buffer(m_output),
+    asio::async_write(m_socket, asio::buffer(m_output) + written,
                       [self = shared_from_this()](const Error& error, std::size_t) {
                           self->m_isWriting = false;
                           // A failed write says nothing by itself: the read still gives what the peer had
                           // sent, then reports the end.
                           if (!error && self->m_listener != nullptr) self->m_listener->OnWritten();
                       });
+    return false;
 }
 
 void Connection::ShutdownSend() {

@@ -71,8 +71,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     Connection(boost::asio::io_context& io, Listener* listener, HostLookUp lookUp = {});
 
     void Open(const std::string& address, std::uint16_t port);
-    // One at a time: the next after OnWritten.
-    void Write(std::string bytes);
+    // One at a time. True when the system has taken everything at once; else the next after OnWritten.
+    bool Write(std::string bytes);
     void ShutdownSend();
     // The listener hears nothing more.
     void Close();

@@ -20,6 +20,10 @@ char UpperAscii(char c) {
     return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
 }
 
+bool IsAscii(std::string_view text) {
+    return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
 ConsoleEncoding OfThisProcess() {
     using platform::StandardStream;
     const bool isTerminal = platform::IsTerminal(StandardStream::Output);
@@ -49,6 +53,8 @@ ConsoleEncoding ChooseConsoleEncoding(const std::optional<std::string>& forced, 
 }
 
 std::string EncodeForConsole(std::string_view utf8, const ConsoleEncoding& encoding) {
+    if (encoding == kConsoleGbk && IsAscii(utf8))
+        return std::string(utf8);  // most lines, and the same in GBK
     std::string repaired = RepairUtf8(utf8);
     if (encoding == kConsoleGbk) return platform::Utf8ToGbk(repaired);
     return encoding == kConsoleUtf8 ? repaired : platform::Utf8ToEncoding(repaired, encoding);

@@ -36,12 +36,14 @@ std::int64_t Socket::Arrival(std::int64_t& last) {
 
 // ---- from the worker to the engine ----
 
-void Socket::WriteByWorker(std::string bytes) {
+bool Socket::WriteByWorker(std::string bytes) {
     const auto self = shared_from_this();
-    m_world.agenda.After(Arrival(m_lastToEngine) + std::exchange(m_heldWrite, 0), [self] {
-        if (const auto worker = self->m_worker.lock(); worker && !self->m_isBroken)
-            worker->Happens([](Listener& listener) { listener.OnWritten(); });
-    });
+    const bool isWritten = m_heldWrite == 0 && m_world.random.OneIn(2);
+    if (!isWritten)
+        m_world.agenda.After(Arrival(m_lastToEngine) + std::exchange(m_heldWrite, 0), [self] {
+            if (const auto worker = self->m_worker.lock(); worker && !self->m_isBroken)
+                worker->Happens([](Listener& listener) { listener.OnWritten(); });
+        });
     while (!bytes.empty()) {
         const auto size = static_cast<std::size_t>(
             m_world.random.OneIn(2) ? m_world.random.Between(1, static_cast<std::int64_t>(bytes.size()))
@@ -50,6 +52,7 @@ void Socket::WriteByWorker(std::string bytes) {
                              [self, piece = bytes.substr(0, size)] { self->ArriveAtEngine(piece); });
         bytes.erase(0, size);
     }
+    return isWritten;
 }
 
 void Socket::ArriveAtEngine(const std::string& bytes) {

@@ -37,7 +37,8 @@ class Socket : public std::enable_shared_from_this<Socket> {
     int Number() const { return m_number; }
 
     // ---- the worker's end ----
-    void WriteByWorker(std::string bytes);
+    // True when it is written at once; else the worker is told when it is.
+    bool WriteByWorker(std::string bytes);
     void ShutdownByWorker();
     void CloseByWorker();
 

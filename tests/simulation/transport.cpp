@@ -63,8 +63,8 @@ void Connection::Open(const std::string&, std::uint16_t) {
     m_socket = sim::ActiveWorld().network.Connect(weak_from_this());
 }
 
-void Connection::Write(std::string bytes) {
-    m_socket->WriteByWorker(std::move(bytes));
+bool Connection::Write(std::string bytes) {
+    return m_socket->WriteByWorker(std::move(bytes));
 }
 
 void Connection::ShutdownSend() {

@@ -73,7 +73,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     Connection(IoThread& io, Listener* listener, const HostLookUp&) : m_io(io), m_listener(listener) {}
 
     void Open(const std::string& address, std::uint16_t port);
-    void Write(std::string bytes);
+    bool Write(std::string bytes);
     void ShutdownSend();
     void Close();
     void SetTimer(std::optional<SteadyTime> time, SteadyTime now);
