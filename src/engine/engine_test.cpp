@@ -339,7 +339,7 @@ TEST_F(EngineTest, AWaitingTaskSaysForWhat) {
 TEST_F(EngineTest, AWorkerThatEndsInOrderAndInStatus3FailsItsTaskWithoutAnother) {
     AllowAttempts(3);
     Start();
-    const auto id = Submit("connect\nstatus 3\nstatus 3\nbye\n");
+    const auto id = Submit("connect\nstatus 3\nstatus 3\nawait 4014\nbye\n");
     const json task = Ended(id);
     EXPECT_EQ(task["state"], "failed");
     EXPECT_EQ(task["reason"], "the worker ended in good order and in status 3, without a final status");

@@ -8,6 +8,7 @@
 #include "engine/scheduler.h"
 #include "platform/codepage.h"
 #include "platform/identity.h"
+#include "records/task_codes.h"
 
 namespace rq::engine {
 
@@ -183,6 +184,11 @@ bool Scheduler::TakeState(Run& run, const EngineStateMessage& message) {
             taken = TakeFinal(run, entry) && taken;
             continue;
         }
+        // Said once for each task, before its perform call: a second time after it, by a plug-in that
+        // returned without a final status. Such a worker would wait a minute for its order to exit.
+        if (entry.status == kTaskRunning && run.lastStatus == kTaskRunning && !run.external &&
+            !IsPackageType(run.claim.type))
+            SendEnd(run);
         run.lastStatus = entry.status;
         Report(m_store.Status(run.claim.token, entry.status), "a status");
     }

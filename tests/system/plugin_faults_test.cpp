@@ -70,6 +70,18 @@ TEST_F(PluginFaults, ACrashFailsItsTaskAlone) {
     EXPECT_EQ(Run("id t; status 0")["state"], "finished");
 }
 
+// Well before the minute for which its worker would wait.
+TEST_F(PluginFaults, AReturnInStatus3FailsTheTask) {
+    Install("scripted");
+    const auto record = Run("id t; progress 10 3; status 3");
+    EXPECT_EQ(record["state"], "failed");
+    EXPECT_EQ(record["reason"].get<std::string>().find(
+                  "the worker ended in good order and in status 3, without a final status"),
+              0u)
+        << record["reason"];
+    EXPECT_TRUE(record["status"].is_null());
+}
+
 TEST_F(PluginFaults, OtherBreachesAreALineEachAndTheTaskGoesOn) {
     Install("scripted");
     const auto record = Run("id t; over; over; negative; negative; md5 /a; status 0");
