@@ -216,6 +216,22 @@ TEST(EngineClientConnect, AnAnswerAfterConnectHasGivenUpOpensNoSession) {
     EXPECT_EQ(test.handler.All()[0].id, TCP_TASK_SUSPEND_ID);
 }
 
+TEST(EngineClientConnect, AnAnswerAndAnEndAfterConnectHasGivenUpLeaveNothingOpen) {
+    kit::ScriptedEngineOptions engineOptions;
+    engineOptions.answerHello = false;
+    engineOptions.closeOnBye = false;
+    kit::ScriptedEngine engine(engineOptions);
+    LateConnectionClock clock;
+    EngineClientOptions options;
+    options.clock = &clock;
+    TestClient test(options);
+    ASSERT_TRUE(clock.ConnectInVain(test, engine));
+    engine.SendRaw(EncodeFrame({0, 0, kWelcomeId, EncodeWelcome({1, 9, 0, 0, 0, {}})}).value() +
+                   EncodeFrame({0, 0, kByeId, {}}).value());
+    EXPECT_TRUE(engine.WaitForClosed(1));  // by the client: the engine waits for that
+    EXPECT_TRUE(test.handler.All().empty());
+}
+
 TEST(EngineClientConnect, AnEngineThatAnswersSomethingElseIsAFailure) {
     kit::ScriptedEngineOptions engineOptions;
     engineOptions.answerHello = false;

@@ -13,6 +13,9 @@ namespace {
 // A failure that repeats is logged at first and then each time that many more have come.
 constexpr std::uint32_t kLogEachFailure = 60;
 
+// Writes that the system takes at once, before the I/O thread looks at anything else.
+constexpr int kWritesInARow = 8;
+
 // What is left of each text of a final status that would not fit into a frame.
 constexpr std::size_t kShortText_bytes = std::size_t{64} * 1024;
 
@@ -90,10 +93,7 @@ void EngineClient::Uninitialize() {
 
 std::uint32_t EngineClient::Connect(const EngineEndpoint* endpoint) {
     if (endpoint == nullptr || endpoint->address == nullptr) return kNoSession;
-    {
-        MutexLock lock(m_lock);
-        if (m_session && m_session->CurrentState() == Session::State::Open) return m_session->SessionId();
-    }
+    if (const std::uint32_t sessionId = GivenSession(); sessionId != kNoSession) return sessionId;
     const std::string address = endpoint->address;
     const std::uint16_t port = endpoint->port;
     if (!StartThreads()) {
@@ -109,6 +109,17 @@ std::uint32_t EngineClient::Connect(const EngineEndpoint* endpoint) {
     }
     m_io.Post([this, attempt, address, port] { OpenConnection(attempt, address, port); });
     return AwaitConnect(address + ":" + std::to_string(port));
+}
+
+// A session is open before DecideConnect has said whether anybody will know of it.
+std::uint32_t EngineClient::GivenSession() {
+    std::uint32_t open = kNoSession;
+    {
+        MutexLock lock(m_lock);
+        if (m_session && m_session->CurrentState() == Session::State::Open) open = m_session->SessionId();
+    }
+    Signal::Hold hold(m_connectSignal);
+    return m_connectOutcome == open ? open : kNoSession;
 }
 
 bool EngineClient::StartThreads() {
@@ -248,10 +259,12 @@ void EngineClient::OnTimer() {
     Settle();
 }
 
-// Carries out what the session wants after anything has happened to it.
+// Carries out what the session wants after anything has happened to it. After some writes what has arrived
+// meanwhile, and the deadlines, have their turn: senders may be as quick as the system takes their messages.
 void EngineClient::Settle() {
-    while (SettleOnce()) {
-    }
+    for (int writes = 0; writes < kWritesInARow; ++writes)
+        if (!SettleOnce()) return;
+    RequestSettle();
 }
 
 // True when something was written at once: what follows from that is to be seen to.
@@ -294,14 +307,16 @@ bool EngineClient::SettleOnce() {
 }
 
 // The engine's answer came after Connect had given up: nobody knows of the session, so that it cannot be lost
-// either, and what the engine orders in it is not handed on.
+// either, and what came behind the answer is not handed on: orders, or the engine's own end of the session.
 void EngineClient::AbandonSession() {
+    const std::string reason = "the engine's answer came too late";
     m_handlerThread.ForgetLoss();
     {
         MutexLock lock(m_lock);
-        m_session->Abandon("the engine's answer came too late");
+        m_session->Abandon(reason);
+        m_session->TakeEvents();
     }
-    Settle();
+    CarryClosed({false, reason});
 }
 
 void EngineClient::Carry(SessionEvent event) {
@@ -346,7 +361,7 @@ void EngineClient::TellLost(const SessionClosed& closed) noexcept try {
         MutexLock lock(m_lock);
         if (closed.wasOpen && !m_disconnecting && m_session) lost = m_session->SessionId();
     }
-    if (lost != kNoSession)
+    if (lost != kNoSession && m_handlerThread.HasLoss())
         m_log.Write(LogLevel::Warning, "session " + std::to_string(lost) + " lost: " + closed.reason);
 } catch (...) {
 }

@@ -77,6 +77,7 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     std::uint64_t ConnectionNumber();
 
     // The owner's thread.
+    std::uint32_t GivenSession();
     bool StartThreads();
     std::uint32_t AwaitConnect(const std::string& where);
     void LogFailedConnect(const std::string& line);

@@ -50,6 +50,11 @@ void HandlerThread::ForgetLoss() {
     m_loss.clear();
 }
 
+bool HandlerThread::HasLoss() {
+    Signal::Hold hold(m_signal);
+    return !m_loss.empty();
+}
+
 void HandlerThread::PushLoss() {
     Signal::Hold hold(m_signal);
     if (m_refuse) return;

@@ -1,5 +1,5 @@
-// The thread on which the worker's message handler is called, one message at a time and in order. Orders are
-// pushed by the I/O thread; any other operation belongs to the client's owner.
+// The thread on which the worker's message handler is called, one message at a time and in order. Push and
+// the operations of the loss are the I/O thread's; any other belongs to the client's owner.
 #pragma once
 
 #include <atomic>
@@ -41,6 +41,7 @@ class HandlerThread {
     // newest one counts.
     void ReserveLoss(Delivery loss);
     void ForgetLoss();
+    bool HasLoss();
     // Pushes it, once; nothing without one.
     void PushLoss();
     // Drops what waits and lets nothing new begin; a call that runs goes on.

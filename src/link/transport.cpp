@@ -128,7 +128,7 @@ void Connection::StartLookUp(const std::string& host, std::uint16_t port) {
     }
     const int before = g_lookUps.fetch_add(1);
     const std::shared_ptr<void> place(nullptr, [](void*) { --g_lookUps; });
-    if (before >= kLookUpsAtOnce) return m_answer->Give(asio::error::host_not_found_try_again, {});
+    if (before >= kLookUpsAtOnce) return m_answer->Give(asio::error::already_started, {});
     try {
         std::thread([answer = m_answer, lookUp = m_lookUp, host, port, place] {
             Error error;

@@ -1,6 +1,6 @@
 // The link's sockets: one I/O thread (IoThread) and one TCP connection on it (Connection). Everything of a
 // Connection is called on the I/O thread, its listener too; IoThread's operations are for any thread but the
-// I/O thread itself.
+// I/O thread itself, Post for that too.
 #pragma once
 
 #include <array>
