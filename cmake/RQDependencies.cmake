@@ -35,6 +35,15 @@ find_path(SIMPLEINI_INCLUDE_DIR SimpleIni.h PATH_SUFFIXES simpleini REQUIRED)
 add_library(RQ::SimpleIni INTERFACE IMPORTED)
 set_target_properties(RQ::SimpleIni PROPERTIES INTERFACE_INCLUDE_DIRECTORIES "${SIMPLEINI_INCLUDE_DIR}")
 
+find_path(TOMLPLUSPLUS_INCLUDE_DIR toml++/toml.h REQUIRED)
+add_library(RQ::Toml INTERFACE IMPORTED)
+set_target_properties(RQ::Toml PROPERTIES
+  INTERFACE_INCLUDE_DIRECTORIES "${TOMLPLUSPLUS_INCLUDE_DIR}" INTERFACE_COMPILE_DEFINITIONS TOML_EXCEPTIONS=0)
+
+find_package(ZLIB REQUIRED)
+add_library(RQ::Zlib INTERFACE IMPORTED)
+set_target_properties(RQ::Zlib PROPERTIES INTERFACE_LINK_LIBRARIES ZLIB::ZLIB)
+
 # elfutils, for the stacks in crash reports.
 find_path(LIBDW_INCLUDE_DIR elfutils/libdwfl.h REQUIRED)
 find_library(LIBDW_LIBRARY dw REQUIRED)

@@ -42,6 +42,25 @@ rq_imported_headers(nlohmann_json::nlohmann_json "${RQ_WINDOWS_PREFIX}/include")
 rq_imported_headers(CLI11::CLI11 "${RQ_WINDOWS_PREFIX}/include")
 rq_imported_headers(RQ::SimpleIni "${RQ_WINDOWS_PREFIX}/include")
 
+# toml++ is headers alone, those of the native package: copied, since nothing else of that folder may be seen here.
+if(NOT EXISTS /usr/include/toml++/toml.h)
+  message(FATAL_ERROR "toml++ is missing: run scripts/setup windows")
+endif()
+file(COPY /usr/include/toml++ DESTINATION "${PROJECT_BINARY_DIR}/native_headers")
+rq_imported_headers(RQ::Toml "${PROJECT_BINARY_DIR}/native_headers")
+set_target_properties(RQ::Toml PROPERTIES INTERFACE_COMPILE_DEFINITIONS TOML_EXCEPTIONS=0)
+
+# Debian has zlib for Windows ready-made; only the static library, and nothing else of its folder.
+set(zlib_root /usr/x86_64-w64-mingw32)
+if(NOT EXISTS "${zlib_root}/lib/libz.a")
+  message(FATAL_ERROR "zlib for Windows is missing: run scripts/setup windows")
+endif()
+file(COPY "${zlib_root}/include/zlib.h" "${zlib_root}/include/zconf.h"
+  DESTINATION "${PROJECT_BINARY_DIR}/native_headers")
+add_library(RQ::Zlib STATIC IMPORTED GLOBAL)
+set_target_properties(RQ::Zlib PROPERTIES
+  IMPORTED_LOCATION "${zlib_root}/lib/libz.a" INTERFACE_INCLUDE_DIRECTORIES "${PROJECT_BINARY_DIR}/native_headers")
+
 # Digests are Windows' own.
 add_library(RQ::Digest INTERFACE IMPORTED GLOBAL)
 set_target_properties(RQ::Digest PROPERTIES INTERFACE_LINK_LIBRARIES bcrypt)

@@ -64,6 +64,13 @@ std::string ExitOf(const json& attempt) {
     const auto found = attempt.find("exit");
     if (found == attempt.end() || !found->is_object()) return {};
     const char* kind = found->contains("signal") ? "signal" : "code";
+    // From 0xC0000000 on it is a Windows exception or kill, and known by its hexadecimal form.
+    constexpr std::int64_t kFirstExceptionCode = 0xC0000000;
+    if (const json& code = (*found)[kind]; code.is_number_integer() && code >= kFirstExceptionCode) {
+        char hex[32];
+        std::snprintf(hex, sizeof hex, "0x%08llX", static_cast<unsigned long long>(code.get<std::int64_t>()));
+        return std::string(kind) + " " + hex;
+    }
     return std::string(kind) + " " + Field(*found, kind);
 }
 

@@ -45,6 +45,9 @@ Outcome<int> Update(EngineAccess& engine, const std::string& id, const std::stri
 // "drain" or "undrain", for all types when `type` is empty.
 Outcome<int> DrainOrUndrain(EngineAccess& engine, const std::string& order, const std::string& type,
                             bool json);
+// `file` is made absolute; the engine makes it.
+Outcome<int> Backup(EngineAccess& engine, const std::string& file);
+Outcome<int> CollectGarbage(EngineAccess& engine, bool asJson);
 // Returns when the engine has ended.
 Outcome<int> Shutdown(EngineAccess& engine);
 

@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "base/paths.h"
+#include "ctl/bundle.h"
 #include "ctl/commands.h"
 #include "ctl/error_names.h"
 #include "ctl/output.h"
@@ -21,7 +22,7 @@ using namespace rq::ctl;
 struct CommandLine {
     std::string dataFolder;
     std::vector<std::string> files, expected;
-    std::string type, text, name, id, code;
+    std::string type, text, name, id, code, file;
     std::uint32_t family = 0;
     bool all = false;
     bool json = false;
@@ -148,6 +149,15 @@ void AddCommands(CLI::App& app, CommandLine& line) {
     auto* watch = app.add_subcommand("watch", "Follow a task to its end and print the result");
     watch->add_option("id", line.id, "Task ID")->required();
     AddOrders(app, line);
+    auto* bundle =
+        app.add_subcommand("bundle", "Put everything about a task into one archive, without secrets");
+    bundle->add_option("id", line.id, "Task ID")->required();
+    bundle->add_option("--output", line.file, "File to make; otherwise ID-bundle.tar.gz here")
+        ->type_name("FILE");
+    auto* backup = app.add_subcommand("backup", "Copy the engine's store while it runs");
+    backup->add_option("file", line.file, "File to make")->required()->type_name("FILE");
+    auto* gc = app.add_subcommand("gc", "Remove what the engine's settings no longer keep");
+    gc->add_flag("--json", line.json, "As JSON");
     auto* errorName =
         app.add_subcommand("error-name", "Tell the name and text of a result code; needs no engine");
     auto* code = errorName->add_option("code", line.code, "0x84100014, 2215641108 or -5")->type_name("CODE");
@@ -171,11 +181,11 @@ void AddCommands(CLI::App& app, CommandLine& line) {
         ->check(CLI::Range(1, 86'400))
         ->capture_default_str();
     auto* shutdown = app.add_subcommand("shutdown", "End the engine in good order");
-    for (auto* command : {list, show, watch, errorName, replay, shutdown}) command->fallthrough();
+    for (auto* command : {list, show, watch, bundle, backup, gc, errorName, replay, shutdown})
+        command->fallthrough();
     app.footer(
         "Ends with 0 finished or done (also when nothing was left to do), 1 failed or lost, 2 wrong use, 3 "
-        "no "
-        "engine, 4 cancelled, 5 the task's state does not allow the order.");
+        "no engine, 4 cancelled, 5 the task's state does not allow the order.");
 }
 
 Outcome<int> RunSubmit(const CLI::App& submit, const CommandLine& line) {
@@ -224,6 +234,13 @@ Outcome<int> Run(const CLI::App& app, const CommandLine& line) {
     }
     if (app.got_subcommand("error-name")) return TellErrorName(*app.get_subcommand("error-name"), line);
     if (app.got_subcommand("submit")) return RunSubmit(*app.get_subcommand("submit"), line);
+    std::vector<const char*> ofATask = {"show", "watch", "update", "bundle"};
+    for (const auto& order : kTaskOrders) ofATask.push_back(order.name);
+    for (const char* command : ofATask) {
+        if (app.got_subcommand(command) && line.id.empty())
+            return Failure(kExitUsage,
+                           std::string(command) + ": the task ID is empty; is a variable not set?");
+    }
     auto engine = EngineAccess::Open(line.dataFolder);
     if (!engine) return engine.error();
     if (app.got_subcommand("list")) return List(**engine, line.list);
@@ -236,6 +253,9 @@ Outcome<int> Run(const CLI::App& app, const CommandLine& line) {
     for (const char* order : {"drain", "undrain"}) {
         if (app.got_subcommand(order)) return DrainOrUndrain(**engine, order, line.type, line.json);
     }
+    if (app.got_subcommand("bundle")) return Bundle(**engine, line.id, line.file);
+    if (app.got_subcommand("backup")) return Backup(**engine, line.file);
+    if (app.got_subcommand("gc")) return CollectGarbage(**engine, line.json);
     return Shutdown(**engine);
 }
 

@@ -1,5 +1,7 @@
 #include "ctl/md5_task.h"
 
+#include <algorithm>
+
 #include "ctl/file_argument.h"
 
 namespace rq::ctl {
@@ -8,6 +10,10 @@ namespace {
 
 bool IsDigest(const std::string& text) {
     return text.size() == 32 && text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+}
+
+bool IsUnknown(const std::string& text) {
+    return IsDigest(text) && text.find_first_not_of('0') == std::string::npos;
 }
 
 }  // namespace
@@ -19,6 +25,13 @@ Result<std::vector<Md5Job>> PrepareMd5Jobs(const std::vector<std::string>& files
         return Fail("--expect was given " + std::to_string(expected.size()) + " time(s) for " +
                     std::to_string(files.size()) +
                     " file(s); give it once for each file, in the same order, or not at all");
+    // To the plug-in 32 zeros mean "not known": it computes and compares with nothing.
+    const bool nothingIsKnown = !expected.empty() && std::all_of(expected.begin(), expected.end(), IsUnknown);
+    if (nothingIsKnown)
+        return Fail(
+            "--expect " + expected.front() +
+            ": 32 zeros stand for \"not known\" and are compared with nothing; give the MD5 that the file "
+            "should have, or leave --expect out to compute it");
     std::vector<Md5Job> jobs;
     for (std::size_t i = 0; i < files.size(); ++i) {
         auto path = ExistingFile(files[i]);

@@ -100,5 +100,15 @@ TEST(PrepareMd5Jobs, WantsAnExpectedDigestForEachFile) {
     EXPECT_FALSE(PrepareMd5Jobs({folder.Utf8("a")}, {std::string(32, 'g')}));
 }
 
+TEST(PrepareMd5Jobs, ZerosAloneVerifyNothingAndAreRefused) {
+    kit::TempDir folder;
+    folder.Write("a", "");
+    const std::string a = folder.Utf8("a"), zeros(32, '0'), sum(32, 'a');
+    const auto refused = PrepareMd5Jobs({a, a}, {zeros, zeros});
+    ASSERT_FALSE(refused);
+    EXPECT_NE(refused.error().message.find("not known"), std::string::npos) << refused.error().message;
+    EXPECT_TRUE(PrepareMd5Jobs({a, a}, {zeros, sum})) << "of some files it may be unknown";
+}
+
 }  // namespace
 }  // namespace rq::ctl

@@ -100,5 +100,15 @@ TEST(ShowText, HasWhatThereIs) {
     EXPECT_EQ(text.find("cancel"), std::string::npos);
 }
 
+TEST(ShowText, HasCodesOfExceptionsAsTheyAreKnown) {
+    const auto shown = [](std::int64_t code) {
+        json task = Task();
+        task["attempt_list"] = json::array({{{"number", 1}, {"exit", {{"code", code}}}}});
+        return ShowText(task, json::array());
+    };
+    EXPECT_NE(shown(3221225477).find("code 0xC0000005\n"), std::string::npos) << shown(3221225477);
+    EXPECT_NE(shown(3).find("code 3\n"), std::string::npos);
+}
+
 }  // namespace
 }  // namespace rq::ctl

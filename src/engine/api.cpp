@@ -1,6 +1,7 @@
 #include "engine/api.h"
 
 #include <algorithm>
+#include <boost/asio/post.hpp>
 #include <nlohmann/json.hpp>
 
 #include "engine/json.h"
@@ -56,6 +57,20 @@ std::optional<StateEvent> OrderOf(const std::string& action) {
     return std::nullopt;
 }
 
+// The query parameters that a path takes; nothing for a path that is unknown.
+std::optional<std::vector<std::string_view>> ParametersOf(const Target& target) {
+    const auto& path = target.path;
+    const bool isTasks = path[2] == "tasks";
+    if (isTasks && path.size() == 3) return std::vector<std::string_view>{"state", "limit", "after"};
+    if (isTasks && path.size() == 5 && path[4] == "events")
+        return std::vector<std::string_view>{"after", "wait_ms"};
+    const bool isKnown =
+        isTasks ? path.size() <= 5
+                : path.size() == 3 && (path[2] == "health" || path[2] == "shutdown" || path[2] == "gc" ||
+                                       path[2] == "backup" || path[2] == "drain" || path[2] == "undrain");
+    return isKnown ? std::optional(std::vector<std::string_view>{}) : std::nullopt;
+}
+
 }  // namespace
 
 Api::Api(boost::asio::io_context& io, Store& store, ApiHost& host, std::string token)
@@ -81,8 +96,21 @@ void Api::Handle(const ApiRequest& request, const Reply& reply) {
         return;
     }
     const auto target = ParseTarget(request.target);
-    if (!target || target->path.size() < 3 || target->path[0] != "api" || target->path[1] != "v1") {
+    if (!target) {
+        reply(FieldFault(target.error()));
+        return;
+    }
+    if (target->path.size() == 1) {
+        RouteProbe(request, *target, reply);
+        return;
+    }
+    if (target->path.size() < 3 || target->path[0] != "api" || target->path[1] != "v1") {
         reply(UnknownPath());
+        return;
+    }
+    const auto known = ParametersOf(*target);
+    if (const auto fault = known ? UnknownParameter(*target, *known) : std::nullopt) {
+        reply(FieldFault(*fault));
         return;
     }
     Route(request, *target, reply);
@@ -97,15 +125,40 @@ void Api::Route(const ApiRequest& request, const Target& target, const Reply& re
         reply(request.method == "POST" ? Shutdown() : NotAllowed("POST"));
     } else if ((what == "drain" || what == "undrain") && depth == 3) {
         reply(request.method == "POST" ? DrainOrGoOn(request, what == "drain") : NotAllowed("POST"));
+    } else if (what == "gc" && depth == 3) {
+        if (request.method == "POST")
+            CollectGarbage(reply);
+        else
+            reply(NotAllowed("POST"));
+    } else if (what == "backup" && depth == 3) {
+        if (request.method != "POST")
+            reply(NotAllowed("POST"));
+        else if (!IsJsonType(request.contentType))
+            reply(MakeError(415, "bad-type", "the body must be application/json"));
+        else
+            Backup(request, reply);
     } else if (what == "tasks" && depth == 3) {
         if (IsGet(request))
             reply(List(target));
         else
-            reply(request.method == "POST" ? Submit(request) : NotAllowed("GET, HEAD, POST"));
+            request.method == "POST" ? Submit(request, reply) : reply(NotAllowed("GET, HEAD, POST"));
     } else if (what == "tasks" && depth <= 5) {
         RouteTask(request, target, reply);
     } else {
         reply(UnknownPath());
+    }
+}
+
+void Api::RouteProbe(const ApiRequest& request, const Target& target, const Reply& reply) {
+    const bool isMetrics = target.path[0] == "metrics";
+    if (!isMetrics && target.path[0] != "healthz") {
+        reply(UnknownPath());
+    } else if (const auto fault = UnknownParameter(target, {})) {
+        reply(FieldFault(*fault));
+    } else if (!IsGet(request)) {
+        reply(NotAllowed("GET, HEAD"));
+    } else {
+        reply(isMetrics ? Metrics() : Healthz());
     }
 }
 
@@ -175,22 +228,45 @@ ApiResponse Api::Health() {
                               {"tasks", tasks},
                               {"held", held},
                               {"drained", drained},
-                              {"stopped", stopped}});
+                              {"stopped", stopped},
+                              {"log", facts.log}});
 }
 
-ApiResponse Api::Submit(const ApiRequest& request) {
-    if (!IsJsonType(request.contentType))
-        return MakeError(415, "bad-type", "the body must be application/json");
-    const auto task = ParseSubmission(request.body);
-    if (!task) return FieldFault(task.error());
+void Api::Submit(const ApiRequest& request, const Reply& reply) {
+    if (!IsJsonType(request.contentType)) {
+        reply(MakeError(415, "bad-type", "the body must be application/json"));
+        return;
+    }
+    auto task = ParseSubmission(request.body);
+    if (!task) {
+        reply(FieldFault(task.error()));
+        return;
+    }
+    m_submitted.push_back(std::move(*task));
+    m_submitReplies.push_back(reply);
+    if (m_submitted.size() > 1) return;
+    // Behind what has been received by now: a request takes one step for its header and one for its body.
+    boost::asio::post(m_io, [this] { boost::asio::post(m_io, [this] { CommitSubmissions(); }); });
+}
+
+void Api::CommitSubmissions() {
+    const auto tasks = std::exchange(m_submitted, {});
+    const auto replies = std::exchange(m_submitReplies, {});
+    const auto refuse = [&](const ApiResponse& response) {
+        for (const auto& reply : replies) reply(response);
+    };
     if (m_host.GetFacts().ending)
-        return MakeError(503, "ending", "the engine is ending and takes no new tasks");
-    const auto row = m_store.Submit(*task);
-    if (!row) return StoreError(row.error());
+        return refuse(MakeError(503, "ending", "the engine is ending and takes no new tasks"));
+    if (const auto trouble = m_host.SubmitTrouble()) return refuse(MakeError(500, "store", *trouble));
+    const auto rows = m_store.SubmitAll(tasks);
+    if (!rows) return refuse(StoreError(rows.error()));
     m_host.OnSubmitted();
-    ApiResponse response = MakeResponse(201, {{"id", row->id}, {"state", NameOf(row->state)}});
-    response.headers.emplace_back("Location", "/api/v1/tasks/" + row->id);
-    return response;
+    for (std::size_t i = 0; i < rows->size(); ++i) {
+        const TaskRow& row = (*rows)[i];
+        ApiResponse response = MakeResponse(201, {{"id", row.id}, {"state", NameOf(row.state)}});
+        response.headers.emplace_back("Location", "/api/v1/tasks/" + row.id);
+        replies[i](std::move(response));
+    }
 }
 
 ApiResponse Api::List(const Target& target) {

@@ -16,6 +16,7 @@
 
 #include "engine/api_request.h"
 #include "engine/store.h"
+#include "engine/upkeep.h"
 
 namespace rq::engine {
 
@@ -30,6 +31,7 @@ class ApiHost {
         std::size_t workers = 0;
         unsigned maxWorkers = 0;
         bool ending = false;
+        std::string log = {};                           // the engine's own log
         std::map<std::int32_t, std::string> held = {};  // types that cannot start, and why
     };
 
@@ -42,10 +44,16 @@ class ApiHost {
     virtual Result<bool> Drain(std::int32_t type) = 0;
     virtual Result<bool> GoOn(std::int32_t type) = 0;
     virtual std::vector<WaitReason> WhyWaits(const TaskRow& task) = 0;
+    // Why nothing can be accepted at present.
+    virtual std::optional<std::string> SubmitTrouble() { return std::nullopt; }
     // Why queued tasks of this type cannot be started; nothing when they can.
     virtual std::optional<std::string> HoldReason(std::int32_t) const { return std::nullopt; }
     // Fills in which files the attempt's worker left.
     virtual void FindTraces(AttemptRow&) const {}
+    // Everything that is not in the store.
+    virtual MetricsFacts GetMetricsFacts() const { return {}; }
+    virtual void CollectGarbage(Upkeep::OnCollected done) { done(GarbageReport{}); }
+    virtual void Backup(const std::string&, Upkeep::OnCopied done) { done(Fail("not here")); }
     // Begins an orderly end; returns at once.
     virtual void RequestEnd() = 0;
 };
@@ -79,8 +87,16 @@ class Api {
     void RouteTask(const ApiRequest& request, const Target& target, const Reply& reply);
     // The task in short, as it stands with what the engine knows beside the store.
     nlohmann::json Short(TaskRow task) const;
+    // Paths outside of /api/v1, for probes and collectors.
+    void RouteProbe(const ApiRequest& request, const Target& target, const Reply& reply);
+    ApiResponse Healthz();
+    ApiResponse Metrics();
+    void CollectGarbage(const Reply& reply);
+    void Backup(const ApiRequest& request, const Reply& reply);
     ApiResponse Health();
-    ApiResponse Submit(const ApiRequest& request);
+    // Submissions that come in together are committed together, so that they share a sync.
+    void Submit(const ApiRequest& request, const Reply& reply);
+    void CommitSubmissions();
     ApiResponse List(const Target& target);
     ApiResponse Show(std::int64_t task);
     ApiResponse GiveOrder(const ApiRequest& request, const TaskRow& task, StateEvent order);
@@ -98,6 +114,8 @@ class Api {
     ApiHost& m_host;
     const std::string m_token;
     std::list<std::unique_ptr<Wait>> m_waits;
+    std::vector<NewTask> m_submitted;    // not committed yet
+    std::vector<Reply> m_submitReplies;  // one for each
     bool m_noMoreWaits = false;
 };
 

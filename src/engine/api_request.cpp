@@ -126,23 +126,43 @@ ApiResponse MakeError(unsigned status, const std::string& code, const std::strin
     return MakeResponse(status, ErrorJson(code, message, field));
 }
 
-std::optional<Target> ParseTarget(std::string_view target) {
-    if (target.empty() || target.front() != '/') return std::nullopt;
+Checked<Target> ParseTarget(std::string_view target) {
+    const auto broken = [](std::string_view piece) {
+        return FieldError{
+            "bad-request", "",
+            "\"" + std::string(CutUtf8(piece, 60)) +
+                "\" holds a % without two hexadecimal digits behind it; write %25 for a percent sign"};
+    };
+    if (target.empty() || target.front() != '/')
+        return FieldError{"bad-request", "", "the target must begin with \"/\""};
     const auto question = std::min(target.find('?'), target.size());
     Target parsed;
     for (const auto piece : Split(target.substr(0, question), '/')) {
         auto plain = DecodePercent(piece);
-        if (!plain) return std::nullopt;
+        if (!plain) return broken(piece);
         parsed.path.push_back(std::move(*plain));
     }
     for (const auto piece : Split(target.substr(std::min(question + 1, target.size())), '&')) {
         const auto equals = std::min(piece.find('='), piece.size());
         const auto name = DecodePercent(piece.substr(0, equals));
         const auto value = DecodePercent(piece.substr(std::min(equals + 1, piece.size())));
-        if (!name || !value) return std::nullopt;
-        parsed.query[*name] = *value;
+        if (!name || !value) return broken(piece);
+        if (!parsed.query.emplace(*name, *value).second)
+            return BadField(std::string(CutUtf8(*name, 60)), "is given more than once");
     }
     return parsed;
+}
+
+std::optional<FieldError> UnknownParameter(const Target& target, const std::vector<std::string_view>& known) {
+    std::string names;
+    for (const auto name : known) names += (names.empty() ? "" : ", ") + std::string(name);
+    for (const auto& [name, value] : target.query) {
+        if (std::find(known.begin(), known.end(), name) == known.end())
+            return BadField(std::string(CutUtf8(name, 60)),
+                            names.empty() ? "this path takes no parameters"
+                                          : "is not a parameter of this path (" + names + ")");
+    }
+    return std::nullopt;
 }
 
 bool IsLocalHost(std::string_view host) {

@@ -38,8 +38,6 @@ struct Target {
     std::vector<std::string> path;
     std::map<std::string, std::string> query;
 };
-// Nothing when it does not begin with "/" or has a broken percent sequence.
-std::optional<Target> ParseTarget(std::string_view target);
 
 // "127.0.0.1", "localhost", "[::1]", each with or without a port.
 bool IsLocalHost(std::string_view host);
@@ -58,6 +56,11 @@ struct FieldError {
 template <class T>
 using Checked = boost::system::result<T, FieldError>;
 [[noreturn]] void throw_exception_from_error(const FieldError& error, const boost::source_location&);
+
+// Refused: what does not begin with "/", a broken percent sequence, a parameter that is given twice.
+Checked<Target> ParseTarget(std::string_view target);
+// The first parameter that is none of `known`.
+std::optional<FieldError> UnknownParameter(const Target& target, const std::vector<std::string_view>& known);
 
 Checked<NewTask> ParseSubmission(std::string_view body);
 // The text of {"text": "..."}.

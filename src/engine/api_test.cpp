@@ -72,6 +72,8 @@ class ApiTest : public testing::Test {
             ++m_answered;
             m_response = std::move(response);
         });
+        m_io.restart();
+        m_io.poll();
     }
     // Status and document of an answer that comes at once.
     json Ask(const ApiRequest& request, unsigned status) {
@@ -118,7 +120,7 @@ TEST_F(ApiTest, AnotherHostNameIsRefusedEvenWithTheToken) {
 
 TEST_F(ApiTest, UnknownPathsAndMethodsAreTold) {
     for (const char* target : {"/", "/api", "/api/v1", "/api/v2/health", "/api/v1/health/x",
-                               "/api/v1/tasks/t1/x", "/api/v1/tasks/t1/events/x", "nonsense", "/api/v1/%zz"})
+                               "/api/v1/tasks/t1/x", "/api/v1/tasks/t1/events/x", "/api/v1/healht?limit=3"})
         EXPECT_EQ(ErrorCode(Ask("GET", target, 404)), "unknown-path") << target;
     EXPECT_EQ(ErrorCode(Ask("DELETE", "/api/v1/tasks", 405)), "bad-method");
     EXPECT_EQ(m_response.headers.at(0).second, "GET, HEAD, POST");
@@ -127,6 +129,47 @@ TEST_F(ApiTest, UnknownPathsAndMethodsAreTold) {
     EXPECT_EQ(ErrorCode(Ask("POST", "/api/v1/tasks/t1", 405)), "bad-method");
     EXPECT_EQ(ErrorCode(Ask("GET", "/api/v1/tasks/t1", 404)), "unknown-task");
     EXPECT_EQ(ErrorCode(Ask("GET", "/api/v1/tasks/12/events", 404)), "unknown-task");
+}
+
+TEST_F(ApiTest, SubmissionsThatComeTogetherAreCommittedTogether) {
+    std::vector<std::string> answers;
+    const auto submit = [&](const std::string& body) {
+        m_api.Handle(Request("POST", "/api/v1/tasks", body),
+                     [&](const ApiResponse& response) { answers.push_back(response.body); });
+    };
+    submit(R"({"type":"mc","text":"<A/>"})");
+    submit(R"({"type":"mc","text":""})");
+    submit(R"({"type":"mc","text":"<B/>"})");
+    ASSERT_EQ(answers.size(), 1u) << "only what is refused is answered before the commit";
+    m_io.poll();
+    ASSERT_EQ(answers.size(), 3u);
+    EXPECT_EQ(json::parse(answers[1])["id"], "t1");
+    EXPECT_EQ(json::parse(answers[2])["id"], "t2");
+    EXPECT_EQ(m_host.submitted, 1);
+    EXPECT_EQ(m_store->Details(2).value()->text, "<B/>");
+}
+
+TEST_F(ApiTest, WhatIsNoTargetIsABadRequest) {
+    for (const char* target : {"nonsense", "/api/v1/%zz", "/api/v1/tasks?state=%4", "/api/v1/tasks/t1%"})
+        EXPECT_EQ(ErrorCode(Ask("GET", target, 400)), "bad-request") << target;
+}
+
+TEST_F(ApiTest, UnknownAndDoubledParametersAreRefused) {
+    const std::string id = Submit();
+    const struct {
+        const char *method, *target, *field;
+    } cases[] = {{"GET", "/api/v1/tasks?states=queued", "states"},
+                 {"GET", "/api/v1/tasks?limit=1&limit=2", "limit"},
+                 {"GET", "/api/v1/tasks/t1/events?after=0&wait=5", "wait"},
+                 {"GET", "/api/v1/tasks/t1?full", "full"},
+                 {"POST", "/api/v1/tasks/t1/cancel?now=1", "now"},
+                 {"GET", "/api/v1/health?verbose=1", "verbose"}};
+    for (const auto& one : cases) {
+        const json answer = Ask(one.method, one.target, 400);
+        EXPECT_EQ(ErrorCode(answer), "bad-field") << one.target;
+        EXPECT_EQ(answer["error"]["field"], one.field) << one.target;
+    }
+    EXPECT_EQ(Ask("GET", "/api/v1/tasks/" + id, 200)["state"], "queued");
 }
 
 TEST_F(ApiTest, HealthTellsFactsAndCounts) {

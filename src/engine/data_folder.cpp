@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "base/paths.h"
 #include "engine/json.h"
@@ -69,9 +70,10 @@ Result<void> DataFolder::Announce(std::uint16_t linkPort, std::uint16_t httpPort
                                   {"started", TimeText(started_us)},
                                   {"version", kVersion}};
     platform::OsError error;
-    if (!platform::ReplaceWholeFile(File("engine.json"), Dump(facts) + "\n", true, &error))
+    const std::string text = Dump(facts) + "\n";
+    if (!platform::ReplaceWholeFile(File("engine.json"), text, true, &error))
         return Fail("engine.json cannot be written: " + error.message);
-    m_announced = true;
+    m_announcement = text;
     return {};
 }
 
@@ -80,10 +82,26 @@ DataFolder::~DataFolder() {
 }
 
 void DataFolder::Withdraw() {
-    if (!m_announced) return;
-    m_announced = false;
+    const std::string ours = std::exchange(m_announcement, {});
+    if (ours.empty() || platform::ReadWholeFile(File("engine.json")) != ours) return;
     std::error_code ignored;
     std::filesystem::remove(PathFromUtf8(File("engine.json")), ignored);
+}
+
+std::optional<std::string> DataFolder::Trouble() {
+    const auto isThere = [this](const char* name) {
+        std::error_code unknown;
+        // What cannot be told for want of a right or a network is no reason to end.
+        return std::filesystem::exists(PathFromUtf8(File(name)), unknown) || unknown;
+    };
+    if (!isThere("store.db"))
+        return "the data folder " + m_path + " was removed or emptied while the engine runs on it";
+    const auto announced = platform::ReadWholeFile(File("engine.json"));
+    if (announced && *announced != m_announcement)
+        return "another engine has taken over the data folder " + m_path + ", whose lock was removed";
+    if (!announced && !isThere("engine.json") && !m_announcement.empty())
+        platform::ReplaceWholeFile(File("engine.json"), m_announcement, true);
+    return std::nullopt;
 }
 
 }  // namespace rq::engine

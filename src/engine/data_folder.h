@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "base/result.h"
@@ -24,8 +25,11 @@ class DataFolder {
     const std::string& Token() const { return m_token; }
     std::string File(const std::string& name) const;
     Result<void> Announce(std::uint16_t linkPort, std::uint16_t httpPort, std::int64_t started_us);
-    // Removes "engine.json".
+    // Removes "engine.json", unless another engine has written one since.
     void Withdraw();
+    // What has become of the folder while the engine runs: removed, or taken over by another engine after
+    // that. Nothing when all is well; an "engine.json" that alone is missing is written again.
+    std::optional<std::string> Trouble();
 
   private:
     explicit DataFolder(std::string path) : m_path(std::move(path)) {}
@@ -35,7 +39,7 @@ class DataFolder {
     const std::string m_path;
     std::unique_ptr<platform::FolderLock> m_lock;
     std::string m_token;
-    bool m_announced = false;
+    std::string m_announcement;  // what we wrote to "engine.json"; empty when there is none of ours
 };
 
 }  // namespace rq::engine

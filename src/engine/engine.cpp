@@ -2,10 +2,12 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
+#include <filesystem>
 #include <optional>
 
 #include "base/paths.h"
 #include "engine/api.h"
+#include "engine/captured_output.h"
 #include "engine/data_folder.h"
 #include "engine/engine_log.h"
 #include "engine/http_connection.h"
@@ -21,6 +23,8 @@ namespace {
 
 // For the answers that are under way when everything else has ended.
 constexpr std::chrono::milliseconds kLastAnswers(200);
+// How often the data folder is looked at.
+constexpr std::chrono::seconds kFolderWatch(1);
 
 EngineSettings Completed(EngineSettings settings) {
     if (settings.logFolder.empty())
@@ -37,6 +41,7 @@ class EngineImpl final : public Engine, public ApiHost {
     void RequestEnd() override {
         boost::asio::post(m_io, [this] { BeginEnd(); });
     }
+    const std::string& Failure() const override { return m_failure; }
     std::uint16_t LinkPort() const override { return m_links->Port(); }
     std::uint16_t HttpPort() const override { return m_pages->Port(); }
     const std::string& Token() const override { return m_folder->Token(); }
@@ -44,6 +49,9 @@ class EngineImpl final : public Engine, public ApiHost {
   private:
     Result<void> OpenStore();
     Result<void> Listen();
+    // Ends when the data folder is gone: what would be accepted from then on would be lost.
+    bool IsFolderThere();
+    void WatchFolder();
     void BeginEnd();
     void OnWorkersGone();
 
@@ -55,6 +63,7 @@ class EngineImpl final : public Engine, public ApiHost {
                 m_scheduler->Workers(),
                 m_scheduler->MaxWorkers(),
                 m_scheduler->Ending(),
+                Utf8FromPath(PathFromUtf8(m_settings.logFolder) / "engine.log"),
                 m_scheduler->Held()};
     }
     // After the answer: what a start takes is not the client's time.
@@ -67,6 +76,15 @@ class EngineImpl final : public Engine, public ApiHost {
     Result<bool> Drain(std::int32_t type) override { return m_scheduler->Drain(type, "api"); }
     Result<bool> GoOn(std::int32_t type) override { return m_scheduler->GoOn(type); }
     std::vector<WaitReason> WhyWaits(const TaskRow& task) override { return m_scheduler->WhyWaits(task); }
+    MetricsFacts GetMetricsFacts() const override;
+    void CollectGarbage(Upkeep::OnCollected done) override { m_upkeep->Collect(std::move(done)); }
+    void Backup(const std::string& file, Upkeep::OnCopied done) override {
+        m_upkeep->Copy(file, std::move(done));
+    }
+    std::optional<std::string> SubmitTrouble() override {
+        if (IsFolderThere()) return std::nullopt;
+        return m_failure;
+    }
     std::optional<std::string> HoldReason(std::int32_t type) const override {
         const auto found = m_scheduler->Held().find(type);
         if (found == m_scheduler->Held().end()) return std::nullopt;
@@ -82,9 +100,11 @@ class EngineImpl final : public Engine, public ApiHost {
     std::unique_ptr<Store> m_store;
     std::unique_ptr<Launcher> m_launcher;
     std::unique_ptr<Scheduler> m_scheduler;
+    std::unique_ptr<Upkeep> m_upkeep;
     std::unique_ptr<Api> m_api;
     std::unique_ptr<Listener> m_links, m_pages;
-    std::optional<boost::asio::steady_timer> m_lastAnswers;
+    std::optional<boost::asio::steady_timer> m_lastAnswers, m_folderWatch;
+    std::string m_failure;
     std::int64_t m_started_us = 0;
 };
 
@@ -97,6 +117,8 @@ Result<void> EngineImpl::Start() {
     m_log = std::make_unique<EngineLog>(m_settings.logFolder);
     if (auto opened = OpenStore(); !opened) return opened;
     m_scheduler = std::make_unique<Scheduler>(m_io, *m_store, *m_launcher, m_settings, Token(), *m_log);
+    m_upkeep = std::make_unique<Upkeep>(m_io, *m_store, *m_log, m_settings, m_launcher->LogFolder(),
+                                        [this] { return m_scheduler->RunningNames(); });
     m_api = std::make_unique<Api>(m_io, *m_store, *this, Token());
     m_store->SetListener(
         [this](std::int64_t task) { boost::asio::post(m_io, [this, task] { m_api->OnEvents(task); }); });
@@ -106,7 +128,32 @@ Result<void> EngineImpl::Start() {
     m_log->Info("rqengine " + std::string(kVersion) + ": link 127.0.0.1:" + std::to_string(LinkPort()) +
                 ", http 127.0.0.1:" + std::to_string(HttpPort()) + ", data " + m_settings.dataFolder);
     boost::asio::post(m_io, [this] { m_scheduler->Pump(); });
+    m_folderWatch.emplace(m_io);
+    WatchFolder();
+    m_upkeep->Start();
     return {};
+}
+
+bool EngineImpl::IsFolderThere() {
+    if (!m_failure.empty()) return false;
+    const auto trouble = m_folder->Trouble();
+    if (!trouble) return true;
+    m_failure = *trouble + "; the engine ends, and what it accepted since then is lost";
+    m_log->Warn(m_failure);
+    BeginEnd();
+    return false;
+}
+
+void EngineImpl::WatchFolder() {
+    m_folderWatch->expires_after(kFolderWatch);
+    m_folderWatch->async_wait([this](const boost::system::error_code& error) {
+        if (error || m_scheduler->Ending() || !IsFolderThere()) return;
+        const auto folder = PathFromUtf8(m_launcher->LogFolder()) / "workers";
+        for (const auto& name : m_scheduler->RunningNames())
+            BoundOutput(Utf8FromPath(folder / PathFromUtf8(name + ".out")),
+                        m_settings.outputLimit_MiB * 1024 * 1024);
+        WatchFolder();
+    });
 }
 
 // What a library throws ends the operation that it happened in, not the engine.
@@ -122,7 +169,7 @@ void EngineImpl::Run() {
 }
 
 Result<void> EngineImpl::OpenStore() {
-    auto store = Store::Open(m_folder->File("store.db"));
+    auto store = Store::Open(m_folder->File("store.db"), Store::SystemNow(), m_settings.durability);
     if (!store) return store.error();
     m_store = std::move(*store);
     m_store->SetRetryRules(m_settings.retry);
@@ -147,6 +194,25 @@ Result<void> EngineImpl::Listen() {
     return m_pages->Listen(m_settings.httpPort);
 }
 
+MetricsFacts EngineImpl::GetMetricsFacts() const {
+    MetricsFacts facts;
+    facts.version = kVersion;
+    facts.now_us = Store::SystemNow()();
+    facts.started_us = m_started_us;
+    facts.workers = m_scheduler->Workers();
+    facts.maxWorkers = m_scheduler->MaxWorkers();
+    facts.held = m_scheduler->Held();
+    std::error_code unknown;
+    const auto size = std::filesystem::file_size(PathFromUtf8(m_folder->File("store.db")), unknown);
+    facts.store_bytes = unknown ? 0 : size;
+    for (const auto& [use, folder] :
+         {std::pair("data", m_settings.dataFolder), std::pair("log", m_settings.logFolder)}) {
+        const auto space = std::filesystem::space(PathFromUtf8(folder), unknown);
+        if (!unknown) facts.disks.push_back({use, space.capacity, space.available});
+    }
+    return facts;
+}
+
 void EngineImpl::FindTraces(AttemptRow& attempt) const {
     WorkerLife life;
     life.name = Utf8FromPath(PathFromUtf8(attempt.output).stem());
@@ -161,6 +227,8 @@ void EngineImpl::FindTraces(AttemptRow& attempt) const {
 void EngineImpl::BeginEnd() {
     if (m_scheduler->Ending()) return;
     m_log->Info("the engine is ending");
+    m_folderWatch->cancel();
+    m_upkeep->Stop();
     m_scheduler->BeginEnd([this] { OnWorkersGone(); });
 }
 

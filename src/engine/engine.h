@@ -22,6 +22,8 @@ class Engine {
 
     virtual void Run() = 0;
     virtual void RequestEnd() = 0;
+    // Why the engine ended by itself, after Run; empty after an end that was asked for.
+    virtual const std::string& Failure() const = 0;
 
     virtual std::uint16_t LinkPort() const = 0;
     virtual std::uint16_t HttpPort() const = 0;

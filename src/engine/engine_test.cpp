@@ -743,12 +743,18 @@ TEST_F(EngineTest, HttpLimitsHold) {
     EXPECT_EQ(m_http->Send("POST", "/api/v1/tasks", std::string(17u << 20, ' '))->status, 413u);
     EXPECT_EQ(m_http->Send("GET", "/api/v1/health")->status, 200u);
 
-    LinkClient raw;
-    ASSERT_TRUE(raw.Connect(m_engine->HttpPort()));
-    raw.SendBytes("nonsense\r\n\r\n");
-    const std::string answer = raw.ReadAll();
-    EXPECT_EQ(answer.find("HTTP/1.1 400"), 0u) << answer;
-    EXPECT_NE(answer.find("\"bad-request\""), std::string::npos) << answer;
+    for (const char* bad :
+         {"nonsense\r\n\r\n", "GET / HTTP/1.1\r\nHost: localhost\r\nHost: localhost\r\n\r\n",
+          "POST / HTTP/1.1\r\nHost: localhost\r\nTransfer-Encoding: gzip\r\n\r\n",
+          "POST / HTTP/1.1\r\nHost: localhost\r\nTransfer-Encoding: gzip, chunked\r\n\r\n",
+          "POST / HTTP/1.1\r\nHost: localhost\r\nTransfer-Encoding: chunked\r\nContent-Length: 3\r\n\r\n"}) {
+        LinkClient raw;
+        ASSERT_TRUE(raw.Connect(m_engine->HttpPort()));
+        raw.SendBytes(bad);
+        const std::string answer = raw.ReadAll();
+        EXPECT_EQ(answer.find("HTTP/1.1 400"), 0u) << bad << answer;
+        EXPECT_NE(answer.find("\"bad-request\""), std::string::npos) << bad << answer;
+    }
 }
 
 }  // namespace

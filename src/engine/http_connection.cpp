@@ -52,6 +52,11 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
             return;
         }
         TakeHeader();
+        if (const char* fault = HeaderFault()) {
+            m_keepAlive = false;
+            Write(MakeError(400, "bad-request", fault));
+            return;
+        }
         if (auto refusal = m_api.Refuse(m_request)) {
             m_keepAlive = m_keepAlive && m_parser->is_done();
             Write(std::move(*refusal));
@@ -61,6 +66,19 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
                          [self = shared_from_this()](const beast::error_code& failed, std::size_t) {
                              self->OnRead(failed);
                          });
+    }
+
+    // What could be read in two ways, by us and by whatever stands between.
+    const char* HeaderFault() const {
+        const auto& message = m_parser->get();
+        if (message.count(http::field::host) > 1) return "the request has more than one Host field";
+        for (const auto& field : message) {
+            if (field.name() == http::field::transfer_encoding && !beast::iequals(field.value(), "chunked"))
+                return "Transfer-Encoding: only \"chunked\" is understood";
+        }
+        if (message.count(http::field::transfer_encoding) > 1)
+            return "the request has more than one Transfer-Encoding field";
+        return nullptr;
     }
 
     void TakeHeader() {

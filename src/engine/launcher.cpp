@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "base/paths.h"
+#include "engine/captured_output.h"
 #include "platform/files.h"
 #include "platform/identity.h"
 #include "records/task_codes.h"
@@ -80,7 +81,11 @@ std::string Launcher::LogFolder() const {
 Result<void> Launcher::Prepare() {
     platform::OsError error;
     for (const auto& folder : {ParameterFolder(m_settings), LogFolder(), OutputFolder(m_settings)}) {
-        if (!platform::CreatePrivateFolder(folder, &error)) return Fail(error.message);
+        if (platform::CreatePrivateFolder(folder, &error)) continue;
+        const bool isNamed = folder == LogFolder() && !m_settings.logFolderFrom.empty();
+        return Fail(isNamed ? "the log folder that " + m_settings.logFolderFrom +
+                                  " names cannot be made: " + error.message
+                            : error.message);
     }
     std::error_code code;
     for (const auto& entry : fs::directory_iterator(PathFromUtf8(ParameterFolder(m_settings)), code)) {
@@ -147,6 +152,8 @@ void Launcher::TakeExit(const std::string& token, const platform::ExitStatus& st
     worker.child->KillTree();
     worker.waiter.join();
     RemoveFile(worker.parameterFile);
+    const std::string name = Utf8FromPath(PathFromUtf8(worker.parameterFile).stem());
+    ConcludeOutput(Under(OutputFolder(m_settings), name + ".out"), m_settings.outputLimit_MiB * 1024 * 1024);
     if (m_onExit) m_onExit(token, ExitOf(status));
 }
 

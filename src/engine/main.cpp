@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "base/paths.h"
+#include "engine/config_file.h"
 #include "engine/engine.h"
 #include "engine/version.h"
 #include "platform/arguments.h"
@@ -34,12 +35,21 @@ std::string FolderOfProgram() {
     return rq::Utf8FromPath(rq::PathFromUtf8(rq::platform::ModuleFileName()).parent_path());
 }
 
-void AddOptions(CLI::App& app, EngineSettings& settings) {
+// What the command line says beside the settings.
+struct Wishes {
+    std::string config;
+    bool printConfig = false;
+};
+
+void AddOptions(CLI::App& app, EngineSettings& settings, Wishes& wishes) {
     using rq::platform::GetEnvironment;
     settings.dataFolder =
         GetEnvironment("RQ_ENGINE_DATA").value_or(rq::platform::DefaultDataFolder() + "/engine");
     settings.stageFolder = FolderOfProgram();
-    settings.logFolder = GetEnvironment("RQ_LOG_DIR").value_or("");
+    app.add_option("--config", wishes.config,
+                   "Configuration file; default: \"engine.toml\" in the data folder, when there is one")
+        ->type_name("FILE");
+    app.add_flag("--print-config", wishes.printConfig, "Print the settings as a configuration file, and end");
     app.add_option("--data", settings.dataFolder, "Data folder (store, token, logs); also RQ_ENGINE_DATA")
         ->type_name("DIR")
         ->capture_default_str();
@@ -67,6 +77,33 @@ void AddOptions(CLI::App& app, EngineSettings& settings) {
                    "Log root; also RQ_LOG_DIR; default: \"logs\" in the data folder")
         ->type_name("DIR");
     app.set_version_flag("--version", std::string("rqengine ") + rq::engine::kVersion);
+}
+
+// The settings of the file, with what the environment and then the command line say before it.
+rq::Result<EngineSettings> Combine(const CLI::App& app, const EngineSettings& line, const Wishes& wishes) {
+    EngineSettings settings;
+    settings.dataFolder = line.dataFolder;
+    const std::string usual = rq::Utf8FromPath(rq::PathFromUtf8(line.dataFolder) / "engine.toml");
+    std::error_code unknown;
+    if (!wishes.config.empty() || std::filesystem::exists(rq::PathFromUtf8(usual), unknown)) {
+        const std::string file = wishes.config.empty() ? usual : wishes.config;
+        if (auto read = rq::engine::ReadConfig(file, settings); !read) return read.error();
+        settings.logFolderFrom = file;
+    }
+    if (const auto log = rq::platform::GetEnvironment("RQ_LOG_DIR"); log && !log->empty()) {
+        settings.logFolder = *log;
+        settings.logFolderFrom = "RQ_LOG_DIR";
+    }
+    if (app.count("--log") != 0) {
+        settings.logFolder = line.logFolder;
+        settings.logFolderFrom = "--log";
+    }
+    if (app.count("--port") != 0) settings.linkPort = line.linkPort;
+    if (app.count("--http-port") != 0) settings.httpPort = line.httpPort;
+    if (app.count("--attempts") != 0) settings.retry = line.retry;
+    if (app.count("--max-workers") != 0) settings.maxWorkers = line.maxWorkers;
+    if (app.count("--stage") != 0 || settings.stageFolder.empty()) settings.stageFolder = line.stageFolder;
+    return settings;
 }
 
 int Complain(const std::string& message) {
@@ -103,7 +140,7 @@ int Serve(Engine& engine, EndSignals& end) {
     });
     end.context.run();
     runner.join();
-    return 0;
+    return engine.Failure().empty() ? 0 : Complain(engine.Failure());
 }
 
 }  // namespace
@@ -114,25 +151,36 @@ int main(int argc, char** argv) {
     rq::platform::Arguments arguments(argc, argv);
     CLI::App app("The local engine: queues tasks, starts a worker for each, keeps what happened.",
                  "rqengine");
-    EngineSettings settings;
-    AddOptions(app, settings);
+    EngineSettings line;
+    Wishes wishes;
+    AddOptions(app, line, wishes);
     try {
         app.parse(arguments.Count(), arguments.Vector());
     } catch (const CLI::ParseError& problem) {
         const int code = app.exit(problem);
         return code == 0 ? 0 : 2;
     }
-    if (settings.dataFolder.empty()) {
+    if (line.dataFolder.empty()) {
         Complain("--data (or RQ_ENGINE_DATA) is empty; name a folder");
         return 2;
     }
-    if (settings.stageFolder.empty()) {
+    if (line.stageFolder.empty()) {
         Complain("--stage is empty; name the folder of RQWorkerU");
         return 2;
     }
-    settings.dataFolder = Absolute(settings.dataFolder);
+    line.dataFolder = Absolute(line.dataFolder);
+    auto combined = Combine(app, line, wishes);
+    if (!combined) {
+        Complain(combined.error().message);
+        return 2;
+    }
+    EngineSettings settings = std::move(*combined);
     settings.stageFolder = Absolute(settings.stageFolder);
     if (!settings.logFolder.empty()) settings.logFolder = Absolute(settings.logFolder);
+    if (wishes.printConfig) {
+        rq::platform::WriteStandardOutput(rq::engine::ConfigText(settings));
+        return 0;
+    }
 
     EndSignals end;  // before the engine says that it is there
     auto engine = Engine::Create(settings);

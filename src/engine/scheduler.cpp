@@ -312,6 +312,14 @@ void Scheduler::FinishEnd() {
 
 // ---- helpers ----
 
+std::set<std::string> Scheduler::RunningNames() const {
+    std::set<std::string> names;
+    for (const auto& [token, run] : m_runs) {
+        if (!run->life.name.empty()) names.insert(run->life.name);
+    }
+    return names;
+}
+
 Scheduler::Run* Scheduler::Find(const std::string& token) {
     const auto found = m_runs.find(token);
     return found != m_runs.end() ? found->second.get() : nullptr;

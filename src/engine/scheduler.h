@@ -55,6 +55,8 @@ class Scheduler final : public SessionHost {
     bool Ending() const { return m_ending; }
     std::size_t Workers() const { return m_runs.size(); }
     unsigned MaxWorkers() const { return m_maxWorkers; }
+    // Of the files of workers that run.
+    std::set<std::string> RunningNames() const;
     // Types whose tasks wait because the stage lacks something, and why.
     const std::map<std::int32_t, std::string>& Held() const { return m_held; }
 

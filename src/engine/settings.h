@@ -11,13 +11,33 @@
 
 namespace rq::engine {
 
+// What an acknowledged change survives: a power cut, or the end of this process alone.
+enum class Durability { Power, Process };
+
+// How long and how much is kept. 0: no bound.
+struct Retention {
+    unsigned interval_min = 60;  // 0: only when asked
+    unsigned logs_days = 30;
+    std::uint64_t logs_MiB = 2048;
+    unsigned output_days = 30;
+    std::uint64_t output_MiB = 1024;
+    unsigned dumps_days = 30;
+    std::uint64_t dumps_MiB = 2048;
+    unsigned events_days = 90;
+    std::uint64_t events_max = 5'000'000;
+};
+
 struct EngineSettings {
     std::string dataFolder;         // store, token, parameter files, logs
     std::string stageFolder;        // where RQWorkerU and its files lie
     std::string logFolder;          // empty: "logs" in the data folder
+    std::string logFolderFrom;      // the option or variable that named it, for complaints
     std::uint16_t linkPort = 8083;  // 0: any free one
     std::uint16_t httpPort = 8084;  // 0: any free one
     unsigned maxWorkers = 0;        // 0: as many as there are processor cores
+    Durability durability = Durability::Power;
+    std::uint64_t outputLimit_MiB = 16;  // of what a worker writes to its streams
+    Retention retention;
 
     // A worker that has not connected after this is ended.
     std::chrono::milliseconds connectLimit = std::chrono::seconds(30);

@@ -4,22 +4,55 @@
 
 namespace rq::engine {
 
-Result<std::unique_ptr<Database>> Database::Open(const std::string& path) {
+namespace {
+
+// What somebody can do about a failure of this kind; empty when nothing is known to help.
+std::string RemedyFor(int code) {
+    switch (code & 0xFF) {
+        case SQLITE_FULL:
+            return "; free space on its disk";
+        case SQLITE_READONLY:
+        case SQLITE_PERM:
+        case SQLITE_AUTH:
+        case SQLITE_CANTOPEN:
+            return "; the engine's user needs the right to write the file and its folder";
+        case SQLITE_BUSY:
+        case SQLITE_LOCKED:
+            return "; another program holds it open: end that one";
+        case SQLITE_CORRUPT:
+        case SQLITE_NOTADB:
+            return "; the file is damaged: end the engine, put the file and those beside it (-wal, -shm) "
+                   "aside, and copy a "
+                   "backup into its place";
+        case SQLITE_IOERR:
+            return "; the disk refused: look at it and at the system's log";
+        default:
+            return "";
+    }
+}
+
+}  // namespace
+
+Result<std::unique_ptr<Database>> Database::Open(const std::string& path, Durability durability) {
     sqlite3* handle = nullptr;
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
     const int code = sqlite3_open_v2(path.c_str(), &handle, flags, nullptr);
-    std::unique_ptr<Database> database(new Database(handle));
+    std::unique_ptr<Database> database(new Database(handle, path, durability));
     if (code != SQLITE_OK) {
         const std::string why = handle != nullptr ? sqlite3_errmsg(handle) : "out of memory";
-        return Fail(path + ": the store cannot be opened: " + why);
+        return Fail(path + ": the store cannot be opened: " + why + RemedyFor(code));
     }
+    // SQLite falls back to reading when it may not write.
+    if (sqlite3_db_readonly(handle, "main") == 1)
+        return Fail(path + ": the store cannot be written" + RemedyFor(SQLITE_READONLY));
     sqlite3_extended_result_codes(handle, 1);
     sqlite3_busy_timeout(handle, 5000);
     database->Execute("PRAGMA journal_mode = WAL");
     database->Execute("PRAGMA foreign_keys = ON");
-    database->Execute("PRAGMA synchronous = FULL");
+    database->Execute(durability == Durability::Power ? "PRAGMA synchronous = FULL"
+                                                      : "PRAGMA synchronous = NORMAL");
     database->Execute("PRAGMA trusted_schema = OFF");
-    if (database->Failed()) return Fail(path + ": " + database->TakeError().message);
+    if (database->Failed()) return database->TakeError();
     return database;
 }
 
@@ -65,7 +98,9 @@ Error Database::TakeError() {
 }
 
 void Database::Remember(const char* doing) {
-    if (!m_error) m_error = Fail("SQLite: " + std::string(sqlite3_errmsg(m_handle)) + " (in: " + doing + ")");
+    if (m_error) return;
+    m_error = Fail(m_path + ": SQLite: " + sqlite3_errmsg(m_handle) +
+                   RemedyFor(sqlite3_extended_errcode(m_handle)) + " (in: " + doing + ")");
 }
 
 Statement::Statement(Statement&& other) noexcept
@@ -158,7 +193,9 @@ std::optional<std::string> Statement::OptionalText() {
 }
 
 Transaction::Transaction(Database& database, Sync sync)
-    : m_database(database), m_relaxed(sync == Sync::Relaxed), m_open(false) {
+    : m_database(database),
+      m_relaxed(sync == Sync::Relaxed && database.m_durability == Durability::Power),
+      m_open(false) {
     m_database.m_error.reset();
     // In WAL mode a commit syncs with FULL and does not with NORMAL; it can be switched between transactions
     // only.

@@ -14,6 +14,7 @@
 #include <unordered_map>
 
 #include "base/result.h"
+#include "engine/settings.h"
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -24,9 +25,10 @@ class Statement;
 
 class Database {
   public:
-    // Opens or makes the file and sets what every connection of ours has: WAL, foreign keys, full syncs, 5 s
-    // patience with other connections.
-    static Result<std::unique_ptr<Database>> Open(const std::string& path);
+    // Opens or makes the file and sets what every connection of ours has: WAL, foreign keys, 5 s patience
+    // with other connections, and syncs at durable commits unless only the process is to be survived.
+    static Result<std::unique_ptr<Database>> Open(const std::string& path,
+                                                  Durability durability = Durability::Power);
     ~Database();
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
@@ -39,17 +41,22 @@ class Database {
     // Rows that the last INSERT, UPDATE or DELETE changed.
     std::int64_t Changes() const;
 
+    const std::string& Path() const { return m_path; }
     bool Failed() const { return m_error.has_value(); }
     // The remembered failure, which is then forgotten.
     Error TakeError();
 
   private:
     friend class Statement;
+    friend class StoreCopy;
     friend class Transaction;
-    explicit Database(sqlite3* handle) : m_handle(handle) {}
+    Database(sqlite3* handle, std::string path, Durability durability)
+        : m_handle(handle), m_path(std::move(path)), m_durability(durability) {}
     void Remember(const char* doing);
 
     sqlite3* m_handle;
+    const std::string m_path;
+    const Durability m_durability;
     std::unordered_map<std::string, sqlite3_stmt*> m_statements;
     std::optional<Error> m_error;
 };

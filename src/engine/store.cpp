@@ -4,6 +4,7 @@
 #include <chrono>
 
 #include "engine/json.h"
+#include "engine/store_file.h"
 #include "platform/identity.h"
 
 namespace rq::engine {
@@ -18,11 +19,12 @@ Store::Now Store::SystemNow() {
 Store::Store(std::unique_ptr<Database> database, Now now)
     : m_database(std::move(database)), m_now(std::move(now)) {}
 
-Result<std::unique_ptr<Store>> Store::Open(const std::string& path, Now now) {
-    auto database = Database::Open(path);
+Result<std::unique_ptr<Store>> Store::Open(const std::string& path, Now now, Durability durability) {
+    if (auto made = MakeStoreFile(path); !made) return made.error();
+    auto database = Database::Open(path, durability);
     if (!database) return database.error();
-    if (auto migrated = MigrateSchema(**database); !migrated)
-        return Fail(path + ": " + migrated.error().message);
+    if (auto copied = CopyBeforeMigration(**database); !copied) return copied.error();
+    if (auto migrated = MigrateSchema(**database); !migrated) return migrated.error();
     return std::unique_ptr<Store>(new Store(std::move(*database), std::move(now)));
 }
 
@@ -91,10 +93,20 @@ TaskRow Store::Insert(const NewTask& task) {
 }
 
 Result<TaskRow> Store::Submit(const NewTask& task) {
+    auto rows = SubmitAll({task});
+    if (!rows) return rows.error();
+    return std::move(rows->front());
+}
+
+Result<std::vector<TaskRow>> Store::SubmitAll(const std::vector<NewTask>& tasks) {
     Transaction transaction(*m_database);
-    TaskRow row = Insert(task);
-    if (auto done = Commit(transaction, row.key); !done) return done.error();
-    return row;
+    std::vector<TaskRow> rows;
+    for (const auto& task : tasks) rows.push_back(Insert(task));
+    if (auto done = Commit(transaction, 0); !done) return done.error();
+    for (const auto& row : rows) {
+        if (m_listener) m_listener(row.key);
+    }
+    return rows;
 }
 
 Claim Store::NewAttempt(std::int64_t task) {

@@ -13,8 +13,10 @@
 #include <set>
 
 #include "base/result.h"
+#include "engine/metrics.h"
 #include "engine/retry.h"
 #include "engine/sqlite.h"
+#include "engine/store_file.h"
 #include "engine/store_types.h"
 
 namespace rq::engine {
@@ -27,7 +29,8 @@ class Store {
     using Now = std::function<std::int64_t()>;           // microseconds since 1970-01-01 UTC
     using Listener = std::function<void(std::int64_t)>;  // key of the task that got events
 
-    static Result<std::unique_ptr<Store>> Open(const std::string& path, Now now = SystemNow());
+    static Result<std::unique_ptr<Store>> Open(const std::string& path, Now now = SystemNow(),
+                                               Durability durability = Durability::Power);
     static Now SystemNow();
 
     void SetListener(Listener listener) { m_listener = std::move(listener); }
@@ -36,6 +39,8 @@ class Store {
 
     // ---- tasks ----
     Result<TaskRow> Submit(const NewTask& task);
+    // All of them or none, with one sync.
+    Result<std::vector<TaskRow>> SubmitAll(const std::vector<NewTask>& tasks);
     // The oldest queued task of a type that may start gets an attempt and is starting, unless it waits for
     // its time, is suspended or is one of `busy`. Nothing when there is none. `mayStart` is asked once for
     // each type that it meets.
@@ -105,6 +110,14 @@ class Store {
     Result<std::vector<EventRow>> Events(std::int64_t task, std::int64_t after, std::int64_t limit);
     // How many tasks are in each state, in the order of kTaskStates.
     Result<std::vector<std::int64_t>> CountByState();
+
+    // ---- for those who look after the node ----
+    Result<StoreCensus> Census();
+    // Of tasks that ended before then, and of the oldest ended tasks while there are more than `most` (0: any
+    // number), at most `limit` events are removed; the tasks stay. The number of them.
+    Result<std::int64_t> DropEvents(std::int64_t before_us, std::int64_t most, std::int64_t limit);
+    // A copy of the whole store, made step by step while it is used.
+    Result<std::unique_ptr<StoreCopy>> BeginCopy(const std::string& path);
 
   private:
     // The attempt that a verb is about, as it stands when the verb begins.

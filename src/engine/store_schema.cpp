@@ -126,7 +126,7 @@ Result<void> MigrateSchema(Database& database, int to) {
     }
     if (database.Failed()) return database.TakeError();
     if (version > kSchemaVersion) {
-        return Fail("the store has schema version " + std::to_string(version) +
+        return Fail(database.Path() + ": the store has schema version " + std::to_string(version) +
                     "; this program knows up to " + std::to_string(kSchemaVersion) +
                     ": use the newer program that made it");
     }

@@ -3,6 +3,8 @@
 What only shows after 15 seconds and more (the engine's PING and its silence limit) is not looked at here.
 """
 
+import http.client
+import json
 import struct
 import threading
 import time
@@ -77,6 +79,36 @@ class EngineCase(unittest.TestCase):
 
     def of_kind(self, task_id, kind):
         return [event for event in self.the_engine().events(task_id) if event["kind"] == kind]
+
+
+class Probes(EngineCase):
+    def fetch(self, method, path, token=True):
+        connection = http.client.HTTPConnection("127.0.0.1", engine.http_port, timeout=40)
+        self.addCleanup(connection.close)
+        connection.request(method, path, headers={"Authorization": "Bearer " + engine.token} if token else {})
+        answer = connection.getresponse()
+        return answer, answer.read().decode("utf-8")
+
+    def test_a_probe_is_answered(self):
+        answer, body = self.fetch("GET", "/healthz")
+        self.assertEqual((answer.status, json.loads(body)), (200, {"status": "ok", "problems": []}))
+
+    def test_metrics_have_the_format_of_prometheus(self):
+        self.worker()
+        answer, body = self.fetch("GET", "/metrics")
+        self.assertEqual(answer.status, 200)
+        self.assertEqual(answer.getheader("Content-Type"), "text/plain; version=0.0.4; charset=utf-8")
+        samples = dict(line.rsplit(" ", 1) for line in body.splitlines() if not line.startswith("#"))
+        self.assertGreaterEqual(int(samples['rq_tasks{state="running",type="mc"}']), 1)
+        self.assertGreater(int(samples['rq_disk_free_bytes{folder="data"}']), 0)
+        self.assertGreater(int(samples["rq_store_bytes"]), 0)
+
+    def test_both_need_the_token_and_take_nothing_else(self):
+        for path in ("/healthz", "/metrics"):
+            self.assertEqual(self.fetch("GET", path, token=False)[0].status, 401)
+            self.assertEqual(self.fetch("POST", path)[0].status, 405)
+            self.assertEqual(self.fetch("GET", path + "?x=1")[0].status, 400)
+        self.assertEqual(self.fetch("GET", "/metric")[0].status, 404)
 
 
 class TypicalTask(EngineCase):

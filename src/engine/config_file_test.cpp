@@ -1,0 +1,88 @@
+#include "engine/config_file.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "base/paths.h"
+#include "kit/files.h"
+#include "kit/temp_dir.h"
+
+namespace rq::engine {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+TEST(ConfigFile, WhatIsPrintedReadsBackAsTheSame) {
+    EngineSettings settings;
+    settings.linkPort = 1;
+    settings.stageFolder = "C:\\stage \"片\"";
+    settings.durability = Durability::Process;
+    settings.cancelGrace = std::chrono::seconds(77);
+    settings.retention.events_max = 12345;
+    const std::string text = ConfigText(settings);
+    EngineSettings read;
+    const auto done = ApplyConfig(text, "f", read);
+    ASSERT_TRUE(done) << done.error().message;
+    EXPECT_EQ(read.stageFolder, settings.stageFolder);
+    EXPECT_EQ(read.durability, Durability::Process);
+    EXPECT_EQ(ConfigText(read), text);
+    EXPECT_NE(ConfigText(EngineSettings()), text);
+}
+
+TEST(ConfigFile, WhatItDoesNotNameStays) {
+    EngineSettings settings;
+    settings.httpPort = 5;
+    ASSERT_TRUE(ApplyConfig("[limits]\ncancel_s = 3\n[store]\n", "f", settings));
+    EXPECT_EQ(settings.httpPort, 5);
+    EXPECT_EQ(settings.cancelGrace, std::chrono::seconds(3));
+    EXPECT_EQ(settings.durability, Durability::Power);
+}
+
+TEST(ConfigFile, EveryFaultNamesItsLine) {
+    const struct {
+        const char *text, *where, *what;
+    } cases[] = {
+        {"\n[engin]\n", "f:2: ", "[engine], [store]"},
+        {"port = 1\n", "f:1: ", "\"port\" is not known"},
+        {"engine = 1\n", "f:1: ", "must be a table"},
+        {"[engine]\nport = 1\nprot = 2\n", "f:3: ", "\"prot\" is not a key of [engine]"},
+        {"[engine]\nport = 65536\n", "f:2: ", "from 0 to 65535"},
+        {"[engine]\nport = -1\n", "f:2: ", "from 0 to 65535"},
+        {"[engine]\nport = \"8083\"\n", "f:2: ", "whole number"},
+        {"[engine]\nport = 1.0\n", "f:2: ", "whole number"},
+        {"[engine]\nstage = 1\n", "f:2: ", "in quotes"},
+        {"[engine]\nport = 1\n\nport = 2\n", "f:4: ", ""},
+        {"[store]\ndurability = \"disk\"\n", "f:2: ", "\"power\" or \"process\""},
+        {"[limits]\ncancel_s = 0\n", "f:2: ", "seconds from 1"},
+        {"[engine]\nport = \n", "f:2: ", ""},
+        {"[engine]\nstage = \"\xff\"\n", "f:2: ", ""},
+    };
+    for (const auto& one : cases) {
+        EngineSettings settings;
+        const auto done = ApplyConfig(one.text, "f", settings);
+        ASSERT_FALSE(done) << one.text;
+        EXPECT_THAT(done.error().message, StartsWith(one.where)) << one.text;
+        EXPECT_THAT(done.error().message, HasSubstr(one.what)) << one.text;
+    }
+}
+
+TEST(ConfigFile, AFileThatIsNotThereIsNamed) {
+    kit::TempDir folder;
+    EngineSettings settings;
+    const auto done = ReadConfig(folder.Utf8("none.toml"), settings);
+    ASSERT_FALSE(done);
+    EXPECT_THAT(done.error().message, HasSubstr("none.toml"));
+}
+
+// The documentation shows the file as it is printed.
+TEST(ConfigFile, EveryKeyIsDocumented) {
+    const std::string page = kit::ReadText(PathFromUtf8(RQ_SOURCE_DIR "/docs/engine.md"));
+    EXPECT_GE(ConfigKeys().size(), 20u);
+    EXPECT_NE(page.find("```toml\n" + ConfigText(EngineSettings()) + "```\n"), std::string::npos)
+        << "docs/engine.md should have:\n"
+        << ConfigText(EngineSettings());
+}
+
+}  // namespace
+}  // namespace rq::engine
