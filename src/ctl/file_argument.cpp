@@ -4,6 +4,7 @@
 
 #include "base/paths.h"
 #include "base/text.h"
+#include "platform/error_text.h"
 #include "platform/file_name.h"
 #include "platform/files.h"
 
@@ -51,7 +52,7 @@ Result<fs::path> AbsolutePath(const std::string& name) {
             "give a link to it");
     std::error_code code;
     fs::path path = Tidy(fs::absolute(PathFromUtf8(name), code));
-    if (code) return Fail(name + ": " + code.message());
+    if (code) return Fail(name + ": " + platform::ErrorText(code));
     const std::string absolute = Utf8FromPath(path);
     if (!IsValidUtf8(absolute) || HasUnwritable(absolute))
         return Fail(name + ": the path of its folder is not UTF-8 or has control characters");
@@ -66,7 +67,7 @@ Result<std::string> ExistingFile(const std::string& name) {
     std::error_code code;
     const auto status = fs::status(*path, code);
     if (status.type() == fs::file_type::not_found) return Fail(name + ": no such file");
-    if (status.type() == fs::file_type::none) return Fail(name + ": " + code.message());
+    if (status.type() == fs::file_type::none) return Fail(name + ": " + platform::ErrorText(code));
     if (status.type() == fs::file_type::directory) return Fail(name + ": is a folder; give the files in it");
     if (status.type() != fs::file_type::regular) return Fail(name + ": is not a plain file");
     std::string absolute = Utf8FromPath(*path);
@@ -89,7 +90,7 @@ Result<std::string> NewFile(const std::string& name, bool overwrite) {
     std::error_code code;
     if (!fs::is_directory(path->parent_path(), code)) return Fail(name + ": its folder is not there");
     const auto status = fs::status(*path, code);
-    if (status.type() == fs::file_type::none) return Fail(name + ": " + code.message());
+    if (status.type() == fs::file_type::none) return Fail(name + ": " + platform::ErrorText(code));
     if (status.type() == fs::file_type::directory) return Fail(name + ": is a folder; give a file in it");
     if (status.type() != fs::file_type::not_found && !overwrite)
         return Fail(name + ": exists already; --overwrite replaces it");

@@ -1,4 +1,5 @@
 #include "ctl/http_client.h"
+#include "platform/error_text.h"
 
 #include <boost/asio/io_context.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
@@ -90,7 +91,7 @@ Result<HttpAnswer> HttpClient::Send(const std::string& method, const std::string
         connection.stream.reset();
         // Only what the engine certainly has not begun to read may be sent twice.
         const bool unread = kept && !again && !answer.got_some() && error == http::error::end_of_stream;
-        if (!unread) return Fail(error.message());
+        if (!unread) return Fail(platform::ErrorText(error));
     }
     return Fail("the connection was closed");
 }

@@ -9,6 +9,7 @@
 
 #include "ctl/output.h"
 #include "link/codec.h"
+#include "platform/error_text.h"
 #include "platform/files.h"
 
 namespace rq::ctl {
@@ -58,11 +59,11 @@ class Player {
         if (!error) acceptor.bind(endpoint, error);
         if (!error) acceptor.listen(1, error);
         if (error)
-            return Failure(kExitUsage,
-                           "--port: 127.0.0.1:" + std::to_string(m_options.port) + ": " + error.message());
+            return Failure(kExitUsage, "--port: 127.0.0.1:" + std::to_string(m_options.port) + ": " +
+                                           platform::ErrorText(error));
         onListening(acceptor.local_endpoint().port());
         acceptor.async_accept(m_socket, [this](const boost::system::error_code& failed) {
-            if (failed) return End("accept: " + failed.message());
+            if (failed) return End("accept: " + platform::ErrorText(failed));
             Print("a worker has connected\n");
             Watch();
             Read();

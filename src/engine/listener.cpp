@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "platform/error_text.h"
 #include "platform/listening.h"
 
 namespace rq::engine {
@@ -30,7 +31,7 @@ Result<void> Listener::Listen(std::uint16_t port) {
     if (!error) m_acceptor.listen(boost::asio::socket_base::max_listen_connections, error);
     if (!error) m_port = m_acceptor.local_endpoint(error).port();
     if (error) {
-        return Fail("cannot listen on 127.0.0.1:" + std::to_string(port) + ": " + error.message() +
+        return Fail("cannot listen on 127.0.0.1:" + std::to_string(port) + ": " + platform::ErrorText(error) +
                     " (another port may be given, 0 takes a free one)");
     }
     Accept();

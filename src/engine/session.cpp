@@ -4,6 +4,7 @@
 #include <boost/asio/write.hpp>
 
 #include "base/clock.h"
+#include "platform/error_text.h"
 
 namespace rq::engine {
 
@@ -46,7 +47,8 @@ void Session::Read() {
 void Session::OnRead(const boost::system::error_code& error, std::size_t size) {
     if (m_state == State::Closed) return;
     if (error) {
-        Lose(error == boost::asio::error::eof ? "the worker closed the connection" : error.message());
+        Lose(error == boost::asio::error::eof ? "the worker closed the connection"
+                                              : platform::ErrorText(error));
         return;
     }
     m_lastHeard = SystemClock().Steady();
@@ -221,7 +223,7 @@ void Session::OnWritten(const boost::system::error_code& error) {
     m_writing.clear();
     if (m_state == State::Closed) return;
     if (error) {
-        Lose(error.message());
+        Lose(platform::ErrorText(error));
         return;
     }
     m_lastSaid = SystemClock().Steady();

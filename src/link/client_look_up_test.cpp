@@ -8,6 +8,7 @@
 #include "kit/files.h"
 #include "kit/temp_dir.h"
 #include "link/client_test_kit.h"
+#include "platform/error_text.h"
 
 namespace rq::link {
 namespace {
@@ -97,7 +98,7 @@ TEST_F(EngineClientLookUp, IsNotBegunWhileAFewHang) {
     EXPECT_GE(m_begun, 1u);
     EXPECT_LE(m_begun, kLookUpsAtOnce);
     const boost::system::error_code refused = boost::asio::error::already_started;
-    EXPECT_TRUE(IsLogged(" failed: resolve: " + refused.message()));
+    EXPECT_TRUE(IsLogged(" failed: resolve: " + platform::ErrorText(refused)));
     m_gate.Open();
     const SteadyTime deadline = SystemClock().Steady() + HandlerRecord::kPatience;
     while (Connect(test) == kNoSession && SystemClock().Steady() < deadline) {

@@ -78,8 +78,8 @@ void EngineClient::Initialize(const EngineClientSetup* setup) {
     m_context = setup->context;
     m_log.Open(setup->logFile);
     if (m_options.journal.empty() || m_journal.IsOpen()) return;
-    if (const std::string problem = m_journal.Open(m_options.journal); !problem.empty())
-        m_log.Write(LogLevel::Warning, problem);
+    const auto warn = [this](const std::string& problem) { m_log.Write(LogLevel::Warning, problem); };
+    if (const std::string problem = m_journal.Open(m_options.journal, warn); !problem.empty()) warn(problem);
 }
 
 void EngineClient::Uninitialize() {

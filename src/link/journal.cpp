@@ -2,8 +2,11 @@
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <utility>
 
+#include "base/paths.h"
 #include "base/text.h"
 #include "link/codec.h"
 #include "platform/files.h"
@@ -55,6 +58,13 @@ std::string WithProcessId(std::string path) {
     return path;
 }
 
+// A process that was killed may have left the last line without its end.
+bool EndsInALine(const std::string& name) {
+    std::ifstream file(PathFromUtf8(name), std::ios::binary);
+    if (!file.seekg(-1, std::ios::end)) return true;  // empty
+    return file.get() == '\n';
+}
+
 // Nobody who can read the journal is to get the token.
 std::string WithoutToken(const std::string& body) {
     Result<Hello> hello = DecodeHello(body);
@@ -68,12 +78,19 @@ std::string WithoutToken(const std::string& body) {
 LinkJournal::LinkJournal(Clock clock, std::uint64_t limit_bytes)
     : m_clock(clock ? std::move(clock) : Clock(&SystemNow_us)), m_limit_bytes(limit_bytes) {}
 
-std::string LinkJournal::Open(const std::string& path) {
+std::string LinkJournal::Open(const std::string& path, std::function<void(const std::string&)> onProblem) {
     const std::string name = WithProcessId(path);
     platform::CreatePrivateFile(name, "");  // one that is there is continued
+    std::error_code ignored;
+    const auto kind = std::filesystem::status(PathFromUtf8(name), ignored).type();
+    if (kind != std::filesystem::file_type::regular && kind != std::filesystem::file_type::not_found)
+        return "no link journal: " + name + " is no plain file";
+    m_name = name;
+    m_onProblem = std::move(onProblem);
     platform::OsError error;
     m_file = platform::AppendFile::Open(name, &error);
     if (!m_file) return "no link journal: " + error.message;
+    if (!EndsInALine(name)) m_file->Append("\n");
     if (m_file->Size() < m_limit_bytes) return {};
     m_file.reset();
     return "no link journal: " + name + " is full";
@@ -136,12 +153,19 @@ void LinkJournal::WriteLine(const std::string& rest) {
     if (!m_file) return;
     const std::string line = LineOf(rest);
     if (m_file->Size() + line.size() <= m_limit_bytes) {
-        m_file->Append(line);
+        Append(line);
         return;
     }
-    m_file->Append(LineOf("\"event\": \"full\", \"reason\": \"the next line would pass " +
-                          std::to_string(m_limit_bytes) + " bytes\""));
+    Append(LineOf("\"event\": \"full\", \"reason\": \"the next line would pass " +
+                  std::to_string(m_limit_bytes) + " bytes\""));
     m_file.reset();
+}
+
+void LinkJournal::Append(const std::string& line) {
+    if (m_file->Append(line)) return;
+    m_file.reset();
+    if (m_onProblem)
+        m_onProblem("the link journal " + m_name + " cannot be written (is the disk full?) and ends here");
 }
 
 std::string LinkJournal::LineOf(const std::string& rest) const {

@@ -27,8 +27,9 @@ class LinkJournal {
     explicit LinkJournal(Clock clock = {}, std::uint64_t limit_bytes = kJournalLimit_bytes);
 
     // Continues the file, or makes it for its owner alone; "%p" in the path becomes the process ID. Why not,
-    // or empty. A file that is full is not continued.
-    std::string Open(const std::string& path);
+    // or empty. A file that is full is not continued, nor one that is no plain file (a pipe might wait for a
+    // reader for ever). `onProblem` is told once why nothing more is written.
+    std::string Open(const std::string& path, std::function<void(const std::string&)> onProblem = {});
     bool IsOpen() const { return m_file != nullptr; }
 
     void Connected(const std::string& workerVersion);
@@ -47,11 +48,14 @@ class LinkJournal {
     void WriteFrame(const char* way, const Frame& frame);
     void WriteEvent(const std::string& event, const std::string& more);
     void WriteLine(const std::string& rest);
+    void Append(const std::string& line);
     std::string LineOf(const std::string& rest) const;
 
     const Clock m_clock;
     const std::uint64_t m_limit_bytes;
     std::unique_ptr<platform::AppendFile> m_file;
+    std::string m_name;
+    std::function<void(const std::string&)> m_onProblem;
     Direction m_out{"out", FrameReader()};
     Direction m_in{"in", FrameReader()};
     bool m_isConnected = false;

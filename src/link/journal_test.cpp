@@ -82,6 +82,19 @@ TEST_F(Journal, ContinuesAFileAndPutsTheProcessIdIntoTheName) {
     EXPECT_EQ(Text("j-" + pid + "-" + pid).rfind("earlier\n{", 0), 0u);
 }
 
+TEST_F(Journal, EndsTheLineThatAKilledWorkerLeft) {
+    m_folder.Write("journal", "{\"time\": \"20");
+    ASSERT_EQ(m_journal.Open(m_folder.Utf8("journal")), "");
+    m_journal.Connected("1");
+    EXPECT_TRUE(Text().starts_with("{\"time\": \"20\n{\"time\": \"2025")) << Text();
+}
+
+TEST_F(Journal, IsNoFolder) {
+    const std::string folder = m_folder.Utf8();
+    EXPECT_EQ(m_journal.Open(folder), "no link journal: " + folder + " is no plain file");
+    EXPECT_FALSE(m_journal.IsOpen());
+}
+
 // Task texts and paths stand in it.
 TEST_F(Journal, IsItsOwnersAlone) {
     ASSERT_EQ(m_journal.Open(m_folder.Utf8("journal")), "");

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "base/sync.h"
+#include "platform/error_text.h"
 #include "platform/inherit.h"
 
 namespace rq::link {
@@ -219,7 +220,7 @@ void Connection::Fail(const char* what, const Error& error) {
     Listener* listener = m_listener;
     Close();
     if (error == asio::error::eof) return listener->OnDisconnected("the engine closed the connection");
-    listener->OnDisconnected(std::string(what) + ": " + error.message());
+    listener->OnDisconnected(std::string(what) + ": " + platform::ErrorText(error));
 }
 
 }  // namespace rq::link
