@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 
+#include "engine/config_retry.h"
 #include "platform/files.h"
 
 namespace rq::engine {
@@ -86,19 +87,16 @@ Key DurabilityKey(std::string_view meaning) {
             }};
 }
 
-Key AttemptsKey(std::string_view meaning) {
-    constexpr std::int64_t kMost = 100;
-    return {"retry", "attempts", meaning,
-            [](EngineSettings& settings, const toml::node& node) -> std::optional<std::string> {
-                const auto value = node.is_integer() ? node.value<std::int64_t>() : std::nullopt;
-                if (!value || *value < 1 || *value > kMost)
-                    return "must be a whole number from 1 to " + std::to_string(kMost);
-                const auto attempts = static_cast<int>(*value);
-                settings.retry.standard.attempts = attempts;
-                for (auto& [type, policy] : settings.retry.byType) policy.attempts = attempts;
-                return std::nullopt;
+// One of [retry]: of the standard and of every type that has no table of its own for it.
+Key RetryKey(const PolicyKey& key) {
+    return {"retry", key.name, key.meaning,
+            [&key](EngineSettings& settings, const toml::node& node) -> std::optional<std::string> {
+                for (auto& [type, policy] : settings.retry.byType) {
+                    if (auto fault = key.take(policy, node)) return fault;
+                }
+                return key.take(settings.retry.standard, node);
             },
-            [](const EngineSettings& settings) { return std::to_string(settings.retry.standard.attempts); }};
+            [&key](const EngineSettings& settings) { return key.show(settings.retry.standard); }};
 }
 
 template <class Member>
@@ -107,6 +105,14 @@ Key Kept(std::string_view name, Member member, std::int64_t most, std::string_vi
         "retention",
         name, [member](EngineSettings & settings) -> auto& { return settings.retention.*member; }, 0, most,
         meaning);
+}
+
+std::vector<Key> RetryKeys() {
+    std::vector<Key> keys;
+    for (const auto& key : PolicyKeys()) {
+        if (!key.forTypesOnly) keys.push_back(RetryKey(key));
+    }
+    return keys;
 }
 
 std::vector<Key> MakeKeys() {
@@ -126,7 +132,6 @@ std::vector<Key> MakeKeys() {
         DurabilityKey("What an acknowledged submission or final status survives: \"power\", a power cut; "
                       "\"process\", the "
                       "end of the engine, not of the machine."),
-        AttemptsKey("Attempts of a task at most, with the first, when its worker is lost."),
         Time("connect_s", &S::connectLimit, "From a worker's start to its connection, in seconds."),
         Time("link_grace_s", &S::linkGrace,
              "From the end of a worker's connection to the end of its process tree."),
@@ -154,7 +159,14 @@ std::vector<Key> MakeKeys() {
 }
 
 const std::vector<Key>& Keys() {
-    static const std::vector<Key> keys = MakeKeys();
+    static const std::vector<Key> keys = [] {
+        auto all = MakeKeys();
+        const auto retry = RetryKeys();
+        const auto place =
+            std::find_if(all.begin(), all.end(), [](const Key& key) { return key.table == "limits"; });
+        all.insert(place, retry.begin(), retry.end());
+        return all;
+    }();
     return keys;
 }
 
@@ -193,6 +205,7 @@ class Reader {
   private:
     Result<void> ReadTable(const std::string& table, const toml::table& content) {
         for (const auto& [name, node] : content) {
+            if (table == "retry" && node.is_table()) continue;  // of a type: below
             const auto key = std::find_if(
                 Keys().begin(), Keys().end(),
                 [&, text = name.str()](const Key& one) { return one.table == table && one.name == text; });
@@ -200,6 +213,30 @@ class Reader {
                 return At(name, "\"" + std::string(name.str()) + "\" is not a key of [" + table +
                                     "]; there are " + Listed(table));
             if (const auto fault = key->take(m_settings, node))
+                return At(name, std::string(key->name) + " " + *fault);
+        }
+        if (table != "retry") return {};
+        for (const auto& [name, node] : content) {
+            if (!node.is_table()) continue;
+            if (auto read = ReadPolicy(name, *node.as_table()); !read) return read;
+        }
+        return {};
+    }
+
+    Result<void> ReadPolicy(const toml::key& table, const toml::table& content) {
+        const auto type = TypeOfPolicy(table.str());
+        if (!type)
+            return At(table, "\"" + std::string(table.str()) +
+                                 "\" is neither a key of [retry] nor a type's code or number");
+        RetryPolicy& policy =
+            m_settings.retry.byType.try_emplace(*type, m_settings.retry.standard).first->second;
+        for (const auto& [name, node] : content) {
+            const auto key =
+                std::find_if(PolicyKeys().begin(), PolicyKeys().end(),
+                             [text = name.str()](const PolicyKey& one) { return one.name == text; });
+            if (key == PolicyKeys().end())
+                return At(name, "\"" + std::string(name.str()) + "\" is not a key of a type's retry policy");
+            if (const auto fault = key->take(policy, node))
                 return At(name, std::string(key->name) + " " + *fault);
         }
         return {};
@@ -235,7 +272,10 @@ std::string ConfigText(const EngineSettings& settings) {
         "# rqengine's configuration. Options and variables of the command line count before it.\n";
     std::string_view table;
     for (const auto& key : Keys()) {
-        if (key.table != table) text += "\n[" + std::string(key.table) + "]\n";
+        if (key.table != table) {
+            if (table == "retry") text += PolicyTables(settings.retry);
+            text += "\n[" + std::string(key.table) + "]\n";
+        }
         table = key.table;
         if (!key.meaning.empty()) text += "# " + std::string(key.meaning) + "\n";
         text += std::string(key.name) + " = " + key.show(settings) + "\n";

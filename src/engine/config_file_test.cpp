@@ -39,6 +39,35 @@ TEST(ConfigFile, WhatItDoesNotNameStays) {
     EXPECT_EQ(settings.durability, Durability::Power);
 }
 
+TEST(ConfigFile, RetryPoliciesAreForAllTypesAndForOne) {
+    EngineSettings settings;
+    const auto done = ApplyConfig(
+        "[retry]\nattempts = 4\nerror_codes = [6, -5]\n[retry.tc]\nfirst_delay_s = 1\ndetail_codes = "
+        "[0x84100014]\n"
+        "[retry.20]\nstop_after = 0\n[retry.df]\nattempts = 1\n",
+        "f", settings);
+    ASSERT_TRUE(done) << done.error().message;
+    const auto& retry = settings.retry;
+    EXPECT_EQ(retry.standard.attempts, 4);
+    EXPECT_EQ(retry.standard.errorCodes, (std::vector<std::uint32_t>{6, 0xFFFFFFFBu}));
+    EXPECT_EQ(retry.For(1).attempts, 4);
+    EXPECT_EQ(retry.For(1).firstDelay, std::chrono::seconds(1));
+    EXPECT_EQ(retry.For(1).detailCodes, std::vector<std::uint32_t>{0x84100014});
+    EXPECT_EQ(retry.For(20).stopAfter, 0);
+    EXPECT_EQ(retry.For(3).firstDelay, std::chrono::seconds(10));
+    // A deletion stays what it is: another attempt only when nothing can have been done.
+    EXPECT_EQ(retry.For(7).attempts, 1);
+    EXPECT_TRUE(retry.For(7).onlyUntouched);
+    EXPECT_TRUE(retry.For(0).onlyUntouched);
+    const std::string text = ConfigText(settings);
+    EngineSettings read;
+    const auto again = ApplyConfig(text, "f", read);
+    ASSERT_TRUE(again) << again.error().message << "\n" << text;
+    EXPECT_EQ(ConfigText(read), text);
+    EXPECT_EQ(read.retry.For(1).detailCodes, retry.For(1).detailCodes);
+    EXPECT_EQ(read.retry.For(7).attempts, 1);
+}
+
 TEST(ConfigFile, EveryFaultNamesItsLine) {
     const struct {
         const char *text, *where, *what;
@@ -56,6 +85,12 @@ TEST(ConfigFile, EveryFaultNamesItsLine) {
         {"[store]\ndurability = \"disk\"\n", "f:2: ", "\"power\" or \"process\""},
         {"[limits]\ncancel_s = 0\n", "f:2: ", "seconds from 1"},
         {"[engine]\nport = \n", "f:2: ", ""},
+        {"[retry]\nattempts = 0\n", "f:2: ", "from 1 to 100"},
+        {"[retry]\nonly_untouched = false\n", "f:2: ", "is not a key of [retry]"},
+        {"[retry]\nerror_codes = [\"x\"]\n", "f:2: ", "list of codes"},
+        {"[retry.xx]\n", "f:1: ", "neither a key of [retry] nor a type's code or number"},
+        {"[retry.tc]\nattempt = 1\n", "f:2: ", "\"attempt\" is not a key"},
+        {"[retry.tc]\nonly_untouched = 1\n", "f:2: ", "true or false"},
         {"[engine]\nstage = \"\xff\"\n", "f:2: ", ""},
     };
     for (const auto& one : cases) {
