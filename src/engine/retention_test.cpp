@@ -83,12 +83,11 @@ TEST_F(RetentionTest, WhatIsInUseAndWhatIsNotOursStays) {
 
 TEST_F(RetentionTest, EmptyDaysGoOnceTheyAreOver) {
     Make("RQWorker/20000101/a_W.log", 1000);
-    Make("RQWorker/20990101/a_W.log", 1000);
+    Make("RQWorker/20990101/notes.doc", 1000);
     Remove();
     EXPECT_TRUE(IsThere("RQWorker/20000101")) << "it has just been changed";
-    fs::last_write_time(m_root.Path() / "RQWorker/20000101",
-                        fs::file_time_type::clock::now() - std::chrono::hours(48));
-    Remove();
+    constexpr std::int64_t kTwoDays_us = std::int64_t{48} * 3600 * 1'000'000;
+    RemoveOldFiles(m_root.Utf8(), m_kept, m_inUse, Store::SystemNow()() + kTwoDays_us);
     EXPECT_FALSE(IsThere("RQWorker/20000101"));
     EXPECT_TRUE(IsThere("RQWorker/20990101"));
 }
