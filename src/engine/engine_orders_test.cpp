@@ -1,0 +1,242 @@
+// Orders to workers, further attempts, verdicts and stopped types, in the whole engine.
+#include "engine/engine_fixture.h"
+#include "engine/sqlite.h"
+
+namespace rq::engine {
+namespace {
+
+TEST_F(EngineTest, ALostWorkerIsFollowedByAnotherAttempt) {
+    AllowAttempts(3);
+    Start();
+    const auto id = Submit("connect\nstatus 3\nin 1 killed\nin 2 exit 7\nfinal 0\nbye\n");
+    AwaitState(id, "finished");
+    const json task = Show(id);
+    EXPECT_EQ(task["attempts"], 3);
+    EXPECT_EQ(task["attempt_list"][0]["state"], "lost");
+    EXPECT_EQ(task["attempt_list"][1]["state"], "lost");
+    EXPECT_EQ(task["attempt_list"][2]["state"], "finished");
+    EXPECT_TRUE(task["reason"].is_null());
+    const auto events = EventsUntil(id, "final");
+    EXPECT_EQ(Count(events, "repeat"), 2);
+}
+
+TEST_F(EngineTest, AttemptsEnd) {
+    AllowAttempts(2);
+    Start();
+    const auto id = Submit("connect\nstatus 3\nexit 7\n");
+    AwaitState(id, "lost");
+    EXPECT_EQ(Show(id)["attempts"], 2);
+    EXPECT_EQ(Count(EventsUntil(id, "no-repeat"), "repeat"), 1);
+    // And begin anew by order.
+    EXPECT_EQ(Order(id, "retry")["result"], "queued");
+    const auto later = [&](const json& event) {
+        return event["kind"] == "no-repeat" && event["attempt"] == 4;
+    };
+    EventsUntil(id, later);
+    EXPECT_EQ(Show(id)["state"], "lost");
+}
+
+TEST_F(EngineTest, AWaitingTaskSaysForWhat) {
+    AllowAttempts(2);
+    m_settings.retry.standard.firstDelay = m_settings.retry.standard.longestDelay = 1h;
+    Start();
+    const auto id = Submit("connect\nstatus 3\nin 1 exit 7\nfinal 0\nbye\n");
+    EventsUntil(id, "repeat");
+    const json task = Show(id);
+    EXPECT_EQ(task["state"], "queued");
+    EXPECT_TRUE(task["not_before"].is_string());
+    ASSERT_EQ(task["waits"].size(), 1u) << task;
+    EXPECT_EQ(task["waits"][0]["rule"], "backoff");
+    EXPECT_EQ(task["waits"][0]["until"], task["not_before"]);
+    const std::string text = task["waits"][0]["text"];
+    EXPECT_EQ(text.find("attempt 2 not before "), 0u) << text;
+    EXPECT_NE(text.find("exit code 7"), std::string::npos) << text;
+    EXPECT_EQ(Order(id, "cancel")["result"], "cancelled");
+}
+
+TEST_F(EngineTest, AWorkerThatEndsInOrderAndInStatus3FailsItsTaskWithoutAnother) {
+    AllowAttempts(3);
+    Start();
+    const auto id = Submit("connect\nstatus 3\nstatus 3\nawait 4014\nbye\n");
+    const json task = Ended(id);
+    EXPECT_EQ(task["state"], "failed");
+    EXPECT_EQ(task["reason"], "the worker ended in good order and in status 3, without a final status");
+    EXPECT_EQ(task["attempts"], 1);
+    EXPECT_EQ(Ended(Submit("connect\nbye\n"))["reason"],
+              "the worker ended in good order before its task began");
+    // A package worker whose plug-in cannot be initialised does not even connect.
+    EXPECT_EQ(Ended(Submit("exit 0\n"))["state"], "failed");
+}
+
+TEST_F(EngineTest, SuspendAndResumeAreTheWorkersToAnswer) {
+    Start();
+    const auto id = Submit(
+        "connect\nnotice job\nstatus 3\nawait 4004\nreply 4005\nawait 4006\nreply 4007\nawait 4002\nfinal "
+        "5\nbye\n");
+    EXPECT_EQ(Ask("POST", "/api/v1/tasks/t9/suspend")["error"]["code"], "unknown-task");
+    AwaitState(id, "running");
+    EXPECT_EQ(Order(id, "resume")["result"], "not-suspended");
+    EXPECT_EQ(Order(id, "suspend")["result"], "requested");
+    AwaitState(id, "paused");
+    EXPECT_EQ(Order(id, "suspend")["result"], "already-suspended");
+    EXPECT_EQ(Order(id, "resume")["result"], "requested");
+    EventsUntil(id,
+                [](const json& event) { return event["kind"] == "reply" && event["data"]["id"] == 4007; });
+    EXPECT_EQ(Show(id)["state"], "running");
+    EXPECT_EQ(Order(id, "cancel")["state"], "finishing");
+    EXPECT_EQ(Order(id, "suspend")["error"]["code"], "wrong-state");
+    EXPECT_EQ(Ended(id)["state"], "cancelled");
+    const auto events = EventsUntil(id, "worker-exited");
+    EXPECT_EQ(Count(events, "asked"), 2);
+    EXPECT_EQ(Count(events, "order"), 4);  // 4004, 4006, 4002, 4014
+}
+
+TEST_F(EngineTest, FinishStopsAndKeeps) {
+    Start();
+    const auto id = Submit("connect\nnotice job\nstatus 3\nawait 4019\nreply 4020\nfinal 0\nbye\n");
+    AwaitState(id, "running");
+    EXPECT_EQ(Order(id, "finish")["state"], "finishing");
+    EXPECT_EQ(Ended(id)["state"], "finished");
+    EXPECT_EQ(Order(id, "finish")["result"], "already-ended");
+    EXPECT_EQ(Order(id, "retry")["error"]["code"], "wrong-state");
+}
+
+TEST_F(EngineTest, AWorkerThatIgnoresAFinishIsEndedWithAVerdict) {
+    AllowAttempts(3);
+    m_settings.finishGrace = 200ms;
+    Start();
+    const auto id = Submit("connect\nstatus 3\nhang\n");
+    AwaitState(id, "running");
+    Order(id, "finish");
+    const json task = Ended(id);
+    EXPECT_EQ(task["state"], "lost");
+    EXPECT_EQ(task["attempts"], 1);
+    EXPECT_EQ(Verdict(id), "ignored-finish: the worker did not end within 200 ms of the finish order");
+}
+
+TEST_F(EngineTest, AnUpdateReachesTheWorkerAndTheNextAttempt) {
+    AllowAttempts(2);
+    Start();
+    const auto id = Submit("connect\nnotice job\nstatus 3\nawait 4015\nreply 4016\nexit 7\n");
+    AwaitState(id, "running");
+    const json text = {{"text", "connect\nstatus 3\nfinal 0\nbye\n"}};
+    EXPECT_EQ(Ask("POST", "/api/v1/tasks/" + id + "/update", text)["result"], "requested");
+    AwaitState(id, "finished");
+    EXPECT_EQ(Show(id)["attempts"], 2);
+    EXPECT_EQ(Show(id)["text"], text["text"]);
+}
+
+TEST_F(EngineTest, AWorkerWithoutHeartbeatsIsEndedWithAVerdict) {
+    m_settings.heartbeatInterval = 100ms;
+    Start();
+    const auto id = Submit("connect\nstatus 3\nhang\n");
+    const json task = Ended(id);
+    EXPECT_EQ(task["state"], "lost");
+    EXPECT_EQ(Verdict(id),
+              "no-heartbeat: no heartbeat and nothing else came from the worker for 300 ms, three of its "
+              "intervals");
+    // What is heard in time is let alone.
+    std::string script = "connect\nstatus 3\n";
+    for (int i = 0; i < 12; ++i) script += "sleep 50\nprogress " + std::to_string(i) + " 1\n";
+    EXPECT_EQ(Ended(Submit(script + "final 0\nbye\n"))["state"], "finished");
+}
+
+TEST_F(EngineTest, AFinalStatusWithoutAnExitIsAVerdict) {
+    m_settings.destroyGrace = 200ms;
+    Start();
+    const auto id = Submit("connect\nstatus 3\nfinal 0\nhang\n");
+    Ended(id);
+    EXPECT_EQ(Verdict(id), "no-exit: the worker did not end within 200 ms of the order to exit");
+}
+
+TEST_F(EngineTest, ALateWorkerIsToldToStopAndChangesNothing) {
+    Start();
+    const auto id = Submit("connect\nstatus 3\nexit 7\n");
+    EXPECT_EQ(Ended(id)["state"], "lost");
+    std::string token;
+    {
+        auto database = Database::Open(Utf8FromPath(Data("store.db"))).value();
+        Statement query = database->Prepare("SELECT token FROM attempts");
+        ASSERT_TRUE(query.Row());
+        token = query.Text();
+    }
+    LinkClient late;
+    ASSERT_TRUE(late.Connect(m_engine->LinkPort()));
+    ASSERT_EQ(late.Greet(m_engine->Token(), token), 0u);
+    EXPECT_EQ(late.WaitOrder()->id, TCP_TASK_CANCEL_ID);
+    EXPECT_EQ(late.WaitOrder()->id, TCP_WORKER_DESTROY_ID);
+    late.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskRunning));
+    EXPECT_TRUE(late.WaitAck(late.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskFinished))));
+    const json task = Show(id);
+    EXPECT_EQ(task["state"], "lost");
+    EXPECT_TRUE(task["status"].is_null());
+    const auto events = EventsUntil(id, "late-status");
+    EXPECT_EQ(Count(events, "late-worker"), 1);
+    late.SendFrame({0, 0, link::kByeId, {}});
+    late.WaitClose();
+}
+
+TEST_F(EngineTest, ATypeThatFailsTooOftenIsStoppedAndTriedAgain) {
+    m_settings.retry.standard.stopAfter = 2;
+    m_settings.retry.standard.stopFor = 1h;
+    m_settings.maxWorkers = 1;
+    Start();
+    const auto first = Submit("connect\nstatus 3\nexit 7\n");
+    const auto second = Submit("connect\nstatus 3\nexit 8\n");
+    EventsUntil(second, "type-stopped");
+    const auto third = Submit("connect\nstatus 3\nfinal 0\nbye\n");
+    json task = Show(third);
+    EXPECT_EQ(task["state"], "queued");
+    ASSERT_FALSE(task["waits"].empty());
+    EXPECT_EQ(task["waits"][0]["rule"], "stopped");
+    const std::string reason = task["waits"][0]["text"];
+    EXPECT_EQ(reason.find("2 attempts of type mc failed in a row, the last of them " + second + ": "), 0u)
+        << reason;
+    EXPECT_NE(reason.find("exit code 8"), std::string::npos) << reason;
+    EXPECT_EQ(Ask("GET", "/api/v1/health")["stopped"][0]["reason"], reason);
+    // A restart does not forget it.
+    Stop();
+    m_settings.retry.standard.stopFor = 50ms;
+    Start();
+    EXPECT_EQ(Show(third)["state"], "queued");
+    EXPECT_EQ(Ask("POST", "/api/v1/undrain", {{"type", "mc"}})["changed"], true);
+    EXPECT_EQ(Ended(third)["state"], "finished");
+    // Stopped again for a short while, then one is tried by itself.
+    Ended(Submit("exit 7\n"));
+    EventsUntil(Submit("exit 7\n"), "type-stopped");
+    EXPECT_EQ(Ended(Submit("connect\nstatus 3\nfinal 0\nbye\n"))["state"], "finished");
+    EXPECT_TRUE(Ask("GET", "/api/v1/health")["stopped"].empty());
+    EXPECT_EQ(Show(first)["state"], "lost");
+}
+
+TEST_F(EngineTest, ADrainedNodeStartsNothingUntilItIsUndrained) {
+    Start();
+    EXPECT_EQ(Ask("POST", "/api/v1/drain")["changed"], true);
+    Stop();
+    Start();
+    const auto id = Submit("connect\nstatus 3\nfinal 0\nbye\n");
+    EXPECT_EQ(Show(id)["waits"][0]["rule"], "drained");
+    EXPECT_EQ(Show(id)["attempts"], 0);
+    EXPECT_EQ(Ask("POST", "/api/v1/undrain")["changed"], true);
+    EXPECT_EQ(Ended(id)["state"], "finished");
+}
+
+TEST_F(EngineTest, ADeletedTaskIsGoneWithItsOutput) {
+    Start();
+    const auto id = Submit("connect\nstatus 3\nprint text\nfinal 0\nbye\n");
+    const auto output = PathFromUtf8(Ended(id)["attempt_list"][0]["output"].get<std::string>());
+    EXPECT_TRUE(std::filesystem::exists(output));
+    // Its worker has exited; the engine may need a moment more to see the end of its session.
+    json answer;
+    EXPECT_TRUE(kit::WaitUntil([&] {
+        answer = Ask("DELETE", "/api/v1/tasks/" + id);
+        return answer.contains("result");
+    }));
+    EXPECT_EQ(answer["result"], "deleted");
+    EXPECT_FALSE(std::filesystem::exists(output));
+    EXPECT_EQ(Ask("GET", "/api/v1/tasks/" + id)["error"]["code"], "unknown-task");
+    EXPECT_EQ(Ask("DELETE", "/api/v1/tasks/" + id)["result"], "already-deleted");
+}
+
+}  // namespace
+}  // namespace rq::engine
