@@ -38,6 +38,7 @@ struct Peer {
     std::uint64_t ackedByWorker = 0;
     bool reading = true;
     bool closeWhenSent = false;
+    bool endWhenSent = false;
     bool closed = false;
 };
 using PeerPointer = std::shared_ptr<Peer>;
@@ -147,8 +148,22 @@ struct ScriptedEngine::State {
                               peer->output.pop_front();
                               if (error) return Close(peer);
                               if (!peer->output.empty()) return WriteNext(peer);
+                              if (peer->endWhenSent) EndSending(peer);
                               if (peer->closeWhenSent) Close(peer);
                           });
+    }
+
+    // Closed when the worker has closed: whatever came from it after a close would reset the connection, and
+    // what the worker had not read by then would be lost.
+    void EndAfterOutput(const PeerPointer& peer) {
+        peer->endWhenSent = true;
+        if (peer->output.empty()) EndSending(peer);
+    }
+
+    void EndSending(const PeerPointer& peer) {
+        if (!peer->reading) return Close(peer);
+        error_code ignored;
+        peer->socket.shutdown(tcp::socket::shutdown_send, ignored);
     }
 
     void CloseAfterOutput(const PeerPointer& peer) {
@@ -316,7 +331,7 @@ void ScriptedEngine::StopReading() {
 }
 
 void ScriptedEngine::CloseConnection() {
-    m_state->OnThread([&](const PeerPointer& peer) { m_state->CloseAfterOutput(peer); });
+    m_state->OnThread([&](const PeerPointer& peer) { m_state->EndAfterOutput(peer); });
 }
 
 void ScriptedEngine::ResetConnection() {

@@ -70,7 +70,7 @@ class ScriptedEngine {
     // Acknowledges everything received, held or not.
     void AcknowledgeAll();
     void StopReading();
-    // Closes in good order, after what was sent; or with a reset.
+    // Closes in good order, after what was sent and when the worker has closed too; or with a reset.
     void CloseConnection();
     void ResetConnection();
 
