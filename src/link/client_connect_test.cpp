@@ -190,17 +190,25 @@ TEST(EngineClientConnect, AnEngineThatDoesNotAnswerIsAFailureInBoundedTime) {
     EXPECT_TRUE(engine.WaitForClosed(1));
 }
 
+// The engine answers HELLO when the test says so, after Connect has given up.
+class EngineClientLateAnswer : public testing::Test {
+  protected:
+    EngineClientLateAnswer() {
+        m_engineOptions.answerHello = false;
+        m_options.clock = &m_clock;
+    }
+
+    LateConnectionClock m_clock;
+    kit::ScriptedEngineOptions m_engineOptions;
+    EngineClientOptions m_options;
+};
+
 // Nobody would know of the session: it is closed, what the engine orders in it is not handed on, and its end
 // is no loss.
-TEST(EngineClientConnect, AnAnswerAfterConnectHasGivenUpOpensNoSession) {
-    kit::ScriptedEngineOptions engineOptions;
-    engineOptions.answerHello = false;
-    kit::ScriptedEngine engine(engineOptions);
-    LateConnectionClock clock;
-    EngineClientOptions options;
-    options.clock = &clock;
-    TestClient test(options);
-    ASSERT_TRUE(clock.ConnectInVain(test, engine));
+TEST_F(EngineClientLateAnswer, OpensNoSession) {
+    kit::ScriptedEngine engine(m_engineOptions);
+    TestClient test(m_options);
+    ASSERT_TRUE(m_clock.ConnectInVain(test, engine));
     const std::string welcome = EncodeWelcome({1, 9, 0, 0, 0, {}});
     engine.SendRaw(EncodeFrame({0, 0, kWelcomeId, welcome}).value() + EncodeFrame({1, 0, 4014, {}}).value());
     ASSERT_TRUE(engine.WaitForClosed(1));
@@ -216,16 +224,10 @@ TEST(EngineClientConnect, AnAnswerAfterConnectHasGivenUpOpensNoSession) {
     EXPECT_EQ(test.handler.All()[0].id, TCP_TASK_SUSPEND_ID);
 }
 
-TEST(EngineClientConnect, AnAnswerAndAnEndAfterConnectHasGivenUpLeaveNothingOpen) {
-    kit::ScriptedEngineOptions engineOptions;
-    engineOptions.answerHello = false;
-    engineOptions.closeOnBye = false;
-    kit::ScriptedEngine engine(engineOptions);
-    LateConnectionClock clock;
-    EngineClientOptions options;
-    options.clock = &clock;
-    TestClient test(options);
-    ASSERT_TRUE(clock.ConnectInVain(test, engine));
+TEST_F(EngineClientLateAnswer, WithAnEndBehindItLeavesNothingOpen) {
+    kit::ScriptedEngine engine(m_engineOptions);
+    TestClient test(m_options);
+    ASSERT_TRUE(m_clock.ConnectInVain(test, engine));
     engine.SendRaw(EncodeFrame({0, 0, kWelcomeId, EncodeWelcome({1, 9, 0, 0, 0, {}})}).value() +
                    EncodeFrame({0, 0, kByeId, {}}).value());
     EXPECT_TRUE(engine.WaitForClosed(1));  // by the client: the engine waits for that

@@ -2,11 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <new>
 
+#include "kit/watched_new.h"
 #include "link/client_test_kit.h"
-#include "platform/noinline.h"
 
 namespace {
 
@@ -17,24 +15,11 @@ std::atomic<bool> g_hasFailed{false};
 
 }  // namespace
 
-// Not inlined, since the compiler would take malloc and free at one place for a pair that does not fit.
-RQ_NOINLINE void* operator new(std::size_t size_bytes) {
-    if (t_failing > 0 && t_good-- <= 0) {
-        --t_failing;
-        g_hasFailed = true;
-        throw std::bad_alloc();
-    }
-    void* memory = std::malloc(size_bytes > 0 ? size_bytes : 1);
-    if (memory == nullptr) throw std::bad_alloc();
-    return memory;
-}
-
-RQ_NOINLINE void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-
-RQ_NOINLINE void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
+bool rq::kit::MayAllocate(std::size_t) {
+    if (t_failing == 0 || t_good-- > 0) return true;
+    --t_failing;
+    g_hasFailed = true;
+    return false;
 }
 
 namespace rq::link {

@@ -3,13 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <limits>
-#include <new>
 
 #include "base/paths.h"
 #include "kit/temp_dir.h"
-#include "platform/noinline.h"
+#include "kit/watched_new.h"
 #include "plugin/worker_type_table.h"
 #include "util/log_capture.h"
 
@@ -20,20 +18,8 @@ std::atomic<std::size_t> g_largest_bytes{kUnlimited};  // what a single allocati
 
 }  // namespace
 
-// Not inlined, since the compiler would take malloc and free at one place for a pair that does not fit.
-RQ_NOINLINE void* operator new(std::size_t size_bytes) {
-    if (size_bytes > g_largest_bytes) throw std::bad_alloc();
-    void* memory = std::malloc(size_bytes > 0 ? size_bytes : 1);
-    if (memory == nullptr) throw std::bad_alloc();
-    return memory;
-}
-
-RQ_NOINLINE void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-
-RQ_NOINLINE void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
+bool rq::kit::MayAllocate(std::size_t size_bytes) {
+    return size_bytes <= g_largest_bytes;
 }
 
 namespace rq {

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "kit/replies.h"
+#include "link/codec.h"
 #include "simulation/world.h"
 
 namespace rq::sim {
@@ -11,19 +13,6 @@ namespace {
 // The order in which a worker starts its threads; those after them are one for each task's progress.
 enum ThreadNumber { kMain = 0, kWorld = 1, kHandler = 2, kIo = 3, kHeartbeat = 4 };
 
-std::uint32_t ReplyTo(std::uint32_t order) {
-    switch (order) {
-        case TCP_TASK_CANCEL_ID:
-        case TCP_TASK_SUSPEND_ID:
-        case TCP_TASK_RESUME_ID:
-        case TCP_TASK_UPDATE_ID:
-        case TCP_TASK_FINISH_ID:
-            return order + 1;
-        default:
-            return 0;
-    }
-}
-
 // Orders that end the work loop of a package, or of a worker that has no task yet.
 bool IsStop(std::uint32_t order) {
     return order == TCP_TASK_CANCEL_ID || order == TCP_TASK_FINISH_ID || order == TCP_SERVER_DISCONNECT_ID;
@@ -31,10 +20,6 @@ bool IsStop(std::uint32_t order) {
 
 bool IsExit(std::uint32_t order) {
     return order == TCP_WORKER_DESTROY_ID || order == TCP_SERVER_DISCONNECT_ID;
-}
-
-bool IsFinal(std::uint32_t status) {
-    return status == kTaskFinished || status == kTaskError || status == kTaskCancelled;
 }
 
 bool IsRetried(std::uint32_t status) {
@@ -136,7 +121,7 @@ void Watch::BeginOrder(std::uint32_t id, std::uint32_t session) {
 }
 
 void Watch::EndOrder(std::uint32_t id, std::uint32_t session) {
-    Require(m_replies == (ReplyTo(id) != 0 ? 1 : 0),
+    Require(m_replies == (kit::ReplyTo(id) != 0 ? 1 : 0),
             "order " + std::to_string(id) + " got " + std::to_string(m_replies) + " replies");
     m_orderInHand = 0;
     if (IsStop(id)) m_stopAt = std::min(m_stopAt, Now());
@@ -165,14 +150,14 @@ Watch::Send Watch::BeginSend(std::uint32_t session, std::uint32_t id, const void
     std::string what = "sends " + std::to_string(id);
     if (id == TCP_WORKER_STATE_ID) {
         send.state = &static_cast<const EngineStateMessage*>(record)->entries.at(0);
-        send.isFinal = IsFinal(send.state->status);
+        send.isFinal = link::IsFinalTaskStatus(send.state->status);
         what += " status " + std::to_string(send.state->status) + " of " + send.state->taskId;
     }
     m_world.scheduler.Note(what + " in session " + std::to_string(session));
     Require(m_lossAtStep == 0 || session == kNoSession, "a send after the loss carries a session");
 
     if (id == TCP_WORKER_SEND_ID) Require(++m_notices == 1, "a second notice is sent");
-    if (thread == kHandler && id == ReplyTo(m_orderInHand)) ++m_replies;
+    if (thread == kHandler && id == kit::ReplyTo(m_orderInHand)) ++m_replies;
     if (id == TCP_WORKER_HEARTBEAT_ID) CheckHeartbeat();
     if (id == TCP_WORKER_PROGRESS_ID) CheckProgress(*static_cast<const EngineProgressMessage*>(record));
     if (id == TCP_WORKER_STATE_ID && thread == kMain) CheckReportedState(send);
@@ -364,7 +349,7 @@ void Watch::OnPerformed(std::uint32_t status) {
     m_reportIsDue = true;
     m_dueStatus = status;
     m_lastActivity = Now();
-    if (IsFinal(status)) m_performedAtStep = Step();
+    if (link::IsFinalTaskStatus(status)) m_performedAtStep = Step();
 }
 
 void Watch::OnWorkOver() {

@@ -2,29 +2,15 @@
 
 #include <utility>
 
+#include "kit/replies.h"
+#include "link/codec.h"
+
 namespace rq::stress {
 namespace {
 
 constexpr auto kRelaxed = std::memory_order_relaxed;
 constexpr std::uint32_t kStallDetailError = 0x80000001u;
 constexpr std::uint32_t kStallTaskError = 6;
-
-std::uint32_t ReplyTo(std::uint32_t order) {
-    switch (order) {
-        case TCP_TASK_CANCEL_ID:
-        case TCP_TASK_SUSPEND_ID:
-        case TCP_TASK_RESUME_ID:
-        case TCP_TASK_UPDATE_ID:
-        case TCP_TASK_FINISH_ID:
-            return order + 1;
-        default:
-            return 0;
-    }
-}
-
-bool IsFinal(std::uint32_t status) {
-    return status == kTaskFinished || status == kTaskError || status == kTaskCancelled;
-}
 
 }  // namespace
 
@@ -96,7 +82,7 @@ void Watch::HandleOrder(std::uint32_t id, const void* payload) {
     if (id == TCP_SERVER_DISCONNECT_ID) m_lossBegun.store(true, kRelaxed);
     m_handler(id, payload, m_context);
     if (id == TCP_SERVER_DISCONNECT_ID) m_lossTold.store(true, kRelaxed);
-    const int wanted = ReplyTo(id) != 0 ? 1 : 0;
+    const int wanted = kit::ReplyTo(id) != 0 ? 1 : 0;
     if (m_replies != wanted)
         Fail("order " + std::to_string(id) + " got " + std::to_string(m_replies) + " replies");
     m_orderInHand.store(0, kRelaxed);
@@ -109,7 +95,7 @@ Watch::Send Watch::BeginSend(std::uint32_t session, std::uint32_t id, const void
     Require(!m_isDisconnected.load(kRelaxed), "a message is sent after Disconnect");
     ++m_counts.sends;
     if (std::this_thread::get_id() == m_handlerThread.load(kRelaxed) &&
-        id == ReplyTo(m_orderInHand.load(kRelaxed)))
+        id == kit::ReplyTo(m_orderInHand.load(kRelaxed)))
         ++m_replies;
 
     Send send;
@@ -140,7 +126,7 @@ void Watch::CheckProgress(const ProgressEntry& entry) {
 }
 
 void Watch::CheckState(const TaskStatusEntry& entry, Send& send) {
-    if (IsFinal(entry.status)) {
+    if (link::IsFinalTaskStatus(entry.status)) {
         send.state = &entry;
         send.isStall = entry.errorCode == kStallTaskError && entry.detailErrorCode == kStallDetailError;
         if (send.isStall) ++m_counts.stalls;
