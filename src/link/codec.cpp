@@ -263,7 +263,8 @@ std::string EncodeHello(const Hello& hello) {
     out.set_process_id(hello.processId);
     out.set_worker_version(hello.workerVersion);
     out.set_resume_session_id(hello.resumeSessionId);
-    out.set_resume_ack(hello.resumeAck);
+    out.set_resume_received(hello.resumeReceived);
+    out.set_resume_acknowledged(hello.resumeAcknowledged);
     return out.SerializeAsString();
 }
 
@@ -275,6 +276,7 @@ std::string EncodeWelcome(const Welcome& welcome) {
     out.set_ping_interval_ms(welcome.pingInterval_ms);
     out.set_silence_limit_ms(welcome.silenceLimit_ms);
     out.set_spool_folder(welcome.spoolFolder);
+    out.set_attempt(welcome.attempt);
     return out.SerializeAsString();
 }
 
@@ -288,8 +290,10 @@ std::string EncodeRefuse(const Refuse& refuse) {
 Result<Hello> DecodeHello(std::string_view body) {
     wire::Hello in;
     if (!Parse(body, &in)) return NotDecodable(kHelloId);
-    return Hello{in.protocol_version(),  in.token(),     in.attempt(), in.process_id(), in.worker_version(),
-                 in.resume_session_id(), in.resume_ack()};
+    return Hello{in.protocol_version(), in.token(),
+                 in.attempt(),          in.process_id(),
+                 in.worker_version(),   in.resume_session_id(),
+                 in.resume_received(),  in.resume_acknowledged()};
 }
 
 Result<Welcome> DecodeWelcome(std::string_view body) {
@@ -297,8 +301,8 @@ Result<Welcome> DecodeWelcome(std::string_view body) {
     if (!Parse(body, &in)) return NotDecodable(kWelcomeId);
     if (in.session_id() == 0 || in.session_id() == kNoSession)
         return Fail("WELCOME with the session ID " + std::to_string(in.session_id()));
-    return Welcome{in.protocol_version(), in.session_id(),       in.resume_window_ms(),
-                   in.ping_interval_ms(), in.silence_limit_ms(), in.spool_folder()};
+    return Welcome{in.protocol_version(), in.session_id(),   in.resume_window_ms(), in.ping_interval_ms(),
+                   in.silence_limit_ms(), in.spool_folder(), in.attempt()};
 }
 
 Result<Refuse> DecodeRefuse(std::string_view body) {

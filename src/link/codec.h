@@ -26,7 +26,8 @@ struct Hello {
     std::uint64_t processId = 0;
     std::string workerVersion;
     std::uint32_t resumeSessionId = 0;  // 0: a new session
-    std::uint64_t resumeAck = 0;
+    std::uint64_t resumeReceived = 0;
+    std::uint64_t resumeAcknowledged = 0;
 };
 
 struct Welcome {
@@ -35,7 +36,8 @@ struct Welcome {
     std::uint32_t resumeWindow_ms = 0;  // 0: no resume
     std::uint32_t pingInterval_ms = 15'000;
     std::uint32_t silenceLimit_ms = 60'000;
-    std::string spoolFolder;  // reserved
+    std::string spoolFolder;   // for unacknowledged final statuses; empty: none
+    std::string attempt = {};  // the engine's name for this start
 };
 
 enum RefuseCode : std::uint32_t {
@@ -44,6 +46,7 @@ enum RefuseCode : std::uint32_t {
     kRefuseAttempt = 3,    // unknown, or already used by another connection
     kRefuseHandshake = 4,  // no HELLO in time, or something else in its place
     kRefuseEnding = 5,     // the engine is ending or full; a later attempt may succeed
+    kRefuseSession = 6,    // the session cannot be continued
 };
 
 struct Refuse {

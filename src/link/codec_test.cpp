@@ -30,7 +30,7 @@ Record ThereAndBack(std::uint32_t id, const Record& record) {
 }
 
 TEST(Codec, Hello) {
-    const Hello hello{1, kBytes, "attempt", 1ull << 40, "1.13.0", 0xFFFFFFFEu, 12};
+    const Hello hello{1, kBytes, "attempt", 1ull << 40, "1.13.0", 0xFFFFFFFEu, 12, 9};
     const Result<Hello> back = DecodeHello(EncodeHello(hello));
     ASSERT_TRUE(back);
     EXPECT_EQ(back->protocolVersion, 1u);
@@ -39,19 +39,21 @@ TEST(Codec, Hello) {
     EXPECT_EQ(back->processId, 1ull << 40);
     EXPECT_EQ(back->workerVersion, "1.13.0");
     EXPECT_EQ(back->resumeSessionId, 0xFFFFFFFEu);
-    EXPECT_EQ(back->resumeAck, 12u);
+    EXPECT_EQ(back->resumeReceived, 12u);
+    EXPECT_EQ(back->resumeAcknowledged, 9u);
 }
 
 TEST(Codec, Welcome) {
-    const Result<Welcome> back = DecodeWelcome(EncodeWelcome({1, 9, 60'000, 10, 20, "folder"}));
+    const Result<Welcome> back = DecodeWelcome(EncodeWelcome({1, 9, 60'000, 10, 20, "folder", "a1"}));
     ASSERT_TRUE(back);
     EXPECT_EQ(back->sessionId, 9u);
     EXPECT_EQ(back->resumeWindow_ms, 60'000u);
     EXPECT_EQ(back->pingInterval_ms, 10u);
     EXPECT_EQ(back->silenceLimit_ms, 20u);
     EXPECT_EQ(back->spoolFolder, "folder");
-    EXPECT_FALSE(DecodeWelcome(EncodeWelcome({1, 0, 0, 1, 1, {}})));
-    EXPECT_FALSE(DecodeWelcome(EncodeWelcome({1, kNoSession, 0, 1, 1, {}})));
+    EXPECT_EQ(back->attempt, "a1");
+    EXPECT_FALSE(DecodeWelcome(EncodeWelcome({1, 0, 0, 1, 1, {}, {}})));
+    EXPECT_FALSE(DecodeWelcome(EncodeWelcome({1, kNoSession, 0, 1, 1, {}, {}})));
 }
 
 TEST(Codec, Refuse) {

@@ -31,9 +31,10 @@ def _field(name, kind, repeated=False, schema=None):
 
 HELLO = {1: _field("protocol_version", UINT), 2: _field("token", BYTES), 3: _field("attempt", BYTES),
          4: _field("process_id", UINT), 5: _field("worker_version", BYTES), 6: _field("resume_session_id", UINT),
-         7: _field("resume_ack", UINT)}
+         7: _field("resume_received", UINT), 8: _field("resume_acknowledged", UINT)}
 WELCOME = {1: _field("protocol_version", UINT), 2: _field("session_id", UINT), 3: _field("resume_window_ms", UINT),
-           4: _field("ping_interval_ms", UINT), 5: _field("silence_limit_ms", UINT), 6: _field("spool_folder", BYTES)}
+           4: _field("ping_interval_ms", UINT), 5: _field("silence_limit_ms", UINT), 6: _field("spool_folder", BYTES),
+           7: _field("attempt", BYTES)}
 REFUSE = {1: _field("code", UINT), 2: _field("text", BYTES)}
 EMPTY = {}
 HEARTBEAT = {1: _field("version", BYTES), 2: _field("worker_guid", BYTES)}

@@ -375,7 +375,7 @@ class Handshake(EngineCase):
 
     def test_resume_is_a_new_session(self):
         first = self.connect()
-        second = self.connect(resume_session_id=first.session, resume_ack=0)
+        second = self.connect(resume_session_id=first.session, resume_received=0)
         self.assertNotEqual(first.session, second.session)
 
     def test_bad_first_frame(self):

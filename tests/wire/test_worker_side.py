@@ -101,7 +101,8 @@ class TypicalTask(WorkerCase):
         else:
             self.assertEqual(hello["process_id"], engine.worker.pid)
         self.assertTrue(hello["worker_version"])
-        self.assertEqual((hello["resume_session_id"], hello["resume_ack"]), (0, 0))
+        self.assertEqual((hello["resume_session_id"], hello["resume_received"],
+                          hello["resume_acknowledged"]), (0, 0, 0))
 
         notice = link.receive()
         self.assertEqual((notice.id, notice.seq), (peer.ID_NOTICE, 1))
