@@ -1,5 +1,6 @@
 #include "ctl/journal_file.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -32,6 +33,22 @@ std::optional<std::string> FromHex(const std::string& hex) {
         bytes += static_cast<char>(high * 16 + low);
     }
     return bytes;
+}
+
+// Its HELLO asks for an earlier session, and the answer gives that session.
+bool Resumes(const JournalConnection& connection) {
+    std::uint32_t wanted = 0;
+    for (const JournalFrame& line : connection.frames) {
+        if (line.frame.id == link::kHelloId) {
+            const auto hello = link::DecodeHello(line.frame.body);
+            if (hello) wanted = hello->resumeSessionId;
+        } else if (line.frame.id == link::kWelcomeId) {
+            const auto welcome = link::DecodeWelcome(line.frame.body);
+            return welcome && wanted != 0 && welcome->sessionId == wanted;
+        }
+    }
+    // Not answered: it belongs to nobody, and a session that goes on later is not cut by it.
+    return wanted != 0;
 }
 
 std::uint64_t Number(const json& line, const char* name) {
@@ -162,11 +179,20 @@ std::string ControlWords(std::uint32_t id, std::string_view body) {
         const auto hello = link::DecodeHello(body);
         if (!hello) return hello.error().message;
         return "version " + std::to_string(hello->protocolVersion) + ", attempt " + Shown(hello->attempt) +
-               ", process " + std::to_string(hello->processId) + ", worker " + Shown(hello->workerVersion);
+               ", process " + std::to_string(hello->processId) + ", worker " + Shown(hello->workerVersion) +
+               (hello->resumeSessionId == 0
+                    ? std::string()
+                    : ", resumes session " + std::to_string(hello->resumeSessionId) + " after " +
+                          std::to_string(hello->resumeReceived) + ", acknowledged " +
+                          std::to_string(hello->resumeAcknowledged));
     }
     if (id == link::kWelcomeId) {
         const auto welcome = link::DecodeWelcome(body);
-        return welcome ? "session " + std::to_string(welcome->sessionId) : welcome.error().message;
+        if (!welcome) return welcome.error().message;
+        return "session " + std::to_string(welcome->sessionId) +
+               (welcome->resumeWindow_ms == 0
+                    ? std::string()
+                    : ", resumed within " + std::to_string(welcome->resumeWindow_ms) + " ms");
     }
     if (id == link::kRefuseId) {
         const auto refuse = link::DecodeRefuse(body);
@@ -208,6 +234,31 @@ std::string FrameWords(std::uint32_t id, std::string_view body) {
         words = std::to_string(body.size()) + " bytes that this program does not know";
     }
     return link::IdText(id) + (words.empty() ? "" : " " + words);
+}
+
+std::vector<JournalConnection> JournalSessions(const Journal& journal) {
+    std::vector<JournalConnection> sessions;
+    std::uint64_t sent = 0;      // highest of the worker's numbers in the session
+    std::uint64_t received = 0;  // and of the engine's
+    for (const JournalConnection& connection : journal.connections) {
+        const bool isJoined = !sessions.empty() && Resumes(connection);
+        if (!isJoined) {
+            sessions.push_back(connection);
+            sessions.back().frames.clear();
+            sent = received = 0;
+        }
+        JournalConnection& session = sessions.back();
+        for (const JournalFrame& line : connection.frames) {
+            const std::uint32_t id = line.frame.id;
+            if (isJoined && id >= link::kHelloId && id <= link::kRefuseId) continue;
+            std::uint64_t& highest = line.fromWorker ? sent : received;
+            if (line.frame.seq != 0 && line.frame.seq <= highest) continue;
+            highest = std::max(highest, line.frame.seq);
+            session.frames.push_back(line);
+        }
+        if (isJoined) session.endings = connection.endings;
+    }
+    return sessions;
 }
 
 std::string PrintJournal(const Journal& journal) {

@@ -32,6 +32,10 @@ struct Journal {
 };
 Result<Journal> ParseJournal(std::string_view text);
 
+// Those connections that resume a session (docs/engine-link.md, section 4) joined with the one that they
+// resume, each frame once: what crossed the link as if it had never broken.
+std::vector<JournalConnection> JournalSessions(const Journal& journal);
+
 // "4009 state: 0 finished" and the like, one line of UTF-8. A body that cannot be decoded is told so.
 std::string FrameWords(std::uint32_t id, std::string_view body);
 

@@ -172,10 +172,12 @@ void AddCommands(CLI::App& app, CommandLine& line) {
     replay->add_option("file", line.journal, "What a worker wrote with RQ_LINK_JOURNAL")
         ->required()
         ->type_name("FILE");
-    replay->add_flag("--print", line.replay.print, "Only print the journal in words");
+    auto* print = replay->add_flag("--print", line.replay.print, "Only print the whole journal in words");
     replay->add_option("--port", line.replay.port, "Port to wait on; otherwise a free one")
+        ->excludes(print)
         ->type_name("PORT");
     replay->add_option("--connection", line.replay.connection, "Which connection of the journal")
+        ->excludes(print)
         ->capture_default_str();
     replay->add_option("--wait", line.replayWait_s, "Seconds to wait for the worker's next message")
         ->check(CLI::Range(1, 86'400))

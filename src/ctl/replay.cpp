@@ -45,6 +45,16 @@ class RepeatedFinal {
     std::optional<std::string> m_last;
 };
 
+// A WELCOME with no window and no spool: the player is gone after its last frame, and its folder is another
+// machine's.
+std::string WithoutResume(const link::Frame& answer) {
+    auto welcome = link::DecodeWelcome(answer.body);
+    if (answer.id != link::kWelcomeId || !welcome) return answer.body;
+    welcome->resumeWindow_ms = 0;
+    welcome->spoolFolder.clear();
+    return link::EncodeWelcome(*welcome);
+}
+
 // The one worker's connection. Everything runs inside Run.
 class Player {
   public:
@@ -118,7 +128,7 @@ class Player {
         const link::Frame* answer = m_script.Answer();
         if (answer == nullptr)
             return End("the journal's connection has no answer to HELLO: nothing can be played");
-        Send(0, answer->id, answer->body);
+        Send(0, answer->id, WithoutResume(*answer));
         if (answer->id == link::kRefuseId) return End({});
         m_isWelcome = true;
         GoOn();
@@ -257,10 +267,14 @@ Outcome<int> Replay(const std::string& path, const ReplayOptions& options) {
         Print(PrintJournal(*journal));
         return kExitFinished;
     }
-    if (options.connection < 1 || options.connection > journal->connections.size())
-        return Failure(kExitUsage, "--connection: the journal has " +
-                                       std::to_string(journal->connections.size()) + " connection(s)");
-    return Play(journal->connections[options.connection - 1], options, [](std::uint16_t port) {
+    const auto sessions = JournalSessions(*journal);
+    if (options.connection < 1 || options.connection > sessions.size())
+        return Failure(kExitUsage,
+                       "--connection: the journal has " + std::to_string(sessions.size()) + " connection(s)");
+    if (journal->strangeLines != 0)
+        Print(std::to_string(journal->strangeLines) +
+              " line(s) of the journal cannot be read and are left out\n");
+    return Play(sessions[options.connection - 1], options, [](std::uint16_t port) {
         Print("waiting on 127.0.0.1:" + std::to_string(port) +
               " for a worker: RQWorkerU TYPE PARAMETER-FILE " + std::to_string(port) + " 1\n");
     });

@@ -55,6 +55,66 @@ TEST(ParseJournal, RefusesWhatIsNoJournal) {
     EXPECT_FALSE(ParseJournal("{\"way\": \"in\", \"id\": 4014}\n"));
 }
 
+JournalFrame Numbered(bool fromWorker, std::uint64_t seq, std::uint32_t id, std::string body = {}) {
+    return {"T", fromWorker, {seq, 0, id, std::move(body)}};
+}
+
+std::vector<std::uint64_t> Numbers(const JournalConnection& connection) {
+    std::vector<std::uint64_t> numbers;
+    for (const JournalFrame& line : connection.frames) numbers.push_back(line.frame.seq);
+    return numbers;
+}
+
+TEST(JournalSessions, JoinWhatWasResumedAndKeepEachFrameOnce) {
+    link::Welcome welcome;
+    welcome.sessionId = 7;
+    link::Hello again;
+    again.resumeSessionId = 7;
+    const auto hello = [](const link::Hello& body) {
+        return Numbered(true, 0, link::kHelloId, link::EncodeHello(body));
+    };
+    const auto answer = Numbered(false, 0, link::kWelcomeId, link::EncodeWelcome(welcome));
+    Journal journal;
+    journal.connections.resize(5);
+    journal.connections[0].frames = {hello({}), answer, Numbered(true, 1, 4001), Numbered(true, 2, 4009),
+                                     Numbered(false, 1, 4004)};
+    journal.connections[0].endings = {"close: lost"};
+    // The engine ends: nobody answers, then it refuses, then it goes on.
+    journal.connections[1].frames = {hello(again)};
+    journal.connections[2].frames = {
+        hello(again), Numbered(false, 0, link::kRefuseId, link::EncodeRefuse({link::kRefuseEnding, ""}))};
+    journal.connections[3].frames = {hello(again), answer, Numbered(true, 2, 4009), Numbered(true, 3, 4005),
+                                     Numbered(false, 2, 4014)};
+    journal.connections[3].endings = {"close: left"};
+    journal.connections[4].frames = {hello({}), answer, Numbered(true, 1, 4001)};
+
+    const auto sessions = JournalSessions(journal);
+    ASSERT_EQ(sessions.size(), 2u);
+    EXPECT_EQ(Numbers(sessions[0]), (std::vector<std::uint64_t>{0, 0, 1, 2, 1, 3, 2}));
+    EXPECT_EQ(sessions[0].endings, std::vector<std::string>{"close: left"});
+    EXPECT_EQ(Numbers(sessions[1]), (std::vector<std::uint64_t>{0, 0, 1}));
+
+    // Another session than the one that was asked for is a new one.
+    welcome.sessionId = 8;
+    journal.connections[3].frames[1].frame.body = link::EncodeWelcome(welcome);
+    EXPECT_EQ(JournalSessions(journal).size(), 3u);
+}
+
+TEST(FrameWords, TellOfAResumedSession) {
+    link::Hello hello;
+    hello.resumeSessionId = 7;
+    hello.resumeReceived = 3;
+    hello.resumeAcknowledged = 2;
+    EXPECT_NE(FrameWords(1, link::EncodeHello(hello)).find(", resumes session 7 after 3, acknowledged 2"),
+              std::string::npos);
+    EXPECT_EQ(FrameWords(1, link::EncodeHello({})).find("resumes"), std::string::npos);
+    link::Welcome welcome;
+    welcome.sessionId = 7;
+    welcome.resumeWindow_ms = 60'000;
+    EXPECT_NE(FrameWords(2, link::EncodeWelcome(welcome)).find("session 7, resumed within 60000 ms"),
+              std::string::npos);
+}
+
 TEST(FrameWords, TellEachKind) {
     EXPECT_EQ(FrameWords(4, ""), "ACK");
     EXPECT_EQ(FrameWords(4014, ""), "4014 order to end");
@@ -211,6 +271,41 @@ TEST(Play, DoesForAWorkerWhatTheEngineDid) {
     const auto result = played.get();
     ASSERT_TRUE(result) << result.error().message;
     EXPECT_EQ(*result, kExitFinished);
+}
+
+// The player does not come back, and the journal's folder may be another machine's.
+TEST(Play, OffersNoResumption) {
+    std::promise<std::uint16_t> port;
+    JournalConnection journal = Sample();
+    link::Welcome welcome;
+    welcome.sessionId = 77;
+    welcome.resumeWindow_ms = 60'000;
+    welcome.spoolFolder = "/nowhere";
+    journal.frames[1].frame.body = link::EncodeWelcome(welcome);
+    auto played = std::async(std::launch::async, [&] {
+        ReplayOptions options;
+        options.wait = 60s;
+        return Play(journal, options, [&](std::uint16_t p) { port.set_value(p); });
+    });
+    boost::asio::io_context io;
+    boost::asio::ip::tcp::socket worker(io);
+    worker.connect({boost::asio::ip::address_v4::loopback(), port.get_future().get()});
+    boost::asio::write(
+        worker, boost::asio::buffer(*link::EncodeFrame({0, 0, link::kHelloId, link::EncodeHello({})})));
+    worker.shutdown(boost::asio::ip::tcp::socket::shutdown_send);
+    std::string received;
+    boost::system::error_code error;
+    boost::asio::read(worker, boost::asio::dynamic_buffer(received), error);
+    link::FrameReader reader;
+    reader.Feed(received);
+    link::Frame frame;
+    ASSERT_EQ(reader.Next(&frame), link::FrameReader::Status::Ready);
+    const auto answer = link::DecodeWelcome(frame.body);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->sessionId, 77u);
+    EXPECT_EQ(answer->resumeWindow_ms, 0u);
+    EXPECT_EQ(answer->spoolFolder, "");
+    EXPECT_FALSE(played.get());
 }
 
 // A journal whose worker was killed ends without BYE. Most of what this one sends is unread when the last
