@@ -268,6 +268,21 @@ TEST(Program, EndsWithTwoWhenItIsUsedWrongly) {
     EXPECT_EQ(RunProgram({"--help"}).exitCode, 0);
 }
 
+TEST(Program, SaysThatAFolderIsOne) {
+    const kit::TempDir folder;
+    const Ended run = RunProgram({folder.Utf8()});
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_EQ(run.errors,
+              "rqplugin-check: " + folder.Utf8() + ": that is a folder; give the plug-in library in it\n");
+}
+
+// On Windows, too, where such words are options elsewhere.
+TEST(Program, TakesAWordWithASlashForAPath) {
+    const Ended run = RunProgram({"/not_there.dll"});
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_EQ(run.errors, "rqplugin-check: /not_there.dll: there is no such file\n");
+}
+
 TEST(Program, LeavesNoFolderBehind) {
     const kit::TempDir folder;
     kit::Child::Options options = Environment();

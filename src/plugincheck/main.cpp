@@ -30,6 +30,7 @@ struct CommandLine {
 
 void AddOptions(CLI::App& app, CommandLine& line) {
     CheckOptions& options = line.options;
+    app.allow_windows_style_options(false);  // "/plugins/x.dll" is a path
     app.set_version_flag("--version", std::string("rqplugin-check ") + RQ_VERSION);
     app.add_option("plugin", options.library, "The plug-in library")->required()->type_name("PLUGIN");
     app.add_option("--type", line.type, "Worker type; otherwise the first that the plug-in names")
@@ -61,6 +62,8 @@ void AddOptions(CLI::App& app, CommandLine& line) {
 std::string TakeFiles(const CLI::App& app, CommandLine& line) {
     std::error_code error;
     const auto path = std::filesystem::absolute(rq::PathFromUtf8(line.options.library), error);
+    if (!error && std::filesystem::is_directory(path, error))
+        return line.options.library + ": that is a folder; give the plug-in library in it";
     if (error || !std::filesystem::is_regular_file(path, error))
         return line.options.library + ": there is no such file";
     line.options.library = rq::Utf8FromPath(path.lexically_normal());
