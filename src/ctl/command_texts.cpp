@@ -63,6 +63,7 @@ std::string CodeAndText(const json& object, const char* name) {
 std::string ExitOf(const json& attempt) {
     const auto found = attempt.find("exit");
     if (found == attempt.end() || !found->is_object()) return {};
+    if (found->contains("unknown")) return "unknown";
     const char* kind = found->contains("signal") ? "signal" : "code";
     // From 0xC0000000 on it is a Windows exception or kill, and known by its hexadecimal form.
     constexpr std::int64_t kFirstExceptionCode = 0xC0000000;

@@ -127,6 +127,7 @@ std::string FinalEventJson(const FinalStatus& final) {
 }
 
 std::string ExitEventJson(const WorkerExit& exit) {
+    if (!exit.isKnown) return Dump({{"unknown", true}});
     return Dump({{exit.signalled ? "signal" : "code", exit.code}});
 }
 

@@ -27,7 +27,7 @@ json CodeAndText(std::int64_t code, const std::string& text) {
 json ExitJson(const AttemptRow& attempt) {
     if (attempt.exitSignal) return {{"signal", *attempt.exitSignal}};
     if (attempt.exitCode) return {{"code", *attempt.exitCode}};
-    return nullptr;
+    return attempt.exited_us ? json{{"unknown", true}} : json(nullptr);
 }
 
 json TextOrNull(const std::string& text) {

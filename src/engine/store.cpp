@@ -122,8 +122,8 @@ Claim Store::NewAttempt(std::int64_t task) {
     claim.number = static_cast<std::int32_t>(query.Number());
     m_database
         ->Prepare(
-            "INSERT INTO attempts (task, number, token, state, created_us) "
-            "VALUES (?1, ?2, ?3, 'starting', ?4)")
+            "INSERT INTO attempts (task, number, token, state, created_us, is_open) "
+            "VALUES (?1, ?2, ?3, 'starting', ?4, 1)")
         .Bind(task)
         .Bind(std::int64_t{claim.number})
         .Bind(claim.token)

@@ -22,7 +22,7 @@
 namespace rq::engine {
 
 // Newest schema that this program knows.
-inline constexpr int kSchemaVersion = 3;
+inline constexpr int kSchemaVersion = 4;
 
 class Store {
   public:
@@ -79,9 +79,11 @@ class Store {
     Result<std::vector<TypeStop>> Stops();
 
     // ---- the attempt that holds the token ----
-    Result<void> WorkerStarted(const std::string& token, std::uint64_t processId, const std::string& output);
+    // `mark` tells the process from a later one with its id.
+    Result<void> WorkerStarted(const std::string& token, std::uint64_t processId, const std::string& output,
+                               const std::string& mark = {});
     Result<void> Connected(const std::string& token, std::uint32_t session, std::uint64_t processId,
-                           const std::string& version);
+                           const std::string& version, const std::string& mark = {});
     Result<void> Notice(const std::string& token, const std::string& taskId, const std::string& guid);
     Result<void> Status(const std::string& token, std::uint32_t status);
     // The answer to an order; `json` is the event's data.
@@ -99,6 +101,23 @@ class Store {
     // The same of a worker that ended in good order: the task is cancelled or failed.
     Result<void> Unsaid(const std::string& token, const std::string& reason);
     Result<void> Exited(const std::string& token, const WorkerExit& exit);
+
+    // Between the two, the first verb of this attempt also keeps that the worker's frames up to `seq` are
+    // here; EndRecord does it when there was none. 0: nothing is kept.
+    void BeginRecord(const std::string& token, std::uint64_t seq);
+    Result<void> EndRecord();
+
+    // ---- attempts that outlive a connection, or the engine ----
+    // Events of this kind are added as long as there are not too many of them.
+    Result<void> Interrupted(const std::string& token, const std::string& reason);
+    Result<void> Resumed(const std::string& token, std::uint64_t processId);
+    // Nothing of the attempt is left to wait for.
+    Result<void> Closed(const std::string& token);
+    // Those that are not closed, oldest first.
+    Result<std::vector<OpenAttempt>> OpenAttempts();
+    // The port on which workers were told to find the engine; 0: never.
+    Result<std::uint16_t> LinkPort();
+    Result<void> RememberLinkPort(std::uint16_t port);
 
     // Attempts that a previous run of the engine left open become lost. The number of them.
     Result<int> LoseOpenAttempts(const std::string& reason);
@@ -132,6 +151,7 @@ class Store {
         std::string id;
         bool external = false;
         bool connected = false;
+        std::int64_t interruptions = 0;
         std::int64_t made = 0;  // attempts since the submission or the latest retry order
     };
     // A task as an order finds it.
@@ -172,6 +192,9 @@ class Store {
     template <class Change>
     Result<OrderOutcome> ForOrder(std::int64_t task, StateEvent event, Change change);
     void SetFinishing(std::int64_t task, const Ordered& ordered);
+    void SetAsked(const Ordered& ordered, std::uint32_t id);
+    // In a verb of the attempt: keeps the number of the record that is being taken, if any.
+    void KeepNumber(std::int64_t attempt, const std::string& token);
     bool SameFinal(std::int64_t attempt, const FinalStatus& final);
     void FillAttempts(TaskDetails& details);
     Result<void> Commit(Transaction& transaction, std::int64_t task);
@@ -182,6 +205,8 @@ class Store {
     Now m_now;
     Listener m_listener;
     RetryRules m_rules = RetryRules::Never();
+    std::string m_recordToken;
+    std::uint64_t m_recordSeq = 0;  // 0: none, or kept already
 };
 
 // Brings the file to this version; refuses a newer one. Part of Store::Open, apart for its tests, which also

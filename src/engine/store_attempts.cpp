@@ -30,7 +30,7 @@ AttemptState AttemptStateAfter(StateEvent event) {
 std::optional<Store::Holder> Store::Find(const std::string& token) {
     Statement query = m_database->Prepare(
         "SELECT a.id, a.task, a.state, a.percent, t.state, t.cancel_us IS NOT NULL, t.type, t.public_id, "
-        "t.origin = 'external', a.connected_us IS NOT NULL, t.attempts - t.spent "
+        "t.origin = 'external', a.connected_us IS NOT NULL, t.attempts - t.spent, a.interruptions "
         "FROM attempts a JOIN tasks t ON t.id = a.task WHERE a.token = ?1");
     if (!query.Bind(token).Row()) return std::nullopt;
     Holder holder;
@@ -45,6 +45,7 @@ std::optional<Store::Holder> Store::Find(const std::string& token) {
     holder.external = query.Number() != 0;
     holder.connected = query.Number() != 0;
     holder.made = query.Number();
+    holder.interruptions = query.Number();
     return holder;
 }
 
@@ -55,7 +56,11 @@ Result<void> Store::ForHolder(const std::string& token, Transaction::Sync sync, 
     if (auto ok = Checked(); !ok) return ok;
     if (!holder) return Fail("no attempt has this token");
     change(*holder);
-    return Commit(transaction, holder->task);
+    const auto number = m_recordSeq;
+    KeepNumber(holder->attempt, token);
+    auto done = Commit(transaction, holder->task);
+    if (!done) m_recordSeq = number;
+    return done;
 }
 
 void Store::SetAttemptState(std::int64_t attempt, AttemptState state) {
@@ -73,11 +78,12 @@ void Store::SetAttemptState(std::int64_t attempt, AttemptState state) {
 }
 
 Result<void> Store::WorkerStarted(const std::string& token, std::uint64_t processId,
-                                  const std::string& output) {
+                                  const std::string& output, const std::string& mark) {
     return ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
-        m_database->Prepare("UPDATE attempts SET pid = ?1, output = ?2 WHERE id = ?3")
+        m_database->Prepare("UPDATE attempts SET pid = ?1, output = ?2, process_mark = ?3 WHERE id = ?4")
             .Bind(static_cast<std::int64_t>(processId))
             .Bind(output)
+            .Bind(mark)
             .Bind(holder.attempt)
             .Run();
         AddEvent(holder.task, holder.attempt, "worker-started", ProcessEventJson(processId));
@@ -85,17 +91,20 @@ Result<void> Store::WorkerStarted(const std::string& token, std::uint64_t proces
 }
 
 Result<void> Store::Connected(const std::string& token, std::uint32_t session, std::uint64_t processId,
-                              const std::string& version) {
+                              const std::string& version, const std::string& mark) {
     return ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
         m_database
             ->Prepare(
-                "UPDATE attempts SET session = ?1, pid = coalesce(pid, ?2), worker_version = ?3, "
+                "UPDATE attempts SET session = ?1, "
+                "process_mark = CASE WHEN pid IS NULL THEN ?6 ELSE process_mark END, "
+                "pid = coalesce(pid, ?2), worker_version = ?3, "
                 "connected_us = ?4, last_seen_us = ?4 WHERE id = ?5")
             .Bind(std::int64_t{session})
             .Bind(static_cast<std::int64_t>(processId))
             .Bind(version)
             .Bind(m_now())
             .Bind(holder.attempt)
+            .Bind(mark)
             .Run();
         AddEvent(holder.task, holder.attempt, "connected", ConnectedEventJson(session, processId, version));
     });
@@ -132,6 +141,15 @@ Result<void> Store::Status(const std::string& token, std::uint32_t status) {
 Result<void> Store::Reply(const std::string& token, std::uint32_t id, const std::string& json) {
     return ForHolder(token, Transaction::Sync::Relaxed, [&](const Holder& holder) {
         AddEvent(holder.task, holder.attempt, "reply", json);
+        // An answer has the number behind its order's.
+        m_database->Prepare("UPDATE attempts SET asked = 0 WHERE id = ?1 AND asked = ?2")
+            .Bind(holder.attempt)
+            .Bind(std::int64_t{id} - 1)
+            .Run();
+        if (id == TCP_TASK_UPDATE_REPLY_ID)
+            m_database->Prepare("UPDATE attempts SET text_asked = 0 WHERE id = ?1")
+                .Bind(holder.attempt)
+                .Run();
         // A worker that was told to pause or go on reports no status: its answer tells.
         if (id == TCP_TASK_SUSPEND_REPLY_ID && holder.state == AttemptState::Running)
             Report(holder, StateEvent::SaysPaused);
@@ -315,11 +333,12 @@ Result<void> Store::Unsaid(const std::string& token, const std::string& reason) 
 
 Result<void> Store::Exited(const std::string& token, const WorkerExit& exit) {
     return ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
+        const std::optional<std::int64_t> code = exit.isKnown ? std::optional(exit.code) : std::nullopt;
         m_database
             ->Prepare(exit.signalled ? "UPDATE attempts SET exited_us = ?1, exit_signal = ?2 WHERE id = ?3"
                                      : "UPDATE attempts SET exited_us = ?1, exit_code = ?2 WHERE id = ?3")
             .Bind(m_now())
-            .Bind(exit.code)
+            .Bind(code)
             .Bind(holder.attempt)
             .Run();
         AddEvent(holder.task, holder.attempt, "worker-exited", ExitEventJson(exit));

@@ -2,6 +2,7 @@
 // caller, who is told by `send`.
 #include "engine/json.h"
 #include "engine/store.h"
+#include "records/engine_messages.h"
 
 namespace rq::engine {
 
@@ -87,6 +88,13 @@ void Store::SetFinishing(std::int64_t task, const Ordered& ordered) {
     SetTaskState(task, ordered.attempt, TaskState::Finishing, std::nullopt);
 }
 
+void Store::SetAsked(const Ordered& ordered, std::uint32_t id) {
+    m_database->Prepare("UPDATE attempts SET asked = ?1 WHERE id = ?2")
+        .Bind(std::int64_t{id})
+        .Bind(ordered.attempt)
+        .Run();
+}
+
 Result<OrderOutcome> Store::FinishTask(std::int64_t task, const std::string& by) {
     return ForOrder(task, StateEvent::Finish, [&](const Ordered& ordered, OrderOutcome& outcome) {
         if (IsEnded(ordered.state)) {
@@ -113,6 +121,7 @@ Result<OrderOutcome> Store::Suspend(std::int64_t task, const std::string& by, bo
         }
         AddEvent(task, ordered.attempt, "asked", AskedEventJson(StateEvent::Suspend, by));
         if (ordered.state != TaskState::Queued) {
+            SetAsked(ordered, TCP_TASK_SUSPEND_ID);
             Tell(outcome, true, "requested", ordered.id + " is told to pause");
             outcome.send = true;
             return;
@@ -133,6 +142,7 @@ Result<OrderOutcome> Store::Resume(std::int64_t task, const std::string& by) {
         }
         AddEvent(task, ordered.attempt, "asked", AskedEventJson(StateEvent::Resume, by));
         if (ordered.state != TaskState::Queued) {
+            SetAsked(ordered, TCP_TASK_RESUME_ID);
             Tell(outcome, true, "requested", ordered.id + " is told to go on");
             outcome.send = true;
             return;
@@ -154,6 +164,7 @@ Result<OrderOutcome> Store::Update(std::int64_t task, const std::string& by, con
             Tell(outcome, true, "updated", ordered.id + " has the new text");
             return;
         }
+        m_database->Prepare("UPDATE attempts SET text_asked = 1 WHERE id = ?1").Bind(ordered.attempt).Run();
         Tell(outcome, true, "requested", ordered.id + " is told the new text");
         outcome.send = true;
     });

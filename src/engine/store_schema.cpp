@@ -113,7 +113,29 @@ CREATE TRIGGER events_stay BEFORE DELETE ON events
 PRAGMA user_version = 3;
 )sql";
 
-constexpr const char* kSteps[] = {kStep1, kStep2, kStep3};
+// What an engine needs to take over the attempts that an earlier run of it left: which worker process each
+// has (its mark tells it from a later one with its id), the highest number of the worker's that is here, the
+// order 4004 or 4006 and the new text that it has not answered, and whether anything of the attempt is still
+// there.
+constexpr const char* kStep4 = R"sql(
+ALTER TABLE attempts ADD COLUMN process_mark TEXT NOT NULL DEFAULT '';
+ALTER TABLE attempts ADD COLUMN worker_seq INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE attempts ADD COLUMN is_open INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE attempts ADD COLUMN interruptions INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE attempts ADD COLUMN asked INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE attempts ADD COLUMN text_asked INTEGER NOT NULL DEFAULT 0;
+UPDATE attempts SET is_open = 1 WHERE state IN ('starting', 'running', 'paused', 'finishing');
+CREATE INDEX attempts_open ON attempts (id) WHERE is_open = 1;
+
+CREATE TABLE facts (
+  name TEXT PRIMARY KEY,
+  value TEXT NOT NULL
+) STRICT;
+
+PRAGMA user_version = 4;
+)sql";
+
+constexpr const char* kSteps[] = {kStep1, kStep2, kStep3, kStep4};
 static_assert(std::size(kSteps) == kSchemaVersion);
 
 }  // namespace

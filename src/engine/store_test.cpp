@@ -238,6 +238,80 @@ TEST_F(StoreTest, AttemptsThatAnEarlierRunLeftOpenAreLost) {
     EXPECT_EQ(m_store->LoseOpenAttempts("again").value(), 0);
 }
 
+TEST_F(StoreTest, OpenAttemptsAreThereForTheNextEngine) {
+    const auto key = Submit();
+    const Claim claim = Claimed();
+    ASSERT_TRUE(m_store->WorkerStarted(claim.token, 4711, "/logs/t1a1_0.out", "boot.1"));
+    ASSERT_TRUE(m_store->Connected(claim.token, 77, 4711, "1.0", "of another look"));
+    ASSERT_TRUE(m_store->Notice(claim.token, "job", "guid"));
+    ASSERT_TRUE(m_store->Status(claim.token, kTaskRunning));
+    ASSERT_TRUE(m_store->Suspend(key, "api"));
+    ASSERT_TRUE(m_store->Update(key, "api", "<New/>"));
+    ASSERT_TRUE(m_store->RememberLinkPort(4321));
+    Open();
+    EXPECT_EQ(m_store->LinkPort().value(), 4321);
+    auto open = m_store->OpenAttempts().value();
+    ASSERT_EQ(open.size(), 1u);
+    EXPECT_EQ(open[0].claim.token, claim.token);
+    EXPECT_EQ(open[0].claim.id, "t1");
+    EXPECT_EQ(open[0].claim.number, 1);
+    EXPECT_EQ(open[0].state, AttemptState::Running);
+    EXPECT_TRUE(open[0].started);
+    EXPECT_EQ(open[0].session, 77u);
+    EXPECT_EQ(open[0].processId, 4711u);
+    EXPECT_EQ(open[0].processMark, "boot.1");
+    EXPECT_EQ(open[0].output, "/logs/t1a1_0.out");
+    EXPECT_EQ(open[0].reportedTask, "job");
+    EXPECT_EQ(open[0].asked, std::uint32_t{TCP_TASK_SUSPEND_ID});
+    EXPECT_TRUE(open[0].textAsked);
+    // What has been answered does not stand any more; a final status alone closes nothing.
+    ASSERT_TRUE(m_store->Reply(claim.token, TCP_TASK_SUSPEND_REPLY_ID, "{}"));
+    ASSERT_TRUE(m_store->Reply(claim.token, TCP_TASK_UPDATE_REPLY_ID, "{}"));
+    ASSERT_TRUE(m_store->Finish(claim.token, Final(kTaskFinished)));
+    open = m_store->OpenAttempts().value();
+    ASSERT_EQ(open.size(), 1u);
+    EXPECT_EQ(open[0].state, AttemptState::Finished);
+    EXPECT_EQ(open[0].asked, 0u);
+    EXPECT_FALSE(open[0].textAsked);
+    ASSERT_TRUE(m_store->Closed(claim.token));
+    EXPECT_TRUE(m_store->OpenAttempts().value().empty());
+}
+
+TEST_F(StoreTest, ARecordAndItsNumberAreCommittedTogether) {
+    Submit();
+    const Claim claim = Claimed();
+    const auto number = [&] { return m_store->OpenAttempts().value().at(0).workerSeq; };
+    m_store->BeginRecord(claim.token, 3);
+    ASSERT_TRUE(m_store->Seen(claim.token));
+    EXPECT_EQ(number(), 3u) << "with the verb, before the end of the record";
+    ASSERT_TRUE(m_store->EndRecord());
+    // One that no verb belongs to.
+    m_store->BeginRecord(claim.token, 4);
+    EXPECT_EQ(number(), 3u);
+    ASSERT_TRUE(m_store->EndRecord());
+    EXPECT_EQ(number(), 4u);
+    // Outside of a record, and of a record that cannot be kept yet.
+    ASSERT_TRUE(m_store->Seen(claim.token));
+    m_store->BeginRecord(claim.token, 0);
+    ASSERT_TRUE(m_store->Seen(claim.token));
+    ASSERT_TRUE(m_store->EndRecord());
+    EXPECT_EQ(number(), 4u);
+    Open();
+    EXPECT_EQ(number(), 4u);
+}
+
+TEST_F(StoreTest, ALinkThatBreaksAllTheTimeDoesNotFillTheStore) {
+    const auto key = Submit();
+    const Claim claim = Claimed();
+    for (int i = 0; i < 60; ++i) {
+        ASSERT_TRUE(m_store->Interrupted(claim.token, "closed"));
+        ASSERT_TRUE(m_store->Resumed(claim.token, 4711));
+    }
+    const auto kinds = Kinds(key);
+    EXPECT_EQ(std::count(kinds.begin(), kinds.end(), "interrupted"), 50);
+    EXPECT_EQ(std::count(kinds.begin(), kinds.end(), "resumed"), 50);
+}
+
 TEST_F(StoreTest, ListsAreNewestFirstAndCanBeContinued) {
     for (int i = 0; i < 5; ++i) Submit();
     ASSERT_TRUE(m_store->Cancel(4, "api", "why"));
@@ -301,7 +375,7 @@ void MakeOldStore(const std::string& path, int version) {
 }
 
 TEST_F(StoreTest, AStoreOfAnEarlierSchemaIsBroughtUpWithItsTasks) {
-    for (const int version : {1, 2}) {
+    for (const int version : {1, 2, 3}) {
         const std::string path = m_folder.Utf8("old" + std::to_string(version) + ".db");
         MakeOldStore(path, version);
         m_store = Store::Open(path, [this] { return m_now; }).value();
@@ -317,6 +391,7 @@ TEST_F(StoreTest, AStoreOfAnEarlierSchemaIsBroughtUpWithItsTasks) {
         ASSERT_TRUE(m_store->Progress(claim.token, {41.5, 2.5, 62.25}));
         EXPECT_EQ(Task(2).averageSpeed, 62.25);
         m_store->SetRetryRules(RetryRules::Standard());
+        ASSERT_EQ(m_store->OpenAttempts().value().size(), 1u) << "and none that has ended long ago";
         ASSERT_TRUE(m_store->Lost(claim.token, "gone"));
         EXPECT_EQ(Task(2).state, TaskState::Queued);
         EXPECT_TRUE(Task(2).notBefore_us);

@@ -82,6 +82,7 @@ struct TypeStop {
 struct WorkerExit {
     bool signalled = false;
     std::int64_t code = 0;
+    bool isKnown = true;  // false: it has ended, and nobody can say how
 };
 
 struct TaskRow {
@@ -144,6 +145,24 @@ struct AttemptRow {
     // Found when somebody asks for them, not stored.
     std::string log;
     std::string crashReport;
+};
+
+// An attempt whose worker may still be there, as an engine finds it that starts.
+struct OpenAttempt {
+    Claim claim;  // without the text
+    AttemptState state = AttemptState::Starting;
+    bool external = false;
+    bool cancelRequested = false;
+    bool started = false;  // its worker has said that the task runs
+    std::optional<std::uint32_t> session;
+    std::optional<std::uint64_t> processId;
+    std::string processMark;
+    std::string output;  // file; the others of the worker are named after it
+    std::string reportedTask;
+    std::int64_t created_us = 0;
+    std::uint64_t workerSeq = 0;  // highest of the worker's numbers that the store has
+    std::uint32_t asked = 0;      // 4004 or 4006, not answered; 0: neither
+    bool textAsked = false;       // 4015, not answered
 };
 
 struct EventRow {

@@ -1,11 +1,13 @@
 // Inside this room's Windows sources only: one way to create a process, for ChildProcess and StartDetached.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "platform/process.h"
 #include "platform/win_api.h"
 
 namespace rq::platform {
@@ -28,6 +30,9 @@ struct StartedProcess {
     WinHandle process;
     DWORD id = 0;
 };
+
+// Takes the handles over; without a job KillTree ends the process alone.
+std::unique_ptr<ChildProcess> MakeProcess(WinHandle process, DWORD id, WinHandle job);
 
 // Only the three streams are inherited. False with GetLastError() set.
 bool CreateWithStreams(const ProcessStart& start, StartedProcess& started);

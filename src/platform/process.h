@@ -27,11 +27,15 @@ struct ProcessSpec {
     std::string inputFile;   // for Stream::File; opened for reading
     std::string outputFile;  // for Stream::File; created, appended to
     std::string errorsFile;  // may equal outputFile
+    // A name under which FindProcess of a later process can end the whole tree; empty: none. Used on Windows,
+    // where the job object gets it, and the child a handle that keeps it. Nobody else may use the name.
+    std::string tree;
 };
 
 struct ExitStatus {
     bool signalled = false;  // ended by a signal (Linux) or an unhandled exception code (Windows)
     int code = 0;            // exit code, or the signal number
+    bool isKnown = true;     // false: it has ended, and nobody can say how
 };
 
 // What a process has that KillTree ended: SIGKILL; on Windows the code that a console's Ctrl-C leaves. In

@@ -8,6 +8,7 @@
 
 #include "kit/files.h"
 #include "kit/temp_dir.h"
+#include "platform/found_process.h"
 #include "platform/process.h"
 
 namespace rq::platform {
@@ -44,6 +45,28 @@ TEST(ProcessOnLinux, DescriptorsStayWithTheParent) {
     ::close(pair[0]);
     ::close(pair[1]);
     ::close(file);
+}
+
+TEST(ProcessOnLinux, AFoundProcessIsEndedWithItsTree) {
+    const TempDir dir;
+    ProcessSpec spec;
+    spec.program = "/bin/sh";
+    spec.arguments = {"-c", "sleep 600 & echo $! > \"$0\"; wait", dir.Utf8("pid")};
+    auto child = ChildProcess::Start(spec);
+    ASSERT_NE(child, nullptr);
+    ASSERT_TRUE(kit::WaitForText(dir.Path() / "pid", "\n"));
+    const std::uint64_t inner = std::stoull(kit::ReadBytes(dir.Path() / "pid"));
+    const auto found = FindProcess(child->Id(), ProcessMark(child->Id()));
+    ASSERT_NE(found, nullptr);
+    ::kill(static_cast<pid_t>(child->Id()), SIGKILL);
+    const auto status = found->Wait(kLong);
+    ASSERT_TRUE(status);
+    EXPECT_FALSE(status->isKnown);
+    child->Wait(kLong);
+    child.reset();  // off the table: its number leads the group alone
+    EXPECT_TRUE(ProcessRuns(inner));
+    found->KillTree();
+    EXPECT_TRUE(kit::WaitUntil([&] { return !ProcessRuns(inner); }));
 }
 
 TEST(ProcessOnLinux, SignalsAreDefaultInTheChild) {

@@ -18,11 +18,16 @@ constexpr DWORD kFirstExceptionCode = 0xC0000000;
 
 class WinChild final : public ChildProcess {
   public:
-    WinChild(StartedProcess started, WinHandle job)
-        : m_id(started.id), m_process(std::move(started.process)), m_job(std::move(job)) {}
+    WinChild(WinHandle process, DWORD id, WinHandle job)
+        : m_id(id), m_process(std::move(process)), m_job(std::move(job)) {}
 
     std::uint64_t Id() const override { return m_id; }
-    void KillTree() override { ::TerminateJobObject(m_job.Get(), kKilled); }
+    void KillTree() override {
+        if (m_job.Valid())
+            ::TerminateJobObject(m_job.Get(), kKilled);
+        else
+            ::TerminateProcess(m_process.Get(), kKilled);  // one that was found without its job
+    }
 
     void RequestEnd() override {
         if (AskToEnd(m_id)) return;
@@ -68,8 +73,8 @@ bool OpenStream(ProcessSpec::Stream kind, DWORD standardHandle, const std::strin
 }
 
 // Its children may leave it only as StartDetached does.
-WinHandle MakeJob(OsError* error) {
-    WinHandle job(::CreateJobObjectW(nullptr, nullptr));
+WinHandle MakeJob(const std::string& name, OsError* error) {
+    WinHandle job(::CreateJobObjectW(nullptr, name.empty() ? nullptr : WideOf(name).c_str()));
     JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
     limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_BREAKAWAY_OK;
     if (job.Valid() &&
@@ -94,7 +99,7 @@ std::unique_ptr<ChildProcess> ChildProcess::Start(const ProcessSpec& spec, OsErr
     if (!OpenStream(spec.input, STD_INPUT_HANDLE, spec.inputFile, input, error)) return nullptr;
     if (!OpenStream(spec.output, STD_OUTPUT_HANDLE, spec.outputFile, output, error)) return nullptr;
     if (!OpenStream(spec.errors, STD_ERROR_HANDLE, spec.errorsFile, errors, error)) return nullptr;
-    WinHandle job = MakeJob(error);
+    WinHandle job = MakeJob(spec.tree, error);
     if (!job.Valid()) return nullptr;
 
     ProcessStart start;
@@ -120,7 +125,16 @@ std::unique_ptr<ChildProcess> ChildProcess::Start(const ProcessSpec& spec, OsErr
         SetOsError(error, ::GetLastError(), "start " + spec.program);
         return nullptr;
     }
-    return std::make_unique<WinChild>(std::move(started), std::move(job));
+    // A job's name goes with its last handle: this one stays for as long as the child.
+    HANDLE kept = nullptr;
+    if (!spec.tree.empty())
+        ::DuplicateHandle(::GetCurrentProcess(), job.Get(), started.process.Get(), &kept, 0, FALSE,
+                          DUPLICATE_SAME_ACCESS);
+    return MakeProcess(std::move(started.process), started.id, std::move(job));
+}
+
+std::unique_ptr<ChildProcess> MakeProcess(WinHandle process, DWORD id, WinHandle job) {
+    return std::make_unique<WinChild>(std::move(process), id, std::move(job));
 }
 
 std::uint64_t CurrentProcessId() {

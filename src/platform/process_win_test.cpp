@@ -49,6 +49,26 @@ TEST(ProcessOnWindows, AChildIsInItsJobFromTheStart) {
     EXPECT_EQ(code, 7u);
 }
 
+TEST(ProcessOnWindows, AJobIsFoundByItsNameAsLongAsItsProcessRuns) {
+    ProcessSpec spec;
+    spec.program = Utf8FromPath(Fixture());
+    spec.arguments = {"hang"};
+    spec.tree = "rq-process-test-" + std::to_string(CurrentProcessId());
+    const auto open = [&] {
+        return WinHandle(::OpenJobObjectW(JOB_OBJECT_TERMINATE, FALSE, WideOf(spec.tree).c_str()));
+    };
+    auto child = ChildProcess::Start(spec);
+    ASSERT_NE(child, nullptr);
+    const auto id = child->Id();
+    const WinHandle process(::OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(id)));
+    child.reset();
+    EXPECT_TRUE(ProcessRuns(id)) << "a job whose starter has gone ends nothing";
+    const WinHandle job = open();
+    ASSERT_TRUE(job.Valid());
+    EXPECT_TRUE(::TerminateJobObject(job.Get(), 7));
+    ASSERT_EQ(::WaitForSingleObject(process.Get(), 60'000), WAIT_OBJECT_0);
+}
+
 // A worker that is killed hard, by somebody who knows nothing of its children.
 TEST(ProcessOnWindows, WhatAContainedProcessStartedEndsWithItButNotItsSuccessor) {
     const kit::TempDir dir;

@@ -1,0 +1,132 @@
+// What the store keeps so that an attempt can outlive a connection and a run of the engine.
+#include <charconv>
+
+#include "engine/json.h"
+#include "engine/store.h"
+
+namespace rq::engine {
+
+namespace {
+
+// A link that breaks all the time must not fill the store: so many events of each of the two kinds.
+constexpr std::int64_t kInterruptionsTold = 50;
+
+}  // namespace
+
+void Store::BeginRecord(const std::string& token, std::uint64_t seq) {
+    m_recordToken = token;
+    m_recordSeq = seq;
+}
+
+void Store::KeepNumber(std::int64_t attempt, const std::string& token) {
+    if (m_recordSeq == 0 || token != m_recordToken) return;
+    m_database->Prepare("UPDATE attempts SET worker_seq = max(worker_seq, ?1) WHERE id = ?2")
+        .Bind(static_cast<std::int64_t>(m_recordSeq))
+        .Bind(attempt)
+        .Run();
+    m_recordSeq = 0;
+}
+
+Result<void> Store::EndRecord() {
+    const auto seq = std::exchange(m_recordSeq, 0);
+    if (seq == 0) return {};
+    Transaction transaction(*m_database, Transaction::Sync::Relaxed);
+    m_database->Prepare("UPDATE attempts SET worker_seq = max(worker_seq, ?1) WHERE token = ?2")
+        .Bind(static_cast<std::int64_t>(seq))
+        .Bind(m_recordToken)
+        .Run();
+    return transaction.Commit();
+}
+
+Result<void> Store::Interrupted(const std::string& token, const std::string& reason) {
+    Transaction transaction(*m_database, Transaction::Sync::Relaxed);
+    const auto holder = Find(token);
+    if (auto ok = Checked(); !ok) return ok;
+    if (!holder) return Fail("no attempt has this token");
+    m_database->Prepare("UPDATE attempts SET interruptions = interruptions + 1 WHERE id = ?1")
+        .Bind(holder->attempt)
+        .Run();
+    if (holder->interruptions < kInterruptionsTold)
+        AddEvent(holder->task, holder->attempt, "interrupted", ReasonEventJson(reason));
+    return Commit(transaction, holder->task);
+}
+
+Result<void> Store::Resumed(const std::string& token, std::uint64_t processId) {
+    Transaction transaction(*m_database, Transaction::Sync::Relaxed);
+    const auto holder = Find(token);
+    if (auto ok = Checked(); !ok) return ok;
+    if (!holder) return Fail("no attempt has this token");
+    m_database->Prepare("UPDATE attempts SET last_seen_us = ?1 WHERE id = ?2")
+        .Bind(m_now())
+        .Bind(holder->attempt)
+        .Run();
+    if (holder->interruptions <= kInterruptionsTold)
+        AddEvent(holder->task, holder->attempt, "resumed", ProcessEventJson(processId));
+    return Commit(transaction, holder->task);
+}
+
+Result<void> Store::Closed(const std::string& token) {
+    Transaction transaction(*m_database, Transaction::Sync::Relaxed);
+    m_database->Prepare("UPDATE attempts SET is_open = 0 WHERE token = ?1").Bind(token).Run();
+    return transaction.Commit();
+}
+
+Result<std::vector<OpenAttempt>> Store::OpenAttempts() {
+    std::vector<OpenAttempt> attempts;
+    {
+        Statement row = m_database->Prepare(
+            "SELECT a.task, a.id, a.number, t.type, t.public_id, a.token, a.state, t.origin = 'external', "
+            "t.cancel_us IS NOT NULL, a.started_us IS NOT NULL, a.session, a.pid, a.process_mark, a.output, "
+            "a.reported_task, a.created_us, a.worker_seq, a.asked, a.text_asked "
+            "FROM attempts a JOIN tasks t ON t.id = a.task WHERE a.is_open = 1 ORDER BY a.id");
+        while (row.Row()) {
+            OpenAttempt& attempt = attempts.emplace_back();
+            attempt.claim.task = row.Number();
+            attempt.claim.attempt = row.Number();
+            attempt.claim.number = static_cast<std::int32_t>(row.Number());
+            attempt.claim.type = static_cast<std::int32_t>(row.Number());
+            attempt.claim.id = row.Text();
+            attempt.claim.token = row.Text();
+            attempt.state = TaskStateOf(row.Text()).value_or(AttemptState::Lost);
+            attempt.external = row.Number() != 0;
+            attempt.cancelRequested = row.Number() != 0;
+            attempt.started = row.Number() != 0;
+            if (const auto session = row.OptionalNumber())
+                attempt.session = static_cast<std::uint32_t>(*session);
+            if (const auto process = row.OptionalNumber())
+                attempt.processId = static_cast<std::uint64_t>(*process);
+            attempt.processMark = row.Text();
+            attempt.output = row.Text();
+            attempt.reportedTask = row.Text();
+            attempt.created_us = row.Number();
+            attempt.workerSeq = static_cast<std::uint64_t>(row.Number());
+            attempt.asked = static_cast<std::uint32_t>(row.Number());
+            attempt.textAsked = row.Number() != 0;
+        }
+    }
+    if (auto ok = Checked(); !ok) return ok.error();
+    return attempts;
+}
+
+Result<std::uint16_t> Store::LinkPort() {
+    std::uint16_t port = 0;
+    {
+        Statement query = m_database->Prepare("SELECT value FROM facts WHERE name = 'link_port'");
+        if (query.Row()) {
+            const std::string text = query.Text();
+            std::from_chars(text.data(), text.data() + text.size(), port);
+        }
+    }
+    if (auto ok = Checked(); !ok) return ok.error();
+    return port;
+}
+
+Result<void> Store::RememberLinkPort(std::uint16_t port) {
+    Transaction transaction(*m_database);
+    m_database->Prepare("INSERT OR REPLACE INTO facts (name, value) VALUES ('link_port', ?1)")
+        .Bind(std::to_string(port))
+        .Run();
+    return transaction.Commit();
+}
+
+}  // namespace rq::engine

@@ -1,0 +1,54 @@
+#include "platform/found_process.h"
+
+#include <gtest/gtest.h>
+
+#include "base/paths.h"
+#include "kit/files.h"
+#include "kit/stage_copy.h"
+
+namespace rq::platform {
+namespace {
+
+using std::chrono::milliseconds;
+
+ProcessSpec Hanging() {
+    ProcessSpec spec;
+    spec.program = Utf8FromPath(kit::ProgramIn(RQ_FIXTURES, "rq_process_fixture"));
+    spec.arguments = {"hang"};
+    spec.tree = "rq-found-process-test-" + std::to_string(CurrentProcessId());
+    return spec;
+}
+
+TEST(FoundProcessTest, AProcessIsFoundByItsMarkAndEnded) {
+    const auto spec = Hanging();
+    auto started = ChildProcess::Start(spec);
+    ASSERT_NE(started, nullptr);
+    const auto id = started->Id();
+    const std::string mark = ProcessMark(id);
+    ASSERT_FALSE(mark.empty());
+    EXPECT_EQ(ProcessMark(id), mark);
+    EXPECT_EQ(FindProcess(id, mark + "1"), nullptr) << "another one that has its id";
+    EXPECT_EQ(FindProcess(id, ""), nullptr);
+    started.reset();  // as if its starter had gone
+
+    const auto found = FindProcess(id, mark, spec.tree);
+    ASSERT_NE(found, nullptr);
+    EXPECT_EQ(found->Id(), id);
+    EXPECT_FALSE(found->Wait(milliseconds(50)));
+    found->KillTree();
+    const auto status = found->Wait(kit::kPatience);
+    ASSERT_TRUE(status);
+    EXPECT_TRUE(!status->isKnown || static_cast<std::uint32_t>(status->code) == kKilledExitCode);
+    EXPECT_TRUE(found->Wait(milliseconds(0)));
+    found->KillTree();
+    EXPECT_EQ(ProcessMark(id), "");
+    EXPECT_EQ(FindProcess(id, mark, spec.tree), nullptr);
+}
+
+TEST(FoundProcessTest, NoProcessHasNoMark) {
+    EXPECT_EQ(ProcessMark(0x7FFFFFF0), "");
+    EXPECT_EQ(FindProcess(0x7FFFFFF0, "1"), nullptr);
+}
+
+}  // namespace
+}  // namespace rq::platform
