@@ -50,8 +50,9 @@ bool IsJsonType(const std::string& contentType) {
 
 // What stands behind a task's ID in the path of an order.
 std::optional<StateEvent> OrderOf(const std::string& action) {
-    for (const StateEvent order : {StateEvent::Cancel, StateEvent::Suspend, StateEvent::Resume,
-                                   StateEvent::Finish, StateEvent::Update, StateEvent::Retry}) {
+    for (const StateEvent order :
+         {StateEvent::Cancel, StateEvent::Suspend, StateEvent::Resume, StateEvent::Finish, StateEvent::Update,
+          StateEvent::Retry, StateEvent::Prioritise}) {
         if (NameOf(order) == action) return order;
     }
     return std::nullopt;
@@ -237,7 +238,7 @@ void Api::Submit(const ApiRequest& request, const Reply& reply) {
         reply(MakeError(415, "bad-type", "the body must be application/json"));
         return;
     }
-    auto task = ParseSubmission(request.body);
+    auto task = ParseSubmission(request.body, m_store.NowTime());
     if (!task) {
         reply(FieldFault(task.error()));
         return;
@@ -262,8 +263,18 @@ void Api::CommitSubmissions() {
     if (!rows) return refuse(StoreError(rows.error()));
     m_host.OnSubmitted();
     for (std::size_t i = 0; i < rows->size(); ++i) {
-        const TaskRow& row = (*rows)[i];
-        ApiResponse response = MakeResponse(201, {{"id", row.id}, {"state", NameOf(row.state)}});
+        const auto& [result, row] = (*rows)[i];
+        if (result == SubmitResult::KeyTaken) {
+            replies[i](MakeError(409, "key-taken",
+                                 "key: " + row.id +
+                                     " has this key, with another type or text; "
+                                     "give another key",
+                                 "key"));
+            continue;
+        }
+        const bool isNew = result == SubmitResult::New;
+        ApiResponse response = MakeResponse(
+            isNew ? 201 : 200, {{"id", row.id}, {"state", NameOf(row.state)}, {"repeated", !isNew}});
         response.headers.emplace_back("Location", "/api/v1/tasks/" + row.id);
         replies[i](std::move(response));
     }

@@ -38,7 +38,7 @@ class ApiHost {
     virtual ~ApiHost() = default;
     virtual Facts GetFacts() const = 0;
     virtual void OnSubmitted() = 0;
-    // An order to a task that the store knows; `text` goes with Update.
+    // An order to a task that the store knows; `text` goes with Update, and a whole number with Prioritise.
     virtual Result<OrderOutcome> GiveOrder(std::int64_t task, StateEvent order, const std::string& text) = 0;
     // No task of this type (or of any: kEveryType) is started until GoOn. False: nothing changed.
     virtual Result<bool> Drain(std::int32_t type) = 0;

@@ -29,6 +29,12 @@ ApiResponse Api::GiveOrder(const ApiRequest& request, const TaskRow& task, State
         if (!parsed) return MakeError(400, parsed.error().code, parsed.error().message, parsed.error().field);
         text = std::move(*parsed);
     }
+    if (order == StateEvent::Prioritise) {
+        const auto priority = ParsePriority(request.body);
+        if (!priority)
+            return MakeError(400, priority.error().code, priority.error().message, priority.error().field);
+        text = std::to_string(*priority);
+    }
     const auto outcome = m_host.GiveOrder(task.key, order, text);
     if (!outcome) return MakeError(500, "store", outcome.error().message);
     if (outcome->refused) return MakeError(409, "wrong-state", outcome->message);

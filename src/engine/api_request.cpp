@@ -7,6 +7,7 @@
 
 #include "base/text.h"
 #include "engine/json.h"
+#include "engine/submission_fields.h"
 #include "records/task_codes.h"
 
 namespace rq::engine {
@@ -187,7 +188,7 @@ bool HasToken(std::string_view authorization, std::string_view token) {
     return difference == 0;
 }
 
-Checked<NewTask> ParseSubmission(std::string_view body) {
+Checked<NewTask> ParseSubmission(std::string_view body, std::int64_t now_us) {
     const json document = json::parse(body, nullptr, false);
     if (!document.is_object()) return FieldError{"bad-json", "", "the body is not a JSON object"};
     NewTask task;
@@ -204,14 +205,19 @@ Checked<NewTask> ParseSubmission(std::string_view body) {
             auto name = ParseName(value);
             if (!name) return name.error();
             task.name = std::move(*name);
+        } else if (IsRunField(key)) {
+            if (auto fault = TakeRunField(key, value, now_us, task)) return *fault;
         } else {
-            return BadField(std::string(CutUtf8(key, 60)),
-                            "is not a field of a submission (type, text, name)");
+            return BadField(
+                std::string(CutUtf8(key, 60)),
+                "is not a field of a submission (type, text, name, priority, not_before, deadline, "
+                "deadline_action, memory_mib, cores, volumes, key)");
         }
     }
     for (const char* field : {"type", "text"}) {
         if (!document.contains(field)) return BadField(field, "is missing");
     }
+    if (auto fault = CheckRunFields(task, document.contains("deadline_action"))) return *fault;
     return task;
 }
 
@@ -224,6 +230,19 @@ Checked<std::string> ParseUpdate(std::string_view body) {
     }
     if (!document.contains("text")) return BadField("text", "is missing");
     return ParseText(document["text"]);
+}
+
+Checked<std::int32_t> ParsePriority(std::string_view body) {
+    const json document = json::parse(body, nullptr, false);
+    if (!document.is_object()) return FieldError{"bad-json", "", "the body is not a JSON object"};
+    for (const auto& [key, value] : document.items()) {
+        if (key != "priority")
+            return BadField(std::string(CutUtf8(key, 60)), "is not a field of this order (priority)");
+    }
+    if (!document.contains("priority")) return BadField("priority", "is missing");
+    const auto priority = PriorityOf(document["priority"]);
+    if (!priority) return BadField("priority", kPriorityWanted);
+    return *priority;
 }
 
 Checked<std::int32_t> ParseDrain(std::string_view body) {

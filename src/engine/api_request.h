@@ -62,9 +62,12 @@ Checked<Target> ParseTarget(std::string_view target);
 // The first parameter that is none of `known`.
 std::optional<FieldError> UnknownParameter(const Target& target, const std::vector<std::string_view>& known);
 
-Checked<NewTask> ParseSubmission(std::string_view body);
+// Times from now on count from `now_us`.
+Checked<NewTask> ParseSubmission(std::string_view body, std::int64_t now_us);
 // The text of {"text": "..."}.
 Checked<std::string> ParseUpdate(std::string_view body);
+// The priority of {"priority": ...}.
+Checked<std::int32_t> ParsePriority(std::string_view body);
 // The type of {"type": ...}; kEveryType without a body.
 Checked<std::int32_t> ParseDrain(std::string_view body);
 Checked<TaskQuery> ParseListQuery(const Target& target);

@@ -46,11 +46,11 @@ TEST(ParseTaskId, TakesOwnIdsOnly) {
 }
 
 TEST(ParseSubmission, TakesCodesAndNumbers) {
-    EXPECT_EQ(ParseSubmission(R"({"type":"mc","text":"<T/>"})")->type, 3);
-    EXPECT_EQ(ParseSubmission(R"({"type":"14","text":"<T/>"})")->type, 14);
-    EXPECT_EQ(ParseSubmission(R"({"type":299,"text":"<T/>"})")->type, 299);
-    EXPECT_EQ(ParseSubmission(R"({"type":0,"text":"<T/>"})")->type, 0);
-    const auto task = ParseSubmission("{\"type\":\"tf\",\"text\":\"片\",\"name\":\"a b\"}");
+    EXPECT_EQ(ParseSubmission(R"({"type":"mc","text":"<T/>"})", 0)->type, 3);
+    EXPECT_EQ(ParseSubmission(R"({"type":"14","text":"<T/>"})", 0)->type, 14);
+    EXPECT_EQ(ParseSubmission(R"({"type":299,"text":"<T/>"})", 0)->type, 299);
+    EXPECT_EQ(ParseSubmission(R"({"type":0,"text":"<T/>"})", 0)->type, 0);
+    const auto task = ParseSubmission("{\"type\":\"tf\",\"text\":\"片\",\"name\":\"a b\"}", 0);
     ASSERT_TRUE(task);
     EXPECT_EQ(task->type, 0);
     EXPECT_EQ(task->text, "片");
@@ -81,10 +81,10 @@ TEST(ParseSubmission, NamesTheFieldAtFault) {
         {R"({"type":"mc","text":"a\u0000b"})", "bad-field", "text"},
         {R"({"type":"mc","text":"x","name":"a\nb"})", "bad-field", "name"},
         {R"({"type":"mc","text":"x","name":")" + std::string(201, 'n') + "\"}", "bad-field", "name"},
-        {R"({"type":"mc","text":"x","priority":1})", "bad-field", "priority"},
+        {R"({"type":"mc","text":"x","owner":1})", "bad-field", "owner"},
     };
     for (const auto& one : cases) {
-        const auto task = ParseSubmission(one.body);
+        const auto task = ParseSubmission(one.body, 0);
         ASSERT_FALSE(task) << one.body;
         EXPECT_EQ(task.error().code, one.code) << one.body;
         EXPECT_EQ(task.error().field, one.field) << one.body;
@@ -93,8 +93,9 @@ TEST(ParseSubmission, NamesTheFieldAtFault) {
 }
 
 TEST(ParseSubmission, SurvivesDeepNesting) {
-    EXPECT_FALSE(ParseSubmission(std::string(1'000'000, '[')));
-    EXPECT_FALSE(ParseSubmission("{\"type\":" + std::string(100'000, '[') + std::string(100'000, ']') + "}"));
+    EXPECT_FALSE(ParseSubmission(std::string(1'000'000, '['), 0));
+    EXPECT_FALSE(
+        ParseSubmission("{\"type\":" + std::string(100'000, '[') + std::string(100'000, ']') + "}", 0));
 }
 
 TEST(ParseListQuery, ReadsStatesLimitAndPlace) {

@@ -34,6 +34,8 @@ class FakeHost final : public ApiHost {
                 return m_store.Update(task, "api", text);
             case StateEvent::Retry:
                 return m_store.Retry(task, "api");
+            case StateEvent::Prioritise:
+                return m_store.SetPriority(task, "api", std::stoi(text));
             default:
                 return m_store.Delete(task, outputs);
         }
@@ -228,6 +230,31 @@ TEST_F(ApiTest, BadSubmissionsAreRefusedByField) {
     Ask(request, 201);
     m_host.ending = true;
     EXPECT_EQ(ErrorCode(Ask(request, 503)), "ending");
+}
+
+TEST_F(ApiTest, ASubmissionWithAKeyCanBeRepeated) {
+    const char* body = R"({"type":"mc","text":"<T/>","key":"order 7"})";
+    EXPECT_EQ(Ask("POST", "/api/v1/tasks", 201, body),
+              (json{{"id", "t1"}, {"state", "queued"}, {"repeated", false}}));
+    ASSERT_TRUE(m_store->Cancel(1, "api", ""));
+    EXPECT_EQ(Ask("POST", "/api/v1/tasks", 200, body),
+              (json{{"id", "t1"}, {"state", "cancelled"}, {"repeated", true}}));
+    const json refused =
+        Ask("POST", "/api/v1/tasks", 409, R"({"type":"mc","text":"<U/>","key":"order 7"})")["error"];
+    EXPECT_EQ(refused["code"], "key-taken");
+    EXPECT_EQ(refused["field"], "key");
+    EXPECT_NE(refused["message"].get<std::string>().find("t1"), std::string::npos);
+    EXPECT_EQ(Ask("GET", "/api/v1/tasks/t1", 200)["key"], "order 7");
+}
+
+TEST_F(ApiTest, APriorityIsSet) {
+    Ask("POST", "/api/v1/tasks", 201, R"({"type":"mc","text":"<T/>","priority":3})");
+    EXPECT_EQ(Ask("POST", "/api/v1/tasks/t1/priority", 200, R"({"priority":70})")["result"], "changed");
+    EXPECT_EQ(Ask("GET", "/api/v1/tasks/t1", 200)["priority"], 70);
+    EXPECT_EQ(Ask("POST", "/api/v1/tasks/t1/priority", 400, R"({"priority":170})")["error"]["field"],
+              "priority");
+    ASSERT_TRUE(m_store->Cancel(1, "api", ""));
+    Ask("POST", "/api/v1/tasks/t1/priority", 409, R"({"priority":1})");
 }
 
 TEST_F(ApiTest, CancelSaysWhatItDid) {

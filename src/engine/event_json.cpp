@@ -75,7 +75,14 @@ json TranscodeJson(const stTranscodeTaskResult& result) {
 }  // namespace
 
 std::string SubmittedEventJson(const NewTask& task) {
-    return Dump({{"type", task.type}, {"origin", task.origin}});
+    json data = {{"type", task.type}, {"origin", task.origin}};
+    if (task.priority != kStandardPriority) data["priority"] = task.priority;
+    if (task.notBefore_us) data["not_before"] = TimeText(*task.notBefore_us);
+    if (task.deadline_us) data["deadline"] = TimeText(*task.deadline_us);
+    if (task.demand.memory_MiB != 0) data["memory_mib"] = task.demand.memory_MiB;
+    if (task.demand.cores != 0) data["cores"] = task.demand.cores;
+    if (!task.demand.volumes.empty()) data["volumes"] = task.demand.volumes;
+    return Dump(data);
 }
 
 std::string StateEventJson(TaskState state, const std::optional<std::string>& reason) {
@@ -147,6 +154,14 @@ std::string RepeatEventJson(const std::string& rule, const std::optional<std::in
 
 std::string AskedEventJson(StateEvent order, const std::string& by) {
     return Dump({{"order", NameOf(order)}, {"by", by}});
+}
+
+std::string PriorityEventJson(const std::string& by, std::int32_t priority) {
+    return Dump({{"order", NameOf(StateEvent::Prioritise)}, {"by", by}, {"priority", priority}});
+}
+
+std::string DeadlineEventJson(std::int64_t deadline_us, const std::string& action) {
+    return Dump({{"deadline", TimeText(deadline_us)}, {"action", action}});
 }
 
 std::string StoppedEventJson(const TypeStop& stop) {

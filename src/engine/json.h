@@ -32,6 +32,9 @@ std::string VerdictEventJson(const std::string& rule, const std::string& reason)
 std::string RepeatEventJson(const std::string& rule, const std::optional<std::int64_t>& notBefore_us);
 std::string AskedEventJson(StateEvent order, const std::string& by);
 std::string StoppedEventJson(const TypeStop& stop);
+std::string PriorityEventJson(const std::string& by, std::int32_t priority);
+// `action`: "failed", "cancel" or "none".
+std::string DeadlineEventJson(std::int64_t deadline_us, const std::string& action);
 
 // Why a task with this final status failed or was cancelled, in words; nothing for a finished one.
 std::optional<std::string> FinalReason(const FinalStatus& final);

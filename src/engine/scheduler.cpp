@@ -50,21 +50,35 @@ Scheduler::~Scheduler() {
 // ---- starting ----
 
 void Scheduler::Pump() {
+    if (!m_ending) PassDeadlines();
     while (!m_ending) {
         const auto stops = m_store.Stops();
         if (!stops) return PumpLater(stops.error());
         LogStops(*stops);
         if (m_launcher.Running() >= m_maxWorkers || !IsReleased(kEveryType, *stops)) break;
         auto claim = m_store.ClaimNext(
-            [&](std::int32_t type) { return IsReleased(type, *stops) && MayStart(type); }, BusyTasks());
+            [&, asked = std::map<std::int32_t, bool>()](const Candidate& candidate) mutable {
+                const auto [type, isNew] = asked.try_emplace(candidate.type);
+                if (isNew) type->second = IsReleased(candidate.type, *stops) && MayStart(candidate.type);
+                return type->second;
+            },
+            BusyTasks());
         if (!claim) return PumpLater(claim.error());
-        if (!*claim) {
-            WakeWhenDue(*stops);
-            break;
-        }
+        if (!*claim) break;
         StartWorker(std::move(**claim));
     }
-    if (!m_ending && !m_held.empty()) PumpAgainAfter(kStageRetry);
+    if (m_ending) return;
+    WakeWhenDue();
+    if (!m_held.empty()) PumpAgainAfter(kStageRetry);
+}
+
+void Scheduler::PassDeadlines() {
+    const auto late = m_store.PassDeadlines();
+    if (!late) return Report(late.error(), "a deadline");
+    for (const auto task : *late) {
+        const auto outcome = Cancel(task, "deadline");
+        if (!outcome) Report(outcome.error(), "a cancel");
+    }
 }
 
 void Scheduler::PumpAgainAfter(std::chrono::milliseconds pause) {

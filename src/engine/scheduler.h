@@ -40,7 +40,8 @@ class Scheduler final : public SessionHost {
     // Starts waiting tasks while there is room. Call it after a submission.
     void Pump();
     void SetLinkPort(std::uint16_t port) { m_linkPort = port; }
-    // Any of the orders; `text` goes with Update. What the task's state does not allow is refused.
+    // Any of the orders; `text` goes with Update, a whole number with
+    // Prioritise. What the task's state does not allow is refused.
     Result<OrderOutcome> Order(std::int64_t task, StateEvent order, const std::string& by,
                                const std::string& text = {});
     // No task (of this type, or of any with kEveryType) is started until GoOn. False: nothing changed.
@@ -124,8 +125,10 @@ class Scheduler final : public SessionHost {
     std::set<std::int64_t> BusyTasks() const;
     // Whether no stop keeps the type from being started.
     bool IsReleased(std::int32_t type, const std::vector<TypeStop>& stops) const;
-    // Pumps again when the first waiting task or stopped type is due.
-    void WakeWhenDue(const std::vector<TypeStop>& stops);
+    // Pumps again when the first waiting task, deadline or stopped type is due.
+    void WakeWhenDue();
+    // Fails and cancels what is late.
+    void PassDeadlines();
     void LogStops(const std::vector<TypeStop>& stops);
 
     void SendCancel(Run& run);

@@ -55,6 +55,9 @@ Result<OrderOutcome> Scheduler::Order(std::int64_t task, StateEvent order, const
             return FinishTask(task, by);
         case StateEvent::Update:
             return Update(task, by, text);
+        case StateEvent::Prioritise:
+            return m_store.SetPriority(task, by,
+                                       static_cast<std::int32_t>(std::strtol(text.c_str(), nullptr, 10)));
         case StateEvent::Delete:
             return Delete(task);
         case StateEvent::Retry: {
@@ -197,11 +200,12 @@ bool Scheduler::IsReleased(std::int32_t type, const std::vector<TypeStop>& stops
     });
 }
 
-void Scheduler::WakeWhenDue(const std::vector<TypeStop>& stops) {
+void Scheduler::WakeWhenDue() {
+    const auto stops = m_store.Stops();
     const auto now = m_store.NowTime();
     std::int64_t left_us = std::numeric_limits<std::int64_t>::max();
     if (const auto due = m_store.NextDue(); due && *due) left_us = **due - now;
-    for (const auto& stop : stops) {
+    for (const auto& stop : stops ? *stops : std::vector<TypeStop>()) {
         if (stop.until_us && *stop.until_us > now) left_us = std::min(left_us, *stop.until_us - now);
     }
     m_wake.cancel();
@@ -241,7 +245,11 @@ std::vector<WaitReason> Scheduler::WhyWaits(const TaskRow& task) {
     if (task.suspended_us)
         reasons.push_back({"suspended", "suspended since " + TimeText(*task.suspended_us), {}});
     const auto now = m_store.NowTime();
-    if (task.notBefore_us && *task.notBefore_us > now)
+    if (task.notBefore_us && *task.notBefore_us > now && task.attempts == 0)
+        reasons.push_back({"not-before",
+                           "not before " + TimeText(*task.notBefore_us) + ", as it was submitted",
+                           task.notBefore_us});
+    else if (task.notBefore_us && *task.notBefore_us > now)
         reasons.push_back({"backoff",
                            "attempt " + std::to_string(task.attempts + 1) + " not before " +
                                TimeText(*task.notBefore_us) + (task.reason ? ", after: " + *task.reason : ""),
@@ -253,7 +261,7 @@ std::vector<WaitReason> Scheduler::WhyWaits(const TaskRow& task) {
     if (m_launcher.Running() >= m_maxWorkers)
         reasons.push_back({"workers",
                            std::to_string(m_launcher.Running()) + " of " + std::to_string(m_maxWorkers) +
-                               " workers are running; the oldest task is next",
+                               " workers are running; by priority and age",
                            {}});
     return reasons;
 }

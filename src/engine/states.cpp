@@ -37,12 +37,14 @@ constexpr Row kTable[] = {
     {StateEvent::EndsLostAgain, "ends lost, again", ".QQQ....."},
     {StateEvent::EndsCancelled, "ends cancelled", "....C===="},
     {StateEvent::EndsUnsaid, "ends unsaid",      ".XXXX===="},
+    {StateEvent::PassesDeadline, "passes deadline", "X====...."},
     {StateEvent::Cancel, "cancel",               "CNNN====="},
     {StateEvent::Suspend, "suspend",             "=.==....."},
     {StateEvent::Resume, "resume",               "=.==....."},
     {StateEvent::Finish, "finish",               "..NN====="},
     {StateEvent::Update, "update",               "=.==....."},
     {StateEvent::Retry, "retry",                 "=====.QQQ"},
+    {StateEvent::Prioritise, "priority",         "=====...."},
     {StateEvent::Delete, "delete",               ".....----"},
 };
 // clang-format on

@@ -40,12 +40,14 @@ enum class StateEvent {
     EndsLostAgain,   // the same, and the policy grants another attempt
     EndsCancelled,   // the same after a cancel
     EndsUnsaid,      // the worker ended in good order, and has not said how its task ended
+    PassesDeadline,  // its deadline is over
     Cancel,
     Suspend,
     Resume,
     Finish,
     Update,
     Retry,
+    Prioritise,
     Delete,
 };
 
@@ -53,9 +55,10 @@ inline constexpr StateEvent kStateEvents[] = {
     StateEvent::Claimed,       StateEvent::SaysRunning, StateEvent::SaysPaused,
     StateEvent::SaysFinished,  StateEvent::SaysError,   StateEvent::SaysErrorAgain,
     StateEvent::SaysCancelled, StateEvent::EndsLost,    StateEvent::EndsLostAgain,
-    StateEvent::EndsCancelled, StateEvent::EndsUnsaid,  StateEvent::Cancel,
-    StateEvent::Suspend,       StateEvent::Resume,      StateEvent::Finish,
-    StateEvent::Update,        StateEvent::Retry,       StateEvent::Delete};
+    StateEvent::EndsCancelled, StateEvent::EndsUnsaid,  StateEvent::PassesDeadline,
+    StateEvent::Cancel,        StateEvent::Suspend,     StateEvent::Resume,
+    StateEvent::Finish,        StateEvent::Update,      StateEvent::Retry,
+    StateEvent::Prioritise,    StateEvent::Delete};
 
 enum class Effect {
     Moves,

@@ -46,6 +46,7 @@ const std::map<StateEvent, Expected>& Expectations() {
         {StateEvent::EndsLostAgain, {{{Queued, untold}}, {}, {}}},
         {StateEvent::EndsCancelled, {{{Cancelled, {Finishing}}}, kAllEnded, {}}},
         {StateEvent::EndsUnsaid, {{{Failed, working}}, kAllEnded, {}}},
+        {StateEvent::PassesDeadline, {{{Failed, {Queued}}}, working, {}}},
         {StateEvent::Cancel,
          {{{Cancelled, {Queued}}, {Finishing, {Starting, Running, Paused}}},
           With(kAllEnded, {Finishing}),
@@ -55,6 +56,7 @@ const std::map<StateEvent, Expected>& Expectations() {
         {StateEvent::Finish, {{{Finishing, {Running, Paused}}}, With(kAllEnded, {Finishing}), {}}},
         {StateEvent::Update, {{}, {Queued, Running, Paused}, {}}},
         {StateEvent::Retry, {{{Queued, {Failed, Cancelled, Lost}}}, With(working, {Queued}), {}}},
+        {StateEvent::Prioritise, {{}, With(working, {Queued}), {}}},
         {StateEvent::Delete, {{}, {}, kAllEnded}},
     };
     return all;
@@ -81,7 +83,7 @@ TEST(States, EveryPairOfStateAndEventDoesWhatItShould) {
             ++pairs;
         }
     }
-    EXPECT_EQ(pairs, 18 * 9);
+    EXPECT_EQ(pairs, 20 * 9);
 }
 
 TEST(States, AFinalStatusOrALossDecidesOnce) {

@@ -74,15 +74,30 @@ TaskRow Store::Insert(const NewTask& task) {
     row.name = task.name;
     row.origin = task.origin;
     row.created_us = m_now();
+    row.priority = task.priority;
+    row.notBefore_us = task.notBefore_us;
+    row.deadline_us = task.deadline_us;
+    row.cancelAtDeadline = task.cancelAtDeadline;
+    row.demand = task.demand;
+    row.clientKey = task.key;
     m_database
         ->Prepare(
-            "INSERT INTO tasks (type, name, origin, text, state, created_us) "
-            "VALUES (?1, ?2, ?3, ?4, 'queued', ?5)")
+            "INSERT INTO tasks (type, name, origin, text, state, created_us, priority, not_before_us, "
+            "deadline_us, deadline_cancels, memory_mib, cores, volumes, client_key) "
+            "VALUES (?1, ?2, ?3, ?4, 'queued', ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, nullif(?13, ''))")
         .Bind(std::int64_t{task.type})
         .Bind(task.name)
         .Bind(task.origin)
         .Bind(task.text)
         .Bind(row.created_us)
+        .Bind(std::int64_t{task.priority})
+        .Bind(task.notBefore_us)
+        .Bind(task.deadline_us)
+        .Bind(std::int64_t{task.cancelAtDeadline})
+        .Bind(task.demand.memory_MiB)
+        .Bind(task.demand.cores)
+        .Bind(JoinVolumes(task.demand.volumes))
+        .Bind(task.key)
         .Run();
     row.key = m_database->LastRowId();
     row.id = "t" + std::to_string(row.key);
@@ -90,23 +105,6 @@ TaskRow Store::Insert(const NewTask& task) {
     AddEvent(row.key, std::nullopt, "submitted", SubmittedEventJson(task));
     AddEvent(row.key, std::nullopt, "state", StateEventJson(TaskState::Queued, std::nullopt));
     return row;
-}
-
-Result<TaskRow> Store::Submit(const NewTask& task) {
-    auto rows = SubmitAll({task});
-    if (!rows) return rows.error();
-    return std::move(rows->front());
-}
-
-Result<std::vector<TaskRow>> Store::SubmitAll(const std::vector<NewTask>& tasks) {
-    Transaction transaction(*m_database);
-    std::vector<TaskRow> rows;
-    for (const auto& task : tasks) rows.push_back(Insert(task));
-    if (auto done = Commit(transaction, 0); !done) return done.error();
-    for (const auto& row : rows) {
-        if (m_listener) m_listener(row.key);
-    }
-    return rows;
 }
 
 Claim Store::NewAttempt(std::int64_t task) {
@@ -143,22 +141,23 @@ Claim Store::NewAttempt(std::int64_t task) {
 Result<std::optional<Claim>> Store::ClaimNext(const MayStart& mayStart, const std::set<std::int64_t>& busy) {
     Transaction transaction(*m_database);
     std::int64_t task = 0;
-    std::string held, without;  // types and tasks, as the inside of JSON arrays
-    for (const auto key : busy) without += (without.empty() ? "" : ",") + std::to_string(key);
-    while (task == 0) {
+    {
         // A time that was set later than now is one of a clock that was put back since.
         Statement query = m_database->Prepare(
-            "SELECT id, type FROM tasks WHERE state = 'queued' AND suspended_us IS NULL "
+            "SELECT id, type, memory_mib, cores, volumes FROM tasks "
+            "WHERE state = 'queued' AND suspended_us IS NULL "
             "AND (not_before_us IS NULL OR not_before_us <= ?1 OR waits_since_us > ?1) "
-            "AND type NOT IN (SELECT value FROM json_each(?2)) "
-            "AND id NOT IN (SELECT value FROM json_each(?3)) ORDER BY id LIMIT 1");
-        if (!query.Bind(m_now()).Bind("[" + held + "]").Bind("[" + without + "]").Row()) break;
-        const auto found = query.Number();
-        const auto type = static_cast<std::int32_t>(query.Number());
-        if (!mayStart || mayStart(type))
-            task = found;
-        else
-            held += (held.empty() ? "" : ",") + std::to_string(type);
+            "ORDER BY priority DESC, id");
+        query.Bind(m_now());
+        while (task == 0 && query.Row()) {
+            Candidate candidate;
+            candidate.task = query.Number();
+            candidate.type = static_cast<std::int32_t>(query.Number());
+            candidate.demand.memory_MiB = query.Number();
+            candidate.demand.cores = query.Number();
+            candidate.demand.volumes = SplitVolumes(query.Text());
+            if (!busy.contains(candidate.task) && (!mayStart || mayStart(candidate))) task = candidate.task;
+        }
     }
     if (task == 0) {
         if (auto ok = Checked(); !ok) return ok.error();
@@ -167,18 +166,6 @@ Result<std::optional<Claim>> Store::ClaimNext(const MayStart& mayStart, const st
     std::optional<Claim> claim = NewAttempt(task);
     if (auto done = Commit(transaction, task); !done) return done.error();
     return claim;
-}
-
-Result<std::optional<std::int64_t>> Store::NextDue() {
-    std::optional<std::int64_t> due;
-    {
-        Statement query = m_database->Prepare(
-            "SELECT min(not_before_us) FROM tasks "
-            "WHERE not_before_us > ?1 AND state = 'queued' AND suspended_us IS NULL");
-        if (query.Bind(m_now()).Row()) due = query.OptionalNumber();
-    }
-    if (auto ok = Checked(); !ok) return ok.error();
-    return due;
 }
 
 Result<Claim> Store::AdoptExternal(const std::string& name) {

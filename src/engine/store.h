@@ -22,7 +22,7 @@
 namespace rq::engine {
 
 // Newest schema that this program knows.
-inline constexpr int kSchemaVersion = 4;
+inline constexpr int kSchemaVersion = 5;
 
 class Store {
   public:
@@ -40,15 +40,17 @@ class Store {
     // ---- tasks ----
     Result<TaskRow> Submit(const NewTask& task);
     // All of them or none, with one sync.
-    Result<std::vector<TaskRow>> SubmitAll(const std::vector<NewTask>& tasks);
-    // The oldest queued task of a type that may start gets an attempt and is starting, unless it waits for
-    // its time, is suspended or is one of `busy`. Nothing when there is none. `mayStart` is asked once for
-    // each type that it meets.
-    using MayStart = std::function<bool(std::int32_t type)>;
+    Result<std::vector<Submitted>> SubmitAll(const std::vector<NewTask>& tasks);
+    // The queued task whose turn it is gets an attempt and is starting: the first that may start, by priority
+    // and age, unless it waits for its time, is suspended or is one of `busy`. Nothing when there is none.
+    using MayStart = std::function<bool(const Candidate& candidate)>;
     Result<std::optional<Claim>> ClaimNext(const MayStart& mayStart = {},
                                            const std::set<std::int64_t>& busy = {});
-    // When the first of the queued tasks that wait for their time may start.
+    // When the first of the queued tasks that wait for their time may start, or the next deadline passes.
     Result<std::optional<std::int64_t>> NextDue();
+    // Queued tasks whose deadline is over fail; of others that is noted. The keys of those that are to be
+    // cancelled now.
+    Result<std::vector<std::int64_t>> PassDeadlines();
     std::int64_t NowTime() const { return m_now(); }
     // A worker that was started by hand: a new task, starting, with an attempt.
     // Its type is kUnknownType until TypeSeen tells.
@@ -67,6 +69,7 @@ class Store {
     Result<OrderOutcome> Update(std::int64_t task, const std::string& by, const std::string& text);
     // An ended task is queued again, with as many attempts as a new one.
     Result<OrderOutcome> Retry(std::int64_t task, const std::string& by);
+    Result<OrderOutcome> SetPriority(std::int64_t task, const std::string& by, std::int32_t priority);
     // An ended task is removed with everything that belongs to it. `outputs` gets the names of its files.
     Result<OrderOutcome> Delete(std::int64_t task, std::vector<std::string>& outputs);
     // Whether a task with this key was there and has been deleted.
@@ -163,6 +166,8 @@ class Store {
         std::optional<std::int64_t> suspended_us;
         bool external = false;
         std::string text;
+        std::int32_t priority = kStandardPriority;
+        std::optional<std::int64_t> deadline_us;
     };
 
     Store(std::unique_ptr<Database> database, Now now);
@@ -172,6 +177,8 @@ class Store {
     template <class Change>
     Result<void> ForHolder(const std::string& token, Transaction::Sync sync, Change change);
     TaskRow Insert(const NewTask& task);
+    // The task that has this key already, and whether it is the same.
+    std::optional<Submitted> FindKey(const NewTask& task);
     Claim NewAttempt(std::int64_t task);
     void AddEvent(std::int64_t task, std::optional<std::int64_t> attempt, std::string_view kind,
                   const std::string& json);

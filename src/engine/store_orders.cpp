@@ -12,8 +12,8 @@ Result<OrderOutcome> Store::ForOrder(std::int64_t task, StateEvent event, Change
     std::optional<Ordered> found;
     {
         Statement query = m_database->Prepare(
-            "SELECT public_id, state, last_attempt, cancel_us, suspended_us, origin = 'external', text "
-            "FROM tasks WHERE id = ?1");
+            "SELECT public_id, state, last_attempt, cancel_us, suspended_us, origin = 'external', text, "
+            "priority, deadline_us FROM tasks WHERE id = ?1");
         if (query.Bind(task).Row()) {
             found.emplace();
             found->id = query.Text();
@@ -23,6 +23,8 @@ Result<OrderOutcome> Store::ForOrder(std::int64_t task, StateEvent event, Change
             found->suspended_us = query.OptionalNumber();
             found->external = query.Number() != 0;
             found->text = query.Text();
+            found->priority = static_cast<std::int32_t>(query.Number());
+            found->deadline_us = query.OptionalNumber();
         }
     }
     if (auto ok = Checked(); !ok) return ok.error();
@@ -158,7 +160,13 @@ Result<OrderOutcome> Store::Update(std::int64_t task, const std::string& by, con
             Tell(outcome, false, "unchanged", ordered.id + " has this text already");
             return;
         }
-        m_database->Prepare("UPDATE tasks SET text = ?1 WHERE id = ?2").Bind(text).Bind(task).Run();
+        m_database
+            ->Prepare(
+                "UPDATE tasks SET text = ?1, submitted_text = iif(client_key IS NULL, NULL, "
+                "coalesce(submitted_text, text)) WHERE id = ?2")
+            .Bind(text)
+            .Bind(task)
+            .Run();
         AddEvent(task, ordered.attempt, "asked", AskedEventJson(StateEvent::Update, by));
         if (ordered.state == TaskState::Queued) {
             Tell(outcome, true, "updated", ordered.id + " has the new text");
@@ -181,16 +189,38 @@ Result<OrderOutcome> Store::Retry(std::int64_t task, const std::string& by) {
             Tell(outcome, false, "not-ended", ordered.id + " is " + std::string(NameOf(ordered.state)));
             return;
         }
+        const auto now = m_now();
         AddEvent(task, ordered.attempt, "asked", AskedEventJson(StateEvent::Retry, by));
         SetTaskState(task, std::nullopt, TaskState::Queued, std::nullopt);
         m_database
             ->Prepare(
                 "UPDATE tasks SET spent = attempts, finished_us = NULL, cancel_us = NULL, suspended_us = "
-                "NULL "
+                "NULL, deadline_noted = 0, deadline_us = iif(deadline_us <= ?2, NULL, deadline_us) "
                 "WHERE id = ?1")
             .Bind(task)
+            .Bind(now)
             .Run();
-        Tell(outcome, true, "queued", ordered.id + " is queued again");
+        const bool late = ordered.deadline_us && *ordered.deadline_us <= now;
+        Tell(outcome, true, "queued",
+             ordered.id + " is queued again" + (late ? ", without its deadline, which has passed" : ""));
+    });
+}
+
+Result<OrderOutcome> Store::SetPriority(std::int64_t task, const std::string& by, std::int32_t priority) {
+    return ForOrder(task, StateEvent::Prioritise, [&](const Ordered& ordered, OrderOutcome& outcome) {
+        const std::string number = std::to_string(priority);
+        if (ordered.priority == priority) {
+            Tell(outcome, false, "unchanged", ordered.id + " has the priority " + number + " already");
+            return;
+        }
+        m_database->Prepare("UPDATE tasks SET priority = ?1 WHERE id = ?2")
+            .Bind(std::int64_t{priority})
+            .Bind(task)
+            .Run();
+        AddEvent(task, ordered.attempt, "asked", PriorityEventJson(by, priority));
+        Tell(outcome, true, "changed",
+             ordered.id + " has the priority " + number + " now" +
+                 (ordered.state == TaskState::Queued ? "" : ", for later attempts"));
     });
 }
 

@@ -7,7 +7,9 @@ namespace {
 
 constexpr const char* kTaskColumns =
     "SELECT t.id, t.public_id, t.type, t.name, t.origin, t.state, t.reason, t.created_us, t.started_us, "
-    "t.finished_us, t.cancel_us, t.not_before_us, t.suspended_us, t.attempts, coalesce(a.percent, 0), "
+    "t.finished_us, t.cancel_us, t.not_before_us, t.suspended_us, t.attempts, t.priority, t.deadline_us, "
+    "t.deadline_cancels, "
+    "t.memory_mib, t.cores, t.volumes, coalesce(t.client_key, ''), coalesce(a.percent, 0), "
     "coalesce(a.speed, 0), "
     "coalesce(a.average_speed, 0), a.status "
     "FROM tasks t LEFT JOIN attempts a ON a.id = t.last_attempt ";
@@ -28,6 +30,13 @@ TaskRow ReadTask(Statement& row) {
     task.notBefore_us = row.OptionalNumber();
     task.suspended_us = row.OptionalNumber();
     task.attempts = row.Number();
+    task.priority = static_cast<std::int32_t>(row.Number());
+    task.deadline_us = row.OptionalNumber();
+    task.cancelAtDeadline = row.Number() != 0;
+    task.demand.memory_MiB = row.Number();
+    task.demand.cores = row.Number();
+    task.demand.volumes = SplitVolumes(row.Text());
+    task.clientKey = row.Text();
     task.percent = row.Real();
     task.speed = row.Real();
     task.averageSpeed = row.Real();

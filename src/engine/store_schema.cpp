@@ -135,7 +135,27 @@ CREATE TABLE facts (
 PRAGMA user_version = 4;
 )sql";
 
-constexpr const char* kSteps[] = {kStep1, kStep2, kStep3, kStep4};
+// What a submission says of its turn, of time and of what it takes of the node; the client's own key. The
+// turn's index has everything that the choice of the next task looks at.
+constexpr const char* kStep5 = R"sql(
+ALTER TABLE tasks ADD COLUMN priority INTEGER NOT NULL DEFAULT 50;
+ALTER TABLE tasks ADD COLUMN deadline_us INTEGER;
+ALTER TABLE tasks ADD COLUMN deadline_cancels INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE tasks ADD COLUMN deadline_noted INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE tasks ADD COLUMN memory_mib INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE tasks ADD COLUMN cores INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE tasks ADD COLUMN volumes TEXT NOT NULL DEFAULT '';
+ALTER TABLE tasks ADD COLUMN client_key TEXT;
+ALTER TABLE tasks ADD COLUMN submitted_text TEXT;
+CREATE UNIQUE INDEX tasks_by_key ON tasks (client_key) WHERE client_key IS NOT NULL;
+CREATE INDEX tasks_by_deadline ON tasks (deadline_us) WHERE deadline_us IS NOT NULL AND finished_us IS NULL;
+CREATE INDEX tasks_by_turn ON tasks (priority DESC, id, type, memory_mib, cores, volumes, suspended_us,
+  not_before_us, waits_since_us, state) WHERE state = 'queued';
+
+PRAGMA user_version = 5;
+)sql";
+
+constexpr const char* kSteps[] = {kStep1, kStep2, kStep3, kStep4, kStep5};
 static_assert(std::size(kSteps) == kSchemaVersion);
 
 }  // namespace

@@ -17,11 +17,47 @@ inline constexpr std::int32_t kUnknownType = -1;
 // In a stop: of all types.
 inline constexpr std::int32_t kEveryType = -2;
 
+inline constexpr std::int32_t kStandardPriority = 50;
+
+// What a task says that it takes of the node. 0 and none: it says nothing.
+struct Demand {
+    std::int64_t memory_MiB = 0;
+    std::int64_t cores = 0;
+    std::vector<std::string> volumes;  // their names, sorted, each once
+
+    bool operator==(const Demand&) const = default;
+    auto operator<=>(const Demand&) const = default;
+};
+
+// As the store has them: names never hold a blank.
+std::string JoinVolumes(const std::vector<std::string>& volumes);
+std::vector<std::string> SplitVolumes(std::string_view text);
+
 struct NewTask {
     std::int32_t type = 0;
     std::string name;
     std::string text;
     std::string origin = "api";
+    std::int32_t priority = kStandardPriority;  // 0 to 100, higher first
+    std::optional<std::int64_t> notBefore_us = {};
+    std::optional<std::int64_t> deadline_us = {};
+    bool cancelAtDeadline = false;  // when a worker has it; a queued task fails
+    Demand demand = {};
+    std::string key = {};  // the client's; empty: none
+};
+
+// What became of a submission.
+enum class SubmitResult {
+    New,
+    Repeated,  // the task that has this key has this type and text, too
+    KeyTaken,  // it has not
+};
+
+// A queued task whose turn it could be.
+struct Candidate {
+    std::int64_t task = 0;
+    std::int32_t type = 0;
+    Demand demand;
 };
 
 // A task that has just got an attempt. `token` is the attempt's secret and its key for every later verb.
@@ -97,14 +133,24 @@ struct TaskRow {
     std::optional<std::int64_t> started_us;
     std::optional<std::int64_t> finished_us;
     std::optional<std::int64_t> cancelRequested_us;
-    std::optional<std::int64_t> notBefore_us;  // of a queued task that waits for its next attempt
+    std::optional<std::int64_t> notBefore_us;  // of a queued task that waits for its first or next attempt
     std::optional<std::int64_t> suspended_us;  // of a queued task that was suspended
+    std::int32_t priority = kStandardPriority;
+    std::optional<std::int64_t> deadline_us;
+    bool cancelAtDeadline = false;
+    Demand demand;
+    std::string clientKey;
     std::int64_t attempts = 0;
     // Of the latest attempt.
     double percent = 0;
     double speed = 0;
     double averageSpeed = 0;
     std::optional<std::int64_t> status;
+};
+
+struct Submitted {
+    SubmitResult result = SubmitResult::New;
+    TaskRow row;  // of the task that has the key now
 };
 
 // What a progress report says; finite numbers.
