@@ -25,6 +25,29 @@ void CheckAttributes(const XmlElement& element, XmlError& error) {
                                     "\"; attributes are not used here");
 }
 
+bool ContinuesUtf8(char c) {
+    return (static_cast<unsigned char>(c) & 0xC0u) == 0x80u;
+}
+
+// A refusal quotes what it refuses, which may be of any length: its middle is left out then, at whole
+// characters. Line breaks and other control characters become blanks.
+std::string OneLine(std::string_view text) {
+    constexpr std::size_t kBegin_bytes = 1500;
+    constexpr std::size_t kEnd_bytes = 500;
+    std::string line(text);
+    if (text.size() > kBegin_bytes + kEnd_bytes) {
+        std::size_t begin = kBegin_bytes;
+        while (ContinuesUtf8(text[begin])) --begin;
+        std::size_t end = text.size() - kEnd_bytes;
+        while (ContinuesUtf8(text[end])) ++end;
+        line = std::string(text.substr(0, begin)) + " ... " + std::string(text.substr(end));
+    }
+    for (char& c : line) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = ' ';
+    }
+    return line;
+}
+
 // The text of an element that holds nothing else.
 std::string PlainText(const XmlElement& element, std::string_view hint, XmlError& error) {
     CheckAttributes(element, error);
@@ -40,7 +63,7 @@ std::string PlainText(const XmlElement& element, std::string_view hint, XmlError
 }  // namespace
 
 void XmlError::Set(std::size_t line, std::string_view text) {
-    if (!Failed()) m_text = "line " + std::to_string(line) + ": " + std::string(text);
+    if (!Failed()) m_text = "line " + std::to_string(line) + ": " + OneLine(text);
 }
 
 std::string_view TrimXml(std::string_view text) {

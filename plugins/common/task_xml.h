@@ -2,10 +2,10 @@
 // getters whose errors name the element and the line. One reader for all plug-ins, so that a wrong task is
 // refused in the same words everywhere.
 //
-// Refused: more than kMaxTaskText_bytes, nesting over kMaxNesting, more than kMaxElements elements, a DOCTYPE
-// (and so every entity but the five of XML), another encoding than UTF-8, anything that is not well-formed. A
-// byte order mark is skipped. Texts are taken as they stand, blanks and line ends included. Pure functions
-// over values; any thread.
+// Refused: more than kMaxTaskText_bytes, nesting over kMaxNesting, more than kMaxElements elements, a tag
+// over kMaxTag_bytes (a million attributes would take many seconds), a DOCTYPE (and so every entity but the
+// five of XML), another encoding than UTF-8, anything that is not well-formed. A byte order mark is skipped.
+// Texts are taken as they stand, blanks and line ends included. Pure functions over values; any thread.
 #pragma once
 
 #include <cstddef>
@@ -20,13 +20,14 @@ namespace rq::task {
 constexpr std::size_t kMaxTaskText_bytes = 16u << 20;
 constexpr std::size_t kMaxNesting = 64;
 constexpr std::size_t kMaxElements = 500'000;
+constexpr std::size_t kMaxTag_bytes = 64u << 10;
 
 // The first thing wrong; later ones are not kept. One of these is shared by all getters of a reading, so that
 // a plug-in reads every field first and asks once.
 class XmlError {
   public:
     bool Failed() const { return !m_text.empty(); }
-    // "line 7: <Path> is empty; give the absolute path of a file"
+    // "line 7: <Path> is empty; give the absolute path of a file". One line of some 2000 bytes at most.
     const std::string& Text() const { return m_text; }
     void Set(std::size_t line, std::string_view text);
 

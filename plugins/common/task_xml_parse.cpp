@@ -58,6 +58,44 @@ bool CheckBytes(std::string_view text, XmlError& error) {
     return true;
 }
 
+// Where what begins at `begin` ends: behind the next `end`, or at the end of the text.
+std::size_t Behind(std::string_view text, std::size_t begin, std::string_view end) {
+    const std::size_t at = text.find(end, begin);
+    return at == std::string_view::npos ? text.size() : at + end.size();
+}
+
+// Behind the tag that begins at `begin`: its '>' stands outside of quotes.
+std::size_t BehindTag(std::string_view text, std::size_t begin) {
+    std::size_t i = begin + 1;
+    while (i < text.size() && text[i] != '>')
+        i = text[i] == '"' || text[i] == '\'' ? Behind(text, i + 1, text.substr(i, 1)) : i + 1;
+    return i;
+}
+
+bool CheckTags(std::string_view text, XmlError& error) {
+    const auto stands = [&](std::size_t at, std::string_view word) {
+        return text.substr(at, word.size()) == word;
+    };
+    for (std::size_t i = text.find('<'); i < text.size(); i = text.find('<', i)) {
+        if (stands(i, "<!--")) {
+            i = Behind(text, i + 4, "-->");
+        } else if (stands(i, "<![CDATA[")) {
+            i = Behind(text, i, "]]>");
+        } else if (stands(i, "<?")) {
+            i = Behind(text, i, "?>");
+        } else {
+            const std::size_t end = BehindTag(text, i);
+            if (end - i > kMaxTag_bytes) {
+                error.Set(LineAt(text, i),
+                          "a tag is longer than " + std::to_string(kMaxTag_bytes) + " bytes, or has no end");
+                return false;
+            }
+            i = end;
+        }
+    }
+    return true;
+}
+
 bool IsUtf8Name(std::string_view encoding) {
     std::string lower;
     for (const char c : encoding) lower += c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
@@ -165,7 +203,7 @@ class TreeBuilder {
 
 bool ParseTaskXml(std::string_view text, XmlElement& root, XmlError& error) {
     root = {};
-    return CheckBytes(text, error) && TreeBuilder(root, error).Parse(text);
+    return CheckBytes(text, error) && CheckTags(text, error) && TreeBuilder(root, error).Parse(text);
 }
 
 }  // namespace rq::task

@@ -128,6 +128,28 @@ TEST(TaskXml, BoundsTheSize) {
     EXPECT_EQ(ErrorOf(text), "line 1: the task text has 16777217 bytes; at most 16777216 are read");
 }
 
+TEST(TaskXml, BoundsATag) {
+    const std::string filler(rq::task::kMaxTag_bytes - 9, 'x');
+    EXPECT_EQ(Parsed("<A b='>" + filler + "'/>").attributes.size(), 1u);
+    const std::string refused = "a tag is longer than 65536 bytes, or has no end";
+    EXPECT_EQ(ErrorOf("<A>\n<B c='>" + filler + "12'/></A>"), "line 2: " + refused);
+    EXPECT_EQ(ErrorOf("<A>\n\n<B c=\"" + filler + filler), "line 3: " + refused);
+    // What is no tag may be longer.
+    const std::string more = filler + "<" + filler;
+    EXPECT_EQ(Parsed("<A><!--" + more + "--><![CDATA[" + more + "]]><?p " + more + "?></A>").text, more);
+}
+
+TEST(TaskXml, ARefusalIsOneLineOfBoundedLength) {
+    XmlError error;
+    std::string quoted = "begin\n";
+    for (int i = 0; i < 2000; ++i) quoted += "中";
+    error.Set(7, quoted + "\tend");
+    EXPECT_EQ(error.Text().rfind("line 7: begin 中中", 0), 0u);
+    EXPECT_EQ(error.Text().substr(error.Text().size() - 7), "中 end");
+    EXPECT_NE(error.Text().find("中 ... 中"), std::string::npos);
+    EXPECT_LT(error.Text().size(), 2100u);
+}
+
 TEST(TaskXml, BoundsTheNumberOfElements) {
     EXPECT_EQ(ErrorOf("<A>" + Repeat("<b/>", rq::task::kMaxElements - 1) + "</A>"), "");
     EXPECT_EQ(ErrorOf("<A>" + Repeat("<b/>", rq::task::kMaxElements) + "</A>"),
