@@ -47,6 +47,8 @@ Outcome<int> DrainOrUndrain(EngineAccess& engine, const std::string& order, cons
                             bool json);
 // `file` is made absolute; the engine makes it.
 Outcome<int> Backup(EngineAccess& engine, const std::string& file);
+// What becomes of a path in a task text on the engine's node. kExitFailed when it cannot be reached.
+Outcome<int> TestPath(EngineAccess& engine, const std::string& path, bool asJson);
 Outcome<int> CollectGarbage(EngineAccess& engine, bool asJson);
 // Returns when the engine has ended.
 Outcome<int> Shutdown(EngineAccess& engine);

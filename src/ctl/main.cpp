@@ -156,6 +156,13 @@ void AddCommands(CLI::App& app, CommandLine& line) {
         ->type_name("FILE");
     auto* backup = app.add_subcommand("backup", "Copy the engine's store while it runs");
     backup->add_option("file", line.file, "File to make")->required()->type_name("FILE");
+    auto* path = app.add_subcommand("path", "Paths of task texts on the engine's node");
+    path->require_subcommand(1);
+    path->fallthrough();
+    auto* pathTest = path->add_subcommand("test", "What becomes of a path, and whether it can be reached");
+    pathTest->fallthrough();
+    pathTest->add_option("path", line.file, "As it stands in a task text")->required()->type_name("PATH");
+    pathTest->add_flag("--json", line.json, "The answer as JSON");
     auto* gc = app.add_subcommand("gc", "Remove what the engine's settings no longer keep");
     gc->add_flag("--json", line.json, "As JSON");
     auto* errorName =
@@ -183,7 +190,7 @@ void AddCommands(CLI::App& app, CommandLine& line) {
         ->check(CLI::Range(1, 86'400))
         ->capture_default_str();
     auto* shutdown = app.add_subcommand("shutdown", "End the engine in good order");
-    for (auto* command : {list, show, watch, bundle, backup, gc, errorName, replay, shutdown})
+    for (auto* command : {list, show, watch, bundle, backup, gc, path, errorName, replay, shutdown})
         command->fallthrough();
     app.footer(
         "Ends with 0 finished or done (also when nothing was left to do), 1 failed or lost, 2 wrong use, 3 "
@@ -257,6 +264,7 @@ Outcome<int> Run(const CLI::App& app, const CommandLine& line) {
     }
     if (app.got_subcommand("bundle")) return Bundle(**engine, line.id, line.file);
     if (app.got_subcommand("backup")) return Backup(**engine, line.file);
+    if (app.got_subcommand("path")) return TestPath(**engine, line.file, line.json);
     if (app.got_subcommand("gc")) return CollectGarbage(**engine, line.json);
     return Shutdown(**engine);
 }

@@ -65,6 +65,7 @@ std::optional<std::vector<std::string_view>> ParametersOf(const Target& target) 
     if (isTasks && path.size() == 3) return std::vector<std::string_view>{"state", "limit", "after"};
     if (isTasks && path.size() == 5 && path[4] == "events")
         return std::vector<std::string_view>{"after", "wait_ms"};
+    if (path[2] == "path" && path.size() == 3) return std::vector<std::string_view>{"path"};
     const bool isKnown =
         isTasks ? path.size() <= 5
                 : path.size() == 3 && (path[2] == "health" || path[2] == "shutdown" || path[2] == "gc" ||
@@ -138,6 +139,11 @@ void Api::Route(const ApiRequest& request, const Target& target, const Reply& re
             reply(MakeError(415, "bad-type", "the body must be application/json"));
         else
             Backup(request, reply);
+    } else if (what == "path" && depth == 3) {
+        if (IsGet(request))
+            TestPath(target, reply);
+        else
+            reply(NotAllowed("GET, HEAD"));
     } else if (what == "tasks" && depth == 3) {
         if (IsGet(request))
             reply(List(target));
@@ -273,8 +279,13 @@ void Api::CommitSubmissions() {
             continue;
         }
         const bool isNew = result == SubmitResult::New;
-        ApiResponse response = MakeResponse(
-            isNew ? 201 : 200, {{"id", row.id}, {"state", NameOf(row.state)}, {"repeated", !isNew}});
+        json document = {{"id", row.id}, {"state", NameOf(row.state)}, {"repeated", !isNew}};
+        if (!m_host.Paths().IsEmpty()) {
+            std::vector<MappedPath> mapped;
+            m_host.Paths().Apply(tasks[i].text, &mapped);
+            document["paths"] = MappedPathsJson(mapped);
+        }
+        ApiResponse response = MakeResponse(isNew ? 201 : 200, document);
         response.headers.emplace_back("Location", "/api/v1/tasks/" + row.id);
         replies[i](std::move(response));
     }

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "engine/api_request.h"
+#include "engine/path_map.h"
 #include "engine/store.h"
 #include "engine/upkeep.h"
 
@@ -48,6 +49,11 @@ class ApiHost {
     virtual std::optional<std::string> SubmitTrouble() { return std::nullopt; }
     // Why queued tasks of this type cannot be started; nothing when they can.
     virtual std::optional<std::string> HoldReason(std::int32_t) const { return std::nullopt; }
+    // What paths in task texts are called here.
+    virtual const PathMap& Paths() const {
+        static const PathMap none;
+        return none;
+    }
     // Fills in which files the attempt's worker left.
     virtual void FindTraces(AttemptRow&) const {}
     // Everything that is not in the store.
@@ -91,6 +97,7 @@ class Api {
     void RouteProbe(const ApiRequest& request, const Target& target, const Reply& reply);
     ApiResponse Healthz();
     ApiResponse Metrics();
+    void TestPath(const Target& target, const Reply& reply);
     void CollectGarbage(const Reply& reply);
     void Backup(const ApiRequest& request, const Reply& reply);
     ApiResponse Health();

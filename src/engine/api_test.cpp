@@ -48,8 +48,11 @@ class FakeHost final : public ApiHost {
     }
     void RequestEnd() override { ending = true; }
 
+    const PathMap& Paths() const override { return paths; }
+
     int submitted = 0;
     bool ending = false;
+    PathMap paths;
 
   private:
     Store& m_store;
@@ -312,6 +315,39 @@ TEST_F(ApiTest, AnOrderThatTheStateDoesNotAllowIsRefusedByName) {
     EXPECT_EQ(Ask("POST", path + "/update", 400, R"({"texts":"x"})")["error"]["field"], "texts");
     EXPECT_EQ(Ask("POST", path + "/update", 400, "{}")["error"]["field"], "text");
     EXPECT_EQ(ErrorCode(Ask("POST", path + "/update", 400, "")), "bad-json");
+}
+
+TEST_F(ApiTest, APathIsMappedAndLookedFor) {
+    m_folder.Write("media/a b.mxf", "12345");
+    m_host.paths = PathMap::Make({{"Z:\\media", m_folder.Utf8("media")}}).value();
+    const auto ask = [&](const std::string& query, unsigned status = 200) {
+        Send(Request("GET", "/api/v1/path" + query));
+        m_io.restart();
+        m_io.run_for(std::chrono::seconds(20));
+        EXPECT_EQ(m_answered, 1);
+        EXPECT_EQ(m_response.status, status) << m_response.body;
+        return json::parse(m_response.body);
+    };
+    json answer = ask("?path=z:/media/a%20b.mxf");
+    EXPECT_EQ(answer["rule"]["given"], "Z:\\media");
+    EXPECT_EQ(answer["reached"], true);
+    EXPECT_EQ(answer["kind"], "file");
+    EXPECT_EQ(answer["size_bytes"], 5);
+    EXPECT_EQ(answer["readable"], true);
+    EXPECT_EQ(answer["problem"], nullptr);
+    EXPECT_EQ(ask("?path=Z:%5Cmedia")["kind"], "folder");
+    answer = ask("?path=Z:%5Cmedia%5Cnone");
+    EXPECT_EQ(answer["reached"], false);
+    EXPECT_EQ(answer["problem"], "nothing is there");
+    answer = ask("?path=media/x");
+    EXPECT_EQ(answer["rule"], nullptr);
+    EXPECT_EQ(answer["local"], "media/x");
+    EXPECT_EQ(answer["problem"], "it is no absolute path on this node");
+    EXPECT_EQ(ask("", 400)["error"]["field"], "path");
+    EXPECT_EQ(ask("?path=", 400)["error"]["field"], "path");
+    EXPECT_EQ(ask("?path=a%00b", 400)["error"]["field"], "path");
+    EXPECT_EQ(ask("?p=a", 400)["error"]["field"], "p");
+    EXPECT_EQ(Ask("POST", "/api/v1/path?path=/", 405)["error"]["code"], "bad-method");
 }
 
 TEST_F(ApiTest, DrainAndUndrainAreSeenInTheHealth) {

@@ -6,10 +6,23 @@
 #include "engine/api.h"
 #include "engine/json.h"
 #include "engine/metrics.h"
+#include "engine/path_probe.h"
 
 namespace rq::engine {
 
 using nlohmann::json;
+
+namespace {
+
+json PathFactsJson(const PathFacts& facts) {
+    return {{"reached", facts.isReached},
+            {"kind", facts.kind.empty() ? json(nullptr) : json(facts.kind)},
+            {"size_bytes", facts.size_bytes ? json(*facts.size_bytes) : json(nullptr)},
+            {"readable", facts.isReadable},
+            {"problem", facts.problem.empty() ? json(nullptr) : json(facts.problem)}};
+}
+
+}  // namespace
 
 ApiResponse Api::Healthz() {
     const auto facts = m_host.GetFacts();
@@ -32,6 +45,30 @@ ApiResponse Api::Metrics() {
     response.body = MetricsText(facts);
     response.headers.emplace_back("Content-Type", "text/plain; version=0.0.4; charset=utf-8");
     return response;
+}
+
+void Api::TestPath(const Target& target, const Reply& reply) {
+    constexpr std::chrono::seconds kLimit(5);
+    const auto found = target.query.find("path");
+    const std::string given = found == target.query.end() ? "" : found->second;
+    if (given.empty() || given.find('\0') != std::string::npos) {
+        reply(MakeError(400, "bad-field", "path: must be there, and be a path", "path"));
+        return;
+    }
+    const PathRule* rule = m_host.Paths().RuleFor(given);
+    const std::string local = m_host.Paths().Local(given).value_or(given);
+    json document = {{"path", given}, {"local", local}, {"rule", nullptr}};
+    if (rule != nullptr) document["rule"] = {{"given", rule->given}, {"local", rule->local}};
+    if (!PathFromUtf8(local).is_absolute()) {
+        document.update(PathFactsJson({false, "", {}, false, "it is no absolute path on this node"}));
+        reply(MakeResponse(200, document));
+        return;
+    }
+    ProbePath(m_io, local, kLimit, [reply, document](const PathFacts& facts) {
+        json answer = document;
+        answer.update(PathFactsJson(facts));
+        reply(MakeResponse(200, answer));
+    });
 }
 
 void Api::CollectGarbage(const Reply& reply) {

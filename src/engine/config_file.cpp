@@ -87,6 +87,32 @@ Key DurabilityKey(std::string_view meaning) {
             }};
 }
 
+// An inline table, or [paths.map].
+Key PathsKey(std::string_view meaning) {
+    return {"paths", "map", meaning,
+            [](EngineSettings& settings, const toml::node& node) -> std::optional<std::string> {
+                const toml::table* table = node.as_table();
+                if (table == nullptr) return "must be a table: { 'Z:\\media' = '/mnt/media' }";
+                std::vector<PathRule> rules;
+                for (const auto& [given, local] : *table) {
+                    if (!local.is_string())
+                        return "cannot be used: \"" + std::string(given.str()) +
+                               "\" must have a text in quotes";
+                    rules.push_back({std::string(given.str()), *local.value<std::string>()});
+                }
+                auto map = PathMap::Make(std::move(rules));
+                if (!map) return "cannot be used: " + map.error().message;
+                settings.paths = std::move(*map);
+                return std::nullopt;
+            },
+            [](const EngineSettings& settings) {
+                std::string text;
+                for (const auto& rule : settings.paths.Rules())
+                    text += (text.empty() ? " " : ", ") + Quoted(rule.given) + " = " + Quoted(rule.local);
+                return "{" + text + (text.empty() ? "}" : " }");
+            }};
+}
+
 // One of [retry]: of the standard and of every type that has no table of its own for it.
 Key RetryKey(const PolicyKey& key) {
     return {"retry", key.name, key.meaning,
@@ -141,6 +167,7 @@ std::vector<Key> MakeKeys() {
         Time("end_s", &S::endGrace, "What an orderly end of the engine gives its workers."),
         Number("limits", "output_mib", &S::outputLimit_MiB, 1, kMiB,
                "What is kept of a worker's standard output and error, in MiB."),
+        PathsKey("What paths in task texts are called on this node: { 'Z:\\media' = '/mnt/media' }."),
         Kept("interval_min", &Retention::interval_min, 1'000'000,
              "Minutes between two removals of what is no longer kept; 0: only by \"rqctl gc\"."),
         Kept("logs_days", &Retention::logs_days, kDays, "Workers' logs are kept so many days; 0: for ever."),

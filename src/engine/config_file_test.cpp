@@ -20,12 +20,14 @@ TEST(ConfigFile, WhatIsPrintedReadsBackAsTheSame) {
     settings.durability = Durability::Process;
     settings.cancelGrace = std::chrono::seconds(77);
     settings.retention.events_max = 12345;
+    settings.paths = PathMap::Make({{"/a 'b'", "Z:\\片 \"c\""}, {"Z:\\m", "/m"}}).value();
     const std::string text = ConfigText(settings);
     EngineSettings read;
     const auto done = ApplyConfig(text, "f", read);
     ASSERT_TRUE(done) << done.error().message;
     EXPECT_EQ(read.stageFolder, settings.stageFolder);
     EXPECT_EQ(read.durability, Durability::Process);
+    EXPECT_EQ(read.paths.Rules(), settings.paths.Rules());
     EXPECT_EQ(ConfigText(read), text);
     EXPECT_NE(ConfigText(EngineSettings()), text);
 }
@@ -37,6 +39,22 @@ TEST(ConfigFile, WhatItDoesNotNameStays) {
     EXPECT_EQ(settings.httpPort, 5);
     EXPECT_EQ(settings.cancelGrace, std::chrono::seconds(3));
     EXPECT_EQ(settings.durability, Durability::Power);
+}
+
+TEST(ConfigFile, PathsAreATableOfPrefixes) {
+    EngineSettings settings;
+    ASSERT_TRUE(ApplyConfig("[paths.map]\n'Z:\\media' = '/mnt/media'\n\"/x\" = '/y'\n", "f", settings));
+    EXPECT_EQ(settings.paths.Rules(), (std::vector<PathRule>{{"/x", "/y"}, {"Z:\\media", "/mnt/media"}}));
+    const auto fault = [](std::string_view text) {
+        EngineSettings unused;
+        return ApplyConfig(text, "f", unused).error().message;
+    };
+    EXPECT_EQ(fault("[paths]\nmap = 1\n"), "f:2: map must be a table: { 'Z:\\media' = '/mnt/media' }");
+    EXPECT_EQ(fault("[paths]\n\nmap = { '/a' = 1 }\n"),
+              "f:3: map cannot be used: \"/a\" must have a text in quotes");
+    EXPECT_EQ(fault("[paths]\nmap = { 'a' = '/b' }\n"),
+              "f:2: map cannot be used: \"a\" is no absolute path: Z:\\folder, \\\\server\\share or /folder");
+    EXPECT_THAT(fault("[paths]\nmap = { '/a' = '/b', '/a' = '/c' }\n"), StartsWith("f:2: "));
 }
 
 TEST(ConfigFile, RetryPoliciesAreForAllTypesAndForOne) {

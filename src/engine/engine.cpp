@@ -81,6 +81,7 @@ class EngineImpl final : public Engine, public ApiHost {
     void Backup(const std::string& file, Upkeep::OnCopied done) override {
         m_upkeep->Copy(file, std::move(done));
     }
+    const PathMap& Paths() const override { return m_settings.paths; }
     std::optional<std::string> SubmitTrouble() override {
         if (IsFolderThere()) return std::nullopt;
         return m_failure;

@@ -126,6 +126,29 @@ TEST_F(EngineTest, AnUpdateReachesTheWorkerAndTheNextAttempt) {
     EXPECT_EQ(Show(id)["text"], text["text"]);
 }
 
+TEST_F(EngineTest, WorkersGetTextsWithTheNodesPaths) {
+    m_settings.paths = PathMap::Make({{"Z:\\media", "/mnt/a"}}).value();
+    Start();
+    const std::string text =
+        "connect\nnotice <a>Z:\\media\\x</a>\nstatus 3\nawait 4015\nreply 4016\nfinal 0\nbye\n";
+    const json answer = Ask("POST", "/api/v1/tasks", {{"type", "mc"}, {"text", text}});
+    EXPECT_EQ(answer["paths"], json::parse(R"([{"given": "Z:\\media\\x", "local": "/mnt/a/x"}])"));
+    const std::string id = answer["id"];
+    AwaitState(id, "running");
+    Ask("POST", "/api/v1/tasks/" + id + "/update", {{"text", "<b c='Z:\\media\\y'/>"}});
+    AwaitState(id, "finished");
+    const json task = Show(id);
+    EXPECT_EQ(task["attempt_list"][0]["reported_task"], "<a>/mnt/a/x</a>");
+    EXPECT_EQ(task["attempt_list"][0]["further_text"], "<b c='/mnt/a/y'/>");
+    EXPECT_EQ(task["text"], "<b c='Z:\\media\\y'/>") << "what was submitted is kept";
+    const auto events = EventsUntil(id, "final");
+    const auto paths = std::find_if(events.begin(), events.end(),
+                                    [](const json& event) { return event["kind"] == "paths"; });
+    ASSERT_NE(paths, events.end());
+    EXPECT_EQ((*paths)["data"],
+              json::parse(R"({"count": 1, "paths": [{"given": "Z:\\media\\x", "local": "/mnt/a/x"}]})"));
+}
+
 TEST_F(EngineTest, AWorkerWithoutHeartbeatsIsEndedWithAVerdict) {
     m_settings.heartbeatInterval = 100ms;
     Start();

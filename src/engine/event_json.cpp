@@ -138,6 +138,19 @@ std::string ExitEventJson(const WorkerExit& exit) {
     return Dump({{exit.signalled ? "signal" : "code", exit.code}});
 }
 
+nlohmann::json MappedPathsJson(const std::vector<MappedPath>& paths) {
+    json list = json::array();
+    for (const auto& path : paths) list.push_back({{"given", path.given}, {"local", path.local}});
+    return list;
+}
+
+std::string PathsEventJson(const std::vector<MappedPath>& paths) {
+    constexpr std::size_t kMost = 20;
+    const std::vector<MappedPath> first(
+        paths.begin(), paths.begin() + static_cast<std::ptrdiff_t>(std::min(paths.size(), kMost)));
+    return Dump({{"count", paths.size()}, {"paths", MappedPathsJson(first)}});
+}
+
 std::string ReasonEventJson(const std::string& reason) {
     return Dump({{"reason", reason}});
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "engine/path_map.h"
 #include "engine/store_types.h"
 #include "records/task_results.h"
 
@@ -31,6 +32,8 @@ std::string ReasonEventJson(const std::string& reason);
 std::string VerdictEventJson(const std::string& rule, const std::string& reason);
 std::string RepeatEventJson(const std::string& rule, const std::optional<std::int64_t>& notBefore_us);
 std::string AskedEventJson(StateEvent order, const std::string& by);
+// The first 20 of them.
+std::string PathsEventJson(const std::vector<MappedPath>& paths);
 std::string StoppedEventJson(const TypeStop& stop);
 std::string PriorityEventJson(const std::string& by, std::int32_t priority);
 // `action`: "failed", "cancel" or "none".
@@ -46,6 +49,7 @@ std::string ResultJson(const stTaskResultBase* result);
 // ---- documents of the API ----
 // "2025-01-31T10:00:00.123456Z"
 std::string TimeText(std::int64_t time_us);
+nlohmann::json MappedPathsJson(const std::vector<MappedPath>& paths);
 nlohmann::json WaitJson(const WaitReason& reason);
 nlohmann::json StopJson(const TypeStop& stop);
 nlohmann::json TaskJson(const TaskRow& task);

@@ -113,6 +113,9 @@ void Scheduler::PumpLater(const Error& problem) {
 
 void Scheduler::StartWorker(Claim claim) {
     const std::string token = claim.token;
+    std::vector<MappedPath> mapped;
+    claim.text = m_settings.paths.Apply(claim.text, &mapped);
+    if (!mapped.empty()) Report(m_store.Note(token, "paths", PathsEventJson(mapped)), "mapped paths");
     auto worker = m_launcher.Start(claim, m_linkPort);
     if (!worker) {
         m_log.Warn(claim.id + ": " + worker.error().message);

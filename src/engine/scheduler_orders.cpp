@@ -145,7 +145,7 @@ Result<OrderOutcome> Scheduler::Update(std::int64_t task, const std::string& by,
         return Deaf(**row);
     auto outcome = m_store.Update(task, by, text);
     if (!outcome || !outcome->send) return outcome;
-    run->session->SendOrder(TCP_TASK_UPDATE_ID, link::TaskTextOrder{text, 0});
+    run->session->SendOrder(TCP_TASK_UPDATE_ID, link::TaskTextOrder{m_settings.paths.Apply(text), 0});
     Report(m_store.Note(run->claim.token, "order", OrderEventJson(TCP_TASK_UPDATE_ID)), "an order");
     return outcome;
 }

@@ -4,10 +4,10 @@
 //   connect            to the engine, with the token and the attempt from the environment
 //   connect-again      a second connection with the same attempt; the answer's code goes into the next final
 //   status notice ID | status N | progress PERCENT SPEED final N            and waits for its
-//   acknowledgement; final-text N TEXT is one with an error text await ID           waits for this order;
-//   reply ID answers one bye | close        ends the connection in good order, or just so print TEXT | sleep
-//   MS | hang | exit CODE | killed
-//   in N LINE          does the line in attempt N alone
+//   acknowledgement; final-text N TEXT is one with an error text await ID           waits for this order (the
+//   text of a 4015 goes into the next final status); reply ID answers one bye | close        ends the
+//   connection in good order, or just so print TEXT | sleep MS | hang | exit CODE | killed in N LINE does the
+//   line in attempt N alone
 #include <chrono>
 #include <cstdio>
 #include <fstream>
@@ -81,7 +81,12 @@ struct Script {
             Final(static_cast<std::uint32_t>(number), text);
         } else if (verb == "await") {
             rest >> number;
-            for (auto order = link->WaitOrder(); order && order->id != number;) order = link->WaitOrder();
+            auto order = link->WaitOrder();
+            while (order && order->id != number) order = link->WaitOrder();
+            if (order && order->id == TCP_TASK_UPDATE_ID) {
+                const auto decoded = link::DecodeOrder(order->id, order->body);
+                furtherText = std::get<link::TaskTextOrder>(*decoded).text;
+            }
         } else if (verb == "reply") {
             rest >> number;
             // "ended" in GBK

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 
+#include "engine/path_map.h"
 #include "engine/retry.h"
 
 namespace rq::engine {
@@ -54,6 +55,8 @@ struct EngineSettings {
     std::chrono::milliseconds heartbeatInterval = std::chrono::milliseconds(0);
     // Which tasks get another attempt, and when a type is stopped.
     RetryRules retry = RetryRules::Standard();
+    // What paths in task texts are called on this node.
+    PathMap paths;
     // An orderly end waits this long for its workers.
     std::chrono::milliseconds endGrace = std::chrono::seconds(10);
     // After a worker's end, for what it has sent to be read.
