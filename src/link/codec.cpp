@@ -296,10 +296,10 @@ Result<Hello> DecodeHello(std::string_view body) {
                  in.resume_received(),  in.resume_acknowledged()};
 }
 
-Result<Welcome> DecodeWelcome(std::string_view body) {
+Result<Welcome> DecodeWelcome(std::string_view body, SessionIds ids) {
     wire::Welcome in;
     if (!Parse(body, &in)) return NotDecodable(kWelcomeId);
-    if (in.session_id() == 0 || in.session_id() == kNoSession)
+    if (ids == SessionIds::Valid && (in.session_id() == 0 || in.session_id() == kNoSession))
         return Fail("WELCOME with the session ID " + std::to_string(in.session_id()));
     return Welcome{in.protocol_version(), in.session_id(),   in.resume_window_ms(), in.ping_interval_ms(),
                    in.silence_limit_ms(), in.spool_folder(), in.attempt()};

@@ -58,8 +58,9 @@ std::string EncodeHello(const Hello& hello);
 std::string EncodeWelcome(const Welcome& welcome);
 std::string EncodeRefuse(const Refuse& refuse);
 Result<Hello> DecodeHello(std::string_view body);
-// Also an error when the session ID is 0 or 0xFFFFFFFF.
-Result<Welcome> DecodeWelcome(std::string_view body);
+// Also an error when the session ID is 0 or 0xFFFFFFFF, unless any is wanted.
+enum class SessionIds { Valid, Any };
+Result<Welcome> DecodeWelcome(std::string_view body, SessionIds ids = SessionIds::Valid);
 Result<Refuse> DecodeRefuse(std::string_view body);
 
 // ---- worker to engine ----

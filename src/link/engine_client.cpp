@@ -65,7 +65,11 @@ IEngineCommunicate* CreateEngineClient(const EngineClientOptions& options) {
 }
 
 EngineClient::EngineClient(EngineClientOptions options)
-    : m_options(std::move(options)), m_clock(m_options.clock != nullptr ? *m_options.clock : SystemClock()) {}
+    : m_options(std::move(options)),
+      m_clock(m_options.clock != nullptr ? *m_options.clock : SystemClock()),
+      m_spool(m_clock, [this](bool isProblem, const std::string& line) {
+          m_log.Write(isProblem ? LogLevel::Warning : LogLevel::Info, line);
+      }) {}
 
 EngineClient::~EngineClient() {
     EngineClient::Disconnect();
@@ -116,7 +120,7 @@ std::uint32_t EngineClient::GivenSession() {
     std::uint32_t open = kNoSession;
     {
         MutexLock lock(m_lock);
-        if (m_session && m_session->CurrentState() == Session::State::Open) open = m_session->SessionId();
+        if (m_session && m_session->TakesMessages()) open = m_session->SessionId();
     }
     Signal::Hold hold(m_connectSignal);
     return m_connectOutcome == open ? open : kNoSession;
@@ -149,19 +153,22 @@ std::uint32_t EngineClient::AwaitConnect(const std::string& where) {
         LogFailedConnect("connect to " + where + " failed: " + reason);
         return kNoSession;
     }
-    m_lastFailure.clear();
+    m_failedConnects.Forget();
     m_log.Write(LogLevel::Info, "connected to " + where + ", session " + std::to_string(sessionId));
     return sessionId;
 }
 
 void EngineClient::LogFailedConnect(const std::string& line) {
-    if (line != m_lastFailure) {
-        m_lastFailure = line;
-        m_failureCount = 0;
+    if (const std::uint32_t count = m_failedConnects.Count(line); count > 0)
+        m_log.Write(LogLevel::Warning, line + (count > 1 ? ", attempt " + std::to_string(count) : ""));
+}
+
+std::uint32_t EngineClient::Repeats::Count(const std::string& line) {
+    if (line != m_line) {
+        m_line = line;
+        m_count = 0;
     }
-    if (m_failureCount++ % kLogEachFailure == 0)
-        m_log.Write(LogLevel::Warning,
-                    line + (m_failureCount > 1 ? ", attempt " + std::to_string(m_failureCount) : ""));
+    return m_count++ % kLogEachFailure == 0 ? m_count : 0;
 }
 
 bool EngineClient::DecideConnect(std::uint64_t attempt, std::uint32_t sessionId, std::string reason) {
@@ -186,6 +193,7 @@ void EngineClient::OpenConnection(std::uint64_t attempt, const std::string& addr
         // From here on a failure is one of this attempt, and of no session yet.
         MutexLock lock(m_lock);
         m_session.reset();
+        m_final.reset();
         m_connectionNumber = attempt;
     }
     CloseConnection("a new attempt to connect");
@@ -198,10 +206,16 @@ void EngineClient::OpenConnection(std::uint64_t attempt, const std::string& addr
         MutexLock lock(m_lock);
         m_session = std::make_unique<Session>(hello, m_options.limits, m_clock.Steady(), m_log.IsDebug());
     }
+    m_address = address;
+    m_port = port;
+    MakeConnection();
+    m_connection->Open(m_address, m_port);
+    Settle();
+}
+
+void EngineClient::MakeConnection() {
     Connection::Listener* listener = this;  // a private base: converted here
     m_connection = std::make_shared<Connection>(m_io.Io(), listener, m_options.lookUp);
-    m_connection->Open(address, port);
-    Settle();
 }
 
 void EngineClient::OnConnected() {
@@ -233,17 +247,21 @@ void EngineClient::OnWritten() {
 void EngineClient::OnDisconnected(std::string reason) {
     {
         MutexLock lock(m_lock);
-        if (m_session) m_session->OnDisconnected(std::move(reason));
+        if (m_session) m_session->OnDisconnected(std::move(reason), m_clock.Steady());
     }
     Settle();
 }
 
-// What the thread was about to do is not known to be done: the session ends. It may have been closed before,
-// with its end not carried out to the last.
+// What the thread was about to do is not known to be done, an order perhaps not handed on: the session ends
+// and is not resumed. It may have been closed before, with its end not carried out to the last.
 void EngineClient::OnIoFailure(const std::string& thrown) {
     const std::string reason = "an exception on the I/O thread: " + thrown;
     m_log.Write(LogLevel::Warning, "the I/O thread caught: " + thrown);
-    OnDisconnected(reason);
+    {
+        MutexLock lock(m_lock);
+        if (m_session) m_session->Fail(reason);
+    }
+    Settle();
     {
         Signal::Hold hold(m_endSignal);
         if (m_ended) return;
@@ -275,7 +293,7 @@ bool EngineClient::SettleOnce() {
     {
         MutexLock lock(m_lock);
         if (!m_session) return false;
-        m_finals.Acknowledge(m_session->AcknowledgedByPeer());
+        TakeAcknowledged(m_session->AcknowledgedByPeer());
         output = m_session->TakeOutput(m_clock.Steady());
         events = m_session->TakeEvents();
         deadline = m_session->Deadline();
@@ -288,6 +306,11 @@ bool EngineClient::SettleOnce() {
         }
         m_handlerThread.ReserveLoss(
             {ConnectionNumber(), welcomed->sessionId, 0, TCP_SERVER_DISCONNECT_ID, ServerLost{}});
+        {
+            MutexLock lock(m_lock);
+            m_spooled = 0;
+            m_spool.Begin(m_session->SpoolFolder(), m_session->Attempt());
+        }
         if (!DecideConnect(ConnectionNumber(), welcomed->sessionId, {})) {
             AbandonSession();
             return false;
@@ -332,6 +355,14 @@ void EngineClient::Carry(SessionEvent event) {
         m_handlerThread.Push(std::move(delivery));
     } else if (std::holds_alternative<ByeWritten>(event)) {
         if (m_connection) m_connection->ShutdownSend();
+    } else if (const auto* lost = std::get_if<ConnectionLost>(&event)) {
+        CarryConnectionLost(*lost);
+    } else if (std::holds_alternative<ConnectAgain>(event)) {
+        m_connection->Open(m_address, m_port);
+    } else if (const auto* failed = std::get_if<AttemptFailed>(&event)) {
+        CarryAttemptFailed(*failed);
+    } else if (const auto* resumed = std::get_if<Resumed>(&event)) {
+        TellResumed(*resumed);
     } else {
         CarryClosed(std::get<SessionClosed>(event));
     }
@@ -344,6 +375,7 @@ void EngineClient::CarryClosed(const SessionClosed& closed) {
     bool isLost = false;
     {
         MutexLock lock(m_lock);
+        if (closed.wasOpen) SpoolFinal();
         m_finals.FailAll();
         isLost = closed.wasOpen && !m_disconnecting;
     }
@@ -376,6 +408,11 @@ std::uint64_t EngineClient::ConnectionNumber() {
     return m_connectionNumber;
 }
 
+std::uint32_t EngineClient::SessionId() {
+    MutexLock lock(m_lock);
+    return m_session ? m_session->SessionId() : kNoSession;
+}
+
 void EngineClient::CloseConnection(const std::string& reason) {
     JournalClosed(reason);
     if (!m_connection) return;
@@ -402,11 +439,19 @@ bool EngineClient::SendMessage(std::uint32_t sessionId, std::uint32_t id, const 
     {
         MutexLock lock(m_lock);
         std::uint64_t seq = 0;
-        if (m_session && m_session->SessionId() == sessionId)
+        SpoolWriter::Body copy;
+        if (m_session && m_session->SessionId() == sessionId) {
+            if (isFinal && !m_session->SpoolFolder().empty())
+                copy = std::make_shared<const std::string>(*body);
             seq = m_session->Queue(id, std::move(*body), &problem);
-        else
+        } else {
             problem = "session " + std::to_string(sessionId) + " is not the open one";
+        }
         if (seq != 0 && isFinal) m_finals.Add(seq, &wait);
+        if (seq != 0 && copy) {
+            m_final = {seq, std::move(copy)};
+            if (m_session->CurrentState() == Session::State::Interrupted) SpoolFinal();
+        }
     }
     if (!problem.empty()) return Refused(id, problem);
     RequestSettle();
@@ -415,6 +460,7 @@ bool EngineClient::SendMessage(std::uint32_t sessionId, std::uint32_t id, const 
     const bool acknowledged = wait.Await(m_clock.Steady() + m_options.finalWait);
     MutexLock lock(m_lock);
     m_finals.Remove(&wait);
+    if (!acknowledged) SpoolFinal();
     return acknowledged;
 }
 
@@ -473,8 +519,7 @@ void EngineClient::Disconnect() {
     {
         MutexLock lock(m_lock);
         m_disconnecting = true;
-        if (m_session && m_session->CurrentState() == Session::State::Open)
-            sessionId = m_session->SessionId();
+        if (m_session && m_session->TakesMessages()) sessionId = m_session->SessionId();
         if (m_session) m_session->End();
     }
     RequestSettle();
@@ -493,6 +538,7 @@ void EngineClient::Disconnect() {
         m_disconnecting = false;
     }
     m_handlerThread.Stop();
+    m_spool.Finish(m_options.spoolWait);
     if (sessionId != kNoSession)
         m_log.Write(LogLevel::Info, "disconnected, session " + std::to_string(sessionId));
 }

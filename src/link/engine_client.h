@@ -21,6 +21,7 @@
 #include "link/journal.h"
 #include "link/link_log.h"
 #include "link/session.h"
+#include "link/spool_writer.h"
 #include "link/transport.h"
 
 namespace rq::link {
@@ -33,6 +34,7 @@ struct EngineClientOptions {
     SessionLimits limits;
     std::chrono::milliseconds finalWait{5'000};       // for the acknowledgement of a final status
     std::chrono::milliseconds disconnectWait{1'000};  // for what is queued and the peer's end
+    std::chrono::milliseconds spoolWait{5'000};       // for the spool file at the client's end
     Clock* clock = nullptr;                           // every time and wait of the link; null: the system's
     HostLookUp lookUp;                                // of host names; empty: the system's
 };
@@ -70,11 +72,18 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     void AbandonSession();
     void Carry(SessionEvent event);
     void CarryClosed(const SessionClosed& closed);
+    void CarryConnectionLost(const ConnectionLost& lost);
+    void CarryAttemptFailed(const AttemptFailed& failed);
+    void TellInterrupted(const ConnectionLost& lost) noexcept;
+    void TellAttemptFailed(const AttemptFailed& failed) noexcept;
+    void TellResumed(const Resumed& resumed) noexcept;
+    void MakeConnection();
     void TellLost(const SessionClosed& closed) noexcept;
     void JournalClosed(const std::string& reason) noexcept;
     void OnIoFailure(const std::string& thrown);
     void CloseConnection(const std::string& reason);
     std::uint64_t ConnectionNumber();
+    std::uint32_t SessionId();
 
     // The owner's thread.
     std::uint32_t GivenSession();
@@ -89,6 +98,27 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     bool DecideConnect(std::uint64_t attempt, std::uint32_t sessionId, std::string reason);
     Result<std::string> ShortenFinal(const EngineStateMessage& message, std::size_t size_bytes);
     bool Refused(std::uint32_t id, const std::string& problem);
+    // Of the acknowledgement up to that number.
+    void TakeAcknowledged(std::uint64_t seq) RQ_REQUIRES(m_lock);
+    // To the file, what no engine has acknowledged.
+    void SpoolFinal() noexcept RQ_REQUIRES(m_lock);
+
+    // The newest final status, until it is acknowledged; only where the engine has named a folder for it.
+    struct Final {
+        std::uint64_t seq = 0;
+        SpoolWriter::Body body;
+    };
+    // One line of many that say the same.
+    class Repeats {
+      public:
+        // How often it has come in a row when it is to be logged, else 0.
+        std::uint32_t Count(const std::string& line);
+        void Forget() { m_line.clear(); }
+
+      private:
+        std::string m_line;
+        std::uint32_t m_count = 0;
+    };
 
     const EngineClientOptions m_options;
     Clock& m_clock;
@@ -101,6 +131,9 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     std::uint64_t m_connectionNumber RQ_GUARDED_BY(m_lock) = 0;  // the attempt that m_session came by
     bool m_disconnecting RQ_GUARDED_BY(m_lock) = false;
     FinalWaits m_finals RQ_GUARDED_BY(m_lock);
+    std::optional<Final> m_final RQ_GUARDED_BY(m_lock);
+    std::uint64_t m_spooled RQ_GUARDED_BY(m_lock) =
+        0;  // the newest given to m_spool, until it is acknowledged
 
     // What Connect waits for. Each call is an attempt; only what belongs to the newest is taken.
     Signal m_connectSignal{m_clock};
@@ -111,10 +144,13 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     Signal m_endSignal{m_clock};
     bool m_ended RQ_GUARDED_BY(m_endSignal) = true;
 
-    std::string m_lastFailure;         // the owner's thread
-    std::uint32_t m_failureCount = 0;  // of that failure in a row
+    Repeats m_failedConnects;  // the owner's thread
+    Repeats m_failedAttempts;  // the I/O thread
+    std::string m_address;     // the same: where the session's engine is
+    std::uint16_t m_port = 0;
 
     std::atomic<bool> m_settleRequested{false};
+    SpoolWriter m_spool;
     HandlerThread m_handlerThread;
     IoThread m_io;
     LinkJournal m_journal;                     // the same

@@ -119,6 +119,21 @@ void LinkJournal::Closed(const std::string& reason) {
     WriteEvent("close", ", \"reason\": " + Quoted(reason));
 }
 
+void LinkJournal::Interrupted(std::uint32_t sessionId, std::size_t kept, std::chrono::milliseconds window) {
+    WriteEvent("interrupted", ", \"session\": " + std::to_string(sessionId) +
+                                  ", \"kept\": " + std::to_string(kept) +
+                                  ", \"window_ms\": " + std::to_string(window.count()));
+}
+
+void LinkJournal::Failed(std::size_t attempt, const std::string& reason) {
+    WriteEvent("failed", ", \"attempt\": " + std::to_string(attempt) + ", \"reason\": " + Quoted(reason));
+}
+
+void LinkJournal::Resumed(std::uint32_t sessionId, std::size_t again, std::chrono::milliseconds away) {
+    WriteEvent("resumed", ", \"session\": " + std::to_string(sessionId) + ", \"again\": " +
+                              std::to_string(again) + ", \"away_ms\": " + std::to_string(away.count()));
+}
+
 void LinkJournal::Feed(Direction& direction, std::string_view bytes) {
     if (!m_file || direction.isBad) return;
     direction.reader.Feed(bytes);

@@ -6,6 +6,7 @@
 // nothing.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -36,6 +37,10 @@ class LinkJournal {
     void Sent(std::string_view bytes);
     void Received(std::string_view bytes);
     void Closed(const std::string& reason);
+    // Of a session that is to be resumed, between two connections: the loss, an attempt that failed.
+    void Interrupted(std::uint32_t sessionId, std::size_t kept, std::chrono::milliseconds window);
+    void Failed(std::size_t attempt, const std::string& reason);
+    void Resumed(std::uint32_t sessionId, std::size_t again, std::chrono::milliseconds away);
 
   private:
     struct Direction {

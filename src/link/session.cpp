@@ -18,22 +18,26 @@ Session::Session(const Hello& hello, const SessionLimits& limits, SteadyTime now
       m_limits(limits),
       m_debug(debug),
       m_started(now),
+      m_now(now),
       m_writeStarted(now),
       m_lastSent(now),
-      m_lastHeard(now) {}
+      m_lastHeard(now),
+      m_lostAt(now) {}
 
 void Session::OnConnected(SteadyTime now) {
-    if (m_state != State::Handshake) return;
+    m_now = now;
+    if (m_state != State::Handshake && !m_attemptBegan) return;
     m_helloDue = true;
     m_lastHeard = now;
 }
 
 void Session::OnBytes(std::string_view bytes, SteadyTime now) {
-    if (m_state == State::Closed) return;
+    m_now = now;
+    if (!HasConnection()) return;
     m_lastHeard = now;
     m_reader.Feed(bytes);
     Frame frame;
-    while (m_state != State::Closed) {
+    while (HasConnection()) {
         const FrameReader::Status status = m_reader.Next(&frame);
         if (status == FrameReader::Status::NeedMore) return;
         if (status == FrameReader::Status::Bad) return Close("the engine sent " + m_reader.Problem());
@@ -51,6 +55,7 @@ void Session::OnFrame(const Frame& frame) {
     if (isControl != (frame.seq == 0))
         return Close("the engine sent " + IdText(frame.id) + " with seq " + std::to_string(frame.seq));
     if (m_state == State::Handshake) return OnHandshakeFrame(frame);
+    if (m_state == State::Interrupted) return OnResumeFrame(frame);
     if (!TakePeerAck(frame.ack)) return;
     if (isControl)
         OnControl(frame);
@@ -73,20 +78,21 @@ void Session::OnWelcome(const Frame& frame) {
     if (welcome->protocolVersion != kProtocolVersion)
         return Close("the engine answered with protocol version " + std::to_string(welcome->protocolVersion));
     m_sessionId = welcome->sessionId;
-    m_pingInterval = std::chrono::milliseconds(welcome->pingInterval_ms);
-    m_silenceLimit = std::chrono::milliseconds(welcome->silenceLimit_ms);
-    m_reader.SetLimit(kFrameLimit_bytes);
-    m_state = State::Open;
+    if (!welcome->attempt.empty()) m_hello.attempt = welcome->attempt;
+    TakeTerms(*welcome);
     m_events.emplace_back(Welcomed{m_sessionId});
 }
 
 bool Session::TakePeerAck(std::uint64_t ack) {
-    if (ack > m_lastWritten) {
-        Close("the engine acknowledged " + std::to_string(ack) + " of " + std::to_string(m_lastWritten) +
+    if (ack > m_everWritten) {
+        Close("the engine acknowledged " + std::to_string(ack) + " of " + std::to_string(m_everWritten) +
               " frames");
         return false;
     }
-    m_peerAck = std::max(m_peerAck, ack);
+    if (ack > m_peerAck) {
+        m_peerAck = ack;
+        DropAcknowledged();
+    }
     return true;
 }
 
@@ -98,7 +104,7 @@ void Session::OnControl(const Frame& frame) {
             m_answerDue = true;
             return;
         case kByeId:
-            return Close("the engine ended the session");
+            return Finish("the engine ended the session", m_state == State::Open);
         case kHelloId:
         case kWelcomeId:
         case kRefuseId:
@@ -116,12 +122,12 @@ void Session::OnNumbered(const Frame& frame) {
     if (frame.seq != m_lastReceived + 1)
         return Close("the engine sent seq " + std::to_string(frame.seq) + " after " +
                      std::to_string(m_lastReceived));
-    m_lastReceived = frame.seq;
     if (IsOrderId(frame.id)) return OnOrder(frame);
     Note(LogLevel::Warning, "refused: unknown id " + std::to_string(frame.id) + ", " +
                                 std::to_string(frame.body.size()) + " bytes");
     // The handler prints an id that it does not know and does nothing else. 12306 would mean a loss to it.
-    if (frame.id != TCP_SERVER_DISCONNECT_ID) Hand(frame, DestroyOrder{}, 0);
+    if (frame.id != TCP_SERVER_DISCONNECT_ID) return Hand(frame, DestroyOrder{}, 0);
+    m_lastReceived = frame.seq;
 }
 
 void Session::OnOrder(const Frame& frame) {
@@ -140,23 +146,28 @@ void Session::Hand(const Frame& frame, Order order, std::size_t extra_bytes) {
     const std::size_t cost = frame.body.size() + kOrderOverhead_bytes + extra_bytes;
     if (m_outstanding_bytes + cost > m_limits.orders_bytes)
         return Close("too many orders wait for the handler");
+    m_lastReceived = frame.seq;  // one that was not taken is sent again after the loss
     m_outstanding_bytes += cost;
     m_outstanding.push_back({frame.seq, cost});
     m_events.emplace_back(OrderArrived{frame.seq, frame.id, std::move(order)});
 }
 
 void Session::OnWritten(SteadyTime now) {
+    m_now = now;
     m_writing = false;
     m_lastSent = now;
     if (m_byeTaken && m_state == State::Ending) m_events.emplace_back(ByeWritten{});
 }
 
-void Session::OnDisconnected(std::string reason) {
-    Close(std::move(reason));
+void Session::OnDisconnected(std::string reason, SteadyTime now) {
+    m_now = now;
+    if (HasConnection()) Close(std::move(reason));
 }
 
 void Session::OnTime(SteadyTime now) {
+    m_now = now;
     if (m_state == State::Closed) return;
+    if (m_state == State::Interrupted) return OnInterruptedTime();
     if (m_state == State::Handshake && now >= m_started + m_limits.connect)
         return Close("no answer within " + std::to_string(m_limits.connect.count()) + " ms");
     if (m_writing && now >= m_writeStarted + m_limits.write)
@@ -169,6 +180,7 @@ void Session::OnTime(SteadyTime now) {
 
 std::optional<SteadyTime> Session::Deadline() const {
     if (m_state == State::Closed) return std::nullopt;
+    if (m_state == State::Interrupted) return InterruptedDeadline();
     std::optional<SteadyTime> first;
     const auto add = [&first](SteadyTime time) { first = first ? std::min(*first, time) : time; };
     if (m_state == State::Handshake) add(m_started + m_limits.connect);
@@ -179,12 +191,12 @@ std::optional<SteadyTime> Session::Deadline() const {
 }
 
 std::uint64_t Session::Queue(std::uint32_t id, std::string body, std::string* problem) {
-    if (m_state != State::Open) {
+    if (!TakesMessages()) {
         *problem = "no open session";
         return 0;
     }
     // One that waits says as much as two: a worker that beats faster than the link writes must not fill it.
-    if (id == TCP_WORKER_HEARTBEAT_ID && m_queuedHeartbeat > m_lastWritten) return m_queuedHeartbeat;
+    if (id == TCP_WORKER_HEARTBEAT_ID && m_queuedHeartbeat > m_everWritten) return m_queuedHeartbeat;
     if (!BodyFits(body.size())) {
         *problem = "a body of " + std::to_string(body.size()) + " bytes does not fit into a frame";
         return 0;
@@ -207,15 +219,19 @@ void Session::MarkHanded(std::uint64_t seq) {
 }
 
 void Session::End() {
-    if (m_state == State::Handshake) return Close("ended by the worker");
+    if (m_state == State::Handshake || m_state == State::Interrupted)
+        return Finish("ended by the worker", false);
     if (m_state != State::Open) return;
     m_state = State::Ending;
     m_byeDue = true;
 }
 
 void Session::Abandon(std::string reason) {
-    if (m_state == State::Open) m_state = State::Ending;
-    Close(std::move(reason));
+    Finish(std::move(reason), false);
+}
+
+void Session::Fail(std::string reason) {
+    Finish(std::move(reason), TakesMessages());
 }
 
 std::uint64_t Session::OwnAck() const {
@@ -235,18 +251,22 @@ void Session::AppendFrame(std::string* out, std::uint64_t seq, std::uint32_t id,
 std::string Session::TakeOutput(SteadyTime now) {
     std::string out;
     if (m_writing || m_state == State::Closed) return out;
-    if (std::exchange(m_helloDue, false)) AppendFrame(&out, 0, kHelloId, EncodeHello(m_hello));
-    while (!m_queue.empty() && out.size() < kBatch_bytes) {
-        const Outgoing& next = m_queue.front();
+    m_now = now;
+    const bool isShaken = m_state == State::Open || m_state == State::Ending;
+    if (std::exchange(m_helloDue, false))
+        AppendFrame(&out, 0, kHelloId,
+                    EncodeHello(m_state == State::Interrupted ? ResumingHello() : m_hello));
+    while (isShaken && m_lastWritten < m_lastQueued && out.size() < kBatch_bytes) {
+        const Outgoing& next = m_queue[m_lastWritten + 1 - m_queue.front().seq];
         AppendFrame(&out, next.seq, next.id, next.body);
         m_lastWritten = next.seq;
-        m_queued_bytes -= next.body.size();
-        m_queue.pop_front();
+        m_everWritten = std::max(m_everWritten, next.seq);
+        if (m_window.count() == 0) DropFront();
     }
-    const bool open = m_state != State::Handshake && !m_byeTaken;
+    const bool open = isShaken && !m_byeTaken;
     if (open && (std::exchange(m_answerDue, false) || OwnAck() > m_ackSent)) AppendFrame(&out, 0, kAckId, {});
     if (std::exchange(m_pingDue, false) && out.empty()) AppendFrame(&out, 0, kPingId, {});
-    if (m_byeDue && m_queue.empty()) {
+    if (m_byeDue && m_lastWritten == m_lastQueued) {
         m_byeDue = false;
         m_byeTaken = true;
         AppendFrame(&out, 0, kByeId, {});
@@ -264,11 +284,17 @@ std::vector<SessionEvent> Session::TakeEvents() {
 }
 
 void Session::Close(std::string reason) {
+    if (m_state == State::Interrupted) return FailAttempt(std::move(reason));
+    if (m_state == State::Open && m_window.count() > 0) return Interrupt(std::move(reason));
+    Finish(std::move(reason), m_state == State::Open);
+}
+
+void Session::Finish(std::string reason, bool wasOpen) {
     if (m_state == State::Closed) return;
-    const bool wasOpen = m_state == State::Open;
     m_state = State::Closed;
     m_queue.clear();
     m_queued_bytes = 0;
+    m_attemptBegan.reset();
     m_events.emplace_back(SessionClosed{wasOpen, std::move(reason)});
 }
 

@@ -2,56 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include "link/session_test_kit.h"
+
 namespace rq::link {
 namespace {
 
 using namespace std::chrono_literals;
 
-struct Fixture {
-    explicit Fixture(SessionLimits limits = {}) : session({1, "t", "a", 1, "v", 0, 0}, limits, now, false) {}
-
-    std::vector<Frame> Take() {
-        FrameReader reader;
-        reader.Feed(session.TakeOutput(now));
-        std::vector<Frame> frames;
-        Frame frame;
-        while (reader.Next(&frame) == FrameReader::Status::Ready) frames.push_back(frame);
-        EXPECT_EQ(reader.Buffered(), 0u);
-        return frames;
-    }
-    std::vector<Frame> Written() {
-        std::vector<Frame> frames = Take();
-        if (!frames.empty()) session.OnWritten(now);
-        return frames;
-    }
-    void Receive(const Frame& frame) { session.OnBytes(*EncodeFrame(frame), now); }
-    void Open(std::uint32_t ping_ms = 15'000, std::uint32_t silence_ms = 60'000) {
-        session.OnConnected(now);
-        Written();
-        Receive({0, 0, kWelcomeId, EncodeWelcome({1, 7, 0, ping_ms, silence_ms, {}})});
-        session.TakeEvents();
-    }
-    std::uint64_t Queue(std::string body = "x") {
-        std::string problem;
-        return session.Queue(4008, std::move(body), &problem);
-    }
-    void Order(std::uint64_t seq) { Receive({seq, 0, 4014, {}}); }
-    // The close event's reason, empty when there is none; *wasOpen as it says.
-    std::string Closed(bool* wasOpen = nullptr) {
-        for (const SessionEvent& event : session.TakeEvents())
-            if (const auto* closed = std::get_if<SessionClosed>(&event)) {
-                if (wasOpen != nullptr) *wasOpen = closed->wasOpen;
-                return closed->reason;
-            }
-        return {};
-    }
-
-    SteadyTime now{100h};
-    Session session;
-};
-
 TEST(Session, SaysHelloFirstAndIsOpenAfterWelcome) {
-    Fixture f;
+    SessionTest f;
     EXPECT_TRUE(f.Written().empty());
     EXPECT_EQ(f.Queue(), 0u);
     f.session.OnConnected(f.now);
@@ -69,7 +28,7 @@ TEST(Session, SaysHelloFirstAndIsOpenAfterWelcome) {
 }
 
 TEST(Session, AHeartbeatThatWaitsStandsForTheNext) {
-    Fixture f;
+    SessionTest f;
     f.Open();
     std::string problem;
     const auto beat = [&] { return f.session.Queue(4000, "b", &problem); };
@@ -91,7 +50,7 @@ TEST(Session, HandshakeFailuresAreNoLoss) {
                                         {0, 0, kPingId, {}},
                                         {1, 0, 4014, {}}};
     for (const Frame& answer : answers) {
-        Fixture f;
+        SessionTest f;
         f.session.OnConnected(f.now);
         f.Written();
         f.Receive(answer);
@@ -102,13 +61,13 @@ TEST(Session, HandshakeFailuresAreNoLoss) {
 }
 
 TEST(Session, HandshakeHasATimeAndASizeLimit) {
-    Fixture late;
+    SessionTest late;
     EXPECT_EQ(late.session.Deadline(), late.now + 5s);
     late.session.OnTime(late.now + 5s - 1ms);
     EXPECT_EQ(late.Closed(), "");
     late.session.OnTime(late.now + 5s);
     EXPECT_NE(late.Closed().find("no answer"), std::string::npos);
-    Fixture large;
+    SessionTest large;
     large.session.OnConnected(large.now);
     large.Written();
     large.Receive({0, 0, kWelcomeId, std::string(70'000, 'w')});
@@ -116,7 +75,7 @@ TEST(Session, HandshakeHasATimeAndASizeLimit) {
 }
 
 TEST(Session, NumbersItsFramesAndTakesAcks) {
-    Fixture f;
+    SessionTest f;
     f.Open();
     EXPECT_EQ(f.Queue("a"), 1u);
     EXPECT_EQ(f.Queue("b"), 2u);
@@ -133,7 +92,7 @@ TEST(Session, NumbersItsFramesAndTakesAcks) {
 }
 
 TEST(Session, AnAckOfWhatWasNeverWrittenIsALoss) {
-    Fixture f;
+    SessionTest f;
     f.Open();
     f.Queue();  // queued only
     f.Receive({0, 1, kAckId, {}});
@@ -143,7 +102,7 @@ TEST(Session, AnAckOfWhatWasNeverWrittenIsALoss) {
 }
 
 TEST(Session, AcknowledgesAnOrderWhenItHasBeenHandedAndNotBefore) {
-    Fixture f;
+    SessionTest f;
     f.Open();
     f.Order(1);
     f.Order(2);
@@ -165,7 +124,7 @@ TEST(Session, AcknowledgesAnOrderWhenItHasBeenHandedAndNotBefore) {
 }
 
 TEST(Session, AnUnknownNumberedFrameIsAcknowledgedInItsTurn) {
-    Fixture f;
+    SessionTest f;
     f.Open();
     f.Order(1);
     f.Receive({2, 0, 5000, "?"});
@@ -179,7 +138,7 @@ TEST(Session, AnUnknownNumberedFrameIsAcknowledgedInItsTurn) {
 }
 
 TEST(Session, ARepeatIsIgnored) {
-    Fixture f;
+    SessionTest f;
     f.Open();
     f.Order(1);
     f.Order(1);
@@ -205,7 +164,7 @@ TEST(Session, ProtocolFaultsAreLosses) {
                                        {1, 0, 4002, "\x0A\x01z"},
                                        {1, 0, 4017, "\xFF"}};
     for (const Frame& fault : faults) {
-        Fixture f;
+        SessionTest f;
         f.Open();
         f.Receive(fault);
         bool wasOpen = false;
@@ -219,6 +178,7 @@ TEST(Session, DefaultLimits) {
     const SessionLimits limits;
     EXPECT_EQ(limits.connect, 5s);
     EXPECT_EQ(limits.write, 10s);
+    EXPECT_EQ(limits.settled, 1s);
     EXPECT_EQ(limits.queue_bytes, 64u << 20);
     EXPECT_EQ(limits.orders_bytes, 64u << 20);
 }
@@ -231,7 +191,7 @@ TEST(Session, TheMemoryOfAListOfTaskIdsCountsAsWaiting) {
     command.taskIds.resize(9'000);
     const std::string list(EncodeTaskCommand(command).substr(18));  // without the UUID
     for (const std::size_t more : {0u, 1u}) {
-        Fixture f(limits);
+        SessionTest f(limits);
         f.Open();
         std::string body = list;
         if (more != 0) body += std::string("\x1A\x00", 2);
@@ -241,7 +201,7 @@ TEST(Session, TheMemoryOfAListOfTaskIdsCountsAsWaiting) {
 }
 
 TEST(Session, AnUnknownControlFrameIsIgnored) {
-    Fixture f;
+    SessionTest f;
     f.Open();
     f.Receive({0, 0, 77, "?"});
     EXPECT_EQ(f.session.CurrentState(), Session::State::Open);
@@ -249,7 +209,7 @@ TEST(Session, AnUnknownControlFrameIsIgnored) {
 }
 
 TEST(Session, PingsAfterItsOwnSilenceAndAnswersPings) {
-    Fixture f;
+    SessionTest f;
     f.Open(1'000, 10'000);
     EXPECT_EQ(f.session.Deadline(), f.now + 1s);
     f.now += 1s;
@@ -264,7 +224,7 @@ TEST(Session, PingsAfterItsOwnSilenceAndAnswersPings) {
 }
 
 TEST(Session, SilenceOfTheEngineIsALossAtTheLimitExactly) {
-    Fixture f;
+    SessionTest f;
     f.Open(0, 10'000);
     f.now += 5s;
     f.Receive({0, 0, kAckId, {}});
@@ -275,7 +235,7 @@ TEST(Session, SilenceOfTheEngineIsALossAtTheLimitExactly) {
 }
 
 TEST(Session, ZeroSwitchesTheWatchesOff) {
-    Fixture f;
+    SessionTest f;
     f.Open(0, 0);
     EXPECT_FALSE(f.session.Deadline().has_value());
     f.session.OnTime(f.now + 24h);
@@ -284,7 +244,7 @@ TEST(Session, ZeroSwitchesTheWatchesOff) {
 }
 
 TEST(Session, AStuckWriteIsALossAndHoldsBackTheNext) {
-    Fixture f;
+    SessionTest f;
     f.Open(0, 0);
     f.Queue();
     EXPECT_EQ(f.Take().size(), 1u);
@@ -300,7 +260,7 @@ TEST(Session, AStuckWriteIsALossAndHoldsBackTheNext) {
 TEST(Session, TheQueueIsBoundedAndOpensAgain) {
     SessionLimits limits;
     limits.queue_bytes = 100;
-    Fixture f(limits);
+    SessionTest f(limits);
     f.Open();
     EXPECT_EQ(f.Queue(std::string(60, 'x')), 1u);
     EXPECT_EQ(f.Queue(std::string(60, 'x')), 0u);
@@ -313,7 +273,7 @@ TEST(Session, ABatchIsClosedByTheFrameThatReaches256KiB) {
     constexpr std::size_t kBatch_bytes = std::size_t{256} * 1024;
     const std::size_t head_bytes = EncodeFrameHead(1, 0, 4008, kBatch_bytes).size();
     for (const std::size_t missing_bytes : {0u, 1u}) {
-        Fixture f;
+        SessionTest f;
         f.Open();
         f.Queue(std::string(kBatch_bytes - head_bytes - missing_bytes, 'x'));
         f.Queue();
@@ -324,7 +284,7 @@ TEST(Session, ABatchIsClosedByTheFrameThatReaches256KiB) {
 }
 
 TEST(Session, ABodyThatFitsNoFrameIsRefused) {
-    Fixture f;
+    SessionTest f;
     f.Open();
     EXPECT_EQ(f.Queue(std::string(kFrameLimit_bytes, 'x')), 0u);
     EXPECT_EQ(f.session.CurrentState(), Session::State::Open);
@@ -333,7 +293,7 @@ TEST(Session, ABodyThatFitsNoFrameIsRefused) {
 TEST(Session, OrdersThatPileUpAreALoss) {
     SessionLimits limits;
     limits.orders_bytes = 1'000;
-    Fixture f(limits);
+    SessionTest f(limits);
     f.Open();
     std::uint64_t seq = 0;
     while (f.session.CurrentState() == Session::State::Open && seq < 100) f.Order(++seq);
@@ -341,7 +301,7 @@ TEST(Session, OrdersThatPileUpAreALoss) {
 }
 
 TEST(Session, EndsWithByeAfterWhatIsQueued) {
-    Fixture f;
+    SessionTest f;
     f.Open();
     f.Queue();
     f.session.End();
@@ -357,17 +317,17 @@ TEST(Session, EndsWithByeAfterWhatIsQueued) {
     f.Order(1);  // dropped, not acknowledged
     EXPECT_TRUE(f.session.TakeEvents().empty());
     EXPECT_TRUE(f.Take().empty());
-    f.session.OnDisconnected("closed");
+    f.session.OnDisconnected("closed", f.now);
     bool wasOpen = true;
     EXPECT_EQ(f.Closed(&wasOpen), "closed");
     EXPECT_FALSE(wasOpen);
 }
 
 TEST(Session, ClosesOnceOnly) {
-    Fixture f;
+    SessionTest f;
     f.Open();
-    f.session.OnDisconnected("first");
-    f.session.OnDisconnected("second");
+    f.session.OnDisconnected("first", f.now);
+    f.session.OnDisconnected("second", f.now);
     f.Receive({5, 0, 4014, {}});
     std::size_t closed = 0;
     for (const SessionEvent& event : f.session.TakeEvents())

@@ -44,9 +44,10 @@ bool CreatePrivateFile(const std::string& path, std::string_view bytes, OsError*
 bool CreatePrivateFolder(const std::string& path, OsError* error = nullptr);
 
 // Writes `bytes` to a temporary file beside `path`, syncs it and renames it over `path`: readers see the old
-// text or the new one. A private file stays private.
+// text or the new one. A private file stays private. `temporary` names that file, in the same folder; what is
+// left of one is removed. Without a name it is a new one each time.
 bool ReplaceWholeFile(const std::string& path, std::string_view bytes, bool isPrivate,
-                      OsError* error = nullptr);
+                      OsError* error = nullptr, std::string temporary = {});
 
 // An exclusive advisory lock held until the handle is released or the process ends. Null when another process
 // (or this one) holds it. Used for "one engine per data folder".

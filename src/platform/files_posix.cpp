@@ -160,8 +160,12 @@ bool CreatePrivateFolder(const std::string& path, OsError* error) {
     return MakeFolders(plain, error);
 }
 
-bool ReplaceWholeFile(const std::string& path, std::string_view bytes, bool isPrivate, OsError* error) {
-    const std::string temporary = path + ".new-" + RandomHex(6);
+bool ReplaceWholeFile(const std::string& path, std::string_view bytes, bool isPrivate, OsError* error,
+                      std::string temporary) {
+    if (temporary.empty())
+        temporary = path + ".new-" + RandomHex(6);
+    else
+        ::unlink(temporary.c_str());
     if (!WriteTemporary(temporary, bytes, isPrivate, path, error)) return false;
     if (::rename(temporary.c_str(), path.c_str()) != 0) {
         SetOsError(error, errno, "rename " + temporary + " to " + path);

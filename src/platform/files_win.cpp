@@ -229,12 +229,16 @@ bool CreatePrivateFolder(const std::string& path, OsError* error) {
     return MakeFolders(plain, error);
 }
 
-bool ReplaceWholeFile(const std::string& path, std::string_view bytes, bool isPrivate, OsError* error) {
+bool ReplaceWholeFile(const std::string& path, std::string_view bytes, bool isPrivate, OsError* error,
+                      std::string temporary) {
     if (HasAttribute(NativePath(path), FILE_ATTRIBUTE_READONLY)) {  // as the rename would say, later
         SetOsError(error, ERROR_ACCESS_DENIED, "replace " + path);
         return false;
     }
-    const std::string temporary = path + ".new-" + RandomHex(6);
+    if (temporary.empty())
+        temporary = path + ".new-" + RandomHex(6);
+    else
+        ::DeleteFileW(NativePath(temporary).c_str());
     if (!WriteTemporary(temporary, bytes, isPrivate, path, error)) return false;
     if (RenameOver(NativePath(temporary), NativePath(path))) return true;
     SetOsError(error, ::GetLastError(), "rename " + temporary + " to " + path);

@@ -1,6 +1,8 @@
 #include "kit/scripted_engine.h"
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -8,6 +10,8 @@
 #include <boost/asio/write.hpp>
 #include <deque>
 #include <functional>
+#include <map>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -24,6 +28,14 @@ using link::FrameReader;
 
 namespace {
 
+// What outlives a connection.
+struct SessionRecord {
+    std::uint64_t received = 0;  // the worker's seq
+    std::uint64_t firstHeldFinal = 0;
+    std::uint64_t ackedByWorker = 0;
+    std::vector<std::pair<std::uint32_t, std::string>> orders;  // own seq 1 and further
+};
+
 struct Peer {
     Peer(tcp::socket accepted, std::size_t serial) : socket(std::move(accepted)), number(serial) {}
 
@@ -32,10 +44,9 @@ struct Peer {
     FrameReader reader;
     std::array<char, std::size_t{64} * 1024> input{};
     std::deque<std::string> output;
-    std::uint64_t received = 0;  // the worker's seq
-    std::uint64_t firstHeldFinal = 0;
-    std::uint64_t sent = 0;  // own seq
-    std::uint64_t ackedByWorker = 0;
+    std::shared_ptr<SessionRecord> session = std::make_shared<SessionRecord>();
+    std::size_t come = SIZE_MAX;  // bytes that still may
+    std::size_t gone = SIZE_MAX;
     bool reading = true;
     bool closeWhenSent = false;
     bool endWhenSent = false;
@@ -78,6 +89,7 @@ struct ScriptedEngine::State {
                 ++accepted;
                 signal.Notify(hold);
             }
+            if (away) Reset(peer);
             Read(peer);
             Accept();
         });
@@ -85,24 +97,34 @@ struct ScriptedEngine::State {
 
     void Read(const PeerPointer& peer) {
         if (!peer->reading || peer->closed) return;
-        peer->socket.async_read_some(asio::buffer(peer->input),
-                                     [this, peer](const error_code& error, std::size_t size) {
-                                         if (error) return Close(peer);
-                                         peer->reader.Feed(std::string_view(peer->input.data(), size));
-                                         Frame frame;
-                                         while (peer->reader.Next(&frame) == FrameReader::Status::Ready)
-                                             OnFrame(peer, frame);
-                                         Read(peer);
-                                     });
+        peer->socket.async_read_some(
+            asio::buffer(peer->input), [this, peer](const error_code& error, std::size_t size) {
+                if (error) return Close(peer);
+                const std::size_t come = std::min(size, peer->come);
+                if (peer->come != SIZE_MAX) peer->come -= come;
+                peer->reader.Feed(std::string_view(peer->input.data(), come));
+                Frame frame;
+                while (!peer->closed && peer->reader.Next(&frame) == FrameReader::Status::Ready)
+                    OnFrame(peer, frame);
+                if (peer->come == 0) Reset(peer);
+                Read(peer);
+            });
     }
 
     void OnFrame(const PeerPointer& peer, const Frame& frame) {
         {
             Signal::Hold hold(signal);
             frames.push_back({peer->number, frame});
-            peer->ackedByWorker = std::max(peer->ackedByWorker, frame.ack);
-            if (frame.seq != 0) peer->received = frame.seq;
-            if (holdFinals && peer->firstHeldFinal == 0 && IsFinal(frame)) peer->firstHeldFinal = frame.seq;
+            if (const auto decoded = link::DecodeHello(frame.body); frame.id == link::kHelloId && decoded)
+                hello = *decoded;
+            SessionRecord& session = *peer->session;
+            session.ackedByWorker = std::max(session.ackedByWorker, frame.ack);
+            if (frame.seq > session.received) {
+                session.received = frame.seq;
+                taken.push_back(frame);
+                if (holdFinals && session.firstHeldFinal == 0 && IsFinal(frame))
+                    session.firstHeldFinal = frame.seq;
+            }
             signal.Notify(hold);
         }
         if (frame.id == link::kHelloId && options.answerHello) AnswerHello(peer, frame);
@@ -113,22 +135,47 @@ struct ScriptedEngine::State {
 
     void AnswerHello(const PeerPointer& peer, const Frame& frame) {
         const Result<link::Hello> decoded = link::DecodeHello(frame.body);
-        {
-            Signal::Hold hold(signal);
-            if (decoded) hello = *decoded;
-        }
         if (decoded && (options.token.empty() || decoded->token == options.token)) {
+            if (decoded->resumeSessionId != 0) return AnswerResume(peer, *decoded, frame.ack);
             link::Welcome welcome = options.welcome;
-            welcome.sessionId = options.firstSessionId + static_cast<std::uint32_t>(peer->number - 1);
+            welcome.sessionId = options.firstSessionId + newSessions++;
+            sessions[welcome.sessionId] = peer;
+            speaker = peer;
             return Send(peer, 0, link::kWelcomeId, link::EncodeWelcome(welcome));
         }
         Send(peer, 0, link::kRefuseId, link::EncodeRefuse({link::kRefuseToken, "wrong token"}));
         CloseAfterOutput(peer);
     }
 
+    void AnswerResume(const PeerPointer& peer, const link::Hello& resuming, std::uint64_t ack) {
+        PeerPointer& before = sessions[resuming.resumeSessionId];
+        if (refusal && *refusal == 0) return;
+        if (refusal || !before) {
+            Send(peer, 0, link::kRefuseId,
+                 link::EncodeRefuse({refusal.value_or(link::kRefuseSession), "not resumed"}));
+            return CloseAfterOutput(peer);
+        }
+        Close(before);
+        {
+            Signal::Hold hold(signal);
+            peer->session = before->session;
+            peer->session->ackedByWorker = std::max(peer->session->ackedByWorker, ack);
+            signal.Notify(hold);
+        }
+        before = peer;
+        speaker = peer;
+        link::Welcome welcome = options.welcome;
+        welcome.sessionId = resuming.resumeSessionId;
+        Send(peer, 0, link::kWelcomeId, link::EncodeWelcome(welcome));
+        const auto& orders = peer->session->orders;
+        for (std::size_t i = resuming.resumeReceived; i < orders.size(); ++i)
+            Send(peer, i + 1, orders[i].first, orders[i].second);
+    }
+
     std::uint64_t OwnAck(const Peer& peer) {
         Signal::Hold hold(signal);
-        return peer.firstHeldFinal != 0 ? peer.firstHeldFinal - 1 : peer.received;
+        const SessionRecord& session = *peer.session;
+        return session.firstHeldFinal != 0 ? session.firstHeldFinal - 1 : session.received;
     }
 
     void Send(const PeerPointer& peer, std::uint64_t seq, std::uint32_t id, const std::string& body) {
@@ -137,7 +184,12 @@ struct ScriptedEngine::State {
     }
 
     void SendBytes(const PeerPointer& peer, std::string bytes) {
-        if (peer->closed) return;
+        if (peer->closed || peer->gone == 0) return;
+        if (peer->gone != SIZE_MAX) {
+            if (bytes.size() > peer->gone) bytes.resize(peer->gone);
+            peer->gone -= bytes.size();
+            peer->closeWhenSent = peer->gone == 0;
+        }
         peer->output.push_back(std::move(bytes));
         if (peer->output.size() == 1) WriteNext(peer);
     }
@@ -181,6 +233,12 @@ struct ScriptedEngine::State {
         signal.Notify(hold);
     }
 
+    void Reset(const PeerPointer& peer) {
+        error_code ignored;
+        if (!peer->closed) peer->socket.set_option(asio::socket_base::linger(true, 0), ignored);
+        Close(peer);
+    }
+
     // Runs `work` on the thread with the newest connection and waits for its end.
     void OnThread(const std::function<void(const PeerPointer&)>& work) {
         Signal done;
@@ -214,10 +272,16 @@ struct ScriptedEngine::State {
     const ScriptedEngineOptions options;
     asio::io_context io{1};
     tcp::acceptor acceptor;
-    std::size_t connections = 0;  // the thread only
+    std::size_t connections = 0;                    // the thread only, as the next four
+    std::map<std::uint32_t, PeerPointer> sessions;  // the newest connection of each
+    PeerPointer speaker;                            // whose HELLO was answered last
+    std::uint32_t newSessions = 0;
+    std::optional<std::uint32_t> refusal;
+    std::atomic<bool> away{false};
 
     mutable Signal signal;
     std::vector<ReceivedFrame> frames;
+    std::vector<Frame> taken;
     link::Hello hello;
     PeerPointer newest;
     std::size_t accepted = 0;
@@ -247,6 +311,11 @@ std::vector<Frame> ScriptedEngine::Frames(std::uint32_t id) const {
     return found;
 }
 
+std::vector<Frame> ScriptedEngine::Taken() const {
+    Signal::Hold hold(m_state->signal);
+    return m_state->taken;
+}
+
 std::vector<link::WorkerRecord> ScriptedEngine::Records(std::uint32_t id) const {
     std::vector<link::WorkerRecord> records;
     for (const Frame& frame : Frames(id))
@@ -267,7 +336,7 @@ std::size_t ScriptedEngine::Connections() const {
 
 std::uint64_t ScriptedEngine::AckedByWorker() const {
     Signal::Hold hold(m_state->signal);
-    return m_state->newest ? m_state->newest->ackedByWorker : 0;
+    return m_state->newest ? m_state->newest->session->ackedByWorker : 0;
 }
 
 bool ScriptedEngine::WaitForFrame(std::uint32_t id, std::size_t count) const {
@@ -284,7 +353,7 @@ bool ScriptedEngine::WaitForClosed(std::size_t count) const {
 
 bool ScriptedEngine::WaitForAck(std::uint64_t seq) const {
     return m_state->WaitUntil(
-        [this, seq] { return m_state->newest && m_state->newest->ackedByWorker >= seq; });
+        [this, seq] { return m_state->newest && m_state->newest->session->ackedByWorker >= seq; });
 }
 
 std::uint64_t ScriptedEngine::SendOrder(std::uint32_t id, const link::Order& order) {
@@ -295,8 +364,12 @@ std::uint64_t ScriptedEngine::SendOrder(std::uint32_t id, const link::Order& ord
 std::uint64_t ScriptedEngine::SendNumbered(std::uint32_t id, std::string body) {
     std::uint64_t seq = 0;
     m_state->OnThread([&](const PeerPointer& peer) {
-        seq = ++peer->sent;
-        m_state->Send(peer, seq, id, body);
+        // A connection that is just coming back is not the session's yet.
+        const bool isResumable = m_state->options.welcome.resumeWindow_ms != 0 && m_state->speaker;
+        const PeerPointer& speaker = isResumable ? m_state->speaker : peer;
+        speaker->session->orders.emplace_back(id, body);
+        seq = speaker->session->orders.size();
+        m_state->Send(speaker, seq, id, body);
     });
     return seq;
 }
@@ -319,8 +392,8 @@ void ScriptedEngine::AcknowledgeAll() {
         std::uint64_t received = 0;
         {
             Signal::Hold hold(m_state->signal);
-            peer->firstHeldFinal = 0;
-            received = peer->received;
+            peer->session->firstHeldFinal = 0;
+            received = peer->session->received;
         }
         m_state->SendBytes(peer, link::EncodeFrameHead(0, received, link::kAckId, 0));
     });
@@ -335,10 +408,26 @@ void ScriptedEngine::CloseConnection() {
 }
 
 void ScriptedEngine::ResetConnection() {
+    m_state->OnThread([&](const PeerPointer& peer) { m_state->Reset(peer); });
+}
+
+void ScriptedEngine::BeAway(bool away) {
+    m_state->away = away;
+    if (away) ResetConnection();
+}
+
+void ScriptedEngine::RefuseToResume(std::uint32_t code) {
+    m_state->OnThread([&](const PeerPointer&) { m_state->refusal = code; });
+}
+
+void ScriptedEngine::ResumeAgain() {
+    m_state->OnThread([&](const PeerPointer&) { m_state->refusal.reset(); });
+}
+
+void ScriptedEngine::CutAfter(std::size_t come_bytes, std::size_t gone_bytes) {
     m_state->OnThread([&](const PeerPointer& peer) {
-        error_code ignored;
-        peer->socket.set_option(asio::socket_base::linger(true, 0), ignored);
-        m_state->Close(peer);
+        peer->come = come_bytes;
+        peer->gone = gone_bytes;
     });
 }
 
