@@ -16,7 +16,7 @@ start "rqengine" /b "%stage%\rqengine.exe" --data "%work%\data" --port 0 --http-
 for /l %%i in (1,1,30) do if not exist "%work%\data\engine.json" ping -n 2 127.0.0.1 > nul
 "%stage%\rqctl.exe" --data "%work%\data" submit md5 --watch -- "%work%\sample.txt" > "%work%\result.txt" 2>&1
 set "ended=%errorlevel%"
-"%stage%\rqctl.exe" --data "%work%\data" shutdown
+"%stage%\rqctl.exe" --data "%work%\data" shutdown --cancel
 type "%work%\result.txt"
 
 rem By its full path: others call another program "find".

@@ -192,8 +192,8 @@ Outcome<int> DrainOrUndrain(EngineAccess& engine, const std::string& order, cons
     return Tell(engine.Post("/api/v1/" + order, body), asJson);
 }
 
-Outcome<int> Shutdown(EngineAccess& engine) {
-    const auto answer = engine.Post("/api/v1/shutdown");
+Outcome<int> Shutdown(EngineAccess& engine, bool cancel) {
+    const auto answer = engine.Post("/api/v1/shutdown", cancel ? R"({"cancel":true})" : "");
     if (!answer) return answer.error();
     const auto file = PathFromUtf8(engine.DataFolder()) / "engine.json";
     const auto end = std::chrono::steady_clock::now() + kShutdownLimit;

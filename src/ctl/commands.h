@@ -50,8 +50,9 @@ Outcome<int> Backup(EngineAccess& engine, const std::string& file);
 // What becomes of a path in a task text on the engine's node. kExitFailed when it cannot be reached.
 Outcome<int> TestPath(EngineAccess& engine, const std::string& path, bool asJson);
 Outcome<int> CollectGarbage(EngineAccess& engine, bool asJson);
-// Returns when the engine has ended.
-Outcome<int> Shutdown(EngineAccess& engine);
+// Returns when the engine has ended. `cancel`: its tasks are cancelled and its workers ended; else those go
+// on.
+Outcome<int> Shutdown(EngineAccess& engine, bool cancel);
 
 // ---- their texts; pure ----
 std::string ListTable(const nlohmann::json& tasks);

@@ -25,6 +25,7 @@ struct CommandLine {
     std::string type, text, name, id, code, file;
     std::uint32_t family = 0;
     bool all = false;
+    bool cancel = false;
     bool json = false;
     std::string journal;
     ReplayOptions replay;
@@ -189,7 +190,9 @@ void AddCommands(CLI::App& app, CommandLine& line) {
     replay->add_option("--wait", line.replayWait_s, "Seconds to wait for the worker's next message")
         ->check(CLI::Range(1, 86'400))
         ->capture_default_str();
-    auto* shutdown = app.add_subcommand("shutdown", "End the engine in good order");
+    auto* shutdown = app.add_subcommand(
+        "shutdown", "End the engine in good order; its workers go on, and wait for the next one for a while");
+    shutdown->add_flag("--cancel", line.cancel, "Cancel what runs, and end the workers with the engine");
     for (auto* command : {list, show, watch, bundle, backup, gc, path, errorName, replay, shutdown})
         command->fallthrough();
     app.footer(
@@ -266,7 +269,7 @@ Outcome<int> Run(const CLI::App& app, const CommandLine& line) {
     if (app.got_subcommand("backup")) return Backup(**engine, line.file);
     if (app.got_subcommand("path")) return TestPath(**engine, line.file, line.json);
     if (app.got_subcommand("gc")) return CollectGarbage(**engine, line.json);
-    return Shutdown(**engine);
+    return Shutdown(**engine, line.cancel);
 }
 
 int Conclude(const Outcome<int>& result) {

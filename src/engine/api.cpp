@@ -124,7 +124,7 @@ void Api::Route(const ApiRequest& request, const Target& target, const Reply& re
     if (what == "health" && depth == 3) {
         reply(IsGet(request) ? Health() : NotAllowed("GET, HEAD"));
     } else if (what == "shutdown" && depth == 3) {
-        reply(request.method == "POST" ? Shutdown() : NotAllowed("POST"));
+        reply(request.method == "POST" ? Shutdown(request) : NotAllowed("POST"));
     } else if ((what == "drain" || what == "undrain") && depth == 3) {
         reply(request.method == "POST" ? DrainOrGoOn(request, what == "drain") : NotAllowed("POST"));
     } else if (what == "gc" && depth == 3) {
@@ -317,9 +317,11 @@ ApiResponse Api::Show(std::int64_t task) {
     return MakeResponse(200, document);
 }
 
-ApiResponse Api::Shutdown() {
-    m_host.RequestEnd();
-    return MakeResponse(202, {{"status", "ending"}});
+ApiResponse Api::Shutdown(const ApiRequest& request) {
+    const auto cancel = ParseShutdown(request.body);
+    if (!cancel) return MakeError(400, cancel.error().code, cancel.error().message, cancel.error().field);
+    m_host.RequestEndFromApi(*cancel);
+    return MakeResponse(202, {{"status", "ending"}, {"cancel", *cancel}});
 }
 
 // ---- events ----

@@ -60,8 +60,8 @@ class ApiHost {
     virtual MetricsFacts GetMetricsFacts() const { return {}; }
     virtual void CollectGarbage(Upkeep::OnCollected done) { done(GarbageReport{}); }
     virtual void Backup(const std::string&, Upkeep::OnCopied done) { done(Fail("not here")); }
-    // Begins an orderly end; returns at once.
-    virtual void RequestEnd() = 0;
+    // Begins an orderly end, with or without its workers; returns at once.
+    virtual void RequestEndFromApi(bool cancel) = 0;
 };
 
 class Api {
@@ -110,7 +110,7 @@ class Api {
     // Of a task that is not there: it may have been deleted already.
     std::optional<ApiResponse> DeletedAlready(std::int64_t task);
     ApiResponse DrainOrGoOn(const ApiRequest& request, bool drain);
-    ApiResponse Shutdown();
+    ApiResponse Shutdown(const ApiRequest& request);
     void Events(std::int64_t task, const Target& target, const Reply& reply);
     // Nothing when there are no events yet.
     std::optional<ApiResponse> EventsNow(std::int64_t task, std::int64_t after, bool evenIfNone);

@@ -256,6 +256,18 @@ Checked<std::int32_t> ParseDrain(std::string_view body) {
     return document.contains("type") ? ParseType(document["type"]) : Checked<std::int32_t>(kEveryType);
 }
 
+Checked<bool> ParseShutdown(std::string_view body) {
+    if (body.empty()) return false;
+    const json document = json::parse(body, nullptr, false);
+    if (!document.is_object()) return FieldError{"bad-json", "", "the body is not a JSON object"};
+    for (const auto& [key, value] : document.items()) {
+        if (key != "cancel")
+            return BadField(std::string(CutUtf8(key, 60)), "is not a field of this order (cancel)");
+        if (!value.is_boolean()) return BadField(key, "must be true or false");
+    }
+    return document.value("cancel", false);
+}
+
 Checked<std::int64_t> ParseNumber(const Target& target, const std::string& name, std::int64_t least,
                                   std::int64_t most, std::int64_t fallback) {
     const auto found = target.query.find(name);

@@ -68,6 +68,8 @@ Checked<NewTask> ParseSubmission(std::string_view body, std::int64_t now_us);
 Checked<std::string> ParseUpdate(std::string_view body);
 // The priority of {"priority": ...}.
 Checked<std::int32_t> ParsePriority(std::string_view body);
+// The value of {"cancel": ...}; false without a body.
+Checked<bool> ParseShutdown(std::string_view body);
 // The type of {"type": ...}; kEveryType without a body.
 Checked<std::int32_t> ParseDrain(std::string_view body);
 Checked<TaskQuery> ParseListQuery(const Target& target);

@@ -46,13 +46,17 @@ class FakeHost final : public ApiHost {
         if (!task.suspended_us) return {};
         return {{"suspended", "since then", task.suspended_us}};
     }
-    void RequestEnd() override { ending = true; }
+    void RequestEndFromApi(bool cancel) override {
+        ending = true;
+        cancels = cancel;
+    }
 
     const PathMap& Paths() const override { return paths; }
 
     int submitted = 0;
     bool ending = false;
     PathMap paths;
+    bool cancels = false;
 
   private:
     Store& m_store;
@@ -423,6 +427,12 @@ TEST_F(ApiTest, EndWaitsAnswersThoseThatWait) {
 TEST_F(ApiTest, ShutdownIsPassedOn) {
     EXPECT_EQ(Ask("POST", "/api/v1/shutdown", 202)["status"], "ending");
     EXPECT_TRUE(m_host.ending);
+    EXPECT_FALSE(m_host.cancels);
+    EXPECT_EQ(Ask("POST", "/api/v1/shutdown", 202, R"({"cancel": false})")["cancel"], false);
+    EXPECT_EQ(Ask("POST", "/api/v1/shutdown", 202, R"({"cancel": true})")["cancel"], true);
+    EXPECT_TRUE(m_host.cancels);
+    EXPECT_EQ(ErrorCode(Ask("POST", "/api/v1/shutdown", 400, R"({"cancel": 1})")), "bad-field");
+    EXPECT_EQ(ErrorCode(Ask("POST", "/api/v1/shutdown", 400, R"({"cansel": true})")), "bad-field");
 }
 
 TEST(Json, ResultsHaveTheirDocumentedForm) {

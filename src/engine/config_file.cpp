@@ -63,6 +63,23 @@ Key Time(std::string_view name, std::chrono::milliseconds EngineSettings::*membe
         }};
 }
 
+// Bounded by what the link's WELCOME may say.
+Key ResumeKey(std::string_view meaning) {
+    constexpr std::int64_t kLongest_s = 3600;
+    return {"limits", "resume_s", meaning,
+            [](EngineSettings& settings, const toml::node& node) -> std::optional<std::string> {
+                const auto value = node.is_integer() ? node.value<std::int64_t>() : std::nullopt;
+                if (!value || *value < 0 || *value > kLongest_s)
+                    return "must be a whole number of seconds from 0 to " + std::to_string(kLongest_s);
+                settings.resumeWindow = std::chrono::seconds(*value);
+                return std::nullopt;
+            },
+            [](const EngineSettings& settings) {
+                return std::to_string(
+                    std::chrono::duration_cast<std::chrono::seconds>(settings.resumeWindow).count());
+            }};
+}
+
 Key Text(std::string_view table, std::string_view name, std::string EngineSettings::*member,
          std::string_view meaning) {
     return {table, name, meaning,
@@ -159,8 +176,10 @@ std::vector<Key> MakeKeys() {
                       "\"process\", the "
                       "end of the engine, not of the machine."),
         Time("connect_s", &S::connectLimit, "From a worker's start to its connection, in seconds."),
-        Time("link_grace_s", &S::linkGrace,
-             "From the end of a worker's connection to the end of its process tree."),
+        ResumeKey(
+            "How long a worker whose connection broke, or whose engine ended, waits for a new one; 0: not at "
+            "all."),
+        Time("link_grace_s", &S::linkGrace, "From then to the end of its process tree."),
         Time("cancel_s", &S::cancelGrace, "From a cancel order to the end of the process tree."),
         Time("finish_s", &S::finishGrace, "From a finish order to the end of the process tree."),
         Time("destroy_s", &S::destroyGrace, "From a final status to the end of the process tree."),

@@ -11,6 +11,7 @@
 #include "engine/data_folder.h"
 #include "engine/engine_log.h"
 #include "engine/http_connection.h"
+#include "engine/json.h"
 #include "engine/listener.h"
 #include "engine/scheduler.h"
 #include "engine/version.h"
@@ -38,9 +39,13 @@ class EngineImpl final : public Engine, public ApiHost {
 
     Result<void> Start();
     void Run() override;
-    void RequestEnd() override {
-        boost::asio::post(m_io, [this] { BeginEnd(); });
+    void RequestEnd(End how) override {
+        boost::asio::post(m_io, [this, how] { BeginEnd(how); });
     }
+    void RequestEndFromApi(bool cancel) override {
+        RequestEnd(cancel ? End::CancelTasks : End::LeaveWorkers);
+    }
+    const std::string& Farewell() const override { return m_farewell; }
     const std::string& Failure() const override { return m_failure; }
     std::uint16_t LinkPort() const override { return m_links->Port(); }
     std::uint16_t HttpPort() const override { return m_pages->Port(); }
@@ -49,10 +54,12 @@ class EngineImpl final : public Engine, public ApiHost {
   private:
     Result<void> OpenStore();
     Result<void> Listen();
+    Result<void> ListenForWorkers();
     // Ends when the data folder is gone: what would be accepted from then on would be lost.
     bool IsFolderThere();
     void WatchFolder();
-    void BeginEnd();
+    void BeginEnd(End how);
+    void LeaveWorkers();
     void OnWorkersGone();
 
     Facts GetFacts() const override {
@@ -105,7 +112,8 @@ class EngineImpl final : public Engine, public ApiHost {
     std::unique_ptr<Api> m_api;
     std::unique_ptr<Listener> m_links, m_pages;
     std::optional<boost::asio::steady_timer> m_lastAnswers, m_folderWatch;
-    std::string m_failure;
+    std::string m_failure, m_farewell;
+    std::vector<OpenAttempt> m_open;  // of an earlier run, until they are taken over
     std::int64_t m_started_us = 0;
 };
 
@@ -124,6 +132,7 @@ Result<void> EngineImpl::Start() {
     m_store->SetListener(
         [this](std::int64_t task) { boost::asio::post(m_io, [this, task] { m_api->OnEvents(task); }); });
     if (auto listening = Listen(); !listening) return listening;
+    if (auto taken = m_scheduler->TakeOver(std::exchange(m_open, {})); !taken) return taken;
     m_started_us = Store::SystemNow()();
     if (auto told = m_folder->Announce(LinkPort(), HttpPort(), m_started_us); !told) return told;
     m_log->Info("rqengine " + std::string(kVersion) + ": link 127.0.0.1:" + std::to_string(LinkPort()) +
@@ -141,7 +150,7 @@ bool EngineImpl::IsFolderThere() {
     if (!trouble) return true;
     m_failure = *trouble + "; the engine ends, and what it accepted since then is lost";
     m_log->Warn(m_failure);
-    BeginEnd();
+    BeginEnd(End::CancelTasks);
     return false;
 }
 
@@ -174,9 +183,9 @@ Result<void> EngineImpl::OpenStore() {
     if (!store) return store.error();
     m_store = std::move(*store);
     m_store->SetRetryRules(m_settings.retry);
-    const auto lost = m_store->LoseOpenAttempts("the engine ended while this attempt was open");
-    if (!lost) return lost.error();
-    if (*lost != 0) m_log->Warn(std::to_string(*lost) + " attempt(s) of an earlier run are lost");
+    auto open = m_store->OpenAttempts();
+    if (!open) return open.error();
+    m_open = std::move(*open);
     return {};
 }
 
@@ -190,9 +199,27 @@ Result<void> EngineImpl::Listen() {
                                          [this](Listener::Socket socket, std::function<void()> onGone) {
                                              ServeHttp(std::move(socket), *m_api, std::move(onGone));
                                          });
-    if (auto listening = m_links->Listen(m_settings.linkPort); !listening) return listening;
+    if (auto listening = ListenForWorkers(); !listening) return listening;
     m_scheduler->SetLinkPort(LinkPort());
     return m_pages->Listen(m_settings.httpPort);
+}
+
+// Workers of an earlier run look for their engine where it was.
+Result<void> EngineImpl::ListenForWorkers() {
+    const auto before = m_store->LinkPort();
+    if (!before) return before.error();
+    const bool isAwaited = !m_open.empty() && *before != 0;
+    Result<void> listening = Fail("");
+    if (isAwaited && m_settings.linkPort == 0) listening = m_links->Listen(*before);
+    if (!listening) listening = m_links->Listen(m_settings.linkPort);
+    if (!listening) return listening;
+    if (isAwaited && LinkPort() != *before)
+        m_log->Warn("workers of an earlier run look for their engine on port " + std::to_string(*before) +
+                    ", which this engine " +
+                    (m_settings.linkPort == 0 ? "cannot have: something else listens there"
+                                              : "was not told to take") +
+                    "; they will end, and their tasks are repeated or lost");
+    return LinkPort() == *before ? Result<void>() : m_store->RememberLinkPort(LinkPort());
 }
 
 MetricsFacts EngineImpl::GetMetricsFacts() const {
@@ -225,12 +252,27 @@ void EngineImpl::FindTraces(AttemptRow& attempt) const {
     attempt.crashReport = std::move(traces.crashReport);
 }
 
-void EngineImpl::BeginEnd() {
+void EngineImpl::BeginEnd(End how) {
     if (m_scheduler->Ending()) return;
     m_log->Info("the engine is ending");
     m_folderWatch->cancel();
     m_upkeep->Stop();
-    m_scheduler->BeginEnd([this] { OnWorkersGone(); });
+    // Without a window no worker waits for another engine.
+    if (how == End::CancelTasks || m_settings.resumeWindow.count() == 0) {
+        m_scheduler->BeginEnd([this] { OnWorkersGone(); });
+        return;
+    }
+    LeaveWorkers();
+    OnWorkersGone();
+}
+
+void EngineImpl::LeaveWorkers() {
+    const std::size_t left = m_scheduler->Leave();
+    if (left == 0) return;
+    const auto until_us = Store::SystemNow()() + std::chrono::microseconds(m_settings.resumeWindow).count();
+    m_farewell = std::to_string(left) + " worker(s) go on, and wait for an engine until " +
+                 TimeText(until_us) + " (" + DurationText(m_settings.resumeWindow) + ")";
+    m_log->Info(m_farewell);
 }
 
 void EngineImpl::OnWorkersGone() {

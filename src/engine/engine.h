@@ -2,7 +2,7 @@
 // server, HTTP API, launcher and scheduler, on one I/O thread (the one that calls Run).
 //
 // Create, then Run on one thread; RequestEnd from any thread. Run returns when the orderly end is through;
-// after that no worker of this engine and no "engine.json" are left.
+// after that no "engine.json" is left, and either no worker, or those that wait for the next engine.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +21,12 @@ class Engine {
     virtual ~Engine() = default;
 
     virtual void Run() = 0;
-    virtual void RequestEnd() = 0;
+    // What becomes of the workers: they wait for the next engine, as long as its link is configured to have
+    // them resume; or they are told to cancel their tasks, waited for, and ended.
+    enum class End { LeaveWorkers, CancelTasks };
+    virtual void RequestEnd(End how = End::LeaveWorkers) = 0;
+    // What a person should know after Run: workers that wait. Empty: nothing.
+    virtual const std::string& Farewell() const = 0;
     // Why the engine ended by itself, after Run; empty after an end that was asked for.
     virtual const std::string& Failure() const = 0;
 

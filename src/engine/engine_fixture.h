@@ -40,6 +40,7 @@ class EngineTest : public testing::Test {
         m_settings.httpPort = 0;
         m_settings.maxWorkers = 2;
         m_settings.retry = RetryRules::Never();
+        m_settings.resumeWindow = 0ms;  // the scripted workers do not come back, unless a test is about that
     }
     ~EngineTest() override { Stop(); }
 
@@ -50,9 +51,10 @@ class EngineTest : public testing::Test {
         m_thread = std::thread([this] { m_engine->Run(); });
         m_http = std::make_unique<ctl::HttpClient>(m_engine->HttpPort(), m_engine->Token());
     }
-    void Stop() {
+    // No worker is left, unless they are to be.
+    void Stop(Engine::End how = Engine::End::CancelTasks) {
         if (!m_engine) return;
-        m_engine->RequestEnd();
+        m_engine->RequestEnd(how);
         m_thread.join();
         m_http.reset();
         m_engine.reset();

@@ -1,5 +1,6 @@
 #include "engine/launcher.h"
 
+#include <algorithm>
 #include <boost/asio/post.hpp>
 #include <cstdio>
 #include <filesystem>
@@ -7,6 +8,7 @@
 #include "base/paths.h"
 #include "engine/captured_output.h"
 #include "platform/files.h"
+#include "platform/found_process.h"
 #include "platform/identity.h"
 #include "records/task_codes.h"
 
@@ -40,9 +42,19 @@ void RemoveFile(const std::string& path) {
     fs::remove(PathFromUtf8(path), ignored);
 }
 
+// Of the attempt's processes, for an engine that comes later.
+std::string TreeName(const std::string& token) {
+    return "rqengine-" + token;
+}
+
 std::string TypeArgument(std::int32_t type) {
     const auto code = CodeOfTaskType(type);
     return code.empty() ? std::to_string(type) : std::string(code);
+}
+
+// The base name has no dots: it names the worker's log.
+std::string NameBegin(const Claim& claim) {
+    return claim.id + "a" + std::to_string(claim.number) + "_";
 }
 
 constexpr std::int64_t kFirstExceptionCode = 0xC0000000;
@@ -50,12 +62,13 @@ constexpr std::int64_t kFirstExceptionCode = 0xC0000000;
 // No signal has a negative number: that is a Windows exception's.
 WorkerExit ExitOf(const platform::ExitStatus& status) {
     if (status.signalled && status.code < 0) return {false, static_cast<std::uint32_t>(status.code)};
-    return {status.signalled, status.code};
+    return {status.signalled, status.code, status.isKnown};
 }
 
 }  // namespace
 
 std::string ExitText(const WorkerExit& exit) {
+    if (!exit.isKnown) return "worker ended, nobody can say how, since it was not this engine's child,";
     if (exit.signalled) return "worker ended by signal " + std::to_string(exit.code);
     if (exit.code < kFirstExceptionCode) return "worker ended with exit code " + std::to_string(exit.code);
     char code[32];
@@ -64,14 +77,17 @@ std::string ExitText(const WorkerExit& exit) {
 }
 
 Launcher::Launcher(boost::asio::io_context& io, const EngineSettings& settings, std::string linkToken)
-    : m_io(io), m_settings(settings), m_linkToken(std::move(linkToken)) {}
+    : m_io(io), m_settings(settings), m_linkToken(std::move(linkToken)) {
+    const MutexLock lock(m_gate->mutex);
+    m_gate->launcher = this;
+}
 
 Launcher::~Launcher() {
-    for (auto& [token, worker] : m_workers) {
-        worker.child->KillTree();
-        worker.waiter.join();
-        RemoveFile(worker.parameterFile);
+    {
+        const MutexLock lock(m_gate->mutex);
+        m_gate->launcher = nullptr;
     }
+    for (auto& [token, worker] : m_workers) worker.waiter.detach();
 }
 
 std::string Launcher::LogFolder() const {
@@ -87,12 +103,31 @@ Result<void> Launcher::Prepare() {
                                   " names cannot be made: " + error.message
                             : error.message);
     }
+    return {};
+}
+
+void Launcher::RemoveLeftovers(const std::set<std::string>& names) {
+    std::vector<fs::path> left;
     std::error_code code;
     for (const auto& entry : fs::directory_iterator(PathFromUtf8(ParameterFolder(m_settings)), code)) {
-        std::error_code ignored;
-        if (entry.path().extension() == ".xml") fs::remove(entry.path(), ignored);
+        if (entry.path().extension() == ".xml" && !names.contains(Utf8FromPath(entry.path().stem())))
+            left.push_back(entry.path());
+    }
+    for (const auto& file : left) fs::remove(file, code);
+}
+
+std::string Launcher::NameOf(const Claim& claim) const {
+    std::error_code code;
+    for (const auto& entry : fs::directory_iterator(PathFromUtf8(ParameterFolder(m_settings)), code)) {
+        const std::string name = Utf8FromPath(entry.path().stem());
+        if (name.starts_with(NameBegin(claim))) return name;
     }
     return {};
+}
+
+std::size_t Launcher::Running() const {
+    return static_cast<std::size_t>(std::count_if(m_workers.begin(), m_workers.end(),
+                                                  [](const auto& entry) { return entry.second.isOurs; }));
 }
 
 platform::ProcessSpec Launcher::SpecFor(const Claim& claim, const std::string& file,
@@ -107,12 +142,12 @@ platform::ProcessSpec Launcher::SpecFor(const Claim& claim, const std::string& f
     spec.errors = platform::ProcessSpec::Stream::File;
     spec.outputFile = output;
     spec.errorsFile = output;
+    spec.tree = TreeName(claim.token);
     return spec;
 }
 
 Result<LaunchedWorker> Launcher::Start(const Claim& claim, std::uint16_t linkPort) {
-    // The base name has no dots: it names the worker's log.
-    const std::string base = claim.id + "a" + std::to_string(claim.number) + "_" + platform::RandomHex(4);
+    const std::string base = NameBegin(claim) + platform::RandomHex(4);
     const std::string file = Under(ParameterFolder(m_settings), base + ".xml");
     const std::string output = Under(OutputFolder(m_settings), base + ".out");
     platform::OsError error;
@@ -129,18 +164,43 @@ Result<LaunchedWorker> Launcher::Start(const Claim& claim, std::uint16_t linkPor
         RemoveFile(file);
         return Fail("the worker cannot be started: " + error.message);
     }
-    Worker& worker = m_workers[claim.token];
+    Worker worker;
     worker.child = child;
-    worker.parameterFile = file;
-    Wait(claim.token, worker);
-    return LaunchedWorker{child->Id(), base, output};
+    worker.name = base;
+    Wait(claim.token, std::move(worker));
+    return LaunchedWorker{child->Id(), base, output, platform::ProcessMark(child->Id())};
 }
 
-void Launcher::Wait(const std::string& token, Worker& worker) {
-    worker.waiter = std::thread([this, token, child = worker.child] {
+bool Launcher::TakeOver(const std::string& token, const std::string& name, std::uint64_t processId,
+                        const std::string& mark) {
+    Worker worker;
+    worker.child = platform::FindProcess(processId, mark, TreeName(token));
+    worker.name = name;
+    if (worker.child)
+        Wait(token, std::move(worker));
+    else
+        Conclude(name);
+    return Has(token);
+}
+
+bool Launcher::Watch(const std::string& token, std::uint64_t processId, const std::string& mark) {
+    if (Has(token)) return true;
+    Worker worker;
+    worker.child = platform::FindProcess(processId, mark);
+    worker.isOurs = false;
+    if (worker.child) Wait(token, std::move(worker));
+    return Has(token);
+}
+
+void Launcher::Wait(const std::string& token, Worker worker) {
+    worker.waiter = std::thread([gate = m_gate, token, child = worker.child] {
         const auto status = child->WaitForever().value_or(platform::ExitStatus{});
-        boost::asio::post(m_io, [this, token, status] { TakeExit(token, status); });
+        const MutexLock lock(gate->mutex);
+        if (Launcher* launcher = gate->launcher)
+            boost::asio::post(launcher->m_io,
+                              [launcher, token, status] { launcher->TakeExit(token, status); });
     });
+    m_workers[token] = std::move(worker);
 }
 
 void Launcher::TakeExit(const std::string& token, const platform::ExitStatus& status) {
@@ -149,17 +209,21 @@ void Launcher::TakeExit(const std::string& token, const platform::ExitStatus& st
     Worker worker = std::move(found->second);
     m_workers.erase(found);
     // What the worker started and left behind ends with it.
-    worker.child->KillTree();
+    if (worker.isOurs) worker.child->KillTree();
     worker.waiter.join();
-    RemoveFile(worker.parameterFile);
-    const std::string name = Utf8FromPath(PathFromUtf8(worker.parameterFile).stem());
-    ConcludeOutput(Under(OutputFolder(m_settings), name + ".out"), m_settings.outputLimit_MiB * 1024 * 1024);
+    Conclude(worker.name);
     if (m_onExit) m_onExit(token, ExitOf(status));
+}
+
+void Launcher::Conclude(const std::string& name) {
+    if (name.empty()) return;
+    RemoveFile(Under(ParameterFolder(m_settings), name + ".xml"));
+    ConcludeOutput(Under(OutputFolder(m_settings), name + ".out"), m_settings.outputLimit_MiB * 1024 * 1024);
 }
 
 void Launcher::KillTree(const std::string& token) {
     const auto found = m_workers.find(token);
-    if (found != m_workers.end()) found->second.child->KillTree();
+    if (found != m_workers.end() && found->second.isOurs) found->second.child->KillTree();
 }
 
 }  // namespace rq::engine

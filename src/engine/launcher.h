@@ -1,16 +1,20 @@
-// Launcher: starts worker processes, tells when they ended, ends their trees. For each start it writes a
-// parameter file of its own, readable by the engine's user alone, and takes it away at the end. A thread for
-// each worker waits for its end and posts it to the I/O thread; everything else runs on the I/O thread.
+// Launcher: starts worker processes, takes over those of an earlier run of the engine, tells when they ended,
+// ends their trees. For each start it writes a parameter file of its own, readable by the engine's user
+// alone, and takes it away at the end. A thread for each worker waits for its end and posts it to the I/O
+// thread; everything else runs on the I/O thread. Workers, and the threads that wait for them, outlive the
+// launcher.
 #pragma once
 
 #include <boost/asio/io_context.hpp>
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 
 #include "base/result.h"
+#include "base/sync.h"
 #include "engine/settings.h"
 #include "engine/store_types.h"
 #include "platform/process.h"
@@ -22,6 +26,7 @@ struct LaunchedWorker {
     std::uint64_t processId = 0;
     std::string name;    // of its files, without their endings
     std::string output;  // file with its standard output and error streams
+    std::string mark;    // platform::ProcessMark
 };
 
 class Launcher {
@@ -30,38 +35,58 @@ class Launcher {
 
     // `linkToken` is handed to workers in their environment.
     Launcher(boost::asio::io_context& io, const EngineSettings& settings, std::string linkToken);
-    // Ends and awaits what still runs.
+    // Leaves alone what still runs.
     ~Launcher();
     Launcher(const Launcher&) = delete;
     Launcher& operator=(const Launcher&) = delete;
 
     void SetOnExit(OnExit onExit) { m_onExit = std::move(onExit); }
-    // Makes the folders and removes parameter files that an earlier run left.
+    // Makes the folders.
     Result<void> Prepare();
+    // Removes the parameter files that earlier runs left, except those with these names.
+    void RemoveLeftovers(const std::set<std::string>& names);
 
     Result<LaunchedWorker> Start(const Claim& claim, std::uint16_t linkPort);
-    // The worker and whatever it started. Nothing happens when it has ended.
+    // A worker that an earlier run of the engine started, from now on as one of ours; `name` is that of its
+    // files. False: it has ended, and its files are concluded.
+    bool TakeOver(const std::string& token, const std::string& name, std::uint64_t processId,
+                  const std::string& mark);
+    // Tells the end of a process that is not ours to end. False: it has ended.
+    bool Watch(const std::string& token, std::uint64_t processId, const std::string& mark);
+    // The name of the files that were made for the attempt, when the store does not know it; empty: none.
+    std::string NameOf(const Claim& claim) const;
+    // The worker and whatever it started. Nothing happens when it has ended, or is not ours to end.
     void KillTree(const std::string& token);
-    std::size_t Running() const { return m_workers.size(); }
+    bool Has(const std::string& token) const { return m_workers.contains(token); }
+    // Watched processes do not count.
+    std::size_t Running() const;
     // Where the workers' logs and crash reports go.
     std::string LogFolder() const;
 
   private:
     struct Worker {
         std::shared_ptr<platform::ChildProcess> child;
-        std::string parameterFile;
+        std::string name;  // of its files; empty for one that is watched alone
+        bool isOurs = true;
         std::thread waiter;
+    };
+    // What the waiters share with the launcher, which may be gone before them.
+    struct Gate {
+        Mutex mutex;
+        Launcher* launcher RQ_GUARDED_BY(mutex) = nullptr;
     };
 
     platform::ProcessSpec SpecFor(const Claim& claim, const std::string& file, const std::string& output,
                                   std::uint16_t linkPort) const;
-    void Wait(const std::string& token, Worker& worker);
+    void Wait(const std::string& token, Worker worker);
+    void Conclude(const std::string& name);
     void TakeExit(const std::string& token, const platform::ExitStatus& status);
 
     boost::asio::io_context& m_io;
     const EngineSettings& m_settings;
     const std::string m_linkToken;
     OnExit m_onExit;
+    const std::shared_ptr<Gate> m_gate = std::make_shared<Gate>();
     std::map<std::string, Worker> m_workers;  // by the attempt's token
 };
 

@@ -28,19 +28,46 @@ class LinkClient {
         hello.protocolVersion = version;
         hello.token = token;
         hello.attempt = attempt;
-        hello.processId = 4711;
+        return Greet(hello);
+    }
+    std::optional<std::uint32_t> Greet(link::Hello hello) {
+        hello.processId = m_process;
         hello.workerVersion = "test";
-        SendFrame({0, 0, link::kHelloId, link::EncodeHello(hello)});
+        SendFrame({0, m_got, link::kHelloId, link::EncodeHello(hello)});
         const auto answer = ReadFrame();
         if (!answer) return std::nullopt;
         if (answer->id == link::kRefuseId) return link::DecodeRefuse(answer->body)->code;
-        m_session = link::DecodeWelcome(answer->body)->sessionId;
+        m_welcome = link::DecodeWelcome(answer->body).value();
+        return 0;
+    }
+
+    // What a HELLO says that continues the session.
+    link::Hello Resuming(const std::string& token) const {
+        link::Hello hello;
+        hello.token = token;
+        hello.attempt = m_welcome.attempt;
+        hello.resumeSessionId = m_welcome.sessionId;
+        hello.resumeReceived = m_got;
+        hello.resumeAcknowledged = m_acked;
+        return hello;
+    }
+    // A new connection that continues the session; as Greet. What is not acknowledged is sent again.
+    std::optional<std::uint32_t> Resume(std::uint16_t port, const std::string& token) {
+        Close();
+        m_socket = boost::asio::ip::tcp::socket(m_io);
+        m_reader = link::FrameReader();
+        if (!Connect(port)) return std::nullopt;
+        const auto code = Greet(Resuming(token));
+        if (code != 0u) return code;
+        while (!m_kept.empty() && m_kept.front().seq <= m_acked) m_kept.pop_front();
+        for (const auto& frame : m_kept) SendFrame(frame);
         return 0;
     }
 
     // The seq of the record.
     std::uint64_t Send(std::uint32_t id, const link::WorkerRecord& record) {
-        SendFrame({++m_sent, m_got, id, link::EncodeWorkerRecord(id, record).value()});
+        m_kept.push_back({++m_sent, m_got, id, link::EncodeWorkerRecord(id, record).value()});
+        SendFrame(m_kept.back());
         return m_sent;
     }
     bool SendFrame(const link::Frame& frame) { return SendBytes(link::EncodeFrame(frame).value()); }
@@ -83,7 +110,11 @@ class LinkClient {
         boost::asio::read(m_socket, boost::asio::dynamic_buffer(bytes), error);
         return bytes;
     }
-    std::uint32_t SessionId() const { return m_session; }
+    std::uint32_t SessionId() const { return m_welcome.sessionId; }
+    const link::Welcome& Welcome() const { return m_welcome; }
+    std::uint64_t Acked() const { return m_acked; }
+    // Of the HELLOs from now on.
+    void SetProcess(std::uint64_t id) { m_process = id; }
 
     // Any frame, orders included; nothing when the connection ended.
     std::optional<link::Frame> ReadFrame() {
@@ -113,7 +144,9 @@ class LinkClient {
     link::FrameReader m_reader;
     std::deque<link::Frame> m_orders;
     std::uint64_t m_sent = 0, m_got = 0, m_acked = 0;
-    std::uint32_t m_session = 0;
+    std::deque<link::Frame> m_kept;  // sent, not dropped yet
+    std::uint64_t m_process = 4711;
+    link::Welcome m_welcome;
     bool m_bye = false;
 };
 

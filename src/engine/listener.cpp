@@ -24,6 +24,7 @@ Result<void> Listener::Listen(std::uint16_t port) {
     using boost::asio::ip::tcp;
     const tcp::endpoint endpoint(boost::asio::ip::address_v4::loopback(), port);
     boost::system::error_code error;
+    m_acceptor.close(error);  // of an earlier try
     m_acceptor.open(endpoint.protocol(), error);
     if (!error && !platform::PrepareListening(static_cast<std::uintptr_t>(m_acceptor.native_handle())))
         return Fail("cannot listen: the system refuses to prepare a socket");

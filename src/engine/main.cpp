@@ -140,6 +140,7 @@ int Serve(Engine& engine, EndSignals& end) {
     });
     end.context.run();
     runner.join();
+    if (!engine.Farewell().empty()) std::fprintf(stderr, "rqengine: %s\n", engine.Farewell().c_str());
     return engine.Failure().empty() ? 0 : Complain(engine.Failure());
 }
 

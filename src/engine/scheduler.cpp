@@ -34,6 +34,7 @@ Scheduler::Scheduler(boost::asio::io_context& io, Store& store, Launcher& launch
       m_log(log),
       m_maxWorkers(WorkerSlots(settings.maxWorkers)),
       m_stage(settings.stageFolder),
+      m_spool(settings.dataFolder, log),
       m_retry(io),
       m_wake(io),
       m_endTimer(io) {
@@ -120,28 +121,33 @@ void Scheduler::StartWorker(Claim claim) {
     if (!worker) {
         m_log.Warn(claim.id + ": " + worker.error().message);
         Report(m_store.Lost(token, worker.error().message), "a failed start");
+        Report(m_store.Closed(token), "a failed start");
         return;
     }
     auto& run = *(m_runs[token] = std::make_unique<Run>(m_io));
     run.claim = std::move(claim);
     run.claim.text.clear();  // the worker has it
     run.life = {worker->name, worker->processId, Store::SystemNow()(), 0};
-    const auto interval = m_settings.heartbeatInterval.count() != 0
-                              ? m_settings.heartbeatInterval
-                              : HeartbeatInterval(m_settings.stageFolder);
-    run.beatLimit = interval * kHeartbeatsMissed;
+    run.beatLimit = BeatLimit();
     m_log.Info(run.claim.id + ": worker " + std::to_string(worker->processId) + " started");
-    Report(m_store.WorkerStarted(token, worker->processId, worker->output), "a start");
+    Report(m_store.WorkerStarted(token, worker->processId, worker->output, worker->mark), "a start");
     Arm(run, m_settings.connectLimit, [this](Run& late) {
         Kill(late, "no-connection",
              "the worker did not connect within " + DurationText(m_settings.connectLimit));
     });
 }
 
+std::chrono::milliseconds Scheduler::BeatLimit() const {
+    const auto interval = m_settings.heartbeatInterval.count() != 0
+                              ? m_settings.heartbeatInterval
+                              : HeartbeatInterval(m_settings.stageFolder);
+    return interval * kHeartbeatsMissed;
+}
+
 // ---- orders ----
 
 void Scheduler::SendCancel(Run& run) {
-    if (run.cancelSent || !run.session) return;
+    if (run.cancelSent || !IsReachable(run)) return;
     run.cancelSent = true;
     SendCommand(run, TCP_TASK_CANCEL_ID, "cancel");
     Arm(run, m_settings.cancelGrace, [this](Run& late) {
@@ -165,8 +171,7 @@ void Scheduler::SendCommand(Run& run, std::uint32_t id, const std::string& text)
     platform::RandomBytes(command.uuid.data(), command.uuid.size());
     command.text = text;
     if (!run.reportedTask.empty()) command.taskIds.push_back(run.reportedTask);
-    run.session->SendOrder(id, command);
-    Report(m_store.Note(run.claim.token, "order", OrderEventJson(id)), "an order");
+    Give(run, id, command);
 }
 
 void Scheduler::SendEnd(Run& run) {
@@ -175,14 +180,13 @@ void Scheduler::SendEnd(Run& run) {
              "the worker did not end within " + DurationText(m_settings.destroyGrace) +
                  " of the order to exit");
     });
-    if (!run.session) return;
+    if (!IsReachable(run)) return;
     // A package worker keeps waiting for tasks whatever 4014 says; the finish order ends it.
     if (IsPackageType(run.claim.type)) {
         SendCommand(run, TCP_TASK_FINISH_ID, "finish");
         return;
     }
-    run.session->SendOrder(TCP_WORKER_DESTROY_ID, link::DestroyOrder{});
-    Report(m_store.Note(run.claim.token, "order", OrderEventJson(TCP_WORKER_DESTROY_ID)), "an order");
+    Give(run, TCP_WORKER_DESTROY_ID, link::DestroyOrder{});
 }
 
 // ---- the end of an attempt ----
@@ -195,12 +199,15 @@ void Scheduler::Kill(Run& run, const std::string& rule, const std::string& reaso
     }
     Disarm(run);
     run.beat.cancel();
-    if (run.external) {
-        // Its process is not ours to end.
-        if (run.session) run.session->End(reason);
-        return;
-    }
-    m_launcher.KillTree(run.claim.token);
+    run.awayTimer.cancel();
+    // Its process is not ours to end, or not known: killed between its start and the record of it, the last
+    // engine left an attempt without one.
+    if (run.external && run.session)
+        run.session->End(reason);
+    else if (run.external || !m_launcher.Has(run.claim.token))
+        Settle(run);
+    else
+        m_launcher.KillTree(run.claim.token);
 }
 
 void Scheduler::OnExit(const std::string& token, const WorkerExit& exit) {
@@ -219,6 +226,8 @@ void Scheduler::OnExit(const std::string& token, const WorkerExit& exit) {
 bool Scheduler::EndedUnsaid(const Run& run) {
     if (!run.killReason.empty()) return false;
     if (run.external) return run.saidBye;
+    // Of a process that was not our child its goodbye alone is known.
+    if (run.exit && !run.exit->isKnown) return run.saidBye;
     // One that did not get as far as a connection has nothing to close.
     return run.exit && !run.exit->signalled && run.exit->code == 0 && (run.saidBye || !run.connected);
 }
@@ -256,18 +265,19 @@ void Scheduler::Settle(Run& run) {
         done = m_store.Exited(token, *run.exit);
         run.exitNoted = bool(done);
     }
+    if (done && !TakeSpool(run)) done = Fail("the final status in the spool could not be committed");
     if (done && !run.final)
         done =
             EndedUnsaid(run) ? m_store.Unsaid(token, HowItEnded(run)) : m_store.Lost(token, HowItEnded(run));
+    if (done) done = m_store.Closed(token);
     if (!done) {
         Report(done, "the end of an attempt");
         Arm(run, kStoreRetry, [this](Run& again) { Settle(again); });
         return;
     }
-    if (run.session) {
-        m_sessions.erase(run.session->Id());
-        run.session->End("its process has ended");
-    }
+    m_spool.Remove(token);
+    m_sessions.erase(run.sessionId);
+    if (run.session) run.session->End("its process has ended");
     m_runs.erase(token);
     if (m_ending)
         FinishEnd();

@@ -4,8 +4,10 @@
 //
 // An attempt is over when its process has ended (one that was started by hand: when its session has ended).
 // Until then one deadline is in force at any time: to connect, to end after a cancel, to end after the final
-// status, to end after its connection broke. When it passes, the process tree is ended. Beside it runs the
-// watch over heartbeats.
+// status, to end after its connection broke. When it passes, the process tree is ended. Beside it run the
+// watch over heartbeats and, while a session is interrupted, the wait for its worker to resume it.
+//
+// Attempts outlive the engine: one that ends leaves its workers, and the next one takes them over.
 //
 // Everything runs on the I/O thread.
 #pragma once
@@ -25,6 +27,7 @@
 #include "engine/launcher.h"
 #include "engine/session.h"
 #include "engine/settings.h"
+#include "engine/spool.h"
 #include "engine/stage_check.h"
 #include "engine/store.h"
 #include "engine/worker_traces.h"
@@ -49,9 +52,13 @@ class Scheduler final : public SessionHost {
     Result<bool> GoOn(std::int32_t type);
     // In the order in which they would have to pass; empty for a task that is not queued.
     std::vector<WaitReason> WhyWaits(const TaskRow& task);
+    // Before the engine serves anybody: those that an earlier run left open. Call Pump after it.
+    Result<void> TakeOver(const std::vector<OpenAttempt>& attempts);
     // Cancels what runs, waits for it for a bounded time, ends what remains; then calls `done` once. Nothing
     // is started any more.
     void BeginEnd(std::function<void()> done);
+    // Lets every worker and connection go as it is. How many workers wait for the next engine.
+    std::size_t Leave();
 
     bool Ending() const { return m_ending; }
     std::size_t Workers() const { return m_runs.size(); }
@@ -64,6 +71,7 @@ class Scheduler final : public SessionHost {
     std::variant<link::Welcome, link::Refuse> Admit(const link::Hello& hello,
                                                     const std::shared_ptr<Session>& session) override;
     bool OnRecord(Session& session, std::uint32_t id, const link::WorkerRecord& record) override;
+    void OnOtherFrame(Session& session) override;
     void OnSessionEnd(Session& session, const std::string& why) override;
     void OnLinkTrouble(const std::string& what) override;
 
@@ -80,6 +88,12 @@ class Scheduler final : public SessionHost {
         bool exitNoted = false;
         std::optional<std::uint32_t> lastStatus;
         std::shared_ptr<Session> session;
+        std::uint32_t sessionId = 0;        // of the session, interrupted or not; 0: none
+        bool resumable = false;             // that was promised to the worker
+        std::optional<SessionMemory> away;  // while it is interrupted
+        boost::asio::steady_timer awayTimer;
+        std::uint64_t processId = 0;  // of a worker that was started by hand
+        std::string processMark;      // the same; empty: it cannot be watched
         std::string reportedTask;
         std::string killReason;  // why we ended it
         WorkerLife life;         // of a worker that we started
@@ -90,7 +104,7 @@ class Scheduler final : public SessionHost {
         SteadyTime lastRecord;
         boost::asio::steady_timer beat;
 
-        explicit Run(boost::asio::io_context& io) : timer(io), beat(io) {}
+        explicit Run(boost::asio::io_context& io) : awayTimer(io), timer(io), beat(io) {}
     };
 
     // Whether the stage has what a worker of the type needs; notes and tells when that changes.
@@ -103,6 +117,24 @@ class Scheduler final : public SessionHost {
     Run* FindTask(std::int64_t task);
     std::uint32_t NewSessionId();
     link::Welcome Welcome(Run& run, const link::Hello& hello, const std::shared_ptr<Session>& session);
+
+    // ---- scheduler_resume.cpp ----
+    std::variant<link::Welcome, link::Refuse> AdmitResumed(const link::Hello& hello,
+                                                           const std::shared_ptr<Session>& session);
+    link::Welcome WelcomeFor(const Run& run) const;
+    // Whether an order given now reaches the worker, at once or when it is back.
+    static bool IsReachable(const Run& run);
+    void Give(Run& run, std::uint32_t id, const link::Order& order);
+    // The connection broke, and may be followed by another one.
+    void Interrupt(Run& run, SessionMemory memory, const std::string& why);
+    void AwaitResumption(Run& run);
+    void TakeOver(const OpenAttempt& attempt, std::vector<std::string>& gone);
+    void AwaitTakenOver(Run& run, const OpenAttempt& attempt);
+    void GiveStanding(Run& run, const OpenAttempt& attempt);
+    // What the worker left in the spool counts. False: it could not be committed.
+    bool TakeSpool(Run& run);
+    // Of attempts that have ended already.
+    void SweepSpool();
 
     bool TakeRecord(Run& run, std::uint32_t id, const link::WorkerRecord& record);
     void TakeProgress(Run& run, const EngineProgressMessage& message);
@@ -131,6 +163,8 @@ class Scheduler final : public SessionHost {
     void PassDeadlines();
     void LogStops(const std::vector<TypeStop>& stops);
 
+    // How long a worker may say nothing.
+    std::chrono::milliseconds BeatLimit() const;
     void SendCancel(Run& run);
     void SendFinish(Run& run);
     void SendCommand(Run& run, std::uint32_t id, const std::string& text);
@@ -163,6 +197,7 @@ class Scheduler final : public SessionHost {
     EngineLog& m_log;
     const unsigned m_maxWorkers;
     const StageCheck m_stage;
+    Spool m_spool;
     std::map<std::int32_t, std::string> m_held;
     std::uint16_t m_linkPort = 0;
     std::uint32_t m_lastSession = 0;

@@ -72,7 +72,7 @@ Result<OrderOutcome> Scheduler::Order(std::int64_t task, StateEvent order, const
 
 Scheduler::Run* Scheduler::Listening(std::int64_t task) {
     Run* run = FindTask(task);
-    return run != nullptr && run->session && !run->final && !run->exit ? run : nullptr;
+    return run != nullptr && IsReachable(*run) && !run->final && !run->exit ? run : nullptr;
 }
 
 Result<OrderOutcome> Scheduler::Cancel(std::int64_t task, const std::string& by) {
@@ -145,8 +145,7 @@ Result<OrderOutcome> Scheduler::Update(std::int64_t task, const std::string& by,
         return Deaf(**row);
     auto outcome = m_store.Update(task, by, text);
     if (!outcome || !outcome->send) return outcome;
-    run->session->SendOrder(TCP_TASK_UPDATE_ID, link::TaskTextOrder{m_settings.paths.Apply(text), 0});
-    Report(m_store.Note(run->claim.token, "order", OrderEventJson(TCP_TASK_UPDATE_ID)), "an order");
+    Give(*run, TCP_TASK_UPDATE_ID, link::TaskTextOrder{m_settings.paths.Apply(text), 0});
     return outcome;
 }
 

@@ -7,6 +7,7 @@
 #include "engine/json.h"
 #include "engine/scheduler.h"
 #include "platform/codepage.h"
+#include "platform/found_process.h"
 #include "platform/identity.h"
 #include "records/task_codes.h"
 
@@ -61,9 +62,12 @@ std::variant<link::Welcome, link::Refuse> Scheduler::Admit(const link::Hello& he
     if (hello.protocolVersion != link::kProtocolVersion)
         return Refuse{link::kRefuseVersion, "this engine speaks version 1"};
     if (!SameSecret(hello.token, m_linkToken)) return Refuse{link::kRefuseToken, "wrong token"};
+    if (hello.resumeSessionId != 0) return AdmitResumed(hello, session);
     Run* run = hello.attempt.empty() ? nullptr : Find(hello.attempt);
     if (!hello.attempt.empty() && run == nullptr) return AdmitTwin(hello, session);
-    if (run != nullptr && (run->connected || run->exit))
+    // A worker that never got its WELCOME knows of no session that it could resume.
+    const bool isUnheard = run != nullptr && run->away && run->away->has == 0;
+    if (run != nullptr && ((run->connected && !isUnheard) || run->exit))
         return Refuse{link::kRefuseAttempt, "the attempt has ended or is connected"};
     if (m_ending) return Refuse{link::kRefuseEnding, "the engine is ending"};
     if (run == nullptr) {
@@ -85,6 +89,7 @@ std::variant<link::Welcome, link::Refuse> Scheduler::AdmitTwin(const link::Hello
     if (!noted) return link::Refuse{link::kRefuseAttempt, "the attempt is unknown"};
     link::Welcome welcome;
     welcome.sessionId = NewSessionId();
+    welcome.attempt = hello.attempt;
     welcome.pingInterval_ms = static_cast<std::uint32_t>(m_settings.pingInterval.count());
     welcome.silenceLimit_ms = static_cast<std::uint32_t>(m_settings.silenceLimit.count());
     m_twins[welcome.sessionId] = {hello.attempt, session};
@@ -117,10 +122,18 @@ bool Scheduler::TakeTwinRecord(const std::string& token, const link::WorkerRecor
 
 link::Welcome Scheduler::Welcome(Run& run, const link::Hello& hello,
                                  const std::shared_ptr<Session>& session) {
-    link::Welcome welcome;
-    welcome.sessionId = NewSessionId();
-    welcome.pingInterval_ms = static_cast<std::uint32_t>(m_settings.pingInterval.count());
-    welcome.silenceLimit_ms = static_cast<std::uint32_t>(m_settings.silenceLimit.count());
+    if (run.away) {
+        m_sessions.erase(run.sessionId);
+        run.awayTimer.cancel();
+        SessionMemory fresh{.orders = std::move(run.away->orders)};
+        fresh.ContinueFrom(0);
+        session->Continue(std::move(fresh));
+        run.away.reset();
+    }
+    run.sessionId = NewSessionId();
+    // What a package worker has in its list is not known to another engine.
+    run.resumable = m_settings.resumeWindow.count() != 0 && !IsPackageType(run.claim.type);
+    const link::Welcome welcome = WelcomeFor(run);
     m_sessions[welcome.sessionId] = run.claim.token;
     run.session = session;
     run.connected = true;
@@ -128,9 +141,14 @@ link::Welcome Scheduler::Welcome(Run& run, const link::Hello& hello,
     if (run.killReason.empty()) Disarm(run);
     m_log.Info(run.claim.id + ": session " + std::to_string(welcome.sessionId) + ", process " +
                std::to_string(hello.processId));
+    run.processId = hello.processId;
+    run.processMark = platform::ProcessMark(hello.processId);
     Report(m_store.Connected(run.claim.token, welcome.sessionId, hello.processId,
-                             RepairUtf8(hello.workerVersion)),
+                             RepairUtf8(hello.workerVersion), run.processMark),
            "a connection");
+    // One whose start the last engine did not live to record.
+    if (!run.external && !m_launcher.Has(run.claim.token))
+        m_launcher.TakeOver(run.claim.token, run.life.name, run.processId, run.processMark);
     // A worker started by hand announces itself by connecting; there is no start of ours to follow.
     if (run.external) Report(m_store.Status(run.claim.token, kTaskRunning), "a connection");
     run.lastRecord = SystemClock().Steady();
@@ -144,7 +162,19 @@ bool Scheduler::OnRecord(Session& session, std::uint32_t id, const link::WorkerR
     Run* run = FindSession(session.Id());
     if (run == nullptr) return true;
     run->lastRecord = SystemClock().Steady();
-    return TakeRecord(*run, id, record);
+    m_store.BeginRecord(run->claim.token, session.Taking());
+    const bool taken = TakeRecord(*run, id, record);
+    // A final status that could not be committed is not here.
+    if (!taken) m_store.BeginRecord({}, 0);
+    Report(m_store.EndRecord(), "a record's number");
+    return taken;
+}
+
+void Scheduler::OnOtherFrame(Session& session) {
+    const Run* run = FindSession(session.Id());
+    if (run == nullptr) return;
+    m_store.BeginRecord(run->claim.token, session.Taking());
+    Report(m_store.EndRecord(), "a frame's number");
 }
 
 bool Scheduler::TakeRecord(Run& run, std::uint32_t id, const link::WorkerRecord& record) {
@@ -217,10 +247,14 @@ bool Scheduler::TakeFinal(Run& run, const TaskStatusEntry& entry) {
 void Scheduler::OnSessionEnd(Session& session, const std::string& why) {
     m_twins.erase(session.Id());
     Run* run = FindSession(session.Id());
-    m_sessions.erase(session.Id());
     if (run == nullptr) return;
     run->session = nullptr;
     run->saidBye = session.SaidBye();
+    if (run->resumable && !run->saidBye && !run->exit && run->killReason.empty()) {
+        Interrupt(*run, session.Memory(), why);
+        return;
+    }
+    m_sessions.erase(session.Id());
     Report(m_store.Note(run->claim.token, "disconnected", ReasonEventJson(RepairUtf8(why))), "a loss");
     if (run->external || run->exit) {
         Settle(*run);

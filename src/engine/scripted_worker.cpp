@@ -3,11 +3,14 @@
 //
 //   connect            to the engine, with the token and the attempt from the environment
 //   connect-again      a second connection with the same attempt; the answer's code goes into the next final
+//   connect-anew       with a new session, in place of one that it knows nothing of
 //   status notice ID | status N | progress PERCENT SPEED final N            and waits for its
 //   acknowledgement; final-text N TEXT is one with an error text await ID           waits for this order (the
 //   text of a 4015 goes into the next final status); reply ID answers one bye | close        ends the
-//   connection in good order, or just so print TEXT | sleep MS | hang | exit CODE | killed in N LINE does the
-//   line in attempt N alone
+//   connection in good order, or just so print TEXT | sleep MS | hang | exit CODE | killed
+//   lose               waits for the end of the connection; resume does the same and continues the session
+//   spool N            leaves this final status in the spool
+//   in N LINE          does the line in attempt N alone
 #include <chrono>
 #include <cstdio>
 #include <fstream>
@@ -15,9 +18,12 @@
 #include <sstream>
 #include <thread>
 
+#include "base/paths.h"
 #include "engine/link_client.h"
 #include "kit/os.h"
+#include "link/spool_file.h"
 #include "platform/environment.h"
+#include "platform/files.h"
 #include "platform/process.h"
 
 namespace {
@@ -35,6 +41,7 @@ struct Script {
 
     std::optional<std::uint32_t> Greet(LinkClient& client) {
         if (!client.Connect(port)) return std::nullopt;
+        client.SetProcess(platform::CurrentProcessId());
         return client.Greet(Environment("RQ_ENGINE_TOKEN"), Environment("RQ_ATTEMPT"));
     }
 
@@ -52,6 +59,24 @@ struct Script {
         link->WaitAck(link->Send(TCP_WORKER_STATE_ID, message));
     }
 
+    bool Resume() {
+        link->WaitClose();
+        for (int i = 0; i < 600; ++i) {
+            const auto code = link->Resume(port, Environment("RQ_ENGINE_TOKEN"));
+            if (code == 0u) return true;
+            if (code && *code != link::kRefuseEnding) return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        return false;
+    }
+    void Spool(std::uint32_t status) {
+        const auto& welcome = link->Welcome();
+        const auto body = link::EncodeWorkerRecord(TCP_WORKER_STATE_ID, StateMessage(status));
+        platform::ReplaceWholeFile(
+            Utf8FromPath(PathFromUtf8(welcome.spoolFolder) / (welcome.attempt + ".final")),
+            link::EncodeSpoolFile(1000, body.value()), false);
+    }
+
     // False: the script is over.
     bool Do(const std::string& verb, std::istringstream& rest) {
         std::string text;
@@ -61,7 +86,13 @@ struct Script {
             return static_cast<int>(number) != attempt || Do(text, rest);
         }
         if (verb == "connect") return Greet(*link) == 0u;
-        if (verb == "connect-again") {
+        if (verb == "connect-anew") {
+            link = std::make_unique<LinkClient>();
+            for (int i = 0; i < 100 && Greet(*link) != 0u; ++i) {
+                link = std::make_unique<LinkClient>();
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            }
+        } else if (verb == "connect-again") {
             LinkClient other;
             furtherText = "refused " + std::to_string(Greet(other).value_or(99));
         } else if (verb == "notice") {
@@ -97,6 +128,13 @@ struct Script {
             link->WaitClose();
         } else if (verb == "close") {
             link->Close();
+        } else if (verb == "lose") {
+            link->WaitClose();
+        } else if (verb == "resume") {
+            return Resume();
+        } else if (verb == "spool") {
+            rest >> number;
+            Spool(static_cast<std::uint32_t>(number));
         } else if (verb == "print") {
             std::getline(rest >> std::ws, text);
             std::printf("%s\n", text.c_str());

@@ -88,10 +88,11 @@ bool Session::TakeFrame(const link::Frame& frame) {
         Lose("the worker sent id " + std::to_string(frame.id) + " with seq " + std::to_string(frame.seq));
         return false;
     }
-    if (frame.ack > m_lastSent) {
+    if (frame.ack > m_memory.sent) {
         Lose("the worker acknowledged what was never sent");
         return false;
     }
+    m_memory.TakeAck(frame.ack);
     return control ? TakeControl(frame) : TakeNumbered(frame);
 }
 
@@ -114,7 +115,10 @@ bool Session::TakeHello(const link::Frame& frame) {
     m_id = welcome.sessionId;
     m_state = State::Open;
     m_reader.SetLimit(link::kFrameLimit_bytes);
+    m_received = m_memory.has;
     SendControl(link::kWelcomeId, link::EncodeWelcome(welcome));
+    for (const auto& order : m_memory.orders) m_outgoing.push_back({order.seq, order.id, order.body});
+    Write();
     return true;
 }
 
@@ -162,6 +166,7 @@ bool Session::TakeNumbered(const link::Frame& frame) {
         }
         const auto* state = std::get_if<EngineStateMessage>(&*record);
         final = state != nullptr && link::IsFinalState(*state);
+        m_taking = final || !m_ackHeld ? frame.seq : 0;
         const bool taken = m_host.OnRecord(*this, frame.id, *record);
         if (m_state == State::Closed) return false;
         if (final) m_ackHeld = !taken;
@@ -169,9 +174,11 @@ bool Session::TakeNumbered(const link::Frame& frame) {
     } else {
         m_host.OnLinkTrouble("session " + std::to_string(m_id) + ": unknown message id " +
                              std::to_string(frame.id));
+        m_taking = m_ackHeld ? 0 : frame.seq;
+        m_host.OnOtherFrame(*this);
     }
     m_received = frame.seq;
-    if (has) m_has = m_received;
+    if (has) m_memory.has = m_received;
     AckSoon(final && has);
     return true;
 }
@@ -192,7 +199,8 @@ void Session::SendOrder(std::uint32_t id, const link::Order& order) {
         m_host.OnLinkTrouble("session " + std::to_string(m_id) + ": " + body.error().message);
         return;
     }
-    m_outgoing.push_back({++m_lastSent, id, std::move(*body)});
+    m_memory.orders.push_back({++m_memory.sent, id, *body});
+    m_outgoing.push_back({m_memory.sent, id, std::move(*body)});
     Write();
 }
 
@@ -203,16 +211,16 @@ void Session::SendControl(std::uint32_t id, std::string body) {
 
 void Session::Write() {
     if (!m_writing.empty() || m_outgoing.empty() || m_state == State::Closed) return;
-    if (m_outgoing.size() > kMaxOutgoing) {
+    if (std::max(m_outgoing.size(), m_memory.orders.size()) > kMaxOutgoing) {
         Lose("the worker does not read");
         return;
     }
     for (auto& frame : m_outgoing) {
-        m_writing += link::EncodeFrameHead(frame.seq, m_has, frame.id, frame.body.size());
+        m_writing += link::EncodeFrameHead(frame.seq, m_memory.has, frame.id, frame.body.size());
         m_writing += frame.body;
     }
     m_outgoing.clear();
-    m_ackSent = m_has;
+    m_ackSent = m_memory.has;
     m_writeBegan = SystemClock().Steady();
     boost::asio::async_write(m_socket, boost::asio::buffer(m_writing),
                              [self = shared_from_this()](const boost::system::error_code& error,
@@ -240,12 +248,12 @@ void Session::AckSoon(bool atOnce) {
         SendControl(link::kAckId);
         return;
     }
-    if (m_ackTimerRuns || m_has == m_ackSent) return;
+    if (m_ackTimerRuns || m_memory.has == m_ackSent) return;
     m_ackTimerRuns = true;
     m_ackTimer.expires_after(m_settings.ackDelay);
     m_ackTimer.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
         self->m_ackTimerRuns = false;
-        if (!error && self->m_state == State::Open && self->m_has != self->m_ackSent)
+        if (!error && self->m_state == State::Open && self->m_memory.has != self->m_ackSent)
             self->SendControl(link::kAckId);
     });
 }
@@ -295,6 +303,11 @@ void Session::End(const std::string& why) {
     m_state = State::Leaving;
     m_closeWhenSent = true;
     TellHost(why);
+}
+
+void Session::Abandon() {
+    m_id = 0;
+    Close();
 }
 
 void Session::Lose(const std::string& why) {

@@ -12,6 +12,7 @@
 #include <variant>
 
 #include "base/clock.h"
+#include "engine/session_memory.h"
 #include "engine/settings.h"
 #include "link/codec.h"
 
@@ -24,13 +25,15 @@ class SessionHost {
     virtual ~SessionHost() = default;
 
     // The handshake's decision. After a Welcome, `session` is the one with that session ID until
-    // OnSessionEnd.
+    // OnSessionEnd. Before one that continues a session, the host has called Continue.
     virtual std::variant<link::Welcome, link::Refuse> Admit(const link::Hello& hello,
                                                             const std::shared_ptr<Session>& session) = 0;
     // A record of the worker's. False: the engine does not have it yet, and nothing from it on is
     // acknowledged until a later record brings true.
     virtual bool OnRecord(Session& session, std::uint32_t id, const link::WorkerRecord& record) = 0;
-    // Once for each admitted session, last. `why` is for people.
+    // A numbered frame that is no record was taken.
+    virtual void OnOtherFrame(Session& session) = 0;
+    // Once for each admitted connection, last. `why` is for people.
     virtual void OnSessionEnd(Session& session, const std::string& why) = 0;
     // Something that the log should have: a refused handshake, a broken rule.
     virtual void OnLinkTrouble(const std::string& what) = 0;
@@ -47,6 +50,15 @@ class Session : public std::enable_shared_from_this<Session> {
     void SendOrder(std::uint32_t id, const link::Order& order);
     // BYE, then the end; the host is told.
     void End(const std::string& why);
+    // Closes the connection without BYE; the host is not told.
+    void Abandon();
+
+    // From Admit alone: this connection continues a session, and sends the orders that are left of it again.
+    void Continue(SessionMemory memory) { m_memory = std::move(memory); }
+    const SessionMemory& Memory() const { return m_memory; }
+    // While a record or another frame is handed out: what the engine has of the worker's once it is taken; 0
+    // when that does not change, since an earlier frame could not be taken.
+    std::uint64_t Taking() const { return m_taking; }
 
     std::uint32_t Id() const { return m_id; }
     // Whether the worker ended the session in good order.
@@ -95,9 +107,9 @@ class Session : public std::enable_shared_from_this<Session> {
     bool m_closeWhenSent = false;
     bool m_saidBye = false;
 
-    std::uint64_t m_lastSent = 0;  // seq of our latest numbered frame
+    SessionMemory m_memory;  // what it has is what we acknowledge: m_received, unless a commit is missing
     std::uint64_t m_received = 0;  // highest seq of the worker's
-    std::uint64_t m_has = 0;       // what we acknowledge: m_received, unless a commit is missing
+    std::uint64_t m_taking = 0;
     std::uint64_t m_ackSent = 0;
     bool m_ackHeld = false;
 

@@ -42,7 +42,10 @@ struct EngineSettings {
 
     // A worker that has not connected after this is ended.
     std::chrono::milliseconds connectLimit = std::chrono::seconds(30);
-    // A worker whose connection broke has this long to end by itself.
+    // How long a session whose connection broke may be resumed, at most an hour. 0: it may not.
+    std::chrono::milliseconds resumeWindow = std::chrono::seconds(60);
+    // A worker whose connection broke, and whose session cannot be resumed any more, has this long to end by
+    // itself.
     std::chrono::milliseconds linkGrace = std::chrono::seconds(10);
     // From the destroy order to the end of the process tree.
     std::chrono::milliseconds destroyGrace = std::chrono::seconds(70);

@@ -122,9 +122,6 @@ class Store {
     Result<std::uint16_t> LinkPort();
     Result<void> RememberLinkPort(std::uint16_t port);
 
-    // Attempts that a previous run of the engine left open become lost. The number of them.
-    Result<int> LoseOpenAttempts(const std::string& reason);
-
     // ---- reading ----
     Result<std::optional<TaskRow>> Task(std::int64_t task);
     Result<std::optional<TaskDetails>> Details(std::int64_t task);

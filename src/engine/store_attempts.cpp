@@ -159,12 +159,16 @@ Result<void> Store::Reply(const std::string& token, std::uint32_t id, const std:
 }
 
 Result<void> Store::TypeSeen(const std::string& token, std::int32_t type) {
-    return ForHolder(token, Transaction::Sync::Relaxed, [&](const Holder& holder) {
+    // What else the record says is still to come, and may fail: the number goes with that.
+    const auto number = std::exchange(m_recordSeq, 0);
+    auto done = ForHolder(token, Transaction::Sync::Relaxed, [&](const Holder& holder) {
         m_database->Prepare("UPDATE tasks SET type = ?1 WHERE id = ?2")
             .Bind(std::int64_t{type})
             .Bind(holder.task)
             .Run();
     });
+    m_recordSeq = number;
+    return done;
 }
 
 Result<void> Store::Progress(const std::string& token, const ProgressFigures& figures) {
@@ -343,21 +347,6 @@ Result<void> Store::Exited(const std::string& token, const WorkerExit& exit) {
             .Run();
         AddEvent(holder.task, holder.attempt, "worker-exited", ExitEventJson(exit));
     });
-}
-
-Result<int> Store::LoseOpenAttempts(const std::string& reason) {
-    std::vector<std::string> tokens;
-    {
-        Statement query = m_database->Prepare(
-            "SELECT a.token FROM tasks t JOIN attempts a ON a.id = t.last_attempt "
-            "WHERE t.state IN ('starting', 'running', 'paused', 'finishing')");
-        while (query.Row()) tokens.push_back(query.Text());
-    }
-    if (auto ok = Checked(); !ok) return ok.error();
-    for (const auto& token : tokens) {
-        if (auto lost = Lost(token, reason); !lost) return lost.error();
-    }
-    return static_cast<int>(tokens.size());
 }
 
 }  // namespace rq::engine

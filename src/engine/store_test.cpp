@@ -225,19 +225,6 @@ TEST_F(StoreTest, EverythingIsThereAfterReopening) {
     EXPECT_EQ(Claimed().text, "<B/>");
 }
 
-TEST_F(StoreTest, AttemptsThatAnEarlierRunLeftOpenAreLost) {
-    const auto key = Submit();
-    const Claim claim = Claimed();
-    ASSERT_TRUE(m_store->Status(claim.token, kTaskRunning));
-    const auto queued = Submit();
-    Open();
-    EXPECT_EQ(m_store->LoseOpenAttempts("the engine ended").value(), 1);
-    EXPECT_EQ(Task(key).state, TaskState::Lost);
-    EXPECT_EQ(Task(key).reason, "the engine ended");
-    EXPECT_EQ(Task(queued).state, TaskState::Queued);
-    EXPECT_EQ(m_store->LoseOpenAttempts("again").value(), 0);
-}
-
 TEST_F(StoreTest, OpenAttemptsAreThereForTheNextEngine) {
     const auto key = Submit();
     const Claim claim = Claimed();

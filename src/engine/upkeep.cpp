@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "base/paths.h"
+#include "engine/spool.h"
 
 namespace rq::engine {
 
@@ -38,6 +39,7 @@ Upkeep::Upkeep(boost::asio::io_context& io, Store& store, EngineLog& log, const 
       m_log(log),
       m_kept(settings.retention),
       m_logRoot(std::move(logRoot)),
+      m_dataFolder(settings.dataFolder),
       m_inUse(std::move(inUse)),
       m_timer(io) {}
 
@@ -69,6 +71,9 @@ void Upkeep::Collect(OnCollected done) {
     if (m_collecting.size() > 1) return;
     m_report = {};
     m_report.files = RemoveOldFiles(m_logRoot, m_kept, m_inUse(), Store::SystemNow()());
+    const Removed spooled = RemoveOldSpool(m_dataFolder, m_kept);
+    m_report.files["dumps"].files += spooled.files;
+    m_report.files["dumps"].bytes += spooled.bytes;
     boost::asio::post(m_io, [this] { DropEvents(); });
 }
 

@@ -54,6 +54,7 @@ class Upkeep {
     EngineLog& m_log;
     const Retention m_kept;
     const std::string m_logRoot;
+    const std::string m_dataFolder;
     const NamesInUse m_inUse;
     boost::asio::steady_timer m_timer;
     std::vector<OnCollected> m_collecting;

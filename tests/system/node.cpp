@@ -19,6 +19,9 @@ Node::Node(bool startEngine, int attempts) : m_attempts(attempts) {
     kit::CopyStage(Stage());
     // Progress each second, so that a test sees some.
     kit::ReplaceElementText(Stage() / "actor.xml", "ProgressReportInterval", "1");
+    // Workers end with their engine.
+    fs::create_directories(Data());
+    std::ofstream(Data() / "engine.toml") << "[limits]\nresume_s = 0\n";
     if (startEngine) StartEngine();
 }
 

@@ -515,11 +515,14 @@ class EnginePlace:
 
 
 class RealEngine:
-    """rqengine with a data folder of its own."""
+    """rqengine with a data folder of its own. Unless its configuration says otherwise a session ends with its connection."""
 
-    def __init__(self, stage):
+    def __init__(self, stage, config="[limits]\nresume_s = 0\n"):
         self.stage = stage
         self.data = os.path.join(stage.new_folder(), "data")
+        os.mkdir(self.data)
+        with open(os.path.join(self.data, "engine.toml"), "w", encoding="utf-8") as file:
+            file.write(config)
         self.process = None
         self.links = []
         self.start()

@@ -1,0 +1,332 @@
+// Sessions that outlive their connection, and attempts that outlive the engine.
+#include <boost/asio/ip/tcp.hpp>
+
+#include "engine/engine_fixture.h"
+#include "engine/sqlite.h"
+#include "link/spool_file.h"
+#include "platform/found_process.h"
+
+namespace rq::engine {
+namespace {
+
+namespace fs = std::filesystem;
+using link::kRefuseSession;
+
+class ResumeTest : public EngineTest {
+  protected:
+    ResumeTest() {
+        m_settings.resumeWindow = 60s;
+        m_settings.linkGrace = 200ms;
+        m_settings.heartbeatInterval = 1h;
+        m_settings.endGrace = 300ms;
+    }
+    // As an update of the engine does it; what is changed in between is seen by the new one.
+    void Restart(const std::function<void()>& between = {}) {
+        Stop(Engine::End::LeaveWorkers);
+        if (between) between();
+        Start();
+    }
+    // A worker that was started by hand, in this process; the task that was made for it.
+    std::string Begin(LinkClient& worker) {
+        worker.SetProcess(platform::CurrentProcessId());
+        EXPECT_TRUE(worker.Connect(m_engine->LinkPort()));
+        EXPECT_EQ(worker.Greet(m_engine->Token(), ""), 0u);
+        return Ask("GET", "/api/v1/tasks?limit=1")["tasks"][0]["id"];
+    }
+    std::optional<std::uint32_t> Resume(LinkClient& worker) {
+        return worker.Resume(m_engine->LinkPort(), m_engine->Token());
+    }
+    std::uint64_t ProcessOf(const std::string& id) { return Show(id)["attempt_list"][0]["pid"]; }
+    std::vector<std::string> FilesIn(const char* folder) {
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator(Data(folder)))
+            names.push_back(Utf8FromPath(entry.path().filename()));
+        return names;
+    }
+    void Change(const char* sql) {
+        auto database = Database::Open(Utf8FromPath(Data("store.db"))).value();
+        ASSERT_TRUE(database->Execute(sql)) << database->TakeError().message;
+    }
+};
+
+TEST_F(ResumeTest, ASessionGoesOnWhereItsConnectionBroke) {
+    Start();
+    LinkClient worker;
+    const auto id = Begin(worker);
+    EXPECT_EQ(worker.Welcome().resumeWindow_ms, 60'000u);
+    EXPECT_TRUE(link::IsSpoolAttempt(worker.Welcome().attempt));
+    EXPECT_TRUE(fs::is_directory(PathFromUtf8(worker.Welcome().spoolFolder)));
+    const auto session = worker.SessionId();
+    ASSERT_TRUE(worker.WaitAck(worker.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskRunning))));
+    worker.Close();
+    EventsUntil(id, "interrupted");
+    // Orders that are given meanwhile wait for it.
+    EXPECT_EQ(Order(id, "suspend")["result"], "requested");
+    EXPECT_EQ(Order(id, "cancel")["result"], "requested");
+    ASSERT_EQ(Resume(worker), 0u);
+    EXPECT_EQ(worker.SessionId(), session);
+    EXPECT_EQ(worker.Acked(), 1u);
+    auto order = worker.WaitOrder();
+    ASSERT_TRUE(order);
+    EXPECT_EQ(order->id, std::uint32_t{TCP_TASK_SUSPEND_ID});
+    EXPECT_EQ(order->seq, 1u);
+    order = worker.WaitOrder();
+    ASSERT_TRUE(order);
+    EXPECT_EQ(order->id, std::uint32_t{TCP_TASK_CANCEL_ID});
+    EXPECT_EQ(order->seq, 2u);
+    // One that says it did not get the second has it again, and only that, under its number.
+    auto hello = worker.Resuming(m_engine->Token());
+    hello.resumeReceived = 1;
+    worker.Close();
+    LinkClient later;
+    later.SetProcess(platform::CurrentProcessId());
+    ASSERT_TRUE(later.Connect(m_engine->LinkPort()));
+    ASSERT_EQ(later.Greet(hello), 0u);
+    order = later.WaitOrder();
+    ASSERT_TRUE(order);
+    EXPECT_EQ(order->id, std::uint32_t{TCP_TASK_CANCEL_ID});
+    EXPECT_EQ(order->seq, 2u);
+    const auto events = EventsUntil(id, "resumed");
+    EXPECT_EQ(Count(events, "connected"), 1);
+    EXPECT_EQ(Count(events, "disconnected"), 0);
+}
+
+TEST_F(ResumeTest, WhatWasSentTwiceCountsOnce) {
+    Start();
+    LinkClient worker;
+    const auto id = Begin(worker);
+    worker.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskRunning));
+    ASSERT_TRUE(worker.WaitAck(worker.Send(TCP_WORKER_STATE_ID, StateMessage(17))));
+    // As one that has not seen that acknowledgement: it sends both again.
+    auto hello = worker.Resuming(m_engine->Token());
+    hello.resumeAcknowledged = 0;
+    worker.Close();
+    LinkClient later;
+    later.SetProcess(platform::CurrentProcessId());
+    ASSERT_TRUE(later.Connect(m_engine->LinkPort()));
+    ASSERT_EQ(later.Greet(hello), 0u);
+    EXPECT_EQ(later.Acked(), 2u) << "in WELCOME";
+    later.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskRunning));
+    later.Send(TCP_WORKER_STATE_ID, StateMessage(17));
+    ASSERT_TRUE(later.WaitAck(later.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskFinished))));
+    const auto events = EventsUntil(id, "final");
+    EXPECT_EQ(std::count_if(events.begin(), events.end(),
+                            [](const json& event) {
+                                return event["kind"] == "status" && event["data"]["status"] == 17;
+                            }),
+              1);
+}
+
+TEST_F(ResumeTest, WhatDoesNotFitIsRefused) {
+    Start();
+    LinkClient worker;
+    Begin(worker);
+    ASSERT_TRUE(worker.WaitAck(worker.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskRunning))));
+    const auto good = worker.Resuming(m_engine->Token());
+    const auto answer = [&](const std::function<void(link::Hello&)>& change) {
+        auto hello = good;
+        change(hello);
+        LinkClient other;
+        EXPECT_TRUE(other.Connect(m_engine->LinkPort()));
+        return other.Greet(hello).value_or(99);
+    };
+    EXPECT_EQ(answer([](auto& hello) { ++hello.resumeSessionId; }), kRefuseSession);
+    EXPECT_EQ(answer([](auto& hello) { hello.attempt = "nobody"; }), kRefuseSession);
+    EXPECT_EQ(answer([](auto& hello) { hello.resumeAcknowledged = 2; }), kRefuseSession);
+    EXPECT_EQ(answer([](auto& hello) { hello.resumeReceived = 1; }), kRefuseSession);
+    EXPECT_EQ(answer([](auto& hello) { hello.token = "x"; }), std::uint32_t{link::kRefuseToken});
+    EXPECT_EQ(answer([](auto& hello) { hello.protocolVersion = 9; }), std::uint32_t{link::kRefuseVersion});
+    // None of them took the connection away.
+    EXPECT_TRUE(worker.WaitAck(worker.Send(TCP_WORKER_STATE_ID, StateMessage(17))));
+    // The worker's own does: it has noticed first that the old one is none any more.
+    EXPECT_EQ(answer([](auto& hello) { hello.resumeAcknowledged = 1; }), 0u);
+    EXPECT_FALSE(worker.WaitClose()) << "without BYE";
+}
+
+TEST_F(ResumeTest, AGoodbyeEndsASessionAtOnce) {
+    Start();
+    LinkClient worker;
+    const auto id = Begin(worker);
+    ASSERT_TRUE(worker.WaitAck(worker.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskFinished))));
+    worker.SendFrame({0, 0, link::kByeId, {}});
+    worker.WaitClose();
+    EventsUntil(id, "disconnected");
+    EXPECT_EQ(Resume(worker), std::uint32_t{kRefuseSession});
+}
+
+TEST_F(ResumeTest, AWorkerThatStaysAwayIsEndedAfterTheWindowAndTheGrace) {
+    m_settings.resumeWindow = 300ms;
+    m_settings.heartbeatInterval = 50ms;  // nobody watches for them meanwhile
+    Start();
+    const auto id = Submit("connect\nstatus 3\nclose\nhang\n");
+    EXPECT_EQ(Ended(id)["state"], "lost");
+    EXPECT_EQ(
+        Verdict(id),
+        "connection-lost: the connection ended, and the worker neither came back nor ended within 500 ms");
+}
+
+TEST_F(ResumeTest, AProcessThatEndsIsNotWaitedFor) {
+    Start();
+    const json task = Ended(Submit("connect\nstatus 3\nclose\nexit 7\n"));
+    EXPECT_EQ(task["state"], "lost");
+    EXPECT_EQ(task["attempt_list"][0]["exit"]["code"], 7);
+}
+
+TEST_F(ResumeTest, AWorkerGoesOnUnderTheNextEngine) {
+    Start();
+    const auto port = m_engine->LinkPort();
+    const auto id = Submit(
+        "connect\nnotice job\nstatus 3\nprogress 10 1\nstatus 17\nresume\nprogress 60 1\nfinal 0\nbye\n");
+    EventsUntil(id,
+                [](const json& event) { return event["kind"] == "status" && event["data"]["status"] == 17; });
+    Restart();
+    EXPECT_EQ(m_engine->LinkPort(), port);
+    const json task = Ended(id);
+    EXPECT_EQ(task["state"], "finished");
+    EXPECT_EQ(task["attempts"], 1);
+    const auto events = EventsUntil(id, "worker-exited");
+    EXPECT_EQ(Count(events, "connected"), 1);
+    EXPECT_EQ(Count(events, "interrupted"), 1);
+    EXPECT_EQ(Count(events, "resumed"), 1);
+    EXPECT_EQ(Count(events, "progress"), 2);
+    EXPECT_TRUE(kit::WaitUntil([&] { return FilesIn("params").empty(); }));
+    Restart();
+    EXPECT_EQ(EventsUntil(id, "worker-exited").size(), events.size()) << "nothing is open any more";
+}
+
+TEST_F(ResumeTest, AnOrderThatWasNotAnsweredIsGivenAgain) {
+    Start();
+    const auto id = Submit("connect\nstatus 3\nresume\nawait 4002\nawait 4002\nfinal 5\nbye\n");
+    AwaitState(id, "running");
+    EXPECT_EQ(Order(id, "cancel")["result"], "requested");
+    EventsUntil(id, "order");
+    Restart();
+    EXPECT_EQ(Ended(id)["state"], "cancelled");
+}
+
+TEST_F(ResumeTest, AFinalStatusInTheSpoolEndsAnAttemptWhoseWorkerHasGone) {
+    AllowAttempts(3);
+    Start();
+    const auto id = Submit("connect\nstatus 3\nlose\nspool 0\nexit 0\n");
+    AwaitState(id, "running");
+    const auto process = ProcessOf(id);
+    Restart([&] { EXPECT_TRUE(kit::WaitUntil([&] { return platform::ProcessMark(process).empty(); })); });
+    const json task = Ended(id);
+    EXPECT_EQ(task["state"], "finished");
+    EXPECT_EQ(task["attempts"], 1);
+    EXPECT_EQ(task["attempt_list"][0]["exit"]["unknown"], true);
+    EXPECT_TRUE(kit::WaitUntil([&] { return FilesIn("spool").empty(); }));
+    EXPECT_TRUE(FilesIn("params").empty());
+}
+
+TEST_F(ResumeTest, TheSpoolIsReadWhileTheEngineRuns) {
+    Start();
+    const auto id = Submit("connect\nstatus 3\nspool 4\nexit 1\n");
+    EXPECT_EQ(Ended(id)["state"], "failed");
+    // The first one decides here, too.
+    EXPECT_EQ(Ended(Submit("connect\nstatus 3\nspool 4\nfinal 0\nbye\n"))["state"], "finished");
+    EXPECT_TRUE(kit::WaitUntil([&] { return FilesIn("spool").empty(); }));
+}
+
+TEST_F(ResumeTest, ADamagedFileInTheSpoolCountsForNothingAndIsKept) {
+    Start();
+    const auto id = Submit("connect\nstatus 3\nawait 4006\nexit 0\n");
+    AwaitState(id, "running");
+    std::string token;
+    {
+        auto database = Database::Open(Utf8FromPath(Data("store.db"))).value();
+        Statement query = database->Prepare("SELECT token FROM attempts");
+        ASSERT_TRUE(query.Row());
+        token = query.Text();
+    }
+    std::ofstream(Data("spool") / (token + ".final")) << "no frame";
+    std::ofstream(Data("spool") / "stranger.final") << "no frame either";
+    kit::EndProcess(ProcessOf(id));
+    EXPECT_EQ(Ended(id)["state"], "lost");
+    EXPECT_EQ(kit::ReadBytes(Data("spool") / (token + ".bad")), "no frame");
+    Restart();
+    EXPECT_TRUE(fs::exists(Data("spool") / "stranger.bad"));
+    fs::last_write_time(Data("spool") / "stranger.bad",
+                        fs::file_time_type::clock::now() - std::chrono::hours(24 * 31));
+    EXPECT_EQ(Ask("POST", "/api/v1/gc")["removed"]["dumps"]["files"], 1);
+    EXPECT_EQ(FilesIn("spool"), std::vector<std::string>{token + ".bad"});
+}
+
+TEST_F(ResumeTest, ATaskWhoseWorkerHasGoneIsRepeatedAndOneWhoseWorkerRunsIsNot) {
+    AllowAttempts(2);
+    Start();
+    const auto gone = Submit("connect\nstatus 3\nin 1 hang\nfinal 0\nbye\n");
+    const auto there = Submit("connect\nstatus 3\nresume\nsleep 300\nin 1 final 0\nbye\n");
+    AwaitState(gone, "running");
+    AwaitState(there, "running");
+    Restart([&] {
+        auto database = Database::Open(Utf8FromPath(Data("store.db"))).value();
+        Statement query = database->Prepare("SELECT pid FROM attempts WHERE task = 1");
+        ASSERT_TRUE(query.Row());
+        const auto process = static_cast<std::uint64_t>(query.Number());
+        kit::EndProcess(process);
+        EXPECT_TRUE(kit::WaitUntil([&] { return platform::ProcessMark(process).empty(); }));
+    });
+    AwaitState(gone, "finished");
+    EXPECT_EQ(Show(gone)["attempts"], 2);
+    EXPECT_EQ(Ended(there)["state"], "finished");
+    EXPECT_EQ(Show(there)["attempts"], 1);
+}
+
+TEST_F(ResumeTest, AWorkerWhoseStartWasNotRecordedIsTakenWhenItConnects) {
+    Start();
+    const auto id = Submit("sleep 1500\nconnect\nstatus 3\nfinal 0\nbye\n");
+    EventsUntil(id, "worker-started");
+    Restart([&] { Change("UPDATE attempts SET pid = NULL, process_mark = '', output = ''"); });
+    EXPECT_EQ(Ended(id)["state"], "finished");
+    EXPECT_TRUE(kit::WaitUntil([&] { return FilesIn("params").empty(); }));
+    // And given up when it does not.
+    m_settings.connectLimit = 300ms;
+    const auto deaf = Submit("sleep 5000\n");
+    EventsUntil(deaf, "worker-started");
+    Restart([&] { Change("UPDATE attempts SET pid = NULL, process_mark = '', output = ''"); });
+    AwaitState(deaf, "lost");
+}
+
+TEST_F(ResumeTest, AWorkerThatNeverGotItsWelcomeBeginsAnew) {
+    Start();
+    const auto id = Submit("connect\nclose\nconnect-anew\nstatus 3\nfinal 0\nbye\n");
+    EXPECT_EQ(Ended(id)["state"], "finished");
+    EXPECT_EQ(Show(id)["attempts"], 1);
+}
+
+TEST_F(ResumeTest, APortThatSomebodyElseHasIsSaid) {
+    m_settings.resumeWindow = 200ms;
+    Start();
+    const auto port = m_engine->LinkPort();
+    const auto id = Submit("connect\nstatus 3\nresume\n");
+    AwaitState(id, "running");
+    boost::asio::io_context io;
+    boost::asio::ip::tcp::acceptor other(io);
+    Restart([&] {
+        other.open(boost::asio::ip::tcp::v4());
+        other.set_option(boost::asio::socket_base::reuse_address(true));
+        other.bind({boost::asio::ip::address_v4::loopback(), port});
+        other.listen();
+    });
+    EXPECT_NE(m_engine->LinkPort(), port);
+    EXPECT_EQ(Ended(id)["state"], "lost");
+    EXPECT_NE(kit::ReadBytes(Data("logs") / "engine.log").find("something else listens there"),
+              std::string::npos);
+}
+
+TEST_F(ResumeTest, AWorkerStartedByHandIsTakenOverToo) {
+    Start();
+    LinkClient worker;
+    const auto id = Begin(worker);
+    ASSERT_TRUE(worker.WaitAck(worker.Send(TCP_WORKER_STATE_ID, StateMessage(17))));
+    Restart();
+    ASSERT_EQ(Resume(worker), 0u);
+    ASSERT_TRUE(worker.WaitAck(worker.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskFinished))));
+    worker.SendFrame({0, 0, link::kByeId, {}});
+    worker.WaitClose();
+    AwaitState(id, "finished");
+}
+
+}  // namespace
+}  // namespace rq::engine

@@ -1,0 +1,247 @@
+// Sessions that outlive their connection, and attempts that outlive the engine.
+#include <boost/asio/post.hpp>
+#include <filesystem>
+
+#include "base/paths.h"
+#include "engine/json.h"
+#include "engine/scheduler.h"
+#include "records/task_codes.h"
+
+namespace rq::engine {
+
+namespace {
+
+// An interrupted session with so many orders takes no more.
+constexpr std::size_t kMaxKept = 1000;
+
+std::string NameOfOutput(const std::string& output) {
+    return output.empty() ? "" : Utf8FromPath(PathFromUtf8(output).stem());
+}
+
+}  // namespace
+
+// ---- the handshake ----
+
+link::Welcome Scheduler::WelcomeFor(const Run& run) const {
+    link::Welcome welcome;
+    welcome.sessionId = run.sessionId;
+    welcome.attempt = run.claim.token;
+    welcome.spoolFolder = m_spool.Folder();
+    if (run.resumable) welcome.resumeWindow_ms = static_cast<std::uint32_t>(m_settings.resumeWindow.count());
+    welcome.pingInterval_ms = static_cast<std::uint32_t>(m_settings.pingInterval.count());
+    welcome.silenceLimit_ms = static_cast<std::uint32_t>(m_settings.silenceLimit.count());
+    return welcome;
+}
+
+std::variant<link::Welcome, link::Refuse> Scheduler::AdmitResumed(const link::Hello& hello,
+                                                                  const std::shared_ptr<Session>& session) {
+    const auto refuse = [](const std::string& why) {
+        return link::Refuse{link::kRefuseSession, "the session cannot be continued: " + why};
+    };
+    if (m_ending) return link::Refuse{link::kRefuseEnding, "the engine is ending"};
+    Run* run = Find(hello.attempt);
+    if (run == nullptr || run->exit || !run->killReason.empty()) return refuse("its attempt has ended");
+    if (run->sessionId != hello.resumeSessionId || !run->resumable)
+        return refuse("the engine does not know it");
+    if (!run->session && !run->away) return refuse("it has ended");
+    SessionMemory memory = run->session ? run->session->Memory() : *run->away;
+    if (const auto why = memory.Contradiction(hello)) return refuse(*why);
+    if (run->session) {
+        // The worker noticed first that this connection is none any more.
+        run->session->Abandon();
+        Report(m_store.Interrupted(run->claim.token, "the worker came with a new connection"), "a loss");
+    }
+    run->away.reset();
+    run->awayTimer.cancel();
+    memory.ContinueFrom(hello.resumeReceived);
+    session->Continue(std::move(memory));
+    run->session = session;
+    m_log.Info(run->claim.id + ": session " + std::to_string(run->sessionId) + " goes on");
+    Report(m_store.Resumed(run->claim.token, hello.processId), "a resumption");
+    run->lastRecord = SystemClock().Steady();
+    if (!run->final) WatchHeartbeat(*run);
+    return WelcomeFor(*run);
+}
+
+// ---- between two connections ----
+
+bool Scheduler::IsReachable(const Run& run) {
+    return run.session || (run.away && run.away->orders.size() < kMaxKept);
+}
+
+void Scheduler::Give(Run& run, std::uint32_t id, const link::Order& order) {
+    if (run.session)
+        run.session->SendOrder(id, order);
+    else if (run.away)
+        Report(run.away->Keep(id, order), "an order");
+    else
+        return;
+    Report(m_store.Note(run.claim.token, "order", OrderEventJson(id)), "an order");
+}
+
+void Scheduler::Interrupt(Run& run, SessionMemory memory, const std::string& why) {
+    run.away = std::move(memory);
+    run.beat.cancel();
+    m_log.Warn(run.claim.id + ": session " + std::to_string(run.sessionId) + " is interrupted: " + why);
+    Report(m_store.Interrupted(run.claim.token, RepairUtf8(why)), "a loss");
+    // Nobody comes back when the process has ended; of those that we started the launcher tells.
+    if (run.external && !run.processMark.empty() &&
+        !m_launcher.Watch(run.claim.token, run.processId, run.processMark)) {
+        run.killReason = "the connection ended (" + why + ") and so did the worker";
+        Settle(run);
+        return;
+    }
+    AwaitResumption(run);
+}
+
+void Scheduler::AwaitResumption(Run& run) {
+    const auto limit = m_settings.resumeWindow + m_settings.linkGrace;
+    run.awayTimer.expires_after(limit);
+    run.awayTimer.async_wait([this, token = run.claim.token, limit](const boost::system::error_code& error) {
+        Run* late = error ? nullptr : Find(token);
+        // After a final status another deadline ends it, and it keeps that status.
+        if (late == nullptr || !late->away || (late->final && !late->external)) return;
+        Kill(
+            *late, "connection-lost",
+            "the connection ended, and the worker neither came back nor ended within " + DurationText(limit));
+    });
+}
+
+// ---- the engine's end and start ----
+
+std::size_t Scheduler::Leave() {
+    m_ending = true;
+    m_retry.cancel();
+    m_wake.cancel();
+    for (const auto& [id, twin] : m_twins) twin.session->Abandon();
+    for (const auto& [token, run] : m_runs) {
+        if (run->session) run->session->Abandon();
+    }
+    const std::size_t left = m_runs.size();
+    m_twins.clear();
+    m_sessions.clear();
+    m_runs.clear();
+    m_launcher.SetOnExit(nullptr);
+    return left;
+}
+
+Result<void> Scheduler::TakeOver(const std::vector<OpenAttempt>& attempts) {
+    std::vector<std::string> gone;
+    for (const auto& attempt : attempts) TakeOver(attempt, gone);
+    m_launcher.RemoveLeftovers(RunningNames());
+    SweepSpool();
+    for (const auto& token : gone) {
+        boost::asio::post(m_io, [this, token] {
+            if (Run* run = Find(token)) Settle(*run);
+        });
+    }
+    if (!attempts.empty())
+        m_log.Info(std::to_string(attempts.size()) +
+                   " attempt(s) of an earlier run are open; the workers of " +
+                   std::to_string(attempts.size() - gone.size()) + " may still be there");
+    return {};
+}
+
+void Scheduler::TakeOver(const OpenAttempt& attempt, std::vector<std::string>& gone) {
+    const std::string& token = attempt.claim.token;
+    auto& run = *(m_runs[token] = std::make_unique<Run>(m_io));
+    run.claim = attempt.claim;
+    run.external = attempt.external;
+    run.connected = attempt.session.has_value();
+    run.final = !IsActive(attempt.state);
+    run.reportedTask = attempt.reportedTask;
+    run.pauseSent = attempt.asked == TCP_TASK_SUSPEND_ID;
+    run.resumeSent = attempt.asked == TCP_TASK_RESUME_ID;
+    if (attempt.started) run.lastStatus = kTaskRunning;
+    run.processId = attempt.processId.value_or(0);
+    run.processMark = attempt.processMark;
+    if (!run.external) {
+        const std::string name = NameOfOutput(attempt.output);
+        run.life = {name.empty() ? m_launcher.NameOf(run.claim) : name, run.processId, attempt.created_us, 0};
+        run.beatLimit = BeatLimit();
+    }
+    Report(m_store.Interrupted(token, "the engine ended while this attempt was open"), "a take-over");
+    const bool isThere = !attempt.processId ? true
+                         : run.external
+                             ? m_launcher.Watch(token, run.processId, run.processMark)
+                             : m_launcher.TakeOver(token, run.life.name, run.processId, run.processMark);
+    if (isThere) {
+        AwaitTakenOver(run, attempt);
+        return;
+    }
+    run.exit = WorkerExit{false, 0, false};
+    gone.push_back(token);
+}
+
+void Scheduler::AwaitTakenOver(Run& run, const OpenAttempt& attempt) {
+    m_log.Info(run.claim.id + ": " +
+               (run.processId == 0 ? std::string("its worker may have been started")
+                                   : "worker " + std::to_string(run.processId) + " is still there"));
+    if (attempt.session) {
+        run.sessionId = *attempt.session;
+        run.resumable = m_settings.resumeWindow.count() != 0 && !IsPackageType(run.claim.type);
+        m_sessions[run.sessionId] = run.claim.token;
+        run.away.emplace();
+        run.away->has = attempt.workerSeq;
+        run.away->knowsSent = false;
+        AwaitResumption(run);
+        GiveStanding(run, attempt);
+        return;
+    }
+    Arm(run, m_settings.connectLimit, [this](Run& late) {
+        Kill(late, "no-connection",
+             "the worker did not connect within " + DurationText(m_settings.connectLimit));
+    });
+    if (attempt.cancelRequested) {
+        boost::asio::post(m_io, [this, token = run.claim.token] {
+            if (Run* unconnected = Find(token))
+                Kill(*unconnected, "cancelled", "cancelled before its worker connected");
+        });
+    }
+}
+
+// Those that were not answered when the last engine ended. Nobody knows whether the worker has got them; all
+// of them may come twice.
+void Scheduler::GiveStanding(Run& run, const OpenAttempt& attempt) {
+    if (run.final) {
+        SendEnd(run);
+    } else if (attempt.cancelRequested) {
+        SendCancel(run);
+    } else if (attempt.state == AttemptState::Finishing) {
+        SendFinish(run);
+    } else {
+        if (attempt.textAsked) {
+            if (const auto details = m_store.Details(run.claim.task); details && *details)
+                Give(run, TCP_TASK_UPDATE_ID,
+                     link::TaskTextOrder{m_settings.paths.Apply((*details)->text), 0});
+        }
+        if (run.pauseSent) SendCommand(run, TCP_TASK_SUSPEND_ID, "suspend");
+        if (run.resumeSent) SendCommand(run, TCP_TASK_RESUME_ID, "resume");
+    }
+}
+
+// ---- the spool ----
+
+bool Scheduler::TakeSpool(Run& run) {
+    const auto status = m_spool.Read(run.claim.token);
+    if (!status) return true;
+    m_log.Info(run.claim.id + ": its worker left a final status in the spool");
+    bool taken = true;
+    for (const auto& entry : status->message.entries) {
+        if (link::IsFinalTaskStatus(entry.status)) taken = TakeFinal(run, entry) && taken;
+    }
+    return taken;
+}
+
+void Scheduler::SweepSpool() {
+    for (const auto& attempt : m_spool.Attempts()) {
+        if (Find(attempt) != nullptr) continue;
+        const auto status = m_spool.Read(attempt);
+        if (status && !TakeTwinRecord(attempt, status->message))
+            m_log.Warn("the final status of attempt " + attempt +
+                       " in the spool belongs to none that is known");
+        m_spool.Remove(attempt);
+    }
+}
+
+}  // namespace rq::engine
