@@ -52,6 +52,31 @@ class EngineClientJournal : public ::testing::Test {
     EngineClientOptions m_options;
 };
 
+TEST_F(EngineClientJournal, HasEachConnectionOfAResumedSession) {
+    m_engineOptions.welcome.resumeWindow_ms = 60'000;
+    kit::ScriptedEngine engine(m_engineOptions);
+    {
+        TestClient test(m_options);
+        ASSERT_NE(test.Connect(engine.Port()), kNoSession);
+        engine.ResetConnection();
+        EXPECT_TRUE(test.SendState(kTaskFinished));
+        test.client->Disconnect();
+    }
+    ASSERT_EQ(engine.Connections(), 2u);
+    const std::string hello = "\"way\": \"out\", \"id\": 1";
+    const std::string welcome = "\"way\": \"in\", \"id\": 2";
+    const std::string connect = "\"event\": \"connect\"";
+    const std::string close = "\"event\": \"close\"";
+    std::vector<std::string> lines;
+    for (const std::string& line : LinesOf(Written()))
+        if (line.find("4009") == std::string::npos)
+            lines.push_back(line);  // written before the loss or behind it
+    EXPECT_EQ(lines, (std::vector<std::string>{connect, hello, welcome, close, "\"event\": \"interrupted\"",
+                                               connect, hello, welcome, "\"event\": \"resumed\"",
+                                               "\"way\": \"out\", \"id\": 6", close}));
+    EXPECT_EQ(Written().find(Hex(kToken)), std::string::npos);
+}
+
 TEST_F(EngineClientJournal, HasEveryFrameOfBothWaysAndNotTheToken) {
     kit::ScriptedEngine engine(m_engineOptions);
     {

@@ -3,6 +3,7 @@
 
 #include <atomic>
 
+#include "kit/temp_dir.h"
 #include "kit/watched_new.h"
 #include "link/client_test_kit.h"
 
@@ -31,19 +32,25 @@ using namespace std::chrono_literals;
 // session, and however many do: the worker hears of the loss, once and last, and no sender waits on.
 class EngineClientMemory : public ::testing::TestWithParam<int> {
   protected:
-    // False when there are fewer allocations than that.
-    bool LoseWithout(int allocation) {
+    // False when there are fewer allocations than that. With a window the engine does not resume the session.
+    bool LoseWithout(int allocation, std::uint32_t window_ms) {
         IoThreadClock clock;
         EngineClientOptions options;
         options.clock = &clock;
         options.finalWait = 24h;
-        kit::ScriptedEngine engine;
+        kit::TempDir folder;
+        kit::ScriptedEngineOptions engineOptions;
+        engineOptions.welcome.resumeWindow_ms = window_ms;
+        engineOptions.welcome.attempt = "named";
+        if (window_ms != 0) engineOptions.welcome.spoolFolder = folder.Utf8();
+        kit::ScriptedEngine engine(engineOptions);
         TestClient test(options);
         EXPECT_EQ(test.Connect(engine.Port()), 1u);
         engine.HoldFinals(true);
         bool sent = true;
         std::thread sender([&] { sent = test.SendState(kTaskFinished); });
         EXPECT_TRUE(engine.WaitForFrame(TCP_WORKER_STATE_ID));
+        engine.RefuseToResume(kRefuseSession);
         g_hasFailed = false;
         clock.Arm([allocation] {
             t_good = allocation;
@@ -69,9 +76,11 @@ class EngineClientMemory : public ::testing::TestWithParam<int> {
 };
 
 TEST_P(EngineClientMemory, IsShortAndTheLossIsTold) {
-    int allocations = 0;
-    while (!HasFailure() && LoseWithout(allocations)) ++allocations;
-    EXPECT_GE(allocations, 3);
+    for (const std::uint32_t window_ms : {0u, 60'000u}) {
+        int allocations = 0;
+        while (!HasFailure() && LoseWithout(allocations, window_ms)) ++allocations;
+        EXPECT_GE(allocations, 3);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Failing, EngineClientMemory, ::testing::Values(1, 100));

@@ -52,6 +52,17 @@ TEST_F(Journal, HasALineForEachFrameHoweverItCame) {
                   "\\\"engine\\\" left \"}\n");
 }
 
+TEST_F(Journal, TellsOfAnInterruption) {
+    ASSERT_EQ(m_journal.Open(m_folder.Utf8("journal")), "");
+    m_journal.Interrupted(7, 2, std::chrono::seconds(60));
+    m_journal.Failed(1, "connect: \"no\"");
+    m_journal.Resumed(7, 1, std::chrono::milliseconds(308));
+    const std::string time = "{\"time\": \"2025-01-31T10:00:00.000000Z\", \"event\": ";
+    EXPECT_EQ(Text(), time + "\"interrupted\", \"session\": 7, \"kept\": 2, \"window_ms\": 60000}\n" + time +
+                          "\"failed\", \"attempt\": 1, \"reason\": \"connect: \\\"no\\\"\"}\n" + time +
+                          "\"resumed\", \"session\": 7, \"again\": 1, \"away_ms\": 308}\n");
+}
+
 TEST_F(Journal, NeverHoldsTheToken) {
     ASSERT_EQ(m_journal.Open(m_folder.Utf8("journal")), "");
     Hello hello;

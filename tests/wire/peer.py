@@ -482,15 +482,35 @@ class EnginePlace:
         self.links.append(Link(sock, FROM_WORKER))
         return self.links[-1]
 
-    def welcome(self, session=7, ping_ms=15000, silence_ms=60000, link=None):
+    def welcome(self, session=7, ping_ms=15000, silence_ms=60000, link=None, **more):
         """The handshake; returns the link and the worker's HELLO."""
         link = link or self.accept()
         hello = link.receive()
         if hello.id != ID_HELLO:
             raise Broken("the first frame is %r" % (hello,))
-        link.send_control(ID_WELCOME, {"protocol_version": 1, "session_id": session, "ping_interval_ms": ping_ms,
-                                       "silence_limit_ms": silence_ms})
+        link.send_control(ID_WELCOME, dict({"protocol_version": 1, "session_id": session, "ping_interval_ms": ping_ms,
+                                            "silence_limit_ms": silence_ms}, **more))
         return link, hello.body
+
+    def accept_resuming(self, before, seconds=15):
+        """The connection that takes the place of the link `before`; returns the link and HELLO, not answered yet."""
+        link = self.accept(seconds)
+        link.sent, link.other_has = before.sent, before.other_has
+        hello = link.receive()
+        if hello.id != ID_HELLO:
+            raise Broken("the first frame is %r" % (hello,))
+        if not before.other_has <= hello.ack <= hello.body["resume_received"] <= before.sent:
+            raise Broken("%r after %d orders" % (hello, before.sent))
+        if hello.body["resume_acknowledged"] > before.has:
+            raise Broken("%r, but %d were acknowledged" % (hello, before.has))
+        return link, hello.body
+
+    def continue_session(self, link, hello, has, **more):
+        """WELCOME to one that resumes: the engine has the worker's frames up to `has`, and the others come again."""
+        link.sent, link.has, link.other_sent = hello["resume_received"], has, has
+        link.send_control(ID_WELCOME, dict({"protocol_version": 1, "session_id": hello["resume_session_id"],
+                                            "ping_interval_ms": 15000, "silence_limit_ms": 60000,
+                                            "attempt": hello["attempt"]}, **more))
 
     def written(self):
         """What the worker wrote to its output."""

@@ -7,6 +7,7 @@ import struct
 import time
 import unittest
 import uuid
+import zlib
 
 import peer
 from peer import is_final, is_status
@@ -369,6 +370,175 @@ class End(WorkerCase):
         self.assertFalse(link.said_bye)
         link.close()
         self.assert_ends(engine)
+
+
+class Resume(WorkerCase):
+    """The connection is lost and the session is not."""
+
+    def start_resumable(self, window_ms=60000, **more):
+        return self.start_running(resume_window_ms=window_ms, attempt="by-the-engine", **more)
+
+    def test_cut_in_the_middle_of_a_task(self):
+        engine, link = self.start_resumable()
+        link.wait_for_ack(link.send(peer.ID_SUSPEND, order()))
+        had = link.has
+        beat = link.wait_for(peer.ID_HEARTBEAT)  # not acknowledged
+        last = link.other_sent
+        link.reset()
+        link, hello = engine.accept_resuming(link)
+        self.assertEqual(hello["protocol_version"], 1)
+        self.assertEqual((hello["token"].decode(), hello["attempt"]), (engine.TOKEN, b"by-the-engine"))
+        self.assertEqual((hello["resume_session_id"], hello["resume_received"], hello["resume_acknowledged"]), (7, 1, had))
+        engine.continue_session(link, hello, had, resume_window_ms=60000)
+        again = []
+        while link.other_sent < last:
+            again.append(link.receive())
+        self.assertEqual([(frame.id, frame.body) for frame in again if frame.seq == beat.seq], [(beat.id, beat.body)])
+        # And once more, with an order that the worker has not got.
+        link.acknowledge()
+        link.reset()
+        link, hello = engine.accept_resuming(link)
+        engine.continue_session(link, hello, hello["resume_acknowledged"], resume_window_ms=60000)
+        self.assertEqual(link.send(peer.ID_FINISH, order()), 2)
+        seen = []
+        link.wait_for(is_final, seen=seen)
+        self.assertEqual(len([frame for frame in seen if frame.id == peer.ID_FINISH_REPLY]), 1)
+        link.acknowledge()
+        link.wait_for_ack(link.send(peer.ID_EXIT))
+        link.wait_for(peer.ID_BYE, seen=seen)
+        link.close()
+        self.assert_ends(engine)
+        self.assertEqual(engine.worker.returncode, 0)
+        self.assertFalse([frame for frame in again + seen if frame.id == peer.ID_NOTICE])
+        self.assertNotIn(b"12306", engine.written())
+        lines = engine.log("_C.log")[0]
+        self.assertEqual(len(re.findall(r"session 7 interrupted: ", lines)), 2)
+        self.assertEqual(len(re.findall(r"session 7 resumed after ", lines)), 2)
+        self.assertNotIn(engine.TOKEN, lines)
+
+    def test_worker_notices_first(self):
+        """The old connection stands at the engine while the new one comes."""
+        engine, link = self.start_resumable(silence_ms=1500)
+        until = time.monotonic() + 10
+        resumed, hello = engine.accept_resuming(link, 10)
+        self.assertLess(time.monotonic(), until)
+        link.close()
+        engine.continue_session(resumed, hello, hello["resume_acknowledged"])
+        self.assert_alive(resumed)
+
+    def test_window_passes(self):
+        engine, link = self.start_resumable(window_ms=1500)
+        begin = time.monotonic()
+        link.reset()
+        engine.listener.close()
+        self.assert_ends(engine)
+        self.assertGreater(time.monotonic() - begin, 1.4)
+        self.assertEqual(engine.written().count(b"12306"), 1)
+        self.assertIn("session 7 lost: not resumed within 1500 ms", engine.log("_C.log")[0])
+
+    def test_bye_is_the_end(self):
+        engine, link = self.start_resumable()
+        link.send_control(peer.ID_BYE)
+        link.wait_for_close(5)
+        link.close()
+        self.assert_ends(engine)
+        self.assertIn(b"12306", engine.written())
+
+    def test_answers_that_end_it(self):
+        for name, answer in (("refuse 6", lambda link: link.send_control(peer.ID_REFUSE, {"code": 6, "text": "no"})),
+                             ("refuse 1", lambda link: link.send_control(peer.ID_REFUSE, {"code": 1})),
+                             ("another session", lambda link: link.send_control(
+                                 peer.ID_WELCOME, {"protocol_version": 1, "session_id": 8}, ack=2)),
+                             ("more than was sent", lambda link: link.send_control(
+                                 peer.ID_WELCOME, {"protocol_version": 1, "session_id": 7}, ack=1000)),
+                             ("less than before", lambda link: link.send_control(
+                                 peer.ID_WELCOME, {"protocol_version": 1, "session_id": 7}, ack=1))):
+            with self.subTest(name):
+                engine, link = self.start_resumable()
+                link.reset()
+                link, _ = engine.accept_resuming(link)
+                answer(link)
+                link.wait_for_close(5)
+                self.assert_ends(engine)
+                self.assertEqual(engine.written().count(b"12306"), 1)
+                engine.close()
+
+    def test_answers_that_are_asked_again(self):
+        engine, link = self.start_resumable()
+        link.reset()
+        for answer in ({"code": 5}, {"code": 4}):
+            refused, _ = engine.accept_resuming(link)
+            refused.send_control(peer.ID_REFUSE, answer)
+            refused.wait_for_close(5)
+            refused.close()
+        engine.accept(5).reset()  # no answer at all
+        link, hello = engine.accept_resuming(link)
+        engine.continue_session(link, hello, hello["resume_acknowledged"])
+        self.assert_alive(link)
+
+
+class Spool(WorkerCase):
+    def spooled(self, folder, attempt, seconds=10):
+        """The frame in the attempt's file, once it is there."""
+        path = os.path.join(folder, attempt + ".final")
+        until = time.monotonic() + seconds
+        while not os.path.exists(path):
+            self.assertLess(time.monotonic(), until, os.listdir(folder))
+            time.sleep(0.02)
+        with open(path, "rb") as file:
+            data = file.read()
+        self.assertEqual(struct.unpack("<I", data[-4:])[0], zlib.crc32(data[:-4]))
+        self.assertEqual(os.listdir(folder), [attempt + ".final"])
+        return peer.unpack_frame(data[:-4])
+
+    def start_final(self, window_ms):
+        """A worker whose final status has come and is not acknowledged."""
+        path = os.path.join(stage.new_folder(), "empty.bin")
+        open(path, "wb").close()
+        folder = stage.new_folder()
+        engine = self.start(peer.md5_text("T-1", peer.as_seen(path)))
+        link, _ = engine.welcome(resume_window_ms=window_ms, attempt="a-1", spool_folder=peer.as_seen(folder))
+        final = link.wait_for(is_final)
+        self.assertEqual(os.listdir(folder), [])
+        return engine, link, final, folder
+
+    def test_until_it_is_acknowledged(self):
+        engine, link, final, folder = self.start_final(60000)
+        link.reset()
+        frame = self.spooled(folder, "a-1")
+        self.assertEqual((frame.seq, frame.ack, frame.id, frame.body), (final.seq, 0, final.id, final.body))
+        link, hello = engine.accept_resuming(link)
+        engine.continue_session(link, hello, final.seq - 1)
+        again = link.wait_for(is_final)
+        self.assertEqual((again.seq, again.body), (final.seq, final.body))
+        link.acknowledge()
+        link.send(peer.ID_EXIT)
+        seen = []
+        link.wait_for(peer.ID_BYE, 10, seen)
+        self.assertFalse([frame for frame in seen if is_final(frame)])
+        link.close()
+        self.assert_ends(engine)
+        self.assertEqual(os.listdir(folder), [])
+
+    def test_stays_after_a_loss(self):
+        for window_ms in (0, 500):
+            with self.subTest(window_ms):
+                engine, link, final, folder = self.start_final(window_ms)
+                engine.listener.close()
+                link.reset()
+                self.assert_ends(engine)
+                self.assertEqual(self.spooled(folder, "a-1").body, final.body)
+
+    def test_a_wait_that_runs_out(self):
+        engine, link, final, folder = self.start_final(0)
+        again = link.wait_for(is_final, 12)
+        self.assertGreaterEqual(self.spooled(folder, "a-1").seq, final.seq)
+        link.acknowledge(again.seq)
+        link.send(peer.ID_EXIT)
+        link.wait_for(peer.ID_BYE, 10)
+        link.close()
+        self.assert_ends(engine)
+        self.assertEqual(os.listdir(folder), [])
 
 
 class Handshake(WorkerCase):
