@@ -20,6 +20,13 @@ constexpr auto kErrorSourceDamaged = static_cast<std::int32_t>(0x84100015);
 constexpr auto kErrorSourceLacksStream = static_cast<std::int32_t>(0x84100016);
 constexpr auto kErrorProcessing = static_cast<std::int32_t>(0x84100017);   // a filter, encoder or muxer
 constexpr auto kErrorOutputCheck = static_cast<std::int32_t>(0x84100018);  // the written file is not as asked
+constexpr auto kErrorNotAllowed = static_cast<std::int32_t>(0x84100030);   // the node does not allow it
+constexpr auto kErrorThroughLink = static_cast<std::int32_t>(0x84100031);  // the path leads through a link
+constexpr auto kErrorNotDeleted = static_cast<std::int32_t>(0x84100032);
+constexpr auto kErrorReport = static_cast<std::int32_t>(0x84100033);         // the report cannot be written
+constexpr auto kErrorConfiguration = static_cast<std::int32_t>(0x84100034);  // of the node: missing or wrong
+constexpr auto kErrorNotComplete = static_cast<std::int32_t>(0x84100035);    // still written to
+constexpr auto kErrorSourceSize = static_cast<std::int32_t>(0x84100036);     // another size than asked
 
 // Analysis codes.
 constexpr auto kAnalysisTaskText =

@@ -35,6 +35,8 @@ class InputFile {
     std::uint32_t ReadAt(std::uint64_t offset_bytes, void* buffer, std::size_t wanted, std::size_t& got);
     // Size when it was opened.
     std::uint64_t Size() const { return m_before.size_bytes; }
+    // Time of its last modification then, in nanoseconds since the system's epoch.
+    std::int64_t Modified_ns() const { return m_before.modified_ns; }
     // Whether its size or time of modification is another than when it was opened. Neither a new name for the
     // file nor new rights count.
     bool Changed() const;

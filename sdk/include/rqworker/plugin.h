@@ -69,6 +69,8 @@ extern "C" {
 #define RQ_TYPE_REVIEW 2
 #define RQ_TYPE_MD5_COMPUTE 3
 #define RQ_TYPE_MD5_VERIFY 4
+#define RQ_TYPE_SOURCE_SIZE 5
+#define RQ_TYPE_DELETE 7
 #define RQ_TYPE_REALTIME_MERGE 8
 #define RQ_TYPE_TRANSCODE_30 30 /* reported like a transcode */
 

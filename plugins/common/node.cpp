@@ -1,0 +1,23 @@
+#include "plugin_common/node.h"
+
+#include <vector>
+
+#include "plugin_common/file.h"
+
+namespace rq::task {
+
+std::uint32_t ReadSmallFile(const std::string& path, std::size_t most_bytes, std::string& text,
+                            bool& isTooLong) {
+    text.clear();
+    isTooLong = false;
+    InputFile file;
+    if (const std::uint32_t code = file.Open(path); code != 0) return code;
+    std::vector<char> buffer(most_bytes + 1);
+    std::size_t got = 0;
+    if (const std::uint32_t code = file.Read(buffer.data(), buffer.size(), got); code != 0) return code;
+    isTooLong = got > most_bytes;
+    if (!isTooLong) text.assign(buffer.data(), got);
+    return 0;
+}
+
+}  // namespace rq::task
