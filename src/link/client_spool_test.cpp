@@ -180,6 +180,25 @@ TEST_P(EngineClientSpoolAndResume, AStatusOfTheInterruptionIsInTheFileAtOnce) {
     EXPECT_TRUE(WaitUntilGone());
 }
 
+TEST_P(EngineClientSpoolAndResume, TheNewestWelcomesFolderCounts) {
+    std::filesystem::create_directory(m_folder.Path() / "other");
+    kit::ScriptedEngine engine(m_engineOptions);
+    m_options.finalWait = 24h;
+    TestClient test(m_options, WideFromPath(m_log));
+    ASSERT_EQ(test.Connect(engine.Port()), 1u);
+    engine.HoldFinals(true);
+    std::thread sender([&] { EXPECT_TRUE(test.SendState(kTaskFinished)); });
+    EXPECT_TRUE(engine.WaitForFrame(TCP_WORKER_STATE_ID));
+    engine.ChangeSpoolFolder(m_folder.Utf8("other"));
+    engine.ResetConnection();
+    EXPECT_EQ(WaitForFile(), 1u);
+    const std::filesystem::path other = m_folder.Path() / "other" / "named.final";
+    EXPECT_TRUE(kit::WaitUntil([&] { return std::filesystem::exists(other); }));
+    engine.AcknowledgeAll();
+    sender.join();
+    EXPECT_TRUE(kit::WaitUntil([&] { return !std::filesystem::exists(other); }));
+}
+
 // What an earlier session left is not this one's to remove.
 TEST_P(EngineClientSpoolAndResume, TheFileOfALostSessionStays) {
     kit::ScriptedEngine engine(m_engineOptions);

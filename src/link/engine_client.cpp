@@ -308,8 +308,7 @@ bool EngineClient::SettleOnce() {
             {ConnectionNumber(), welcomed->sessionId, 0, TCP_SERVER_DISCONNECT_ID, ServerLost{}});
         {
             MutexLock lock(m_lock);
-            m_spooled = 0;
-            m_spool.Begin(m_session->SpoolFolder(), m_session->Attempt());
+            BeginSpool();
         }
         if (!DecideConnect(ConnectionNumber(), welcomed->sessionId, {})) {
             AbandonSession();
@@ -362,6 +361,10 @@ void EngineClient::Carry(SessionEvent event) {
     } else if (const auto* failed = std::get_if<AttemptFailed>(&event)) {
         CarryAttemptFailed(*failed);
     } else if (const auto* resumed = std::get_if<Resumed>(&event)) {
+        {
+            MutexLock lock(m_lock);
+            if (m_session->SpoolFolder() != m_spoolFolder) BeginSpool();
+        }
         TellResumed(*resumed);
     } else {
         CarryClosed(std::get<SessionClosed>(event));

@@ -100,6 +100,8 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     bool Refused(std::uint32_t id, const std::string& problem);
     // Of the acknowledgement up to that number.
     void TakeAcknowledged(std::uint64_t seq) RQ_REQUIRES(m_lock);
+    // WELCOME has named the folder for it.
+    void BeginSpool() RQ_REQUIRES(m_lock);
     // To the file, what no engine has acknowledged.
     void SpoolFinal() noexcept RQ_REQUIRES(m_lock);
 
@@ -132,6 +134,7 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     bool m_disconnecting RQ_GUARDED_BY(m_lock) = false;
     FinalWaits m_finals RQ_GUARDED_BY(m_lock);
     std::optional<Final> m_final RQ_GUARDED_BY(m_lock);
+    std::string m_spoolFolder RQ_GUARDED_BY(m_lock);
     std::uint64_t m_spooled RQ_GUARDED_BY(m_lock) =
         0;  // the newest given to m_spool, until it is acknowledged
 

@@ -1,6 +1,7 @@
 // What the engine client does while its session is interrupted, and with a final status that nobody
 // acknowledges.
 #include <new>
+#include <utility>
 
 #include "link/engine_client.h"
 
@@ -63,6 +64,13 @@ void EngineClient::TakeAcknowledged(std::uint64_t seq) {
     if (m_spooled == 0 || m_spooled > seq) return;
     m_spooled = 0;
     m_spool.Acknowledge(seq);
+}
+
+// What stands in another folder stays there, as after a loss.
+void EngineClient::BeginSpool() {
+    m_spoolFolder = m_session->SpoolFolder();
+    m_spool.Begin(m_spoolFolder, m_session->Attempt());
+    if (std::exchange(m_spooled, 0) != 0) SpoolFinal();
 }
 
 void EngineClient::SpoolFinal() noexcept try {

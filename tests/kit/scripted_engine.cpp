@@ -166,6 +166,7 @@ struct ScriptedEngine::State {
         speaker = peer;
         link::Welcome welcome = options.welcome;
         welcome.sessionId = resuming.resumeSessionId;
+        if (otherSpool) welcome.spoolFolder = *otherSpool;
         Send(peer, 0, link::kWelcomeId, link::EncodeWelcome(welcome));
         const auto& orders = peer->session->orders;
         for (std::size_t i = resuming.resumeReceived; i < orders.size(); ++i)
@@ -272,11 +273,12 @@ struct ScriptedEngine::State {
     const ScriptedEngineOptions options;
     asio::io_context io{1};
     tcp::acceptor acceptor;
-    std::size_t connections = 0;                    // the thread only, as the next four
+    std::size_t connections = 0;                    // the thread only, as the next five
     std::map<std::uint32_t, PeerPointer> sessions;  // the newest connection of each
     PeerPointer speaker;                            // whose HELLO was answered last
     std::uint32_t newSessions = 0;
     std::optional<std::uint32_t> refusal;
+    std::optional<std::string> otherSpool;
     std::atomic<bool> away{false};
 
     mutable Signal signal;
@@ -422,6 +424,10 @@ void ScriptedEngine::RefuseToResume(std::uint32_t code) {
 
 void ScriptedEngine::ResumeAgain() {
     m_state->OnThread([&](const PeerPointer&) { m_state->refusal.reset(); });
+}
+
+void ScriptedEngine::ChangeSpoolFolder(const std::string& folder) {
+    m_state->OnThread([&](const PeerPointer&) { m_state->otherSpool = folder; });
 }
 
 void ScriptedEngine::CutAfter(std::size_t come_bytes, std::size_t gone_bytes) {

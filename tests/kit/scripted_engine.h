@@ -84,6 +84,8 @@ class ScriptedEngine {
     // Instead of continuing a session: REFUSE with that code, or nothing (0).
     void RefuseToResume(std::uint32_t code);
     void ResumeAgain();
+    // In each WELCOME to one that resumes.
+    void ChangeSpoolFolder(const std::string& folder);
     // The newest connection ends when so many more bytes have come, or gone.
     void CutAfter(std::size_t come_bytes, std::size_t gone_bytes);
 
