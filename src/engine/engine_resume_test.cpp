@@ -194,6 +194,56 @@ TEST_F(ResumeTest, AWorkerGoesOnUnderTheNextEngine) {
     EXPECT_EQ(EventsUntil(id, "worker-exited").size(), events.size()) << "nothing is open any more";
 }
 
+// Its attempts are the next engine's: none of them has ended.
+TEST_F(ResumeTest, NobodyIsTakenForLateWhileTheEngineEnds) {
+    Start();
+    LinkClient worker, late;
+    const auto id = Begin(worker);
+    ASSERT_TRUE(late.Connect(m_engine->LinkPort()));
+    m_engine->RequestEnd(Engine::End::LeaveWorkers);
+    worker.ReadAll();
+    EXPECT_NE(late.Greet(m_engine->Token(), worker.Welcome().attempt), 0u);
+    EXPECT_NE(Resume(worker), 0u);
+    Restart();
+    EXPECT_EQ(Resume(worker), 0u);
+    EXPECT_EQ(Count(EventsUntil(id, "resumed"), "late-worker"), 0);
+}
+
+TEST_F(ResumeTest, ACancelledWorkerMayComeBackWhileTheEngineEnds) {
+    m_settings.endGrace = 60s;
+    Start();
+    LinkClient worker;
+    const auto id = Begin(worker);
+    ASSERT_TRUE(worker.WaitAck(worker.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskRunning))));
+    worker.Close();
+    EventsUntil(id, "interrupted");
+    m_engine->RequestEnd(Engine::End::CancelTasks);
+    ASSERT_TRUE(kit::WaitUntil([&] { return Ask("GET", "/api/v1/health")["status"] == "ending"; }));
+    ASSERT_EQ(Resume(worker), 0u);
+    const auto order = worker.WaitOrder();
+    ASSERT_TRUE(order);
+    EXPECT_EQ(order->id, std::uint32_t{TCP_TASK_CANCEL_ID});
+    EXPECT_TRUE(worker.WaitAck(worker.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskCancelled))));
+    worker.SendFrame({0, 0, link::kByeId, {}});
+    Restart();
+    EXPECT_EQ(Show(id)["state"], "cancelled");
+}
+
+// Something was acknowledged that could not be stored: the worker knows better.
+TEST_F(ResumeTest, AStoreThatHasLessThanTheWorkerCatchesUp) {
+    Start();
+    LinkClient worker;
+    const auto id = Begin(worker);
+    worker.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskRunning));
+    ASSERT_TRUE(worker.WaitAck(worker.Send(TCP_WORKER_STATE_ID, StateMessage(17))));
+    Restart([&] { Change("UPDATE attempts SET worker_seq = 0"); });
+    ASSERT_EQ(Resume(worker), 0u);
+    EXPECT_EQ(worker.Acked(), 2u);
+    EXPECT_TRUE(worker.WaitAck(worker.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskFinished))));
+    EXPECT_EQ(Show(id)["state"], "finished");
+    EXPECT_EQ(Show(id)["attempts"], 1);
+}
+
 TEST_F(ResumeTest, AnOrderThatWasNotAnsweredIsGivenAgain) {
     Start();
     const auto id = Submit("connect\nstatus 3\nresume\nawait 4002\nawait 4002\nfinal 5\nbye\n");

@@ -212,6 +212,7 @@ class Scheduler final : public SessionHost {
     boost::asio::steady_timer m_retry;  // after a store failure, and for held tasks
     boost::asio::steady_timer m_wake;   // for what is due
     bool m_ending = false;
+    bool m_left = false;  // nobody's any more: its attempts are the next engine's
     std::function<void()> m_onEnded;
     boost::asio::steady_timer m_endTimer;
 };

@@ -62,6 +62,7 @@ std::variant<link::Welcome, link::Refuse> Scheduler::Admit(const link::Hello& he
     if (hello.protocolVersion != link::kProtocolVersion)
         return Refuse{link::kRefuseVersion, "this engine speaks version 1"};
     if (!SameSecret(hello.token, m_linkToken)) return Refuse{link::kRefuseToken, "wrong token"};
+    if (m_left) return Refuse{link::kRefuseEnding, "the engine is ending"};
     if (hello.resumeSessionId != 0) return AdmitResumed(hello, session);
     Run* run = hello.attempt.empty() ? nullptr : Find(hello.attempt);
     if (!hello.attempt.empty() && run == nullptr) return AdmitTwin(hello, session);

@@ -38,13 +38,16 @@ std::variant<link::Welcome, link::Refuse> Scheduler::AdmitResumed(const link::He
     const auto refuse = [](const std::string& why) {
         return link::Refuse{link::kRefuseSession, "the session cannot be continued: " + why};
     };
-    if (m_ending) return link::Refuse{link::kRefuseEnding, "the engine is ending"};
     Run* run = Find(hello.attempt);
     if (run == nullptr || run->exit || !run->killReason.empty()) return refuse("its attempt has ended");
     if (run->sessionId != hello.resumeSessionId || !run->resumable)
         return refuse("the engine does not know it");
     if (!run->session && !run->away) return refuse("it has ended");
     SessionMemory memory = run->session ? run->session->Memory() : *run->away;
+    if (memory.CatchUp(hello))
+        m_log.Warn(run->claim.id + ": the store has less of session " + std::to_string(run->sessionId) +
+                   " than was acknowledged; it goes on from frame " +
+                   std::to_string(hello.resumeAcknowledged));
     if (const auto why = memory.Contradiction(hello)) return refuse(*why);
     if (run->session) {
         // The worker noticed first that this connection is none any more.
@@ -111,6 +114,7 @@ void Scheduler::AwaitResumption(Run& run) {
 
 std::size_t Scheduler::Leave() {
     m_ending = true;
+    m_left = true;
     m_retry.cancel();
     m_wake.cancel();
     for (const auto& [id, twin] : m_twins) twin.session->Abandon();

@@ -16,6 +16,12 @@ void SessionMemory::TakeAck(std::uint64_t ack) {
     while (!orders.empty() && orders.front().seq != 0 && orders.front().seq <= ack) orders.pop_front();
 }
 
+bool SessionMemory::CatchUp(const link::Hello& hello) {
+    if (knowsSent || hello.resumeAcknowledged <= has) return false;
+    has = hello.resumeAcknowledged;
+    return true;
+}
+
 std::optional<std::string> SessionMemory::Contradiction(const link::Hello& hello) const {
     if (hello.resumeAcknowledged > has)
         return "frame " + std::to_string(hello.resumeAcknowledged) + " was not acknowledged, only up to " +

@@ -29,6 +29,9 @@ struct SessionMemory {
     Result<void> Keep(std::uint32_t id, const link::Order& order);
     // Forgets what the worker has.
     void TakeAck(std::uint64_t ack);
+    // An earlier run of the engine may have acknowledged what it could not store (a full disk), or the store
+    // is an older copy: what the worker says was acknowledged counts. True when that was more.
+    bool CatchUp(const link::Hello& hello);
     // Why the numbers of a HELLO that resumes cannot be those of this session.
     std::optional<std::string> Contradiction(const link::Hello& hello) const;
     // The worker has received ours up to here: what is left gets the next numbers.
