@@ -193,7 +193,7 @@ void EngineClient::OpenConnection(std::uint64_t attempt, const std::string& addr
         // From here on a failure is one of this attempt, and of no session yet.
         MutexLock lock(m_lock);
         m_session.reset();
-        m_final.reset();
+        m_unacknowledged.clear();
         m_connectionNumber = attempt;
     }
     CloseConnection("a new attempt to connect");
@@ -452,7 +452,7 @@ bool EngineClient::SendMessage(std::uint32_t sessionId, std::uint32_t id, const 
         }
         if (seq != 0 && isFinal) m_finals.Add(seq, &wait);
         if (seq != 0 && copy) {
-            m_final = {seq, std::move(copy)};
+            Remember(seq, std::move(copy));
             if (m_session->CurrentState() == Session::State::Interrupted) SpoolFinal();
         }
     }

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -98,6 +99,8 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     bool DecideConnect(std::uint64_t attempt, std::uint32_t sessionId, std::string reason);
     Result<std::string> ShortenFinal(const EngineStateMessage& message, std::size_t size_bytes);
     bool Refused(std::uint32_t id, const std::string& problem);
+    // To be kept when it is not acknowledged in time.
+    void Remember(std::uint64_t seq, SpoolWriter::Body body) RQ_REQUIRES(m_lock);
     // Of the acknowledgement up to that number.
     void TakeAcknowledged(std::uint64_t seq) RQ_REQUIRES(m_lock);
     // WELCOME has named the folder for it.
@@ -105,7 +108,7 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     // To the file, what no engine has acknowledged.
     void SpoolFinal() noexcept RQ_REQUIRES(m_lock);
 
-    // The newest final status, until it is acknowledged; only where the engine has named a folder for it.
+    // A final status, until it is acknowledged; only where the engine has named a folder for it.
     struct Final {
         std::uint64_t seq = 0;
         SpoolWriter::Body body;
@@ -133,7 +136,9 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     std::uint64_t m_connectionNumber RQ_GUARDED_BY(m_lock) = 0;  // the attempt that m_session came by
     bool m_disconnecting RQ_GUARDED_BY(m_lock) = false;
     FinalWaits m_finals RQ_GUARDED_BY(m_lock);
-    std::optional<Final> m_final RQ_GUARDED_BY(m_lock);
+    // Oldest first, each once however often it is sent. The engine goes by the first one, so that is what the
+    // file holds.
+    std::deque<Final> m_unacknowledged RQ_GUARDED_BY(m_lock);
     std::string m_spoolFolder RQ_GUARDED_BY(m_lock);
     std::uint64_t m_spooled RQ_GUARDED_BY(m_lock) =
         0;  // the newest given to m_spool, until it is acknowledged

@@ -1,5 +1,6 @@
 // What the engine client does while its session is interrupted, and with a final status that nobody
 // acknowledges.
+#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -60,10 +61,18 @@ void EngineClient::TellResumed(const Resumed& resumed) noexcept try {
 
 void EngineClient::TakeAcknowledged(std::uint64_t seq) {
     m_finals.Acknowledge(seq);
-    if (m_final && m_final->seq <= seq) m_final.reset();
+    while (!m_unacknowledged.empty() && m_unacknowledged.front().seq <= seq) m_unacknowledged.pop_front();
     if (m_spooled == 0 || m_spooled > seq) return;
     m_spooled = 0;
     m_spool.Acknowledge(seq);
+    SpoolFinal();
+}
+
+void EngineClient::Remember(std::uint64_t seq, SpoolWriter::Body body) {
+    constexpr std::size_t kMost = 16;
+    const bool isRepeat = std::any_of(m_unacknowledged.begin(), m_unacknowledged.end(),
+                                      [&](const Final& other) { return *other.body == *body; });
+    if (!isRepeat && m_unacknowledged.size() < kMost) m_unacknowledged.push_back({seq, std::move(body)});
 }
 
 // What stands in another folder stays there, as after a loss.
@@ -74,9 +83,10 @@ void EngineClient::BeginSpool() {
 }
 
 void EngineClient::SpoolFinal() noexcept try {
-    if (!m_final) return;
-    m_spooled = m_final->seq;
-    m_spool.Keep(m_final->seq, m_final->body);
+    if (m_unacknowledged.empty()) return;
+    const Final& oldest = m_unacknowledged.front();
+    m_spooled = oldest.seq;
+    m_spool.Keep(oldest.seq, oldest.body);
 } catch (const std::bad_alloc&) {
     // It is still sent, and another try is made when the next wait for its acknowledgement has run out.
 }
