@@ -37,10 +37,10 @@ def setUpModule():
     subprocess.run(command, check=True, stdin=subprocess.DEVNULL, timeout=100)
 
 
-def text_of(target, preset):
+def text_of(target, preset, more=""):
     return ("<TranscodeTask><ID>%s</ID><Source><Path>%s</Path></Source><Target><Path>%s</Path><Container>mp4</Container>"
-            "<Video><Codec>h264</Codec><Preset>%s</Preset></Video></Target></TranscodeTask>"
-            % (os.path.basename(target), peer.as_seen(clip), peer.as_seen(target), preset))
+            "<Video><Codec>h264</Codec><Preset>%s</Preset>%s</Video></Target></TranscodeTask>"
+            % (os.path.basename(target), peer.as_seen(clip), peer.as_seen(target), preset, more))
 
 
 def bytes_of(path):
@@ -84,9 +84,9 @@ class Restarts(unittest.TestCase):
         for pid in workers_of(engine):
             os.kill(pid, signal.SIGKILL)
 
-    def submit(self, engine, number, preset=FAST):
+    def submit(self, engine, number, preset=FAST, more=""):
         target = os.path.join(self.targets, "%d.mp4" % number)
-        code, answer = engine.ask("POST", "/tasks", {"type": "tc", "text": text_of(target, preset)})
+        code, answer = engine.ask("POST", "/tasks", {"type": "tc", "text": text_of(target, preset, more)})
         self.assertEqual(code, 201, answer)
         return answer["id"], target
 
@@ -165,10 +165,11 @@ class Restarts(unittest.TestCase):
 
     def test_without_an_engine_nothing_stays(self):
         engine = self.engine("resume_s = 2", "attempts = 1")
-        task, target = self.submit(engine, 1, "veryslow")
+        # Longer than its window by far.
+        task, target = self.submit(engine, 1, SLOW, "<Width_px>1920</Width_px><Height_px>1080</Height_px>")
         engine.wait_for_task(task, lambda found: found["state"] == "running", 30)
         engine.kill()
-        time.sleep(0.5)
+        time.sleep(0.3)
         self.assertTrue(workers_of(engine), "the worker waits")
         wait_until(lambda: not workers_of(engine), 40, "the worker is gone after its window")
         self.assertEqual(os.listdir(self.targets), [])
