@@ -8,6 +8,7 @@
 #include "base/text.h"
 #include "engine/json.h"
 #include "engine/submission_fields.h"
+#include "engine/task_secrets.h"
 #include "records/task_codes.h"
 
 namespace rq::engine {
@@ -93,11 +94,20 @@ Checked<std::int32_t> ParseType(const json& value) {
                                 std::to_string(kLargestType));
 }
 
+std::optional<FieldError> SecretIn(const std::string& field, const std::string& text) {
+    const auto secret = FindSecret(text);
+    if (!secret) return std::nullopt;
+    return BadField(field, "line " + std::to_string(secret->line) + ": " + secret->what +
+                               " is not taken, since what is submitted is stored and shown; keep secrets in "
+                               "a file that only the workers' user can read, and refer to them by a name");
+}
+
 Checked<std::string> ParseText(const json& value) {
     if (!value.is_string()) return BadField("text", "must be a text");
     const auto& text = value.get_ref<const std::string&>();
     if (text.empty()) return BadField("text", "must not be empty");
     if (text.find('\0') != std::string::npos) return BadField("text", "must not hold U+0000");
+    if (auto secret = SecretIn("text", text)) return *secret;
     return text;
 }
 
@@ -109,6 +119,7 @@ Checked<std::string> ParseName(const json& value) {
     const auto isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; };
     if (std::any_of(name.begin(), name.end(), isControl))
         return BadField("name", "must not hold control characters");
+    if (auto secret = SecretIn("name", name)) return *secret;
     return name;
 }
 

@@ -8,6 +8,7 @@
 #include "engine/json.h"
 #include "engine/version.h"
 #include "platform/identity.h"
+#include "platform/private_check.h"
 #include "platform/process.h"
 
 namespace rq::engine {
@@ -15,6 +16,7 @@ namespace rq::engine {
 namespace {
 
 constexpr std::size_t kTokenBytes = 32;
+constexpr std::uint64_t kTokenFileLimit_bytes = 4096;
 
 bool IsToken(const std::string& text) {
     return text.size() == 2 * kTokenBytes && text.find_first_not_of("0123456789abcdef") == std::string::npos;
@@ -35,6 +37,8 @@ Result<std::unique_ptr<DataFolder>> DataFolder::Open(const std::string& path) {
     platform::OsError error;
     if (!platform::CreatePrivateFolder(path, &error))
         return Fail("the data folder cannot be made: " + error.message);
+    if (const auto trouble = platform::FolderPrivacyTrouble(path))
+        return Fail("the data folder " + *trouble + ", or name another with --data");
     std::unique_ptr<DataFolder> folder(new DataFolder(path));
     if (auto locked = folder->TakeLock(); !locked) return locked.error();
     if (auto taken = folder->TakeToken(); !taken) return taken.error();
@@ -52,7 +56,13 @@ Result<void> DataFolder::TakeLock() {
 Result<void> DataFolder::TakeToken() {
     const std::string file = File("engine.token");
     platform::OsError error;
-    if (const auto text = platform::ReadWholeFile(file)) {
+    std::error_code unknown;
+    const auto status = std::filesystem::symlink_status(PathFromUtf8(file), unknown);
+    if (status.type() != std::filesystem::file_type::not_found) {
+        if (const auto trouble = platform::FilePrivacyTrouble(file))
+            return Fail("the token is no secret: " + *trouble + "; without the file a new token is made");
+    }
+    if (const auto text = platform::ReadWholeFile(file, &error, kTokenFileLimit_bytes)) {
         m_token = WithoutLineEnd(*text);
         if (IsToken(m_token)) return {};
         return Fail(file + ": not a token (64 hexadecimal digits); remove the file, and a new one is made");

@@ -42,6 +42,8 @@ Result<void> MakeStoreFile(const std::string& path) {
     // Under its name there is either no store or a whole one, whenever the process ends.
     const std::string made = path + ".new";
     Remove(made);
+    platform::OsError error;  // what the database makes beside its file has the rights of that
+    if (!platform::CreatePrivateFile(made, "", &error)) return Fail(error.message);
     {
         auto database = Database::Open(made);
         if (!database) return database.error();

@@ -6,6 +6,9 @@
 
 namespace rq::platform {
 
+// "S-1-5-21-..." of the user of this process; empty on failure.
+std::wstring UserSid();
+
 class PrivateAccess {
   public:
     PrivateAccess();

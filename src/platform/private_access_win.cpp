@@ -7,9 +7,6 @@
 
 namespace rq::platform {
 
-namespace {
-
-// "S-1-5-21-..." of the user; empty on failure.
 std::wstring UserSid() {
     HANDLE raw = nullptr;
     if (!::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, &raw)) return {};
@@ -24,8 +21,6 @@ std::wstring UserSid() {
     ::LocalFree(text);
     return sid;
 }
-
-}  // namespace
 
 PrivateAccess::PrivateAccess() {
     m_attributes.nLength = sizeof m_attributes;

@@ -20,7 +20,7 @@ Node::Node(bool startEngine, int attempts) : m_attempts(attempts) {
     // Progress each second, so that a test sees some.
     kit::ReplaceElementText(Stage() / "actor.xml", "ProgressReportInterval", "1");
     // Workers end with their engine.
-    fs::create_directories(Data());
+    platform::CreatePrivateFolder(Utf8FromPath(Data()));
     std::ofstream(Data() / "engine.toml") << "[limits]\nresume_s = 0\n";
     if (startEngine) StartEngine();
 }

@@ -81,7 +81,7 @@ TEST(Upkeep, WhatIsNoLongerKeptGoesWhenAsked) {
 
 TEST(Upkeep, ABundleHasWhatThereIsAndNoSecrets) {
     Node node;
-    const std::string task = node.SubmitText("mc", "<MD5Task><Password>hush hush</Password></MD5Task>");
+    const std::string task = node.SubmitText("mc", "<MD5Task><Token>hush hush</Token></MD5Task>");
     node.WaitForEnd(task);
     const fs::path bundle = node.Folder().Path() / "bundle.tar.gz",
                    folder = node.Folder().Path() / "unpacked";
@@ -104,7 +104,7 @@ TEST(Upkeep, ABundleHasWhatThereIsAndNoSecrets) {
     ASSERT_EQ(logs.size(), 1u);
     all += kit::ReadText(logs[0]);
     EXPECT_EQ(kit::FindFiles(folder / "attempt-1", ".out").size(), 1u);
-    EXPECT_THAT(all, HasSubstr("<Password>***</Password>"));
+    EXPECT_THAT(all, HasSubstr("<Token>***</Token>"));
     EXPECT_THAT(all, testing::Not(HasSubstr("hush")));
     EXPECT_THAT(all, testing::Not(HasSubstr(node.Token())));
 }

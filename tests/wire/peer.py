@@ -537,10 +537,12 @@ class EnginePlace:
 class RealEngine:
     """rqengine with a data folder of its own. Unless its configuration says otherwise a session ends with its connection."""
 
+    BEFORE = []  # of the command line
+
     def __init__(self, stage, config="[limits]\nresume_s = 0\n"):
         self.stage = stage
         self.data = os.path.join(stage.new_folder(), "data")
-        os.mkdir(self.data)
+        os.mkdir(self.data, 0o700)
         with open(os.path.join(self.data, "engine.toml"), "w", encoding="utf-8") as file:
             file.write(config)
         self.process = None
@@ -552,7 +554,7 @@ class RealEngine:
         before = os.stat(facts).st_mtime_ns if os.path.exists(facts) else None
         output = open(os.path.join(self.stage.new_folder(), "output"), "wb")
         self.process = subprocess.Popen(
-            program(self.stage.folder, "rqengine") +
+            self.BEFORE + program(self.stage.folder, "rqengine") +
             ["--data", as_seen(self.data), "--port", "0", "--http-port", "0"],
             stdin=subprocess.DEVNULL, stdout=output, stderr=output)
         output.close()

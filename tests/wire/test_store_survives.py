@@ -106,7 +106,7 @@ class StoreSurvives(unittest.TestCase):
         self.data = os.path.join(self.stage.new_folder(), "data")
 
     def engine_on(self):
-        os.makedirs(self.data, exist_ok=True)
+        os.makedirs(self.data, 0o700, exist_ok=True)
         with open(os.path.join(self.data, "engine.toml"), "w", encoding="ascii") as file:
             file.write('[engine]\nmax_workers = 2\n[store]\ndurability = "%s"\n' % DURABILITY)
         engine = peer.RealEngine.__new__(peer.RealEngine)
