@@ -86,6 +86,7 @@ class Scheduler final : public SessionHost {
         bool resumeSent = false;  // the same
         bool saidBye = false;
         bool exitNoted = false;
+        int spoolTries = 0;
         std::optional<std::uint32_t> lastStatus;
         std::shared_ptr<Session> session;
         std::uint32_t sessionId = 0;        // of the session, interrupted or not; 0: none

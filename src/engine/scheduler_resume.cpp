@@ -13,6 +13,8 @@ namespace {
 
 // An interrupted session with so many orders takes no more.
 constexpr std::size_t kMaxKept = 1000;
+// Once a second: as long as another program may hold a file, or the system be out of descriptors.
+constexpr int kMaxSpoolTries = 60;
 
 std::string NameOfOutput(const std::string& output) {
     return output.empty() ? "" : Utf8FromPath(PathFromUtf8(output).stem());
@@ -227,7 +229,17 @@ void Scheduler::GiveStanding(Run& run, const OpenAttempt& attempt) {
 // ---- the spool ----
 
 bool Scheduler::TakeSpool(Run& run) {
-    const auto status = m_spool.Read(run.claim.token);
+    const auto read = m_spool.Read(run.claim.token);
+    if (!read) {
+        if (++run.spoolTries < kMaxSpoolTries) {
+            m_log.Warn(run.claim.id + ": the spool cannot be read now: " + read.error().message);
+            return false;
+        }
+        m_log.Warn(run.claim.id + ": the spool is given up: " + read.error().message);
+        m_spool.GiveUp(run.claim.token);
+        return true;
+    }
+    const auto& status = *read;
     if (!status) return true;
     m_log.Info(run.claim.id + ": its worker left a final status in the spool");
     bool taken = true;
@@ -240,7 +252,12 @@ bool Scheduler::TakeSpool(Run& run) {
 void Scheduler::SweepSpool() {
     for (const auto& attempt : m_spool.Attempts()) {
         if (Find(attempt) != nullptr) continue;
-        const auto status = m_spool.Read(attempt);
+        const auto read = m_spool.Read(attempt);
+        if (!read) {  // the next start tries again
+            m_log.Warn(read.error().message);
+            continue;
+        }
+        const auto& status = *read;
         if (status && !TakeTwinRecord(attempt, status->message))
             m_log.Warn("the final status of attempt " + attempt +
                        " in the spool belongs to none that is known");

@@ -4,6 +4,7 @@
 #include <set>
 
 #include "base/paths.h"
+#include "platform/error_text.h"
 #include "platform/files.h"
 
 namespace rq::engine {
@@ -28,22 +29,35 @@ std::string Spool::File(const std::string& attempt, std::string_view ending) con
     return Utf8FromPath(PathFromUtf8(m_folder) / PathFromUtf8(attempt + std::string(ending)));
 }
 
-std::optional<link::SpooledStatus> Spool::Read(const std::string& attempt) {
-    if (m_folder.empty() || !link::IsSpoolAttempt(attempt)) return std::nullopt;
+Result<std::optional<link::SpooledStatus>> Spool::Read(const std::string& attempt) {
+    using Nothing = std::optional<link::SpooledStatus>;
+    if (m_folder.empty() || !link::IsSpoolAttempt(attempt)) return Nothing();
     const std::string file = File(attempt, link::kSpoolEnding);
     std::error_code failed;
-    if (!fs::is_regular_file(PathFromUtf8(file), failed)) return std::nullopt;
-    platform::OsError error;
-    const auto bytes = platform::ReadWholeFile(file, &error, link::kSpoolLimit_bytes);
-    std::string trouble = error.message;
-    if (bytes) {
+    const auto kind = fs::status(PathFromUtf8(file), failed).type();
+    if (kind == fs::file_type::not_found) return Nothing();
+    if (kind == fs::file_type::none) return Fail(file + ": " + platform::ErrorText(failed));
+    const auto size_bytes = fs::file_size(PathFromUtf8(file), failed);
+    const bool isFile = kind == fs::file_type::regular;
+    std::string trouble = isFile ? "it is too large" : "it is no file";
+    if (isFile && (failed || size_bytes <= link::kSpoolLimit_bytes)) {
+        platform::OsError error;
+        const auto bytes = platform::ReadWholeFile(file, &error, link::kSpoolLimit_bytes);
+        if (!bytes) return Fail(error.message);
         auto status = link::DecodeSpoolFile(*bytes);
-        if (status) return std::move(*status);
+        if (status) return Nothing(std::move(*status));
         trouble = status.error().message;
     }
     m_log.Warn(file + ": no final status can be read from it: " + trouble);
-    fs::rename(PathFromUtf8(file), PathFromUtf8(File(attempt, link::kSpoolBadEnding)), failed);
-    return std::nullopt;
+    GiveUp(attempt);
+    return Nothing();
+}
+
+void Spool::GiveUp(const std::string& attempt) {
+    if (m_folder.empty() || !link::IsSpoolAttempt(attempt)) return;
+    std::error_code ignored;
+    fs::rename(PathFromUtf8(File(attempt, link::kSpoolEnding)),
+               PathFromUtf8(File(attempt, link::kSpoolBadEnding)), ignored);
 }
 
 void Spool::Remove(const std::string& attempt) {

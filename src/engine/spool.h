@@ -20,8 +20,10 @@ class Spool {
     // Empty when the folder could not be made.
     const std::string& Folder() const { return m_folder; }
     // The status that the attempt's worker left; nothing when there is none. A damaged file is logged and
-    // renamed.
-    std::optional<link::SpooledStatus> Read(const std::string& attempt);
+    // renamed; an error when it cannot be read at present.
+    Result<std::optional<link::SpooledStatus>> Read(const std::string& attempt);
+    // One that cannot be read for long counts as damaged.
+    void GiveUp(const std::string& attempt);
     // What is left of the attempt, except a damaged file.
     void Remove(const std::string& attempt);
     // Whose files there are.

@@ -147,7 +147,7 @@ Result<void> Store::Reply(const std::string& token, std::uint32_t id, const std:
             .Bind(std::int64_t{id} - 1)
             .Run();
         if (id == TCP_TASK_UPDATE_REPLY_ID)
-            m_database->Prepare("UPDATE attempts SET text_asked = 0 WHERE id = ?1")
+            m_database->Prepare("UPDATE attempts SET text_asked = MAX(text_asked - 1, 0) WHERE id = ?1")
                 .Bind(holder.attempt)
                 .Run();
         // A worker that was told to pause or go on reports no status: its answer tells.

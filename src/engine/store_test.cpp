@@ -234,6 +234,8 @@ TEST_F(StoreTest, OpenAttemptsAreThereForTheNextEngine) {
     ASSERT_TRUE(m_store->Status(claim.token, kTaskRunning));
     ASSERT_TRUE(m_store->Suspend(key, "api"));
     ASSERT_TRUE(m_store->Update(key, "api", "<New/>"));
+    ASSERT_TRUE(m_store->Update(key, "api", "<Newer/>"));
+    ASSERT_TRUE(m_store->Reply(claim.token, TCP_TASK_UPDATE_REPLY_ID, "{}"));  // to the first of them
     ASSERT_TRUE(m_store->RememberLinkPort(4321));
     Open();
     EXPECT_EQ(m_store->LinkPort().value(), 4321);
