@@ -508,7 +508,7 @@ class Spool(WorkerCase):
         frame = self.spooled(folder, "a-1")
         self.assertEqual((frame.seq, frame.ack, frame.id, frame.body), (final.seq, 0, final.id, final.body))
         link, hello = engine.accept_resuming(link)
-        engine.continue_session(link, hello, final.seq - 1)
+        engine.continue_session(link, hello, final.seq - 1, spool_folder=peer.as_seen(folder))
         again = link.wait_for(is_final)
         self.assertEqual((again.seq, again.body), (final.seq, final.body))
         link.acknowledge()
