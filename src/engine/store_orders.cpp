@@ -172,7 +172,9 @@ Result<OrderOutcome> Store::Update(std::int64_t task, const std::string& by, con
             Tell(outcome, true, "updated", ordered.id + " has the new text");
             return;
         }
-        m_database->Prepare("UPDATE attempts SET text_asked = text_asked + 1 WHERE id = ?1").Bind(ordered.attempt).Run();
+        m_database->Prepare("UPDATE attempts SET text_asked = text_asked + 1 WHERE id = ?1")
+            .Bind(ordered.attempt)
+            .Run();
         Tell(outcome, true, "requested", ordered.id + " is told the new text");
         outcome.send = true;
     });
