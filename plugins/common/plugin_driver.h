@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <chrono>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -43,8 +44,9 @@ class PluginDriver : public testing::Test {
         m_host.contractVersion = RQ_CONTRACT_VERSION;
         m_host.context = this;
         m_host.log = [](void* self, std::int32_t level, RQText text) {
-            static_cast<PluginDriver*>(self)->m_log.push_back(std::to_string(level) + " " +
-                                                              std::string(plugin::View(text)));
+            auto& driver = *static_cast<PluginDriver*>(self);
+            const std::lock_guard<std::mutex> lock(driver.m_logMutex);
+            driver.m_log.push_back(std::to_string(level) + " " + std::string(plugin::View(text)));
         };
         m_description = RQWorkerDescribe(&m_host);
         EXPECT_EQ(RQWorkerInit(nullptr), 0);
@@ -155,6 +157,7 @@ class PluginDriver : public testing::Test {
     int m_signsOfLife = 0;
     std::function<void()> m_onProgress;
     std::function<void()> m_onSignOfLife;
+    std::mutex m_logMutex;  // a library's threads may log too
     std::vector<std::string> m_log;
 };
 

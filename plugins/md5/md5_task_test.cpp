@@ -3,11 +3,9 @@
 #include "md5_task.h"
 
 #include <gtest/gtest.h>
-#include <sstream>
 
-#include "base/paths.h"
-#include "kit/child.h"
 #include "kit/os.h"
+#include "plugin_common/task_documentation.h"
 
 namespace rq::md5 {
 namespace {
@@ -83,63 +81,19 @@ TEST(Md5TaskText, KeepsTheIdOfARefusedText) {
 
 // ---- the documentation ----
 
-enum class Kind { kGood, kRefused, kMixed };
-struct Example {
-    Kind kind = Kind::kGood;
-    std::string error;  // what the reader says
-    std::string text;
-    int line = 0;  // in the page
-};
-
-// Fenced blocks that begin with ```xml, ```xml refused "..." or ```xml mixed "...".
-std::vector<Example> ReadExamples(const std::string& page) {
-    std::vector<Example> examples;
-    std::istringstream lines(page);
-    int number = 0;
-    bool inside = false;
-    for (std::string line; std::getline(lines, line);) {
-        ++number;
-        if (inside && line == "```") {
-            inside = false;
-        } else if (inside) {
-            examples.back().text += line + "\n";
-        } else if (line.rfind("```xml", 0) == 0) {
-            inside = true;
-            Example& example = examples.emplace_back();
-            example.line = number;
-            if (line.find(" refused ") != std::string::npos) example.kind = Kind::kRefused;
-            if (line.find(" mixed ") != std::string::npos) example.kind = Kind::kMixed;
-            if (const std::size_t quote = line.find('"'); quote != std::string::npos)
-                example.error = line.substr(quote + 1, line.rfind('"') - quote - 1);
-        }
-    }
-    return examples;
-}
-
-// Whether xmllint finds the text valid against the schema.
-bool SchemaTakes(const std::string& text) {
-    const kit::TempDir dir;
-    const std::string file = Utf8FromPath(dir.Write("example.xml", text));
-    kit::Child xmllint(RQ_XMLLINT, {"--nonet", "--noout", "--schema", RQ_TASK_DOCS "/md5.xsd", file});
-    // 0 valid; 3 not valid. Anything else is xmllint's or the schema's own trouble.
-    const int code = xmllint.ExitCode();
-    EXPECT_TRUE(code == 0 || code == 3) << code << xmllint.Errors();
-    return code == 0;
-}
-
 TEST(Md5Documentation, EveryExampleIsWhatThePageSays) {
-    const std::vector<Example> examples = ReadExamples(kit::ReadText(RQ_TASK_DOCS "/md5.md"));
+    const auto examples = task::ReadExamples(RQ_TASK_DOCS "/md5.md");
     ASSERT_GE(examples.size(), 9u);
-    for (const Example& example : examples) {
+    for (const task::Example& example : examples) {
         EXPECT_EQ(ErrorOf(example.text), example.error) << "block in line " << example.line;
-        EXPECT_EQ(example.kind == Kind::kGood, example.error.empty()) << "block in line " << example.line;
+        EXPECT_NE(example.isRefused, example.error.empty()) << "block in line " << example.line;
     }
 }
 
 TEST(Md5Documentation, TheSchemaTakesEveryExampleButTheRefusedOnes) {
     if (kit::IsWine()) GTEST_SKIP() << "xmllint is a program of the system below Wine";
-    for (const Example& example : ReadExamples(kit::ReadText(RQ_TASK_DOCS "/md5.md")))
-        EXPECT_EQ(SchemaTakes(example.text), example.kind != Kind::kRefused)
+    for (const task::Example& example : task::ReadExamples(RQ_TASK_DOCS "/md5.md"))
+        EXPECT_EQ(task::SchemaTakes("md5.xsd", example.text), example.schemaTakes)
             << "block in line " << example.line;
 }
 
@@ -168,7 +122,8 @@ TEST(Md5Documentation, SchemaAndReaderAgree) {
             file + "</Files></MD5Task>",
         "<Md5Task/>",
     };
-    for (const std::string& text : texts) EXPECT_EQ(SchemaTakes(text), ErrorOf(text).empty()) << text;
+    for (const std::string& text : texts)
+        EXPECT_EQ(task::SchemaTakes("md5.xsd", text), ErrorOf(text).empty()) << text;
 }
 
 }  // namespace

@@ -412,9 +412,9 @@ TEST_F(TranscodePlugin, TellsProgressAndTakesACancelWhileTheEncoderEmpties) {
     const std::string text = TaskText(clip, Target("made.mp4"), Video("h264", "<Preset>veryslow</Preset>"));
     ExpectDone(text);
     ExpectWholeProgress();
-    const auto between = std::count_if(m_progress.begin(), m_progress.end(), [](const ProgressCall& call) {
-        return call.done > 0 && call.done < call.total;
-    });
+    const auto between =
+        std::count_if(m_progress.begin(), m_progress.end(),
+                      [](const task::ProgressCall& call) { return call.done > 0 && call.done < call.total; });
     EXPECT_GE(between, 3);
     Remove(Target("made.mp4"));
     m_onProgress = [&] {

@@ -19,23 +19,10 @@
 #include "base/paths.h"
 #include "kit/child.h"
 #include "kit/temp_dir.h"
+#include "plugin_common/plugin_driver.h"
 #include "rqworker/plugin.hpp"
 
-extern "C" {
-const RQPluginDescription* RQWorkerDescribe(const RQHostServices* host);
-int32_t RQWorkerInit(const void* parameter);
-int32_t RQWorkerAnalyseTask(RQText taskText, TaskInfo** taskInfo);
-int32_t RQWorkerPerformTask(TaskInfo* taskInfo, const volatile uint32_t* stopFlag,
-                            RQProgressCallback progress, void* context, const RQRunningParameter* parameter);
-int32_t RQWorkerRelease(void);
-}
-
 namespace rq::transcode {
-
-struct ProgressCall {
-    std::int64_t total;
-    std::int64_t done;
-};
 
 // The words of a command as a shell takes them apart: blanks part them, quotes of either kind hold them
 // together.
@@ -79,32 +66,17 @@ inline std::string OutputOf(const std::string& command, const std::filesystem::p
            (withErrors ? child.Errors() : "");
 }
 
-class TranscodeDriver : public testing::Test {
+class TranscodeDriver : public task::PluginDriver {
   protected:
     TranscodeDriver() {
         std::filesystem::create_directory(m_dir.Path() / "out");
-        m_host.size = sizeof m_host;
-        m_host.contractVersion = RQ_CONTRACT_VERSION;
-        m_host.context = this;
-        m_host.log = [](void* self, std::int32_t level, RQText text) {
-            auto& driver = *static_cast<TranscodeDriver*>(self);
-            const std::lock_guard<std::mutex> lock(driver.m_logMutex);
-            driver.m_log.push_back(std::to_string(level) + " " + std::string(plugin::View(text)));
+        m_onSignOfLife = [this] {
+            if (m_onProgress) m_onProgress();
         };
-        m_description = RQWorkerDescribe(&m_host);
-        EXPECT_EQ(RQWorkerInit(nullptr), 0);
-    }
-    ~TranscodeDriver() override {
-        RQWorkerRelease();
-        RQWorkerDescribe(nullptr);
     }
 
-    std::string PathOf(const std::string& name) const { return m_dir.Utf8(name); }
     // The target of most tests, alone in its folder.
     std::string Target(const std::string& name) const { return m_dir.Utf8("out/" + name); }
-    std::string Write(const std::string& name, const std::string& bytes) const {
-        return Utf8FromPath(m_dir.Write(name, bytes));
-    }
     static std::string ReadWhole(const std::string& path) { return kit::ReadBytes(PathFromUtf8(path)); }
     static std::uintmax_t SizeOf(const std::string& path) {
         return std::filesystem::file_size(PathFromUtf8(path));
@@ -151,27 +123,6 @@ class TranscodeDriver : public testing::Test {
         return "<Audio><Codec>" + codec + "</Codec>" + more + "</Audio>";
     }
 
-    std::int32_t Analyse(const std::string& text) {
-        m_info = nullptr;
-        m_progress.clear();
-        return RQWorkerAnalyseTask(plugin::Borrow(text), &m_info);
-    }
-    void Perform() {
-        RQStore32(&m_info->status, RQ_STATUS_RUNNING);
-        RQWorkerPerformTask(
-            m_info, &m_stop,
-            [](std::int64_t total, std::int64_t done, void* self) {
-                auto& driver = *static_cast<TranscodeDriver*>(self);
-                if (total == 0) {
-                    ++driver.m_signsOfLife;
-                } else {
-                    driver.m_progress.push_back({total, done});
-                }
-                if (driver.m_onProgress) driver.m_onProgress();
-                return 0u;
-            },
-            this, nullptr);
-    }
     std::uint32_t Do(const std::string& text) {
         if (Analyse(text) != 0) {
             ADD_FAILURE() << LastLog();
@@ -197,8 +148,6 @@ class TranscodeDriver : public testing::Test {
         EXPECT_EQ(Made(), std::vector<std::string>{});
         EXPECT_EQ(LastLog(), "4 transcode: " + Detail());
     }
-    std::string Detail() const { return std::string(plugin::View(m_info->detailErrorText)); }
-    std::string Further() const { return std::string(plugin::View(m_info->furtherText)); }
     std::string LastLog() {
         const std::lock_guard<std::mutex> lock(m_logMutex);
         return m_log.empty() ? "" : m_log.back();
@@ -249,7 +198,7 @@ class TranscodeDriver : public testing::Test {
         ASSERT_FALSE(m_progress.empty());
         double last = 0;
         std::int64_t lastDone = 0;
-        for (const ProgressCall& call : m_progress) {
+        for (const task::ProgressCall& call : m_progress) {
             EXPECT_GE(call.done, lastDone);
             EXPECT_LE(call.done, call.total);
             const double percent = static_cast<double>(call.done) / static_cast<double>(call.total);
@@ -259,17 +208,6 @@ class TranscodeDriver : public testing::Test {
         }
         EXPECT_EQ(last, 1.0);
     }
-
-    kit::TempDir m_dir;
-    RQHostServices m_host{};
-    const RQPluginDescription* m_description = nullptr;
-    TaskInfo* m_info = nullptr;
-    volatile std::uint32_t m_stop = RQ_STOP_NONE;
-    std::vector<ProgressCall> m_progress;
-    int m_signsOfLife = 0;
-    std::function<void()> m_onProgress;
-    std::mutex m_logMutex;  // FFmpeg's threads log too
-    std::vector<std::string> m_log;
 };
 
 }  // namespace rq::transcode

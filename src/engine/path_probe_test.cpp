@@ -4,9 +4,9 @@
 
 #include <atomic>
 #include <future>
-#include <thread>
 #include <vector>
 
+#include "kit/files.h"
 #include "kit/temp_dir.h"
 
 namespace rq::engine {
@@ -56,10 +56,11 @@ TEST(PathProbe, NobodyWaitsForAShareThatIsAway) {
     EXPECT_EQ(ended, 0);
     back.set_value();
     // Until their places are free again.
-    for (bool isRefused = true; isRefused; std::this_thread::sleep_for(1ms)) {
-        isRefused = false;
-        ProbePath(io, "/", 20s, [&](const PathFacts& facts) { isRefused = !facts.isReached; });
-    }
+    EXPECT_TRUE(kit::WaitUntil([&] {
+        bool isRefused = false;
+        ProbePath(io, "/", 20s, [&](const PathFacts&) { isRefused = true; });
+        return !isRefused;  // that comes at once
+    }));
     EXPECT_EQ(ended, 4);
 }
 
