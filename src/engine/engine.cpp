@@ -16,6 +16,7 @@
 #include "engine/scheduler.h"
 #include "engine/version.h"
 #include "engine/worker_traces.h"
+#include "platform/file_limit.h"
 #include "platform/process.h"
 
 namespace rq::engine {
@@ -190,6 +191,7 @@ Result<void> EngineImpl::OpenStore() {
 }
 
 Result<void> EngineImpl::Listen() {
+    platform::RaiseFileLimit();
     m_links = std::make_unique<Listener>(
         m_io, m_settings.maxConnections, [this](Listener::Socket socket, std::function<void()> onGone) {
             std::make_shared<Session>(std::move(socket), *m_scheduler, m_settings, std::move(onGone))

@@ -27,8 +27,8 @@ class ResumeTest : public EngineTest {
         Start();
     }
     // A worker that was started by hand, in this process; the task that was made for it.
-    std::string Begin(LinkClient& worker) {
-        worker.SetProcess(platform::CurrentProcessId());
+    std::string Begin(LinkClient& worker, std::uint64_t process = platform::CurrentProcessId()) {
+        worker.SetProcess(process);
         EXPECT_TRUE(worker.Connect(m_engine->LinkPort()));
         EXPECT_EQ(worker.Greet(m_engine->Token(), ""), 0u);
         return Ask("GET", "/api/v1/tasks?limit=1")["tasks"][0]["id"];
@@ -336,6 +336,29 @@ TEST_F(ResumeTest, AWorkerWhoseStartWasNotRecordedIsTakenWhenItConnects) {
     EventsUntil(deaf, "worker-started");
     Restart([&] { Change("UPDATE attempts SET pid = NULL, process_mark = '', output = ''"); });
     AwaitState(deaf, "lost");
+}
+
+// As after an update from an engine that kept no marks.
+TEST_F(ResumeTest, AWorkerWhoseProcessNobodyKnowsIsWaitedFor) {
+    AllowAttempts(3);
+    Start();
+    const auto id = Submit("connect\nnotice job\nstatus 3\nresume\nsleep 300\nfinal 0\nbye\n");
+    AwaitState(id, "running");
+    Restart([&] { Change("UPDATE attempts SET process_mark = ''"); });
+    const json task = Ended(id);
+    EXPECT_EQ(task["state"], "finished");
+    EXPECT_EQ(task["attempts"], 1);
+    EXPECT_EQ(Count(EventsUntil(id, "worker-exited"), "resumed"), 1);
+}
+
+// Its number is one of another machine's, say.
+TEST_F(ResumeTest, AWorkerStartedByHandThatCannotBeFoundIsWaitedFor) {
+    Start();
+    LinkClient worker;
+    Begin(worker, 0);
+    ASSERT_TRUE(worker.WaitAck(worker.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskRunning))));
+    Restart();
+    EXPECT_EQ(Resume(worker), 0u);
 }
 
 TEST_F(ResumeTest, AWorkerThatNeverGotItsWelcomeBeginsAnew) {

@@ -48,14 +48,15 @@ class Launcher {
 
     Result<LaunchedWorker> Start(const Claim& claim, std::uint16_t linkPort);
     // A worker that an earlier run of the engine started, from now on as one of ours; `name` is that of its
-    // files. False: it has ended, and its files are concluded.
+    // files. False: it has ended, and its files are concluded. One of which nobody can say that is there.
     bool TakeOver(const std::string& token, const std::string& name, std::uint64_t processId,
                   const std::string& mark);
     // Tells the end of a process that is not ours to end. False: it has ended.
     bool Watch(const std::string& token, std::uint64_t processId, const std::string& mark);
     // The name of the files that were made for the attempt, when the store does not know it; empty: none.
     std::string NameOf(const Claim& claim) const;
-    // The worker and whatever it started. Nothing happens when it has ended, or is not ours to end.
+    // The worker and whatever it started. Nothing happens when it has ended, is not ours to end, or cannot be
+    // looked at now.
     void KillTree(const std::string& token);
     bool Has(const std::string& token) const { return m_workers.contains(token); }
     // Watched processes do not count.

@@ -14,6 +14,7 @@ namespace rq::engine {
 namespace {
 
 constexpr std::chrono::seconds kStoreRetry(1);
+constexpr std::chrono::seconds kKillRetry(5);
 constexpr std::chrono::seconds kStageRetry(2);
 constexpr int kHeartbeatsMissed = 3;
 
@@ -207,7 +208,13 @@ void Scheduler::Kill(Run& run, const std::string& rule, const std::string& reaso
     else if (run.external || !m_launcher.Has(run.claim.token))
         Settle(run);
     else
-        m_launcher.KillTree(run.claim.token);
+        KillTree(run, rule, reason);
+}
+
+void Scheduler::KillTree(Run& run, const std::string& rule, const std::string& reason) {
+    m_launcher.KillTree(run.claim.token);
+    // One that cannot be looked at now is left alone, and has not ended.
+    Arm(run, kKillRetry, [this, rule, reason](Run& late) { Kill(late, rule, reason); });
 }
 
 void Scheduler::OnExit(const std::string& token, const WorkerExit& exit) {

@@ -173,6 +173,7 @@ class Scheduler final : public SessionHost {
     void SendEnd(Run& run);
     // `rule` is the verdict in a word.
     void Kill(Run& run, const std::string& rule, const std::string& reason);
+    void KillTree(Run& run, const std::string& rule, const std::string& reason);
     void WatchHeartbeat(Run& run);
     void OnExit(const std::string& token, const WorkerExit& exit);
     // The attempt is over: says how it ended and lets it go.

@@ -167,10 +167,11 @@ void Scheduler::TakeOver(const OpenAttempt& attempt, std::vector<std::string>& g
         run.beatLimit = BeatLimit();
     }
     Report(m_store.Interrupted(token, "the engine ended while this attempt was open"), "a take-over");
-    const bool isThere = !attempt.processId ? true
-                         : run.external
-                             ? m_launcher.Watch(token, run.processId, run.processMark)
-                             : m_launcher.TakeOver(token, run.life.name, run.processId, run.processMark);
+    // Of one that was started by hand, and has no mark, nobody knows what its number stands for.
+    const bool isThere =
+        !attempt.processId ? true
+        : run.external ? run.processMark.empty() || m_launcher.Watch(token, run.processId, run.processMark)
+                       : m_launcher.TakeOver(token, run.life.name, run.processId, run.processMark);
     if (isThere) {
         AwaitTakenOver(run, attempt);
         return;
@@ -182,7 +183,10 @@ void Scheduler::TakeOver(const OpenAttempt& attempt, std::vector<std::string>& g
 void Scheduler::AwaitTakenOver(Run& run, const OpenAttempt& attempt) {
     m_log.Info(run.claim.id + ": " +
                (run.processId == 0 ? std::string("its worker may have been started")
-                                   : "worker " + std::to_string(run.processId) + " is still there"));
+                                   : "worker " + std::to_string(run.processId) +
+                                         (run.processMark.empty()
+                                              ? " may still be there: nobody can tell it from another process"
+                                              : " is still there")));
     if (attempt.session) {
         run.sessionId = *attempt.session;
         run.resumable = m_settings.resumeWindow.count() != 0 && !IsPackageType(run.claim.type);

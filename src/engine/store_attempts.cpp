@@ -96,7 +96,8 @@ Result<void> Store::Connected(const std::string& token, std::uint32_t session, s
         m_database
             ->Prepare(
                 "UPDATE attempts SET session = ?1, "
-                "process_mark = CASE WHEN pid IS NULL THEN ?6 ELSE process_mark END, "
+                "process_mark = CASE WHEN pid IS NULL OR (pid = ?2 AND process_mark = '') THEN ?6 "
+                "ELSE process_mark END, "
                 "pid = coalesce(pid, ?2), worker_version = ?3, "
                 "connected_us = ?4, last_seen_us = ?4 WHERE id = ?5")
             .Bind(std::int64_t{session})

@@ -14,9 +14,18 @@ namespace rq::platform {
 // Linux in which boot, too). Empty when there is none, or it cannot be looked at.
 std::string ProcessMark(std::uint64_t id);
 
-// The process with this id and mark; null when it has ended. `tree` is that of its ProcessSpec. On Linux the
-// exit status of what is not one's own child is unknown (ExitStatus::isKnown), and KillTree takes it to lead
-// its process group; after the process has ended it does nothing once another one has its id.
+enum class Presence {
+    Gone,  // there is no process with this id, or it is another one's now
+    There,
+    Unknown,  // somebody has the id, and who cannot be told: no mark, no descriptor left, no /proc, no right
+};
+Presence LookForProcess(std::uint64_t id, const std::string& mark);
+
+// The process with this id and mark; null when it is gone, or the id is none. One that cannot be looked at is
+// waited for until it is gone, and not ended before it is seen to be there. `tree` is that of its
+// ProcessSpec. On Linux the exit status of what is not one's own child is unknown (ExitStatus::isKnown), and
+// KillTree takes it to lead its process group; after the process has ended it does nothing once another one
+// has its id.
 std::unique_ptr<ChildProcess> FindProcess(std::uint64_t id, const std::string& mark,
                                           const std::string& tree = {});
 

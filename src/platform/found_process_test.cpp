@@ -28,7 +28,8 @@ TEST(FoundProcessTest, AProcessIsFoundByItsMarkAndEnded) {
     ASSERT_FALSE(mark.empty());
     EXPECT_EQ(ProcessMark(id), mark);
     EXPECT_EQ(FindProcess(id, mark + "1"), nullptr) << "another one that has its id";
-    EXPECT_EQ(FindProcess(id, ""), nullptr);
+    EXPECT_EQ(LookForProcess(id, mark), Presence::There);
+    EXPECT_EQ(LookForProcess(id, mark + "1"), Presence::Gone);
     started.reset();  // as if its starter had gone
 
     const auto found = FindProcess(id, mark, spec.tree);
@@ -42,12 +43,31 @@ TEST(FoundProcessTest, AProcessIsFoundByItsMarkAndEnded) {
     EXPECT_TRUE(found->Wait(milliseconds(0)));
     found->KillTree();
     EXPECT_EQ(ProcessMark(id), "");
+    EXPECT_EQ(LookForProcess(id, mark), Presence::Gone);
     EXPECT_EQ(FindProcess(id, mark, spec.tree), nullptr);
 }
 
 TEST(FoundProcessTest, NoProcessHasNoMark) {
     EXPECT_EQ(ProcessMark(0x7FFFFFF0), "");
+    EXPECT_EQ(LookForProcess(0x7FFFFFF0, "1"), Presence::Gone);
+    EXPECT_EQ(LookForProcess(0x7FFFFFF0, ""), Presence::Gone);
     EXPECT_EQ(FindProcess(0x7FFFFFF0, "1"), nullptr);
+}
+
+// Whoever has its id may be it: that one is waited for, and left alone.
+TEST(FoundProcessTest, WithoutAMarkOnlyItsEndIsSure) {
+    auto spec = Hanging();
+    spec.tree.clear();
+    auto started = ChildProcess::Start(spec);
+    ASSERT_NE(started, nullptr);
+    EXPECT_EQ(LookForProcess(started->Id(), ""), Presence::Unknown);
+    const auto found = FindProcess(started->Id(), "");
+    ASSERT_NE(found, nullptr);
+    found->KillTree();
+    found->RequestEnd();
+    EXPECT_FALSE(found->Wait(milliseconds(200)));
+    started->KillTree();
+    EXPECT_TRUE(found->Wait(kit::kPatience));
 }
 
 }  // namespace

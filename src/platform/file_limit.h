@@ -1,0 +1,11 @@
+// How many files and connections this process may have open. Any thread, at the start.
+#pragma once
+
+#include <cstdint>
+
+namespace rq::platform {
+
+// Raises the limit as far as the user may; what it is then. UINT64_MAX where there is none.
+std::uint64_t RaiseFileLimit();
+
+}  // namespace rq::platform
