@@ -116,6 +116,36 @@ std::string ListTable(const json& tasks) {
     return text;
 }
 
+std::string ExplainText(const json& answer) {
+    std::string text = Harmless(Field(answer, "summary")) + "\n";
+    const auto part = [&](const char* head, const json& list) {
+        if (!list.empty()) text += std::string("\n") + head + "\n";
+        for (const auto& one : list) {
+            text += "  " + Field(one, "rule") + ": " + Harmless(Field(one, "text"));
+            if (one.contains("until") && !one["until"].is_null())
+                text += " (until " + Time(one, "until") + ")";
+            text += "\n";
+        }
+    };
+    part("why it waits, in the order of the rules", answer.value("waits", json::array()));
+    const json ahead = answer.value("ahead", json());
+    if (ahead.is_number() && ahead != 0)
+        text += "\n" + ahead.dump() + " queued tasks have their turn before it\n";
+    const json pace = answer.value("pace", json());
+    if (pace.is_object()) part("how fast it is", pace.value("findings", json::array()));
+    part("what decided", answer.value("because", json::array()));
+    const json history = answer.value("history", json::array());
+    if (!history.empty()) text += "\nhistory\n";
+    for (const auto& one : history) {
+        const std::string attempt = Field(one, "attempt");
+        text += "  " + Time(one, "time") + "  " + (attempt == "-" ? "" : "attempt " + attempt + ": ") +
+                Harmless(Field(one, "text")) + "\n";
+    }
+    if (answer.value("history_is_cut", false))
+        text += "  (older events are not shown, or not kept any more)\n";
+    return text;
+}
+
 std::string ShowText(const json& task, const json& events) {
     std::string text;
     AddLine(text, "id", Field(task, "id"));
@@ -124,6 +154,9 @@ std::string ShowText(const json& task, const json& events) {
     AddLine(text, "origin", Field(task, "origin"));
     AddLine(text, "state", Field(task, "state"));
     AddLine(text, "reason", Field(task, "reason"));
+    if (task.value("priority", 50) != 50) AddLine(text, "priority", Field(task, "priority"));
+    AddLine(text, "deadline", Time(task, "deadline"));
+    AddLine(text, "key", Field(task, "key"));
     AddLine(text, "percent", Percent(task));
     AddLine(text, "created", Time(task, "created"));
     AddLine(text, "started", Time(task, "started"));

@@ -1,6 +1,7 @@
 #include "ctl/commands.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <filesystem>
 #include <iostream>
 #include <iterator>
@@ -57,12 +58,36 @@ std::uintmax_t TotalSize(const std::vector<Md5Job>& jobs) {
 // What the engine takes.
 constexpr std::size_t kBodyLimit_bytes = 16u * 1024u * 1024u;
 
+// The fields of the API.
+json RunJson(const RunFields& run) {
+    json fields = json::object();
+    if (run.priority) fields["priority"] = *run.priority;
+    if (!run.notBefore.empty()) fields["not_before"] = run.notBefore;
+    if (!run.deadline.empty()) fields["deadline"] = run.deadline;
+    if (!run.deadlineAction.empty()) fields["deadline_action"] = run.deadlineAction;
+    if (run.memory_MiB) fields["memory_mib"] = *run.memory_MiB;
+    if (run.cores) fields["cores"] = *run.cores;
+    if (!run.volumes.empty()) fields["volumes"] = run.volumes;
+    if (!run.key.empty()) fields["key"] = run.key;
+    return fields;
+}
+
+// The ID inside the task's text. With a key it is the key's, so that the same submission has the same text.
+std::string TaskId(const std::string& lead, const RunFields& run) {
+    if (run.key.empty()) return lead + platform::RandomHex(8);
+    std::uint64_t sum = 0xCBF29CE484222325u;  // FNV-1a
+    for (const char c : run.key) sum = (sum ^ static_cast<unsigned char>(c)) * 0x100000001B3u;
+    char text[32];
+    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(sum));
+    return lead + text;
+}
+
 Outcome<int> Submit(const std::string& dataFolder, const std::string& type, const std::string& text,
-                    const std::string& name, const std::optional<Follow>& follow,
-                    std::uintmax_t work_bytes = 0) {
+                    const std::string& name, const SubmitOptions& options, std::uintmax_t work_bytes = 0) {
     auto engine = EngineAccess::Open(dataFolder);
     if (!engine) return engine.error();
-    const json body = {{"type", type}, {"text", text}, {"name", name}};
+    json body = RunJson(options.run);
+    body.update({{"type", type}, {"text", text}, {"name", name}});
     const std::string sent = body.dump();
     if (sent.size() > kBodyLimit_bytes)
         return Failure(
@@ -72,7 +97,9 @@ Outcome<int> Submit(const std::string& dataFolder, const std::string& type, cons
     const auto answer = (*engine)->Post("/api/v1/tasks", sent);
     if (!answer) return answer.error();
     const std::string id = answer->value("id", "");
-    if (follow) return WatchTask(**engine, id, *follow, work_bytes);
+    if (answer->value("repeated", false))
+        std::fprintf(stderr, "rqctl: %s has this key already; no task was made\n", id.c_str());
+    if (options.follow) return WatchTask(**engine, id, *options.follow, work_bytes);
     Print(id + "\n");
     return kExitFinished;
 }
@@ -104,27 +131,27 @@ Outcome<int> SubmitMd5(const std::string& dataFolder, const std::vector<std::str
                        const std::vector<std::string>& expected, const SubmitOptions& options) {
     const auto jobs = PrepareMd5Jobs(files, expected);
     if (!jobs) return Failure(kExitUsage, jobs.error().message);
-    const std::string xml = BuildMd5TaskXml("md5-" + platform::RandomHex(8), *jobs);
+    const std::string xml = BuildMd5TaskXml(TaskId("md5-", options.run), *jobs);
     const std::string name = options.name.empty() ? NameOf(*jobs) : options.name;
-    return Submit(dataFolder, expected.empty() ? "mc" : "mv", xml, name, options.follow, TotalSize(*jobs));
+    return Submit(dataFolder, expected.empty() ? "mc" : "mv", xml, name, options, TotalSize(*jobs));
 }
 
 Outcome<int> SubmitTranscode(const std::string& dataFolder, const TranscodeOptions& transcode,
                              const SubmitOptions& options) {
     const auto prepared = PrepareTranscode(transcode);
     if (!prepared) return Failure(kExitUsage, prepared.error().message);
-    const std::string xml = BuildTranscodeTaskXml("transcode-" + platform::RandomHex(8), *prepared);
+    const std::string xml = BuildTranscodeTaskXml(TaskId("transcode-", options.run), *prepared);
     const std::string name = options.name.empty()
                                  ? NameFrom(FileName(prepared->source) + " to " + FileName(prepared->target))
                                  : options.name;
-    return Submit(dataFolder, "tc", xml, name, options.follow);
+    return Submit(dataFolder, "tc", xml, name, options);
 }
 
 Outcome<int> SubmitText(const std::string& dataFolder, const std::string& type, const std::string& textFile,
                         const SubmitOptions& options) {
     const auto text = ReadText(textFile);
     if (!text) return text.error();
-    return Submit(dataFolder, type, *text, options.name, options.follow);
+    return Submit(dataFolder, type, *text, options.name, options);
 }
 
 Outcome<int> List(EngineAccess& engine, const ListOptions& options) {
@@ -184,6 +211,18 @@ Outcome<int> Update(EngineAccess& engine, const std::string& id, const std::stri
     if (!text) return text.error();
     const std::string body = json{{"text", *text}}.dump();
     return Tell(engine.Post("/api/v1/tasks/" + EncodeSegment(id) + "/update", body), asJson);
+}
+
+Outcome<int> SetPriority(EngineAccess& engine, const std::string& id, int priority, bool asJson) {
+    const std::string body = json{{"priority", priority}}.dump();
+    return Tell(engine.Post("/api/v1/tasks/" + EncodeSegment(id) + "/priority", body), asJson);
+}
+
+Outcome<int> Explain(EngineAccess& engine, const std::string& id, bool asJson) {
+    const auto answer = engine.Get("/api/v1/tasks/" + EncodeSegment(id) + "/explain");
+    if (!answer) return answer.error();
+    Print(asJson ? Dump(*answer, 2) : ExplainText(*answer));
+    return kExitFinished;
 }
 
 Outcome<int> DrainOrUndrain(EngineAccess& engine, const std::string& order, const std::string& type,

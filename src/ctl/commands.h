@@ -12,8 +12,17 @@
 
 namespace rq::ctl {
 
+// What a submission says of its turn, its times and what it takes; what is not given is left out.
+struct RunFields {
+    std::optional<int> priority;
+    std::string notBefore, deadline, deadlineAction, key;
+    std::optional<std::int64_t> memory_MiB, cores;
+    std::vector<std::string> volumes;
+};
+
 struct SubmitOptions {
     std::string name;
+    RunFields run = {};
     std::optional<Follow> follow;  // nothing: print the ID and go
 };
 
@@ -42,6 +51,8 @@ Outcome<int> Show(EngineAccess& engine, const std::string& id, const ShowOptions
 Outcome<int> GiveOrder(EngineAccess& engine, const std::string& order, const std::string& id, bool json);
 // `textFile` is a path, or "-" for standard input.
 Outcome<int> Update(EngineAccess& engine, const std::string& id, const std::string& textFile, bool json);
+Outcome<int> SetPriority(EngineAccess& engine, const std::string& id, int priority, bool json);
+Outcome<int> Explain(EngineAccess& engine, const std::string& id, bool asJson);
 // "drain" or "undrain", for all types when `type` is empty.
 Outcome<int> DrainOrUndrain(EngineAccess& engine, const std::string& order, const std::string& type,
                             bool json);
@@ -56,6 +67,7 @@ Outcome<int> Shutdown(EngineAccess& engine, bool cancel);
 
 // ---- their texts; pure ----
 std::string ListTable(const nlohmann::json& tasks);
+std::string ExplainText(const nlohmann::json& answer);
 std::string ShowText(const nlohmann::json& task, const nlohmann::json& events);
 
 }  // namespace rq::ctl

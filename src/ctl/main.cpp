@@ -1,208 +1,29 @@
 // rqctl: the command line.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 
 #include "base/paths.h"
 #include "ctl/bundle.h"
-#include "ctl/commands.h"
+#include "ctl/command_line.h"
+#include "ctl/completion.h"
 #include "ctl/error_names.h"
 #include "ctl/output.h"
 #include "ctl/replay.h"
+#include "ctl/watch_table.h"
 #include "platform/arguments.h"
 #include "platform/console.h"
-#include "platform/environment.h"
-#include "platform/identity.h"
 #include "platform/start_up.h"
 
 namespace {
 
 using namespace rq::ctl;
 
-struct CommandLine {
-    std::string dataFolder;
-    std::vector<std::string> files, expected;
-    std::string type, text, name, id, code, file;
-    std::uint32_t family = 0;
-    bool all = false;
-    bool cancel = false;
-    bool json = false;
-    std::string journal;
-    ReplayOptions replay;
-    int replayWait_s = 120;
-    bool wait = false, watch = false;
-    ListOptions list;
-    ShowOptions show;
-    TranscodeOptions transcode;
-};
-
-void AddSubmitOptions(CLI::App* command, CommandLine& line) {
-    command->add_option("--name", line.name, "A name for people, at most 200 bytes");
-    command->add_flag("--wait", line.wait, "Wait for the end and print the result");
-    command->add_flag("--watch", line.watch, "The same, with a progress bar");
-}
-
-// The values' texts go into the task as they are; the plug-in says what is wrong with them.
-void AddTranscode(CLI::App& submit, CommandLine& line) {
-    TranscodeOptions& to = line.transcode;
-    auto* command = submit.add_subcommand("transcode", "Make an MP4 or MKV file out of a media file");
-    command->fallthrough();
-    command->add_option("source", to.source, "File to read")->required()->type_name("SOURCE");
-    command->add_option("target", to.target, "File to make")->required()->type_name("TARGET");
-    command->add_option("--container", to.container, "mp4 or mkv; otherwise by TARGET's ending");
-    command->add_flag("--overwrite", to.overwrite, "Replace TARGET when it exists");
-    command->add_flag("--ignore-damage", to.ignoreDamage, "Go on after damage in SOURCE");
-    command->add_option("--in", to.in_s, "Where to begin, in seconds");
-    command->add_option("--out", to.out_s, "Where to end, in seconds");
-    command->add_option("--video", to.video,
-                        "h264, mpeg2video, copy or none; otherwise h264 if there is any");
-    command->add_option("--width", to.width_px, "Pixels, even; otherwise by the height or the source");
-    command->add_option("--height", to.height_px, "Pixels, even");
-    command->add_option("--fps", to.frameRate_fps, "Frames per second: 25, 23.976, 30000/1001");
-    command->add_option("--bitrate", to.videoBitRate_kbps, "Of the video, in 1000 bit/s");
-    command->add_option("--crf,--quality", to.quality,
-                        "Instead: h264 0 to 51, mpeg2video 1 to 31; less is better");
-    command->add_option("--preset", to.preset, "h264: ultrafast to placebo");
-    command->add_option("--gop", to.keyFrameInterval_frames, "Frames between pictures that stand alone");
-    command->add_option("--bframes", to.bFrames, "B frames in a row");
-    command->add_option("--audio", to.audio,
-                        "aac, pcm_s16le, pcm_s24le, copy or none; otherwise aac if there is any");
-    command->add_option("--rate", to.sampleRate_Hz, "Samples a second");
-    command->add_option("--channels", to.channels, "1 to 8");
-    command->add_option("--audio-bitrate", to.audioBitRate_kbps, "Of AAC, in 1000 bit/s");
-    AddSubmitOptions(command, line);
-}
-
-void AddSubmit(CLI::App& app, CommandLine& line) {
-    auto* submit = app.add_subcommand("submit", "Give the engine a task");
-    submit->fallthrough();
-    submit->add_option("--type", line.type, "Type code (mc, mv, tc, ...) or number of a raw task")
-        ->type_name("CODE");
-    submit->add_option("--text", line.text, "File with the task text of a raw task; - is standard input")
-        ->type_name("FILE");
-    AddSubmitOptions(submit, line);
-    auto* md5 = submit->add_subcommand("md5", "Compute the MD5 of files, or verify it with --expect");
-    md5->fallthrough();
-    md5->add_option("files", line.files, "Files; relative names are made absolute")
-        ->required()
-        ->type_name("FILE");
-    md5->add_option("--expect", line.expected, "Expected MD5, once for each file in the same order")
-        ->type_name("HEX")
-        ->allow_extra_args(false);
-    AddSubmitOptions(md5, line);
-    AddTranscode(*submit, line);
-}
-
-struct TaskOrder {
-    const char* name;
-    const char* meaning;
-};
-constexpr TaskOrder kTaskOrders[] = {
-    {"cancel", "End a task; what is done may be lost"},
-    {"suspend", "Pause a running task, or keep a queued one from being started"},
-    {"resume", "Let a suspended task go on"},
-    {"finish", "Stop a running task and keep what is done"},
-    {"retry", "Queue a failed, cancelled or lost task again"},
-    {"delete", "Remove an ended task with everything that is kept of it"},
-};
-
-void AddOrders(CLI::App& app, CommandLine& line) {
-    const auto add = [&](const char* name, const char* meaning) {
-        auto* command = app.add_subcommand(name, meaning);
-        command->add_flag("--json", line.json, "The answer as JSON");
-        command->fallthrough();
-        return command;
-    };
-    for (const auto& order : kTaskOrders)
-        add(order.name, order.meaning)->add_option("id", line.id, "Task ID")->required();
-    auto* update = add("update", "Give a queued, running or paused task another text");
-    update->add_option("id", line.id, "Task ID")->required();
-    update->add_option("--text", line.text, "File with the task text; - is standard input")
-        ->required()
-        ->type_name("FILE");
-    auto* drain = add("drain", "Start no further task, until undrain; what runs goes on");
-    auto* undrain = add("undrain", "Start tasks again; with --type also a type that failed too often");
-    for (auto* command : {drain, undrain})
-        command->add_option("--type", line.type, "Only tasks of this type: its code or number")
-            ->type_name("CODE");
-}
-
-void AddCommands(CLI::App& app, CommandLine& line) {
-    line.dataFolder = rq::platform::GetEnvironment("RQ_ENGINE_DATA")
-                          .value_or(rq::platform::DefaultDataFolder() + "/engine");
-    app.add_option("--data", line.dataFolder, "Data folder of the engine; also RQ_ENGINE_DATA")
-        ->type_name("DIR")
-        ->capture_default_str();
-    app.set_version_flag("--version", std::string("rqctl ") + RQ_VERSION);
-    app.require_subcommand(1);
-    AddSubmit(app, line);
-    auto* list = app.add_subcommand("list", "List tasks, newest first");
-    list->add_option("--state", line.list.states, "Only these states, separated by commas")
-        ->type_name("STATES");
-    list->add_option("--limit", line.list.limit, "How many at most")
-        ->check(CLI::Range(1, 1'000'000))
-        ->capture_default_str();
-    list->add_flag("--json", line.list.json, "As JSON");
-    auto* show = app.add_subcommand("show", "Show everything about a task");
-    show->add_option("id", line.id, "Task ID")->required();
-    show->add_flag("--json", line.show.json, "As JSON");
-    show->add_flag("--events", line.show.events, "With its events");
-    auto* watch = app.add_subcommand("watch", "Follow a task to its end and print the result");
-    watch->add_option("id", line.id, "Task ID")->required();
-    AddOrders(app, line);
-    auto* bundle =
-        app.add_subcommand("bundle", "Put everything about a task into one archive, without secrets");
-    bundle->add_option("id", line.id, "Task ID")->required();
-    bundle->add_option("--output", line.file, "File to make; otherwise ID-bundle.tar.gz here")
-        ->type_name("FILE");
-    auto* backup = app.add_subcommand("backup", "Copy the engine's store while it runs");
-    backup->add_option("file", line.file, "File to make")->required()->type_name("FILE");
-    auto* path = app.add_subcommand("path", "Paths of task texts on the engine's node");
-    path->require_subcommand(1);
-    path->fallthrough();
-    auto* pathTest = path->add_subcommand("test", "What becomes of a path, and whether it can be reached");
-    pathTest->fallthrough();
-    pathTest->add_option("path", line.file, "As it stands in a task text")->required()->type_name("PATH");
-    pathTest->add_flag("--json", line.json, "The answer as JSON");
-    auto* gc = app.add_subcommand("gc", "Remove what the engine's settings no longer keep");
-    gc->add_flag("--json", line.json, "As JSON");
-    auto* errorName =
-        app.add_subcommand("error-name", "Tell the name and text of a result code; needs no engine");
-    auto* code = errorName->add_option("code", line.code, "0x84100014, 2215641108 or -5")->type_name("CODE");
-    errorName
-        ->add_option("--family", line.family,
-                     "0 codec, 1 network, 3 inspection, 4 task; otherwise those that know it")
-        ->check(CLI::Range(0u, 4u))
-        ->needs(code);
-    errorName->add_flag("--all", line.all, "Every known code as CSV: family,code,name")->excludes(code);
-    auto* replay =
-        app.add_subcommand("replay", "Play the engine's side of a link journal to a worker; needs no engine");
-    replay->add_option("file", line.journal, "What a worker wrote with RQ_LINK_JOURNAL")
-        ->required()
-        ->type_name("FILE");
-    auto* print = replay->add_flag("--print", line.replay.print, "Only print the whole journal in words");
-    replay->add_option("--port", line.replay.port, "Port to wait on; otherwise a free one")
-        ->excludes(print)
-        ->type_name("PORT");
-    replay->add_option("--connection", line.replay.connection, "Which connection of the journal")
-        ->excludes(print)
-        ->capture_default_str();
-    replay->add_option("--wait", line.replayWait_s, "Seconds to wait for the worker's next message")
-        ->check(CLI::Range(1, 86'400))
-        ->capture_default_str();
-    auto* shutdown = app.add_subcommand(
-        "shutdown", "End the engine in good order; its workers go on, and wait for the next one for a while");
-    shutdown->add_flag("--cancel", line.cancel, "Cancel what runs, and end the workers with the engine");
-    for (auto* command : {list, show, watch, bundle, backup, gc, path, errorName, replay, shutdown})
-        command->fallthrough();
-    app.footer(
-        "Ends with 0 finished or done (also when nothing was left to do), 1 failed or lost, 2 wrong use, 3 "
-        "no engine, 4 cancelled, 5 the task's state does not allow the order.");
-}
-
 Outcome<int> RunSubmit(const CLI::App& submit, const CommandLine& line) {
     SubmitOptions options;
     options.name = line.name;
+    options.run = line.run;
     if (line.watch)
         options.follow = Follow::WithProgress;
     else if (line.wait)
@@ -244,23 +65,36 @@ Outcome<int> Run(const CLI::App& app, const CommandLine& line) {
         options.wait = std::chrono::seconds(line.replayWait_s);
         return Replay(line.journal, options);
     }
+    if (app.got_subcommand("completion")) {
+        const auto script = CompletionScript(app, line.shell);
+        if (!script)
+            return Failure(kExitUsage, "completion: \"" + line.shell + "\" is none of bash, zsh, powershell");
+        Print(*script);
+        return kExitFinished;
+    }
     if (app.got_subcommand("error-name")) return TellErrorName(*app.get_subcommand("error-name"), line);
     if (app.got_subcommand("submit")) return RunSubmit(*app.get_subcommand("submit"), line);
-    std::vector<const char*> ofATask = {"show", "watch", "update", "bundle"};
+    std::vector<const char*> ofATask = {"show", "explain", "priority", "update", "bundle"};
     for (const auto& order : kTaskOrders) ofATask.push_back(order.name);
     for (const char* command : ofATask) {
         if (app.got_subcommand(command) && line.id.empty())
             return Failure(kExitUsage,
                            std::string(command) + ": the task ID is empty; is a variable not set?");
     }
+    if (std::find(line.ids.begin(), line.ids.end(), "") != line.ids.end())
+        return Failure(kExitUsage, "watch: a task ID is empty; is a variable not set?");
     auto engine = EngineAccess::Open(line.dataFolder);
     if (!engine) return engine.error();
     if (app.got_subcommand("list")) return List(**engine, line.list);
     if (app.got_subcommand("show")) return Show(**engine, line.id, line.show);
-    if (app.got_subcommand("watch")) return WatchTask(**engine, line.id, Follow::WithProgress);
+    if (app.got_subcommand("explain")) return Explain(**engine, line.id, line.json);
+    if (app.got_subcommand("watch"))
+        return line.ids.size() == 1 && !line.json ? WatchTask(**engine, line.ids[0], Follow::WithProgress)
+                                                  : WatchTasks(**engine, line.ids, line.json);
     for (const auto& order : kTaskOrders) {
         if (app.got_subcommand(order.name)) return GiveOrder(**engine, order.name, line.id, line.json);
     }
+    if (app.got_subcommand("priority")) return SetPriority(**engine, line.id, line.priority, line.json);
     if (app.got_subcommand("update")) return Update(**engine, line.id, line.text, line.json);
     for (const char* order : {"drain", "undrain"}) {
         if (app.got_subcommand(order)) return DrainOrUndrain(**engine, order, line.type, line.json);

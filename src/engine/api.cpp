@@ -172,7 +172,7 @@ void Api::RouteProbe(const ApiRequest& request, const Target& target, const Repl
 void Api::RouteTask(const ApiRequest& request, const Target& target, const Reply& reply) {
     const std::string action = target.path.size() == 5 ? target.path[4] : "";
     auto order = OrderOf(action);
-    if (!action.empty() && !order && action != "events") {
+    if (!action.empty() && !order && action != "events" && action != "explain") {
         reply(UnknownPath());
         return;
     }
@@ -192,6 +192,8 @@ void Api::RouteTask(const ApiRequest& request, const Target& target, const Reply
                                   "no task has the ID \"" + target.path[3].substr(0, 60) + "\""));
     } else if (order) {
         reply(GiveOrder(request, **task, *order));
+    } else if (action == "explain") {
+        reply(Explain(*key));
     } else if (action == "events") {
         Events(*key, target, reply);
     } else {
@@ -234,6 +236,7 @@ ApiResponse Api::Health() {
                               {"workers", {{"running", facts.workers}, {"max", facts.maxWorkers}}},
                               {"tasks", tasks},
                               {"held", held},
+                              {"node", NodeJson(m_host.GetNodeFacts())},
                               {"drained", drained},
                               {"stopped", stopped},
                               {"log", facts.log}});
@@ -247,6 +250,10 @@ void Api::Submit(const ApiRequest& request, const Reply& reply) {
     auto task = ParseSubmission(request.body, m_store.NowTime());
     if (!task) {
         reply(FieldFault(task.error()));
+        return;
+    }
+    if (const auto fault = m_host.Accept(*task)) {
+        reply(FieldFault(*fault));
         return;
     }
     m_submitted.push_back(std::move(*task));

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "engine/api_request.h"
+#include "engine/node_facts.h"
 #include "engine/path_map.h"
 #include "engine/store.h"
 #include "engine/upkeep.h"
@@ -45,6 +46,9 @@ class ApiHost {
     virtual Result<bool> Drain(std::int32_t type) = 0;
     virtual Result<bool> GoOn(std::int32_t type) = 0;
     virtual std::vector<WaitReason> WhyWaits(const TaskRow& task) = 0;
+    // Volumes by name; refuses what could never start on this node.
+    virtual std::optional<FieldError> Accept(NewTask&) const { return std::nullopt; }
+    virtual NodeFacts GetNodeFacts() const { return {}; }
     // Why nothing can be accepted at present.
     virtual std::optional<std::string> SubmitTrouble() { return std::nullopt; }
     // Why queued tasks of this type cannot be started; nothing when they can.
@@ -106,6 +110,8 @@ class Api {
     void CommitSubmissions();
     ApiResponse List(const Target& target);
     ApiResponse Show(std::int64_t task);
+    // api_explain.cpp
+    ApiResponse Explain(std::int64_t task);
     ApiResponse GiveOrder(const ApiRequest& request, const TaskRow& task, StateEvent order);
     // Of a task that is not there: it may have been deleted already.
     std::optional<ApiResponse> DeletedAlready(std::int64_t task);

@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 
+#include "engine/config_limits.h"
 #include "engine/config_retry.h"
 #include "platform/files.h"
 
@@ -142,6 +143,29 @@ Key RetryKey(const PolicyKey& key) {
             [&key](const EngineSettings& settings) { return key.show(settings.retry.standard); }};
 }
 
+Key Node(std::string_view name, std::uint64_t NodeLimits::*member, std::int64_t most,
+         std::string_view meaning) {
+    return Number(
+        "node", name, [member](EngineSettings & settings) -> auto& { return settings.node.*member; }, 0, most,
+        meaning);
+}
+
+Key PassKey(std::string_view meaning) {
+    constexpr std::int64_t kLongest_s = 7 * 24 * 3600;
+    return {"node", "pass_s", meaning,
+            [](EngineSettings& settings, const toml::node& node) -> std::optional<std::string> {
+                const auto value = node.is_integer() ? node.value<std::int64_t>() : std::nullopt;
+                if (!value || *value < 0 || *value > kLongest_s)
+                    return "must be a whole number of seconds from 0 to " + std::to_string(kLongest_s);
+                settings.node.passFor = std::chrono::seconds(*value);
+                return std::nullopt;
+            },
+            [](const EngineSettings& settings) {
+                return std::to_string(
+                    std::chrono::duration_cast<std::chrono::seconds>(settings.node.passFor).count());
+            }};
+}
+
 template <class Member>
 Key Kept(std::string_view name, Member member, std::int64_t most, std::string_view meaning) {
     return Number(
@@ -187,6 +211,12 @@ std::vector<Key> MakeKeys() {
         Number("limits", "output_mib", &S::outputLimit_MiB, 1, kMiB,
                "What is kept of a worker's standard output and error, in MiB."),
         PathsKey("What paths in task texts are called on this node: { 'Z:\\media' = '/mnt/media' }."),
+        Node("memory_mib", &NodeLimits::memory_MiB, std::int64_t{1} << 40,
+             "Memory for tasks that declare how much they take, in MiB; 0: what the machine has."),
+        Node("cores", &NodeLimits::cores, 1'000'000,
+             "The same of processor cores; 0: as many as the machine has."),
+        PassKey(
+            "A task for which memory or cores are lacking may be passed by later ones for so many seconds."),
         Kept("interval_min", &Retention::interval_min, 1'000'000,
              "Minutes between two removals of what is no longer kept; 0: only by \"rqctl gc\"."),
         Kept("logs_days", &Retention::logs_days, kDays, "Workers' logs are kept so many days; 0: for ever."),
@@ -230,7 +260,7 @@ std::string Tables() {
         const std::string name = "[" + std::string(key.table) + "]";
         if (names.find(name) == std::string::npos) names += (names.empty() ? "" : ", ") + name;
     }
-    return names;
+    return names + ", [types.TYPE], [volumes.NAME]";
 }
 
 class Reader {
@@ -240,6 +270,12 @@ class Reader {
     Result<void> Read(const toml::table& document) {
         for (const auto& [name, node] : document) {
             const std::string table(name.str());
+            if (IsLimitsTable(table)) {
+                if (!node.is_table()) return At(name, table + " must be a table: [" + table + ".NAME]");
+                if (const auto fault = ReadLimitsTable(table, *node.as_table(), m_settings.node))
+                    return At(fault->key, fault->problem);
+                continue;
+            }
             if (Listed(table).empty())
                 return At(name, "\"" + table + "\" is not known; there are " + Tables());
             if (!node.is_table()) return At(name, table + " must be a table: [" + table + "]");
@@ -326,6 +362,7 @@ std::string ConfigText(const EngineSettings& settings) {
         if (!key.meaning.empty()) text += "# " + std::string(key.meaning) + "\n";
         text += std::string(key.name) + " = " + key.show(settings) + "\n";
     }
+    text += LimitsTables(settings.node);
     return text;
 }
 

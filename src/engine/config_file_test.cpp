@@ -86,6 +86,27 @@ TEST(ConfigFile, RetryPoliciesAreForAllTypesAndForOne) {
     EXPECT_EQ(read.retry.For(7).attempts, 1);
 }
 
+TEST(ConfigFile, ANodeHasLimitsOfItsOwn) {
+    kit::TempDir folder;
+    EngineSettings settings;
+    settings.node.volumes["media"] = {folder.Utf8("media \"片\""), 10240, ".mounted"};
+    settings.node.volumes["scratch-2"] = {folder.Utf8("scratch"), 0, ""};
+    settings.node.typeWorkers = {{0, 2}, {20, 1}};
+    settings.node.memory_MiB = 4096;
+    settings.node.passFor = std::chrono::seconds(5);
+    const std::string text = ConfigText(settings);
+    EngineSettings read;
+    const auto done = ApplyConfig(text, "f", read);
+    ASSERT_TRUE(done) << done.error().message << "\n" << text;
+    EXPECT_EQ(ConfigText(read), text);
+    EXPECT_EQ(read.node.typeWorkers, settings.node.typeWorkers);
+    EXPECT_EQ(read.node.volumes.at("media").path, settings.node.volumes.at("media").path);
+    EXPECT_EQ(read.node.volumes.at("media").free_MiB, 10240u);
+    EXPECT_EQ(read.node.volumes.at("media").marker, ".mounted");
+    EXPECT_EQ(read.node.memory_MiB, 4096u);
+    EXPECT_EQ(read.node.passFor, std::chrono::seconds(5));
+}
+
 TEST(ConfigFile, EveryFaultNamesItsLine) {
     const struct {
         const char *text, *where, *what;
@@ -109,6 +130,21 @@ TEST(ConfigFile, EveryFaultNamesItsLine) {
         {"[retry.xx]\n", "f:1: ", "neither a key of [retry] nor a type's code or number"},
         {"[retry.tc]\nattempt = 1\n", "f:2: ", "\"attempt\" is not a key"},
         {"[retry.tc]\nonly_untouched = 1\n", "f:2: ", "true or false"},
+        {"[node]\nmemory_mib = -1\n", "f:2: ", "from 0 to"},
+        {"[node]\npass_s = 1.5\n", "f:2: ", "seconds from 0"},
+        {"types = 1\n", "f:1: ", "must be a table"},
+        {"[types]\nmax_workers = 2\n", "f:2: ", "[types.tc]"},
+        {"[types.xx]\n", "f:1: ", "neither a type's code nor its number"},
+        {"[types.tf]\nmax_workers = 0\n", "f:2: ", "rqctl drain"},
+        {"[types.tf]\nworkers = 1\n", "f:2: ", "there is max_workers"},
+        {"[volumes.m]\nfree_mib = 1\n", "f:1: ", "has no path"},
+        {"[volumes.m]\npath = \"media\"\n", "f:2: ", "absolute path"},
+        {"[volumes.m]\npath = \"/media/../x\"\n", "f:2: ", "without"},
+        {"[volumes.m]\npath = \"\"\n", "f:2: ", "not empty"},
+        {"[volumes.m]\nmarker = \"../x\"\n", "f:2: ", "a path on the volume"},
+        {"[volumes.m]\nfree_mib = -5\n", "f:2: ", "from 0 to"},
+        {"[volumes.m]\nfree_gib = 5\n", "f:2: ", "path, free_mib, marker"},
+        {"[volumes.\"a b\"]\n", "f:1: ", "letters, digits"},
         {"[engine]\nstage = \"\xff\"\n", "f:2: ", ""},
     };
     for (const auto& one : cases) {

@@ -84,6 +84,8 @@ class EngineImpl final : public Engine, public ApiHost {
     Result<bool> Drain(std::int32_t type) override { return m_scheduler->Drain(type, "api"); }
     Result<bool> GoOn(std::int32_t type) override { return m_scheduler->GoOn(type); }
     std::vector<WaitReason> WhyWaits(const TaskRow& task) override { return m_scheduler->WhyWaits(task); }
+    std::optional<FieldError> Accept(NewTask& task) const override { return m_scheduler->Accept(task); }
+    NodeFacts GetNodeFacts() const override { return m_scheduler->GetNodeFacts(); }
     MetricsFacts GetMetricsFacts() const override;
     void CollectGarbage(Upkeep::OnCollected done) override { m_upkeep->Collect(std::move(done)); }
     void Backup(const std::string& file, Upkeep::OnCopied done) override {
@@ -232,6 +234,8 @@ MetricsFacts EngineImpl::GetMetricsFacts() const {
     facts.workers = m_scheduler->Workers();
     facts.maxWorkers = m_scheduler->MaxWorkers();
     facts.held = m_scheduler->Held();
+    facts.node = m_scheduler->GetNodeFacts();
+    facts.queued = m_scheduler->CountHeld();
     std::error_code unknown;
     const auto size = std::filesystem::file_size(PathFromUtf8(m_folder->File("store.db")), unknown);
     facts.store_bytes = unknown ? 0 : size;

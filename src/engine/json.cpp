@@ -74,7 +74,29 @@ std::string TimeText(std::int64_t time_us) {
 }
 
 json WaitJson(const WaitReason& reason) {
-    return {{"rule", reason.rule}, {"text", reason.text}, {"until", TimeJson(reason.until_us)}};
+    return {{"rule", reason.rule},
+            {"text", reason.text},
+            {"until", TimeJson(reason.until_us)},
+            {"limit", OrNull(reason.limit)},
+            {"present", OrNull(reason.present)},
+            {"unit", TextOrNull(reason.unit)}};
+}
+
+json NodeJson(const NodeFacts& facts) {
+    const auto ofAll = [](std::int64_t taken, std::int64_t all) {
+        return json{{"declared", taken}, {"limit", all == 0 ? json(nullptr) : json(all)}};
+    };
+    json volumes = json::array();
+    for (const auto& [name, volume] : facts.volumes)
+        volumes.push_back({{"name", name},
+                           {"path", volume.path},
+                           {"away", OrNull(volume.away)},
+                           {"size_bytes", volume.size_bytes},
+                           {"free_bytes", volume.free_bytes},
+                           {"floor_bytes", volume.floor_bytes}});
+    return {{"memory_mib", ofAll(facts.taken.memory_MiB, facts.memory_MiB)},
+            {"cores", ofAll(facts.taken.cores, facts.cores)},
+            {"volumes", volumes}};
 }
 
 json StopJson(const TypeStop& stop) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "engine/node_facts.h"
 #include "engine/path_map.h"
 #include "engine/store_types.h"
 #include "records/task_results.h"
@@ -51,6 +52,7 @@ std::string ResultJson(const stTaskResultBase* result);
 std::string TimeText(std::int64_t time_us);
 nlohmann::json MappedPathsJson(const std::vector<MappedPath>& paths);
 nlohmann::json WaitJson(const WaitReason& reason);
+nlohmann::json NodeJson(const NodeFacts& facts);
 nlohmann::json StopJson(const TypeStop& stop);
 nlohmann::json TaskJson(const TaskRow& task);
 nlohmann::json DetailsJson(const TaskDetails& details);

@@ -90,6 +90,36 @@ void WriteTypes(Writer& out, const MetricsFacts& facts) {
     for (const auto& [type, reason] : facts.held) out.Value(1, {{"type", TypeLabel(type)}});
 }
 
+void WriteNode(Writer& out, const MetricsFacts& facts) {
+    out.Family("rq_tasks_queued", "gauge",
+               "Queued tasks by the first rule that holds them; turn: only theirs.");
+    for (const auto& [what, count] : facts.queued)
+        out.Value(static_cast<double>(count), {{"rule", what.first}, {"type", TypeLabel(what.second)}});
+    out.Family("rq_type_workers", "gauge", "Workers that run, by type.");
+    for (const auto& [type, count] : facts.node.taken.workers) out.Value(count, {{"type", TypeLabel(type)}});
+    constexpr double kMiB = 1024.0 * 1024.0;
+    out.Family("rq_node_memory_bytes", "gauge", "Memory for tasks that declare what they take.");
+    out.Value(static_cast<double>(facts.node.memory_MiB) * kMiB);
+    out.Family("rq_node_memory_declared_bytes", "gauge", "What tasks that run declare of it.");
+    out.Value(static_cast<double>(facts.node.taken.memory_MiB) * kMiB);
+    out.Family("rq_node_cores", "gauge", "Processor cores for tasks that declare what they take.");
+    out.Value(static_cast<double>(facts.node.cores));
+    out.Family("rq_node_cores_declared", "gauge", "What tasks that run declare of them.");
+    out.Value(static_cast<double>(facts.node.taken.cores));
+    const auto each = [&](const auto& value) {
+        for (const auto& [name, volume] : facts.node.volumes)
+            out.Value(static_cast<double>(value(volume)), {{"volume", name}});
+    };
+    out.Family("rq_volume_up", "gauge", "0 for a volume that is away.");
+    each([](const VolumeState& volume) { return volume.away ? 0 : 1; });
+    out.Family("rq_volume_size_bytes", "gauge", "Size of a volume; 0 while it is away.");
+    each([](const VolumeState& volume) { return volume.size_bytes; });
+    out.Family("rq_volume_free_bytes", "gauge", "What is free on it; 0 while it is away.");
+    each([](const VolumeState& volume) { return volume.free_bytes; });
+    out.Family("rq_volume_floor_bytes", "gauge", "With less free space its tasks wait.");
+    each([](const VolumeState& volume) { return volume.floor_bytes; });
+}
+
 void WriteRunning(Writer& out, const StoreCensus& census) {
     out.Family("rq_task_percent", "gauge", "Progress of tasks that run.");
     for (const auto& task : census.running)
@@ -112,6 +142,7 @@ std::string MetricsText(const MetricsFacts& facts) {
     out.Family("rq_workers_max", "gauge", "Workers that may run at a time.");
     out.Value(facts.maxWorkers);
     WriteTypes(out, facts);
+    WriteNode(out, facts);
     WriteRunning(out, facts.census);
     out.Family("rq_events_total", "counter", "Events that were added to the store.");
     out.Value(static_cast<double>(facts.census.events));

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "engine/node_facts.h"
 #include "engine/store_types.h"
 
 namespace rq::engine {
@@ -43,6 +44,8 @@ struct MetricsFacts {
     std::map<std::int32_t, std::string> held;
     std::uint64_t store_bytes = 0;
     std::vector<Disk> disks;
+    NodeFacts node;
+    HeldByRule queued;
     StoreCensus census;
 };
 

@@ -36,11 +36,16 @@ Scheduler::Scheduler(boost::asio::io_context& io, Store& store, Launcher& launch
       m_maxWorkers(WorkerSlots(settings.maxWorkers)),
       m_stage(settings.stageFolder),
       m_spool(settings.dataFolder, log),
+      m_admission(settings.node),
+      m_volumeWatch(settings.node),
+      m_volumeTimer(io),
       m_retry(io),
       m_wake(io),
       m_endTimer(io) {
     platform::RandomBytes(&m_lastSession, sizeof m_lastSession);
     m_launcher.SetOnExit([this](const std::string& token, const WorkerExit& exit) { OnExit(token, exit); });
+    m_volumes = m_volumeWatch.States();
+    boost::asio::post(m_io, [this] { WatchVolumes(); });
     for (const auto& problem : m_stage.Problems())
         m_log.Warn(problem + "; tasks that need it will wait until that is mended");
 }
@@ -58,13 +63,7 @@ void Scheduler::Pump() {
         if (!stops) return PumpLater(stops.error());
         LogStops(*stops);
         if (m_launcher.Running() >= m_maxWorkers || !IsReleased(kEveryType, *stops)) break;
-        auto claim = m_store.ClaimNext(
-            [&, asked = std::map<std::int32_t, bool>()](const Candidate& candidate) mutable {
-                const auto [type, isNew] = asked.try_emplace(candidate.type);
-                if (isNew) type->second = IsReleased(candidate.type, *stops) && MayStart(candidate.type);
-                return type->second;
-            },
-            BusyTasks());
+        auto claim = ClaimNext(*stops);
         if (!claim) return PumpLater(claim.error());
         if (!*claim) break;
         StartWorker(std::move(**claim));
@@ -317,6 +316,7 @@ void Scheduler::BeginEnd(std::function<void()> done) {
     m_onEnded = std::move(done);
     m_retry.cancel();
     m_wake.cancel();
+    m_volumeTimer.cancel();
     std::vector<std::int64_t> tasks;
     for (const auto& [token, run] : m_runs) {
         if (!run->final) tasks.push_back(run->claim.task);

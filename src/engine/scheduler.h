@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "base/clock.h"
+#include "engine/admission.h"
 #include "engine/engine_log.h"
 #include "engine/launcher.h"
 #include "engine/session.h"
@@ -30,6 +31,7 @@
 #include "engine/spool.h"
 #include "engine/stage_check.h"
 #include "engine/store.h"
+#include "engine/volume_watch.h"
 #include "engine/worker_traces.h"
 
 namespace rq::engine {
@@ -50,6 +52,10 @@ class Scheduler final : public SessionHost {
     // No task (of this type, or of any with kEveryType) is started until GoOn. False: nothing changed.
     Result<bool> Drain(std::int32_t type, const std::string& by);
     Result<bool> GoOn(std::int32_t type);
+    // Volumes by name; refuses what could never start here.
+    std::optional<FieldError> Accept(NewTask& task) const { return m_admission.Accept(task); }
+    NodeFacts GetNodeFacts();
+    HeldByRule CountHeld();
     // In the order in which they would have to pass; empty for a task that is not queued.
     std::vector<WaitReason> WhyWaits(const TaskRow& task);
     // Before the engine serves anybody: those that an earlier run left open. Call Pump after it.
@@ -108,6 +114,12 @@ class Scheduler final : public SessionHost {
         explicit Run(boost::asio::io_context& io) : awayTimer(io), timer(io), beat(io) {}
     };
 
+    Result<Usage> TakenNow();
+    Result<std::optional<Claim>> ClaimNext(const std::vector<TypeStop>& stops);
+    // Takes over what the looks at the volumes found, now and at intervals.
+    void WatchVolumes();
+    // What the node's limits have against a queued task.
+    void AddLimits(const TaskRow& task, std::vector<WaitReason>& reasons);
     // Whether the stage has what a worker of the type needs; notes and tells when that changes.
     bool MayStart(std::int32_t type);
     void PumpAgainAfter(std::chrono::milliseconds pause);
@@ -200,6 +212,10 @@ class Scheduler final : public SessionHost {
     const unsigned m_maxWorkers;
     const StageCheck m_stage;
     Spool m_spool;
+    Admission m_admission;
+    const VolumeWatch m_volumeWatch;
+    VolumeStates m_volumes;  // as the limits go by them
+    boost::asio::steady_timer m_volumeTimer;
     std::map<std::int32_t, std::string> m_held;
     std::uint16_t m_linkPort = 0;
     std::uint32_t m_lastSession = 0;

@@ -257,10 +257,11 @@ std::vector<WaitReason> Scheduler::WhyWaits(const TaskRow& task) {
         reasons.push_back({"stage", held->second, {}});
     if (BusyTasks().contains(task.key))
         reasons.push_back({"earlier-worker", "the worker of its earlier attempt has not ended yet", {}});
+    AddLimits(task, reasons);
     if (m_launcher.Running() >= m_maxWorkers)
         reasons.push_back({"workers",
                            std::to_string(m_launcher.Running()) + " of " + std::to_string(m_maxWorkers) +
-                               " workers are running; by priority and age",
+                               " workers are running; tasks go by priority and age",
                            {}});
     return reasons;
 }

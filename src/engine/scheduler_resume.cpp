@@ -119,6 +119,7 @@ std::size_t Scheduler::Leave() {
     m_left = true;
     m_retry.cancel();
     m_wake.cancel();
+    m_volumeTimer.cancel();
     for (const auto& [id, twin] : m_twins) twin.session->Abandon();
     for (const auto& [token, run] : m_runs) {
         if (run->session) run->session->Abandon();

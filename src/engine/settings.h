@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 
+#include "engine/limits.h"
 #include "engine/path_map.h"
 #include "engine/retry.h"
 
@@ -39,6 +40,7 @@ struct EngineSettings {
     Durability durability = Durability::Power;
     std::uint64_t outputLimit_MiB = 16;  // of what a worker writes to its streams
     Retention retention;
+    NodeLimits node;
 
     // A worker that has not connected after this is ended.
     std::chrono::milliseconds connectLimit = std::chrono::seconds(30);

@@ -22,7 +22,7 @@
 namespace rq::engine {
 
 // Newest schema that this program knows.
-inline constexpr int kSchemaVersion = 5;
+inline constexpr int kSchemaVersion = 6;
 
 class Store {
   public:
@@ -48,6 +48,15 @@ class Store {
                                            const std::set<std::int64_t>& busy = {});
     // When the first of the queued tasks that wait for their time may start, or the next deadline passes.
     Result<std::optional<std::int64_t>> NextDue();
+    // What the tasks that have a worker, and these others, say that they take together.
+    Result<Demand> Taken(const std::set<std::int64_t>& others);
+    Result<std::vector<QueuedGroup>> QueuedGroups();
+    // How many queued tasks have their turn before this one.
+    Result<std::int64_t> Ahead(const TaskRow& task);
+    Result<TypePace> PaceOf(std::int32_t type);
+    // The latest events of a task but those of its progress, oldest first; and those of its latest attempt's.
+    Result<std::vector<EventRow>> Milestones(std::int64_t task, std::int64_t limit);
+    Result<std::vector<EventRow>> ProgressOf(std::int64_t task, std::int64_t limit);
     // Queued tasks whose deadline is over fail; of others that is noted. The keys of those that are to be
     // cancelled now.
     Result<std::vector<std::int64_t>> PassDeadlines();

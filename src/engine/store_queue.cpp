@@ -122,4 +122,120 @@ Result<std::vector<std::int64_t>> Store::PassDeadlines() {
     return toCancel;
 }
 
+Result<Demand> Store::Taken(const std::set<std::int64_t>& others) {
+    std::string keys;
+    for (const auto key : others) keys += (keys.empty() ? "" : ",") + std::to_string(key);
+    Demand taken;
+    {
+        Statement query = m_database->Prepare(
+            "SELECT coalesce(sum(memory_mib), 0), coalesce(sum(cores), 0) FROM tasks WHERE id IN ("
+            "SELECT id FROM tasks WHERE state IN ('starting', 'running', 'paused', 'finishing') "
+            "UNION SELECT value FROM json_each(?1))");
+        if (query.Bind("[" + keys + "]").Row()) {
+            taken.memory_MiB = query.Number();
+            taken.cores = query.Number();
+        }
+    }
+    if (auto ok = Checked(); !ok) return ok.error();
+    return taken;
+}
+
+Result<std::vector<QueuedGroup>> Store::QueuedGroups() {
+    std::vector<QueuedGroup> groups;
+    {
+        Statement query = m_database->Prepare(
+            "SELECT type, memory_mib, cores, volumes, suspended_us IS NOT NULL, "
+            "coalesce(not_before_us > ?1 AND coalesce(waits_since_us, 0) <= ?1, 0), waits_since_us IS NOT "
+            "NULL, "
+            "count(*) FROM tasks WHERE state = 'queued' GROUP BY 1, 2, 3, 4, 5, 6, 7");
+        query.Bind(m_now());
+        while (query.Row()) {
+            QueuedGroup& group = groups.emplace_back();
+            group.type = static_cast<std::int32_t>(query.Number());
+            group.demand.memory_MiB = query.Number();
+            group.demand.cores = query.Number();
+            group.demand.volumes = SplitVolumes(query.Text());
+            group.suspended = query.Number() != 0;
+            group.waits = query.Number() != 0;
+            group.again = query.Number() != 0;
+            group.tasks = query.Number();
+        }
+    }
+    if (auto ok = Checked(); !ok) return ok.error();
+    return groups;
+}
+
+Result<std::int64_t> Store::Ahead(const TaskRow& task) {
+    std::int64_t ahead = 0;
+    {
+        Statement query = m_database->Prepare(
+            "SELECT count(*) FROM tasks WHERE state = 'queued' AND (priority > ?1 OR (priority = ?1 AND id < "
+            "?2))");
+        if (query.Bind(std::int64_t{task.priority}).Bind(task.key).Row()) ahead = query.Number();
+    }
+    if (auto ok = Checked(); !ok) return ok.error();
+    return ahead;
+}
+
+Result<TypePace> Store::PaceOf(std::int32_t type) {
+    TypePace pace;
+    {
+        Statement query = m_database->Prepare(
+            "SELECT count(*), coalesce(avg(speed), 0) FROM (SELECT a.speed FROM tasks t JOIN attempts a "
+            "ON a.id = t.last_attempt WHERE t.type = ?1 AND t.state = 'finished' AND a.speed > 0 "
+            "ORDER BY t.finished_us DESC LIMIT 20)");
+        if (query.Bind(std::int64_t{type}).Row()) {
+            pace.tasks = query.Number();
+            pace.speed = query.Real();
+        }
+    }
+    if (auto ok = Checked(); !ok) return ok.error();
+    return pace;
+}
+
+namespace {
+
+std::vector<EventRow> ReadEvents(Statement& rows) {
+    std::vector<EventRow> events;
+    while (rows.Row()) {
+        EventRow& event = events.emplace_back();
+        event.key = rows.Number();
+        event.time_us = rows.Number();
+        event.attemptNumber = rows.OptionalNumber();
+        event.kind = rows.Text();
+        event.json = rows.Text();
+    }
+    std::reverse(events.begin(), events.end());
+    return events;
+}
+
+}  // namespace
+
+Result<std::vector<EventRow>> Store::Milestones(std::int64_t task, std::int64_t limit) {
+    std::vector<EventRow> events;
+    {
+        Statement rows = m_database->Prepare(
+            "SELECT e.id, e.time_us, a.number, e.kind, e.json FROM events e LEFT JOIN attempts a "
+            "ON a.id = e.attempt WHERE e.task = ?1 AND e.kind <> 'progress' ORDER BY e.id DESC LIMIT ?2");
+        rows.Bind(task).Bind(limit);
+        events = ReadEvents(rows);
+    }
+    if (auto ok = Checked(); !ok) return ok.error();
+    return events;
+}
+
+Result<std::vector<EventRow>> Store::ProgressOf(std::int64_t task, std::int64_t limit) {
+    std::vector<EventRow> events;
+    {
+        Statement rows = m_database->Prepare(
+            "SELECT e.id, e.time_us, NULL, e.kind, e.json FROM events e JOIN tasks t ON t.id = e.task "
+            "WHERE e.task = ?1 AND e.attempt = t.last_attempt AND e.kind = 'progress' "
+            "ORDER BY e.id DESC LIMIT ?2");
+        rows.Bind(task).Bind(limit);
+        events = ReadEvents(rows);
+    }
+    if (auto ok = Checked(); !ok) return ok.error();
+    return events;
+}
+
 }  // namespace rq::engine

@@ -95,10 +95,14 @@ Result<std::optional<TaskRow>> Store::Task(std::int64_t task) {
 
 Result<std::vector<TaskRow>> Store::Tasks(const TaskQuery& query) {
     std::string sql = std::string(kTaskColumns) + "WHERE t.id < ?1";
-    // State names are ours, not the caller's text.
+    // State names are ours, not the caller's text. Each state's page by itself, by its index: together they
+    // would be sorted over everything.
     for (std::size_t i = 0; i < query.states.size(); ++i)
-        sql += (i == 0 ? " AND t.state IN ('" : "', '") + std::string(NameOf(query.states[i]));
-    if (!query.states.empty()) sql += "')";
+        sql +=
+            (i == 0 ? " AND t.id IN (" : " UNION ALL ") +
+            ("SELECT id FROM (SELECT id FROM tasks WHERE state = '" + std::string(NameOf(query.states[i]))) +
+            "' AND id < ?1 ORDER BY id DESC LIMIT ?2)";
+    if (!query.states.empty()) sql += ")";
     sql += " ORDER BY t.id DESC LIMIT ?2";
     std::vector<TaskRow> tasks;
     {

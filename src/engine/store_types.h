@@ -96,12 +96,29 @@ struct OrderOutcome {
     TaskState state = TaskState::Queued;  // afterwards
 };
 
-// Why a queued task is not started now. The rules: "ending", "drained", "stopped", "suspended", "backoff",
-// "stage", "earlier-worker", "workers".
+// Why a queued task is not started now. The rules are in docs/api.md.
 struct WaitReason {
     std::string rule;
     std::string text;
-    std::optional<std::int64_t> until_us;
+    std::optional<std::int64_t> until_us = {};  // when it ends, if that is known
+    std::optional<std::int64_t> limit = {}, present = {};
+    std::string unit = {};
+};
+
+// Queued tasks that are alike in everything that limits look at.
+struct QueuedGroup {
+    std::int32_t type = 0;
+    Demand demand;
+    bool suspended = false;
+    bool waits = false;  // for its time
+    bool again = false;  // for that of another attempt
+    std::int64_t tasks = 0;
+};
+
+// How fast finished tasks of a type were, the latest ones.
+struct TypePace {
+    std::int64_t tasks = 0;
+    double speed = 0;  // in the unit of the type
 };
 
 // Tasks of this type are not started: after too many failures in a row, or by order.

@@ -13,7 +13,7 @@ Result<StoreCensus> Store::Census() {
             "started_us IS "
             "NOT NULL THEN 1 ELSE 0 END), sum(CASE WHEN finished_us IS NOT NULL AND started_us IS NOT NULL "
             "THEN "
-            "max(0, finished_us - started_us) ELSE 0 END) FROM tasks GROUP BY type, state");
+            "max(0, finished_us - started_us) ELSE 0 END), sum(attempts) FROM tasks GROUP BY type, state");
         while (query.Row()) {
             auto& of = census.types[static_cast<std::int32_t>(query.Number())];
             const std::string state = query.Text();
@@ -22,16 +22,15 @@ Result<StoreCensus> Store::Census() {
             if (state == NameOf(TaskState::Queued)) of.oldestQueued_us = oldest_us;
             of.ended += query.Number();
             of.ended_us += query.Number();
+            of.attempts += query.Number();
         }
     }
     {
         Statement query = m_database->Prepare(
-            "SELECT tasks.type, count(*), sum(attempts.state = 'lost') FROM attempts JOIN tasks ON tasks.id "
-            "= "
-            "attempts.task GROUP BY tasks.type");
+            "SELECT tasks.type, count(*) FROM attempts JOIN tasks ON tasks.id = attempts.task "
+            "WHERE attempts.state = 'lost' GROUP BY tasks.type");
         while (query.Row()) {
             auto& of = census.types[static_cast<std::int32_t>(query.Number())];
-            of.attempts = query.Number();
             of.attemptsLost = query.Number();
         }
     }

@@ -69,7 +69,7 @@ TEST(CommandLines, AnEmptyTaskIdIsRefused) {
     for (const char* command : {"show", "watch", "cancel", "delete", "bundle"}) {
         const Outcome outcome = node.Ctl({command, ""});
         EXPECT_EQ(outcome.code, 2) << command;
-        EXPECT_THAT(outcome.errors, HasSubstr("the task ID is empty")) << command;
+        EXPECT_THAT(outcome.errors, HasSubstr("task ID is empty")) << command;
     }
 }
 
