@@ -165,6 +165,66 @@ TEST_F(ResumeTest, AWorkerThatStaysAwayIsEndedAfterTheWindowAndTheGrace) {
         "connection-lost: the connection ended, and the worker neither came back nor ended within 500 ms");
 }
 
+// As of a newer kind: it would come back with every connection.
+TEST_F(ResumeTest, ARecordThatCannotBeTakenDoesNotKeepATaskForEver) {
+    m_settings.resumeWindow = 400ms;
+    Start();
+    LinkClient worker;
+    const auto id = Begin(worker);
+    ASSERT_TRUE(worker.WaitAck(worker.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskRunning))));
+    const auto end = std::chrono::steady_clock::now() + kit::kPatience;
+    std::optional<std::uint32_t> answer = 0;
+    while (answer == 0u && std::chrono::steady_clock::now() < end) {
+        worker.SendFrame({2, 0, TCP_WORKER_STATE_ID, "\xFF"});
+        worker.WaitClose();
+        std::this_thread::sleep_for(20ms);
+        answer = Resume(worker);
+    }
+    EXPECT_EQ(answer, kRefuseSession);
+    EXPECT_NE(Verdict(id).find("connection-lost: each new connection broke before anything had got through"),
+              std::string::npos)
+        << Verdict(id);
+    EXPECT_EQ(Show(id)["state"], "lost");
+}
+
+TEST_F(ResumeTest, AnOrderThatIsNeverTakenDoesNotKeepATaskForEver) {
+    m_settings.resumeWindow = 400ms;
+    Start();
+    LinkClient worker;
+    const auto id = Begin(worker);
+    ASSERT_TRUE(worker.WaitAck(worker.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskRunning))));
+    Order(id, "suspend");
+    const auto end = std::chrono::steady_clock::now() + kit::kPatience;
+    std::optional<std::uint32_t> answer = 0;
+    auto last = std::make_unique<LinkClient>();
+    while (answer == 0u && std::chrono::steady_clock::now() < end) {
+        auto hello = worker.Resuming(m_engine->Token());
+        hello.resumeReceived = 0;
+        auto next = std::make_unique<LinkClient>();
+        next->SetProcess(platform::CurrentProcessId());
+        ASSERT_TRUE(next->Connect(m_engine->LinkPort()));
+        answer = next->Greet(hello);
+        last = std::move(next);
+        std::this_thread::sleep_for(20ms);
+    }
+    EXPECT_EQ(answer, kRefuseSession);
+    EXPECT_EQ(Show(id)["state"], "lost");
+}
+
+// Each connection brings one more: nothing is wrong but the connections.
+TEST_F(ResumeTest, WhateverGetsThroughBeginsTheWindowAnew) {
+    m_settings.resumeWindow = 100ms;
+    Start();
+    LinkClient worker;
+    const auto id = Begin(worker);
+    for (int i = 0; i < 12; ++i) {
+        ASSERT_TRUE(worker.WaitAck(worker.Send(TCP_WORKER_STATE_ID, StateMessage(17)))) << i;
+        std::this_thread::sleep_for(50ms);
+        ASSERT_EQ(Resume(worker), 0u) << i;
+    }
+    EXPECT_EQ(Show(id)["state"], "running");
+}
+
 TEST_F(ResumeTest, AProcessThatEndsIsNotWaitedFor) {
     Start();
     const json task = Ended(Submit("connect\nstatus 3\nclose\nexit 7\n"));

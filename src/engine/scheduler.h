@@ -99,8 +99,13 @@ class Scheduler final : public SessionHost {
         bool resumable = false;             // that was promised to the worker
         std::optional<SessionMemory> away;  // while it is interrupted
         boost::asio::steady_timer awayTimer;
-        std::uint64_t processId = 0;  // of a worker that was started by hand
-        std::string processMark;      // the same; empty: it cannot be watched
+        std::optional<SteadyTime> resumedAt;  // the newest connection that continued the session
+        std::uint64_t resumedHas = 0;         // what was here then of the worker's
+        std::uint64_t resumedAcked = 0;       // and at the worker of ours
+        bool isInVain = false;                // the newest loss: nothing had got through
+        SteadyTime lostAt;                    // the newest that was not in vain
+        std::uint64_t processId = 0;          // of a worker that was started by hand
+        std::string processMark;              // the same; empty: it cannot be watched
         std::string reportedTask;
         std::string killReason;  // why we ended it
         WorkerLife life;         // of a worker that we started
@@ -139,8 +144,12 @@ class Scheduler final : public SessionHost {
     static bool IsReachable(const Run& run);
     void Give(Run& run, std::uint32_t id, const link::Order& order);
     // The connection broke, and may be followed by another one.
-    void Interrupt(Run& run, SessionMemory memory, const std::string& why);
-    void AwaitResumption(Run& run);
+    void Interrupt(Run& run, SessionMemory memory, const std::string& why, bool isAtFault);
+    // Whether the window begins anew with this loss, or goes on, since nothing has got through.
+    void NoteLoss(Run& run, const SessionMemory& memory, bool isAtFault);
+    // The worker had its time to come back.
+    void GiveUp(Run& run, const std::string& why);
+    void AwaitResumption(Run& run, const std::string& why);
     void TakeOver(const OpenAttempt& attempt, std::vector<std::string>& gone);
     void AwaitTakenOver(Run& run, const OpenAttempt& attempt);
     void GiveStanding(Run& run, const OpenAttempt& attempt);

@@ -252,7 +252,7 @@ void Scheduler::OnSessionEnd(Session& session, const std::string& why) {
     run->session = nullptr;
     run->saidBye = session.SaidBye();
     if (run->resumable && !run->saidBye && !run->exit && run->killReason.empty()) {
-        Interrupt(*run, session.Memory(), why);
+        Interrupt(*run, session.Memory(), why, session.IsAtFault());
         return;
     }
     m_sessions.erase(session.Id());

@@ -15,6 +15,8 @@ namespace {
 constexpr std::size_t kMaxKept = 1000;
 // Once a second: as long as another program may hold a file, or the system be out of descriptors.
 constexpr int kMaxSpoolTries = 60;
+// A connection that lasts for so long is no repetition of one that broke.
+constexpr std::chrono::seconds kSettled(1);
 
 std::string NameOfOutput(const std::string& output) {
     return output.empty() ? "" : Utf8FromPath(PathFromUtf8(output).stem());
@@ -53,17 +55,27 @@ std::variant<link::Welcome, link::Refuse> Scheduler::AdmitResumed(const link::He
     if (const auto why = memory.Contradiction(hello)) return refuse(*why);
     if (run->session) {
         // The worker noticed first that this connection is none any more.
+        const std::string why = "the worker came with a new connection";
         run->session->Abandon();
-        Report(m_store.Interrupted(run->claim.token, "the worker came with a new connection"), "a loss");
+        run->session = nullptr;
+        Report(m_store.Interrupted(run->claim.token, why), "a loss");
+        NoteLoss(*run, memory, false);
+        if (SystemClock().Steady() >= run->lostAt + m_settings.resumeWindow + m_settings.linkGrace) {
+            GiveUp(*run, why);
+            return refuse("nothing gets through");
+        }
     }
     run->away.reset();
     run->awayTimer.cancel();
     memory.ContinueFrom(hello.resumeReceived);
+    run->resumedAt = SystemClock().Steady();
+    run->resumedHas = memory.has;
+    run->resumedAcked = memory.acknowledged;
     session->Continue(std::move(memory));
     run->session = session;
     m_log.Info(run->claim.id + ": session " + std::to_string(run->sessionId) + " goes on");
     Report(m_store.Resumed(run->claim.token, hello.processId), "a resumption");
-    run->lastRecord = SystemClock().Steady();
+    if (!run->isInVain) run->lastRecord = SystemClock().Steady();
     if (!run->final) WatchHeartbeat(*run);
     return WelcomeFor(*run);
 }
@@ -84,7 +96,25 @@ void Scheduler::Give(Run& run, std::uint32_t id, const link::Order& order) {
     Report(m_store.Note(run.claim.token, "order", OrderEventJson(id)), "an order");
 }
 
-void Scheduler::Interrupt(Run& run, SessionMemory memory, const std::string& why) {
+// A frame that one side cannot take comes again with each connection: such connections are no resumption.
+void Scheduler::NoteLoss(Run& run, const SessionMemory& memory, bool isAtFault) {
+    const auto now = SystemClock().Steady();
+    const bool isHasty = run.resumedAt && now < *run.resumedAt + kSettled;
+    run.isInVain = isHasty && (isAtFault ? memory.has == run.resumedHas
+                                         : !memory.orders.empty() && memory.acknowledged == run.resumedAcked);
+    if (!run.isInVain) run.lostAt = now;
+}
+
+void Scheduler::GiveUp(Run& run, const std::string& why) {
+    const auto limit = DurationText(m_settings.resumeWindow + m_settings.linkGrace);
+    Kill(run, "connection-lost",
+         run.isInVain
+             ? "each new connection broke before anything had got through, for " + limit + ", at last: " + why
+             : "the connection ended, and the worker neither came back nor ended within " + limit);
+}
+
+void Scheduler::Interrupt(Run& run, SessionMemory memory, const std::string& why, bool isAtFault) {
+    NoteLoss(run, memory, isAtFault);
     run.away = std::move(memory);
     run.beat.cancel();
     m_log.Warn(run.claim.id + ": session " + std::to_string(run.sessionId) + " is interrupted: " + why);
@@ -96,19 +126,17 @@ void Scheduler::Interrupt(Run& run, SessionMemory memory, const std::string& why
         Settle(run);
         return;
     }
-    AwaitResumption(run);
+    AwaitResumption(run, why);
 }
 
-void Scheduler::AwaitResumption(Run& run) {
-    const auto limit = m_settings.resumeWindow + m_settings.linkGrace;
-    run.awayTimer.expires_after(limit);
-    run.awayTimer.async_wait([this, token = run.claim.token, limit](const boost::system::error_code& error) {
+void Scheduler::AwaitResumption(Run& run, const std::string& why) {
+    const auto passed = SystemClock().Steady() - run.lostAt;
+    run.awayTimer.expires_after(m_settings.resumeWindow + m_settings.linkGrace - passed);
+    run.awayTimer.async_wait([this, token = run.claim.token, why](const boost::system::error_code& error) {
         Run* late = error ? nullptr : Find(token);
         // After a final status another deadline ends it, and it keeps that status.
         if (late == nullptr || !late->away || (late->final && !late->external)) return;
-        Kill(
-            *late, "connection-lost",
-            "the connection ended, and the worker neither came back nor ended within " + DurationText(limit));
+        GiveUp(*late, why);
     });
 }
 
@@ -195,7 +223,8 @@ void Scheduler::AwaitTakenOver(Run& run, const OpenAttempt& attempt) {
         run.away.emplace();
         run.away->has = attempt.workerSeq;
         run.away->knowsSent = false;
-        AwaitResumption(run);
+        run.lostAt = SystemClock().Steady();
+        AwaitResumption(run, "the engine ended");
         GiveStanding(run, attempt);
         return;
     }

@@ -56,8 +56,15 @@ void Session::OnRead(const boost::system::error_code& error, std::size_t size) {
         Read();  // to its end, so that closing does not reset what we have sent
         return;
     }
-    m_reader.Feed(std::string_view(m_buffer.data(), size));
-    if (TakeFrames() && m_state != State::Closed) Read();
+    if (TakeBytes({m_buffer.data(), size}) && m_state != State::Closed) Read();
+}
+
+bool Session::TakeBytes(std::string_view bytes) {
+    m_takesFrames = true;
+    m_reader.Feed(bytes);
+    const bool goesOn = TakeFrames();
+    m_takesFrames = false;
+    return goesOn;
 }
 
 bool Session::TakeFrames() {

@@ -63,6 +63,8 @@ class Session : public std::enable_shared_from_this<Session> {
     std::uint32_t Id() const { return m_id; }
     // Whether the worker ended the session in good order.
     bool SaidBye() const { return m_saidBye; }
+    // While the end is told: it is what the worker sent that ends the connection.
+    bool IsAtFault() const { return m_takesFrames; }
 
   private:
     enum class State { Handshake, Open, Leaving, Closed };
@@ -79,6 +81,7 @@ class Session : public std::enable_shared_from_this<Session> {
     void Close();
     void TellHost(const std::string& why);
 
+    bool TakeBytes(std::string_view bytes);
     bool TakeFrames();
     bool TakeFrame(const link::Frame& frame);
     bool TakeHello(const link::Frame& frame);
@@ -106,6 +109,7 @@ class Session : public std::enable_shared_from_this<Session> {
     std::string m_writing;  // the bytes of the write that is under way
     bool m_closeWhenSent = false;
     bool m_saidBye = false;
+    bool m_takesFrames = false;
 
     SessionMemory m_memory;  // what it has is what we acknowledge: m_received, unless a commit is missing
     std::uint64_t m_received = 0;  // highest seq of the worker's

@@ -35,6 +35,12 @@ void Session::OnBytes(std::string_view bytes, SteadyTime now) {
     m_now = now;
     if (!HasConnection()) return;
     m_lastHeard = now;
+    m_takesBytes = true;
+    TakeBytes(bytes);
+    m_takesBytes = false;
+}
+
+void Session::TakeBytes(std::string_view bytes) {
     m_reader.Feed(bytes);
     Frame frame;
     while (HasConnection()) {

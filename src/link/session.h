@@ -136,6 +136,7 @@ class Session {
         std::size_t cost_bytes;
     };
 
+    void TakeBytes(std::string_view bytes);
     void OnFrame(const Frame& frame);
     void OnHandshakeFrame(const Frame& frame);
     void OnWelcome(const Frame& frame);
@@ -152,6 +153,8 @@ class Session {
     void DropFront();
     // Of which the owner tells: there is none between two attempts to connect again.
     bool HasConnection() const;
+    // The connection of a resumed session broke soon, and nothing of what it was resumed for got through.
+    bool WasInVain() const;
     std::optional<SteadyTime> InterruptedDeadline() const;
     void OnControl(const Frame& frame);
     void OnNumbered(const Frame& frame);
@@ -206,8 +209,11 @@ class Session {
     // ---- resuming ----
     std::chrono::milliseconds m_window{0};  // 0: a loss ends the session
     std::string m_spoolFolder;
-    SteadyTime m_lostAt;                       // the newest loss of the open session
+    SteadyTime m_lostAt;  // the newest loss of the open session that was not in vain (session_resume.cpp)
     std::optional<SteadyTime> m_resumedAt;     // the newest WELCOME after a loss
+    std::uint64_t m_resumedReceived = 0;       // what both sides had then: of the peer's frames
+    std::uint64_t m_resumedPeerAck = 0;        // and of our own
+    bool m_takesBytes = false;                 // a loss now is the peer's breach of the protocol
     std::optional<SteadyTime> m_nextAttempt;   // none while one is under way
     std::optional<SteadyTime> m_attemptBegan;  // the one that is under way
     std::chrono::milliseconds m_pause{0};      // before the next attempt

@@ -41,16 +41,27 @@ void Session::PrepareConnection() {
     m_helloDue = m_pingDue = m_answerDue = m_writing = false;
 }
 
+bool Session::WasInVain() const {
+    if (!m_resumedAt || m_now >= *m_resumedAt + m_limits.settled) return false;
+    // What we cannot take, or what the peer cannot, it seems.
+    if (m_takesBytes) return m_lastReceived == m_resumedReceived;
+    return m_peerAck == m_resumedPeerAck && m_everWritten > m_peerAck;
+}
+
 void Session::Interrupt(std::string reason) {
     m_state = State::Interrupted;
-    m_lostAt = m_now;
     m_attempts = 0;
     m_lastProblem.clear();
-    PrepareConnection();
-    m_events.emplace_back(ConnectionLost{std::move(reason), m_window, m_queue.size()});
     // A fault that comes back with each connection must not have both sides do nothing but connect: the
-    // pauses then go on where they were.
+    // pauses then go on where they were, and so does the window when nothing gets through.
+    if (WasInVain())
+        m_lastProblem = reason;
+    else
+        m_lostAt = m_now;
     const bool isHasty = m_resumedAt && m_now < *m_resumedAt + m_limits.settled;
+    PrepareConnection();
+    const auto left = std::chrono::duration_cast<milliseconds>(m_lostAt + m_window - m_now);
+    m_events.emplace_back(ConnectionLost{std::move(reason), std::max(left, milliseconds(0)), m_queue.size()});
     m_pause = isHasty ? PauseAfter(m_pause) : milliseconds(0);
     m_nextAttempt = m_now + m_pause;
     if (m_pause.count() == 0) StartAttempt();
@@ -123,6 +134,8 @@ void Session::OnResumeWelcome(const Frame& frame) {
     TakeTerms(*welcome);
     m_attemptBegan.reset();
     m_resumedAt = m_now;
+    m_resumedReceived = m_lastReceived;
+    m_resumedPeerAck = m_peerAck;
     m_events.emplace_back(Resumed{std::chrono::duration_cast<milliseconds>(m_now - m_lostAt), m_attempts,
                                   m_peerAck, static_cast<std::size_t>(m_everWritten - m_peerAck)});
 }

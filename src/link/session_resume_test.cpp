@@ -1,4 +1,5 @@
 // A session whose connection is lost, and that goes on over another one.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -436,6 +437,93 @@ TEST(SessionResume, ASessionThatIsLostAgainSoonWaitsLonger) {
 }
 
 // ---- answers ----
+
+// Resumes whenever it is asked to, for at most `time`; `break_` is what happens to each connection. The
+// number of connections.
+int ResumeInVain(ResumeTest& f, milliseconds time, const std::function<void()>& break_) {
+    int resumed = 0;
+    for (const SteadyTime end = f.now + time; f.now < end && f.session.TakesMessages(); f.Pass(50ms)) {
+        if (f.IsInterrupted() && f.AsksAgain()) {
+            f.Resume(f.session.AcknowledgedByPeer());
+            EXPECT_TRUE(f.IsOpen());
+            ++resumed;
+            break_();
+        }
+    }
+    return resumed;
+}
+
+TEST(SessionResume, AnOrderThatCannotBeTakenEndsTheSessionAfterTheWindow) {
+    ResumeTest f;
+    f.Order(1);
+    const auto bad = [&f] { f.Receive({2, 0, 4017, "\xFF"}); };
+    bad();
+    EXPECT_GT(ResumeInVain(f, 59s,
+                           [&] {
+                               // What goes the other way is no progress of this one.
+                               f.Queue();
+                               f.Written();
+                               f.Receive({0, f.session.AcknowledgedByPeer() + 1, kAckId, {}});
+                               bad();
+                           }),
+              40);
+    EXPECT_TRUE(f.session.TakesMessages());
+    ResumeInVain(f, 5s, bad);
+    bool wasOpen = false;
+    EXPECT_THAT(f.Closed(&wasOpen), testing::StartsWith("not resumed within 60000 ms, at last: "));
+    EXPECT_TRUE(wasOpen);
+}
+
+TEST(SessionResume, ARecordThatTheEngineDoesNotTakeEndsTheSessionAfterTheWindow) {
+    ResumeTest f;
+    f.Queue();
+    f.Written();
+    f.Lose();
+    ResumeInVain(f, 65s, [&] {
+        f.Written();
+        f.Lose("closed by the engine");
+    });
+    bool wasOpen = false;
+    EXPECT_EQ(f.Closed(&wasOpen), "not resumed within 60000 ms, at last: closed by the engine");
+    EXPECT_TRUE(wasOpen);
+}
+
+TEST(SessionResume, WhateverGetsThroughBeginsTheWindowAnew) {
+    for (const bool isOrder : {true, false}) {
+        ResumeTest f;
+        std::uint64_t number = 0;
+        f.Lose();
+        ResumeInVain(f, 300s, [&] {
+            f.Queue();
+            f.Written();
+            ++number;
+            if (isOrder) {
+                f.Order(number);
+                f.Receive({number + 2, 0, 4014, {}});
+            } else {
+                f.Receive({0, number, kAckId, {}});
+                f.Queue();
+                f.Written();
+                f.Lose();
+            }
+        });
+        EXPECT_TRUE(f.session.TakesMessages()) << isOrder;
+        EXPECT_GT(number, 200u);
+    }
+    // And so does a connection that lasts, or one that had nothing to bring.
+    ResumeTest f;
+    f.Lose();
+    ResumeInVain(f, 300s, [&] { f.Lose(); });
+    EXPECT_TRUE(f.session.TakesMessages());
+    f.Queue();
+    f.Written();
+    ResumeInVain(f, 300s, [&] {
+        f.Written();
+        f.Pass(1s);
+        f.Lose();
+    });
+    EXPECT_TRUE(f.session.TakesMessages());
+}
 
 TEST(SessionResume, AnswersThatEndTheSession) {
     const auto ends = [](const Frame& answer) {
