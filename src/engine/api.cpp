@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "engine/json.h"
+#include "engine/modest_json.h"
 #include "engine/version.h"
 #include "records/task_codes.h"
 
@@ -16,6 +17,7 @@ using nlohmann::json;
 
 constexpr std::int64_t kMaxWait_ms = 30'000;
 constexpr std::int64_t kMaxEvents = 1000;
+constexpr std::size_t kMaxWaits = 512;
 
 ApiResponse StoreError(const Error& error) {
     return MakeError(500, "store", error.message);
@@ -100,6 +102,10 @@ void Api::Handle(const ApiRequest& request, const Reply& reply) {
     const auto target = ParseTarget(request.target);
     if (!target) {
         reply(FieldFault(target.error()));
+        return;
+    }
+    if (!IsModestJson(request.body)) {
+        reply(MakeError(400, "bad-json", "the body has over 100000 values, or is nested deeper than 32"));
         return;
     }
     if (target->path.size() == 1) {
@@ -357,6 +363,8 @@ void Api::Events(std::int64_t task, const Target& target, const Reply& reply) {
         reply(std::move(*response));
         return;
     }
+    // Who gave up is not noticed before the end of its wait.
+    if (m_waits.size() == kMaxWaits) AnswerWait(m_waits.begin());
     m_waits.push_back(std::make_unique<Wait>(m_io));
     const auto wait = std::prev(m_waits.end());
     (*wait)->task = task;

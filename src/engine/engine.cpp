@@ -8,6 +8,7 @@
 #include "base/paths.h"
 #include "engine/api.h"
 #include "engine/captured_output.h"
+#include "engine/connection_limits.h"
 #include "engine/data_folder.h"
 #include "engine/engine_log.h"
 #include "engine/http_connection.h"
@@ -193,15 +194,15 @@ Result<void> EngineImpl::OpenStore() {
 }
 
 Result<void> EngineImpl::Listen() {
-    platform::RaiseFileLimit();
+    const auto limits = LimitConnections(m_settings, platform::RaiseFileLimit());
+    if (!limits) return limits.error();
     m_links = std::make_unique<Listener>(
-        m_io, m_settings.maxConnections, [this](Listener::Socket socket, std::function<void()> onGone) {
-            std::make_shared<Session>(std::move(socket), *m_scheduler, m_settings, std::move(onGone))
-                ->Start();
+        m_io, limits->link, [this](Listener::Socket socket, std::unique_ptr<Place> place) {
+            std::make_shared<Session>(std::move(socket), *m_scheduler, m_settings, std::move(place))->Start();
         });
-    m_pages = std::make_unique<Listener>(m_io, m_settings.maxHttpConnections,
-                                         [this](Listener::Socket socket, std::function<void()> onGone) {
-                                             ServeHttp(std::move(socket), *m_api, std::move(onGone));
+    m_pages = std::make_unique<Listener>(m_io, limits->http,
+                                         [this](Listener::Socket socket, std::unique_ptr<Place> place) {
+                                             ServeHttp(std::move(socket), *m_api, std::move(place));
                                          });
     if (auto listening = ListenForWorkers(); !listening) return listening;
     m_scheduler->SetLinkPort(LinkPort());

@@ -27,11 +27,10 @@ std::string Field(const http::request<http::string_body>& request, http::field n
 
 class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   public:
-    HttpConnection(boost::asio::ip::tcp::socket socket, Api& api, std::function<void()> onGone)
-        : m_stream(std::move(socket)), m_api(api), m_onGone(std::move(onGone)) {}
-    ~HttpConnection() { m_onGone(); }
-    HttpConnection(const HttpConnection&) = delete;
-    HttpConnection& operator=(const HttpConnection&) = delete;
+    HttpConnection(boost::asio::ip::tcp::socket socket, Api& api, std::unique_ptr<Place> place)
+        : m_stream(std::move(socket)), m_api(api), m_place(std::move(place)) {
+        m_place->SetClose([this] { m_stream.close(); });
+    }
 
     void Read() {
         m_parser.emplace();
@@ -62,6 +61,8 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
             Write(std::move(*refusal));
             return;
         }
+        m_place->BeGuest();
+        m_place->Hold(m_parser->is_done() ? 0 : m_parser->content_length().value_or(kBodyLimit_bytes));
         http::async_read(m_stream, m_buffer, *m_parser,
                          [self = shared_from_this()](const beast::error_code& failed, std::size_t) {
                              self->OnRead(failed);
@@ -134,6 +135,7 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
         m_response.keep_alive(m_keepAlive);
         m_response.content_length(answer.body.size());
         if (!m_isHead) m_response.body() = std::move(answer.body);
+        m_place->Hold(m_response.body().size());
         m_stream.expires_after(kWriteLimit);
         http::async_write(m_stream, m_response,
                           [self = shared_from_this()](const beast::error_code& error, std::size_t) {
@@ -142,6 +144,8 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
     }
 
     void OnWritten(const beast::error_code& error) {
+        m_response.body() = {};
+        m_place->Hold(0);
         if (error) return;
         if (m_keepAlive) {
             Read();
@@ -166,7 +170,7 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
 
     beast::tcp_stream m_stream;
     Api& m_api;
-    std::function<void()> m_onGone;
+    std::unique_ptr<Place> m_place;
     beast::flat_buffer m_buffer;
     std::optional<http::request_parser<http::string_body>> m_parser;
     ApiRequest m_request;
@@ -178,8 +182,8 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
 
 }  // namespace
 
-void ServeHttp(boost::asio::ip::tcp::socket socket, Api& api, std::function<void()> onGone) {
-    std::make_shared<HttpConnection>(std::move(socket), api, std::move(onGone))->Read();
+void ServeHttp(boost::asio::ip::tcp::socket socket, Api& api, std::unique_ptr<Place> place) {
+    std::make_shared<HttpConnection>(std::move(socket), api, std::move(place))->Read();
 }
 
 }  // namespace rq::engine

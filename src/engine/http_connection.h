@@ -4,13 +4,13 @@
 #pragma once
 
 #include <boost/asio/ip/tcp.hpp>
-#include <functional>
+#include <memory>
 
 #include "engine/api.h"
+#include "engine/places.h"
 
 namespace rq::engine {
 
-// `onGone` is called once when the connection is closed.
-void ServeHttp(boost::asio::ip::tcp::socket socket, Api& api, std::function<void()> onGone);
+void ServeHttp(boost::asio::ip::tcp::socket socket, Api& api, std::unique_ptr<Place> place);
 
 }  // namespace rq::engine

@@ -19,11 +19,11 @@ constexpr std::size_t kMaxOutgoing = 10'000;
 }  // namespace
 
 Session::Session(Socket socket, SessionHost& host, const EngineSettings& settings,
-                 std::function<void()> onGone)
+                 std::unique_ptr<Place> place)
     : m_socket(std::move(socket)),
       m_host(host),
       m_settings(settings),
-      m_onGone(std::move(onGone)),
+      m_place(std::move(place)),
       m_clock(m_socket.get_executor()),
       m_ackTimer(m_socket.get_executor()) {}
 
@@ -31,6 +31,7 @@ void Session::Start() {
     boost::system::error_code ignored;
     m_socket.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
     m_start = m_lastHeard = m_lastSaid = SystemClock().Steady();
+    m_place->SetClose([this] { Close(); });  // of a stranger: nobody was told of it
     m_buffer.resize(kReadSize_bytes);
     WatchTime();
     Read();
@@ -61,6 +62,7 @@ void Session::OnRead(const boost::system::error_code& error, std::size_t size) {
 
 bool Session::TakeBytes(std::string_view bytes) {
     m_takesFrames = true;
+    if (m_reader.Buffered() == 0) m_frameBegan = m_lastHeard;
     m_reader.Feed(bytes);
     const bool goesOn = TakeFrames();
     m_takesFrames = false;
@@ -83,6 +85,7 @@ bool Session::TakeFrames() {
                 Lose("the worker sent " + m_reader.Problem());
                 return false;
             case link::FrameReader::Status::Ready:
+                m_frameBegan = m_lastHeard;  // of the next, which has come in part at most
                 if (!TakeFrame(frame)) return false;
         }
     }
@@ -113,12 +116,17 @@ bool Session::TakeHello(const link::Frame& frame) {
         Refuse({link::kRefuseHandshake, hello.error().message});
         return true;
     }
+    if (!m_place->HasRoom()) {
+        Refuse({link::kRefuseEnding, "there are as many workers connected as may be"});
+        return true;
+    }
     auto answer = m_host.Admit(*hello, shared_from_this());
     if (const auto* refuse = std::get_if<link::Refuse>(&answer)) {
         Refuse(*refuse);
         return true;
     }
     const auto& welcome = std::get<link::Welcome>(answer);
+    m_place->BeGuest();
     m_id = welcome.sessionId;
     m_state = State::Open;
     m_reader.SetLimit(link::kFrameLimit_bytes);
@@ -191,7 +199,10 @@ bool Session::TakeNumbered(const link::Frame& frame) {
 }
 
 void Session::Refuse(const link::Refuse& refuse) {
-    m_host.OnLinkTrouble("a connection was refused: " + refuse.text);
+    if (const auto leftOut = m_place->Lines().Next(SystemClock().Steady())) {
+        m_host.OnLinkTrouble("a connection was refused: " + refuse.text +
+                             (*leftOut == 0 ? "" : " (and " + std::to_string(*leftOut) + " more before it)"));
+    }
     SendControl(link::kRefuseId, link::EncodeRefuse(refuse));
     m_state = State::Leaving;
     m_closeWhenSent = true;
@@ -297,6 +308,10 @@ void Session::OnTick() {
             Lose("the worker was silent for too long");
             return;
         }
+        if (m_reader.Buffered() != 0 && now - m_frameBegan >= m_settings.silenceLimit) {
+            Lose("a frame did not come whole in time");
+            return;
+        }
         if (now - m_lastSaid >= m_settings.pingInterval && m_writing.empty()) SendControl(link::kPingId);
     }
     WatchTime();
@@ -336,8 +351,7 @@ void Session::Close() {
     m_ackTimer.cancel();
     boost::system::error_code ignored;
     m_socket.close(ignored);
-    if (m_onGone) m_onGone();
-    m_onGone = nullptr;
+    m_place.reset();
 }
 
 }  // namespace rq::engine

@@ -6,12 +6,12 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <string>
 #include <variant>
 
 #include "base/clock.h"
+#include "engine/places.h"
 #include "engine/session_memory.h"
 #include "engine/settings.h"
 #include "link/codec.h"
@@ -42,8 +42,8 @@ class SessionHost {
 class Session : public std::enable_shared_from_this<Session> {
   public:
     using Socket = boost::asio::ip::tcp::socket;
-    // `onGone` is called once when the connection is closed for good.
-    Session(Socket socket, SessionHost& host, const EngineSettings& settings, std::function<void()> onGone);
+    // The place is given up when the connection is closed for good.
+    Session(Socket socket, SessionHost& host, const EngineSettings& settings, std::unique_ptr<Place> place);
 
     void Start();
     // Queues a numbered frame. Nothing happens when the session has ended.
@@ -99,7 +99,7 @@ class Session : public std::enable_shared_from_this<Session> {
     Socket m_socket;
     SessionHost& m_host;
     const EngineSettings& m_settings;
-    std::function<void()> m_onGone;
+    std::unique_ptr<Place> m_place;
     State m_state = State::Handshake;
     std::uint32_t m_id = 0;  // 0 until admitted
 
@@ -121,6 +121,7 @@ class Session : public std::enable_shared_from_this<Session> {
     boost::asio::steady_timer m_ackTimer;
     bool m_ackTimerRuns = false;
     SteadyTime m_start, m_lastHeard, m_lastSaid, m_writeBegan;
+    SteadyTime m_frameBegan;  // of the one that has not come whole
 };
 
 }  // namespace rq::engine

@@ -192,19 +192,9 @@ class Engine(peer.RealEngine):
     """An engine with a limit of open files."""
 
     def __init__(self, stage, files):
-        self.files = files
+        if files:
+            self.BEFORE = ["sh", "-c", 'ulimit -n %d; exec "$@"' % files, "sh"]
         super().__init__(stage)
-
-    def start(self):
-        soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
-        if self.files:
-            resource.setrlimit(resource.RLIMIT_NOFILE, (min(self.files, hard), hard))
-        try:
-            super().start()
-        finally:
-            resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
-        if self.files:
-            resource.prlimit(self.process.pid, resource.RLIMIT_NOFILE, (self.files, self.files))
 
     def rss_mib(self, peak=False):
         with open("/proc/%d/status" % self.process.pid, encoding="ascii") as file:

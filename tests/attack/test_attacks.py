@@ -1,11 +1,14 @@
-"""What nobody without the token reaches, what is its user's alone, and secrets that are refused."""
+"""What the engine bears: connections that lead nowhere, requests out of proportion, and secrets that are none."""
 
 import http.client
 import json
 import os
+import re
 import socket
+import struct
 import subprocess
 import sys
+import time
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "wire"))
@@ -20,12 +23,29 @@ def setUpModule():
     unittest.addModuleCleanup(stage.remove)
 
 
-class EngineOfOpenUmask(peer.RealEngine):
+class Engine(peer.RealEngine):
+    def rss_mib(self):
+        with open("/proc/%d/status" % self.process.pid, encoding="ascii") as file:
+            return int(re.search(r"VmRSS:\s+(\d+)", file.read()).group(1)) // 1024
+
+    def open_files(self):
+        return len(os.listdir("/proc/%d/fd" % self.process.pid))
+
+    def log(self):
+        with open(os.path.join(self.data, "logs", "engine.log"), encoding="utf-8") as file:
+            return file.read()
+
+
+class EngineOfFewFiles(Engine):
+    BEFORE = ["sh", "-c", 'ulimit -n 160; exec "$@"', "sh"]
+
+
+class EngineOfOpenUmask(Engine):
     BEFORE = ["sh", "-c", 'umask 0; exec "$@"', "sh"]
 
 
 class AttackCase(unittest.TestCase):
-    KIND = peer.RealEngine
+    KIND = Engine
 
     def setUp(self):
         self.engine = self.KIND(stage)
@@ -47,6 +67,15 @@ class AttackCase(unittest.TestCase):
         return ("%s HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: Bearer %s\r\n%s\r\n"
                 % (line, token or self.engine.token, more)).encode()
 
+    def assert_serves(self):
+        """A worker and a client get their answers, and soon."""
+        began = time.monotonic()
+        link, answer = self.engine.shake_hands()
+        self.assertEqual(answer.id, peer.ID_WELCOME)
+        link.close()
+        self.assertEqual(self.engine.get("/health")["status"], "ok")
+        self.assertLess(time.monotonic() - began, 5)
+
     def answer_to(self, sock):
         """The status of the one answer that comes."""
         answer = http.client.HTTPResponse(sock)
@@ -54,7 +83,100 @@ class AttackCase(unittest.TestCase):
         return answer.status, answer.read(), answer
 
 
+class Connections(AttackCase):
+    def test_who_says_nothing_keeps_nobody_out(self):
+        for port, start in ((self.engine.link_port, b""), (self.engine.link_port, struct.pack("<I", 60000) + b"\x22"),
+                            (self.engine.http_port, b""), (self.engine.http_port, b"GET / HTTP/1.1\r\nX: ")):
+            for _ in range(550):
+                self.connect(port, start)
+            self.assert_serves()
+        self.assertLess(self.engine.open_files(), 2 * 256 + 60)
+
+    def test_half_frames_take_bounded_memory(self):
+        before = self.engine.rss_mib()
+        for _ in range(1500):
+            self.connect(self.engine.link_port, struct.pack("<I", 65536) + b"\x22" * 65000)
+        self.assert_serves()
+        self.assertLess(self.engine.rss_mib() - before, 60)
+
+    def test_garbage_stops_nothing_and_does_not_fill_the_log(self):
+        for _ in range(300):
+            for port in (self.engine.link_port, self.engine.http_port):
+                self.connect(port, os.urandom(5000)).close()
+        self.assert_serves()
+        self.assertLess(self.engine.log().count("a connection was refused"), 60)
+
+    def test_polls_of_clients_that_are_gone_keep_nobody_out(self):
+        self.engine.ask("POST", "/tasks", {"type": "tc", "text": "x"})
+        for _ in range(1100):
+            self.connect(self.engine.http_port, self.head("GET /api/v1/tasks/t1/events?after=999999&wait_ms=30000"))
+        self.assert_serves()
+
+    def test_bodies_that_never_come_whole_take_bounded_memory(self):
+        before = self.engine.rss_mib()
+        for _ in range(40):
+            sock = self.connect(self.engine.http_port, self.head("POST /api/v1/tasks", "Content-Length: 16777216\r\n"))
+            try:
+                sock.sendall(b" " * 16_000_000)
+            except OSError:
+                pass  # it had to make way
+        self.assert_serves()
+        self.assertLess(self.engine.rss_mib() - before, 400)
+        self.assertEqual(self.engine.ask("POST", "/tasks", {"type": "tc", "text": "x" * 4_000_000})[0], 201)
+
+    def test_answers_that_nobody_reads_take_bounded_memory(self):
+        self.assertEqual(self.engine.ask("POST", "/tasks", {"type": "tc", "text": "x" * 10_000_000})[0], 201)
+        before = self.engine.rss_mib()
+        for _ in range(60):
+            sock = socket.socket()
+            self.open.append(sock)
+            sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+            sock.connect(("127.0.0.1", self.engine.http_port))
+            sock.sendall(self.head("GET /api/v1/tasks/t1"))
+        self.assertEqual(self.engine.get("/health")["status"], "ok")  # behind all of them
+        self.assert_serves()
+        self.assertLess(self.engine.rss_mib() - before, 600)
+
+    def test_many_requests_on_one_connection(self):
+        sock = self.connect(self.engine.http_port)
+        request, answers = self.head("GET /api/v1/health"), 0
+        sock.settimeout(20)
+        for _ in range(20):  # a hundred at a time, unasked for answers
+            sock.sendall(request * 100)
+            seen = b""
+            while seen.count(b"HTTP/1.1 200") < 100 or not seen.endswith(b"}\n"):
+                seen += sock.recv(65536)
+            answers += seen.count(b"HTTP/1.1 200")
+        self.assertEqual(answers, 2000)
+
+
+class FewFiles(AttackCase):
+    KIND = EngineOfFewFiles
+
+    def test_files_are_left_for_tasks(self):
+        for port in (self.engine.link_port, self.engine.http_port):
+            for _ in range(300):
+                self.connect(port)
+        film = peer.sparse_file(os.path.join(stage.new_folder(), "film.bin"), 1_000_000)
+        status, task = self.engine.ask("POST", "/tasks", {"type": "mc", "text": peer.md5_text("t", film)})
+        self.assertEqual(status, 201)
+        full = self.engine.wait_for_task(task["id"], lambda one: one["state"] == "finished", 30)
+        self.assertEqual(full["attempts"], 1)
+        self.assert_serves()
+
+
 class Requests(AttackCase):
+    def test_bodies_out_of_proportion_are_refused(self):
+        deep = b'{"type": "mc", "text": ' + b"[" * 4_000_000 + b"]" * 4_000_000 + b"}"
+        wide = b'{"type": "mc", "text": "x", "y": [' + b"[],[[]]," * 900_000 + b"0]}"
+        for text in (deep, wide):
+            before = self.engine.rss_mib()
+            sock = self.connect(self.engine.http_port, self.head("POST /api/v1/tasks", "Content-Length: %d\r\n" % len(text)))
+            sock.sendall(text)
+            status, body, _ = self.answer_to(sock)
+            self.assertEqual((status, json.loads(body)["error"]["code"]), (400, "bad-json"))
+            self.assertLess(self.engine.rss_mib() - before, 60)
+
     def test_a_header_without_end_is_refused(self):
         sock = self.connect(self.engine.http_port, b"GET / HTTP/1.1\r\nX: " + b"a" * 17_000)
         self.assertEqual(self.answer_to(sock)[0], 431)
@@ -186,6 +308,10 @@ class Refusals(unittest.TestCase):
         os.unlink(self.token)
         os.chown(self.data, 65534, -1)
         self.assertRegex(self.refusal(), r"belongs to another user")
+
+    def test_too_few_open_files(self):
+        self.assertRegex(self.refusal(["sh", "-c", 'ulimit -n 60; exec "$@"', "sh"]), r"only 60 files open.*ulimit -n")
+
 
 if __name__ == "__main__":
     unittest.main(verbosity=2)
