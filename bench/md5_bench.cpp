@@ -1,5 +1,6 @@
-// md5_bench FILE: lets the md5 plug-in compute FILE through its exported functions, and prints the seconds
-// that the perform call took and the digest. bench/md5.sh compares it with another program.
+// md5_bench [THREADS] FILE...: lets the md5 plug-in compute the files through its exported functions, and
+// prints the seconds that the perform call took and the digests. bench/md5.sh compares it with another
+// program.
 #include <chrono>
 #include <cstdio>
 #include <string>
@@ -16,17 +17,22 @@ int32_t RQWorkerRelease(void);
 }
 
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        std::fprintf(stderr, "usage: md5_bench FILE (absolute, without & and <)\n");
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: md5_bench [THREADS] FILE... (absolute, without & and <)\n");
         return 2;
     }
+    const bool hasThreads = argv[1][0] != '/';
     RQWorkerDescribe(nullptr);
     RQWorkerInit(nullptr);
-    const std::string text = std::string("<MD5Task><ID>bench</ID><Files><File><Path>") + argv[1] +
-                             "</Path></File></Files></MD5Task>";
+    std::string text = "<MD5Task><ID>bench</ID><Files>";
+    for (int i = hasThreads ? 2 : 1; i < argc; ++i)
+        text += std::string("<File><Path>") + argv[i] + "</Path></File>";
+    text += "</Files>";
+    if (hasThreads) text += std::string("<Threads>") + argv[1] + "</Threads>";
+    text += "</MD5Task>";
     TaskInfo* info = nullptr;
     if (RQWorkerAnalyseTask(rq::plugin::Borrow(text), &info) != 0) {
-        std::fprintf(stderr, "md5_bench: the plug-in refuses %s\n", argv[1]);
+        std::fprintf(stderr, "md5_bench: the plug-in refuses %s\n", text.c_str());
         return 1;
     }
     const volatile uint32_t stop = RQ_STOP_NONE;
@@ -40,9 +46,12 @@ int main(int argc, char** argv) {
         return 1;
     }
     const auto* data = static_cast<const RQMd5Data*>(info->typeData);
-    const auto* file = static_cast<const RQMd5File*>(data->files->items[0]);
-    std::printf("%.6f ", took_s.count());
-    for (const std::uint8_t byte : file->computedMd5) std::printf("%02x", byte);
+    std::printf("%.6f", took_s.count());
+    for (std::uint32_t i = 0; i < RQLoad32(&data->files->count); ++i) {
+        std::printf(" ");
+        for (const std::uint8_t byte : static_cast<const RQMd5File*>(data->files->items[i])->computedMd5)
+            std::printf("%02x", byte);
+    }
     std::printf("\n");
     RQWorkerRelease();
     return 0;

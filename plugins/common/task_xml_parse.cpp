@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "plugin_common/task_xml.h"
+#include "plugin_common/utf8.h"
 
 namespace rq::task {
 namespace {
@@ -16,20 +17,6 @@ std::size_t LineAt(std::string_view text, std::size_t offset) {
     std::size_t line = 1;
     for (const char c : text.substr(0, offset)) line += c == '\n' ? 1 : 0;
     return line;
-}
-
-// How many bytes the UTF-8 sequence at the beginning of `text` has; 0 when it is none.
-std::size_t Utf8Length(std::string_view text) {
-    const auto at = [&](std::size_t i) { return static_cast<unsigned char>(i < text.size() ? text[i] : 0); };
-    const auto next = [&](std::size_t i) { return (at(i) & 0xC0u) == 0x80u; };
-    const unsigned char first = at(0);
-    if (first < 0x80) return 1;
-    if (first < 0xC2 || first > 0xF4 || !next(1)) return 0;
-    if (first < 0xE0) return 2;
-    if (!next(2) || (first == 0xE0 && at(1) < 0xA0) || (first == 0xED && at(1) > 0x9F)) return 0;
-    if (first < 0xF0) return 3;
-    if (!next(3) || (first == 0xF0 && at(1) < 0x90) || (first == 0xF4 && at(1) > 0x8F)) return 0;
-    return 4;
 }
 
 bool CheckBytes(std::string_view text, XmlError& error) {

@@ -11,7 +11,7 @@ class Md5Plugin final : public plugin::Plugin {
   public:
     Md5Plugin()
         : Plugin({"md5",
-                  "1.0.0",
+                  "1.1.0",
                   {RQ_TYPE_MD5_COMPUTE, RQ_TYPE_MD5_VERIFY},
                   RQ_ABILITY_PAUSE | RQ_ABILITY_FINISH}) {}
 

@@ -11,15 +11,29 @@
 
 namespace rq::md5 {
 
+constexpr int kMaxThreads = 64;
+
 struct TaskFile {
-    std::string path;  // absolute, as in the task text
-    std::optional<task::Md5Digest> expected;
+    enum class Kind { kFile, kFolder, kChecksums };  // a checksum file names files and what they should have
+    std::string path;                                // absolute, as in the task text
+    std::optional<task::Md5Digest> expected;         // of a file
+    Kind kind = Kind::kFile;
+};
+
+struct ChecksumOutput {
+    std::string path;  // absolute
+    bool overwrite = false;
 };
 
 struct Md5Task {
     std::string id;
     bool verify = false;  // every file has an expected digest; otherwise none has
     std::vector<TaskFile> files;
+    int threads = 1;
+    std::optional<ChecksumOutput> output;  // of a computation
+
+    // Whether the text itself names every file.
+    bool IsPlainList() const;
 };
 
 // False, with `error` set, for a text that does not fit; the ID is there when that much could be read.

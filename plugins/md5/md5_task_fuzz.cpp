@@ -16,7 +16,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t cou
     Require(!rq::task::TrimXml(task.id).empty(), "and an ID", text);
     for (const rq::md5::TaskFile& file : task.files) {
         Require(rq::task::IsAbsolutePath(file.path), "a path that is taken is absolute", file.path);
-        Require(file.expected.has_value() == task.verify, "all files have a digest, or none", file.path);
+        const bool isVerified = file.expected || file.kind == rq::md5::TaskFile::Kind::kChecksums;
+        Require(isVerified == task.verify, "all are verified, or none", file.path);
     }
+    Require(task.threads >= 1 && task.threads <= rq::md5::kMaxThreads, "the threads", text);
+    Require(!task.output || (!task.verify && rq::task::IsAbsolutePath(task.output->path)), "the output",
+            text);
     return 0;
 }

@@ -121,6 +121,20 @@ TEST(Md5Documentation, SchemaAndReaderAgree) {
         "<ID>x</ID><Files>" +
             file + "</Files></MD5Task>",
         "<Md5Task/>",
+        task("<ID>x</ID><Files><Folder><Path>/a</Path></Folder>" + file + "</Files>"),
+        task("<ID>x</ID><Files><Folder><Path>a</Path></Folder></Files>"),
+        task("<ID>x</ID><Files><Folder>/a</Folder></Files>"),
+        task("<ID>x</ID><Files><Folder><Path>/a</Path><MD5>" + std::string(32, 'A') +
+             "</MD5></Folder></Files>"),
+        task("<ID>x</ID><Files><ChecksumFile><Path>/a</Path></ChecksumFile></Files><Threads> 64 </Threads>"),
+        task("<ID>x</ID><Files>" + file + "</Files><Threads>0</Threads>"),
+        task("<ID>x</ID><Files>" + file + "</Files><Threads>07</Threads>"),
+        task("<ID>x</ID><Files>" + file + "</Files><Threads></Threads>"),
+        task("<ID>x</ID><Files>" + file + "</Files><WriteChecksums/>"),
+        task("<ID>x</ID><Files>" + file +
+             "</Files><WriteChecksums><Overwrite>false</Overwrite><Path>/a</Path></WriteChecksums>"),
+        task("<ID>x</ID><Files>" + file +
+             "</Files><WriteChecksums><Overwrite>yes</Overwrite><Path>/a</Path></WriteChecksums>"),
     };
     for (const std::string& text : texts)
         EXPECT_EQ(task::SchemaTakes("md5.xsd", text), ErrorOf(text).empty()) << text;

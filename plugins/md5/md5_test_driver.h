@@ -2,13 +2,35 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "plugin_common/plugin_driver.h"
 
 namespace rq::md5 {
 
+// An entry that the worker was given to copy.
+struct Published {
+    std::string path;
+    std::string failure;
+    std::uint32_t has;
+    std::string first;
+    std::string computed;
+};
+
 class PluginDriver : public task::PluginDriver {
   protected:
+    PluginDriver() {
+        m_host.publishResult = [](void* self, std::uint32_t kind, const void* entry) {
+            EXPECT_EQ(kind, RQ_RESULT_MD5_FILE);
+            const auto& file = *static_cast<const RQMd5File*>(entry);
+            // What it was given as its context is the shared driver.
+            static_cast<PluginDriver*>(static_cast<task::PluginDriver*>(self))
+                ->m_published.push_back({Text(file.first), Text(file.second), file.has, Hex(file.firstMd5),
+                                         Hex(file.computedMd5)});
+            return 0;
+        };
+    }
+
     // A file of zeros that takes no room.
     std::string WriteSparse(const std::string& name, std::uintmax_t size_bytes) const {
         kit::MakeSparseFile(PathFromUtf8(PathOf(name)), size_bytes);
@@ -18,12 +40,13 @@ class PluginDriver : public task::PluginDriver {
     static std::string FileElement(const std::string& path, const std::string& md5 = {}) {
         return "<File><Path>" + path + "</Path>" + (md5.empty() ? "" : "<MD5>" + md5 + "</MD5>") + "</File>";
     }
-    static std::string TaskText(const std::string& files) {
-        return "<MD5Task><ID>t 1</ID><Files>" + files + "</Files></MD5Task>";
+    // `options` stand behind the files.
+    static std::string TaskText(const std::string& files, const std::string& options = {}) {
+        return "<MD5Task><ID>t 1</ID><Files>" + files + "</Files>" + options + "</MD5Task>";
     }
 
-    void Do(const std::string& files) {
-        ASSERT_EQ(Analyse(TaskText(files)), 0) << (m_log.empty() ? "" : m_log.back());
+    void Do(const std::string& files, const std::string& options = {}) {
+        ASSERT_EQ(Analyse(TaskText(files, options)), 0) << (m_log.empty() ? "" : m_log.back());
         Perform();
     }
 
@@ -56,6 +79,8 @@ class PluginDriver : public task::PluginDriver {
         }
         EXPECT_EQ(last, total);
     }
+
+    std::vector<Published> m_published;
 };
 
 }  // namespace rq::md5

@@ -1,53 +1,57 @@
 #include "md5_work.h"
 
 #include <algorithm>
+#include <exception>
 
 #include "plugin_common/codes.h"
+#include "plugin_common/utf8.h"
 
 namespace rq::md5 {
 namespace {
 
 constexpr task::Md5Digest kPlaceholder{};
+constexpr std::chrono::milliseconds kLook_ms{100};  // for the stop flag, while a thread waits
 
-std::string Hex(const task::Md5Digest& digest) {
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    for (const std::uint8_t byte : digest) {
-        text += kDigits[byte >> 4];
-        text += kDigits[byte & 15];
-    }
-    return text;
+// An expected digest of zeros only stands for "not known": computed, but not compared.
+void Compare(const Item& item, Reading& reading) {
+    if (!reading.digest || !item.expected || *item.expected == kPlaceholder) return;
+    if (*reading.digest != *item.expected)
+        reading.failure = Failure{0, task::kErrorMd5Differs,
+                                  "the MD5 is " + HexOf(*reading.digest) + ", not " + HexOf(*item.expected)};
 }
 
 }  // namespace
 
 Md5Work::Md5Work(Md5Record& record, plugin::Run& run, const plugin::Host& host)
-    : m_record(record), m_run(run), m_host(host), m_buffer(new unsigned char[kBuffer_bytes]) {}
+    : m_record(record), m_run(run), m_host(host), m_source(record.Task()) {}
 
 plugin::Outcome Md5Work::Do() {
-    MeasureFiles();
+    Measure();
     ReportNow(0);
-    const Md5Task& task = m_record.Task();
-    for (std::size_t i = 0; i < task.files.size() && m_run.Stop() == RQ_STOP_NONE; ++i) {
-        Reading reading = ReadFile(task.files[i], m_plannedBytes[i]);
-        if (!reading.digest && !reading.failure) break;
-        Compare(task.files[i], reading);
-        if (reading.failure) NoteFailure(task.files[i], *reading.failure);
-        m_record.Publish(reading.digest ? &*reading.digest : nullptr,
-                         reading.failure ? reading.failure->words : "");
-        m_baseBytes += m_plannedBytes[i];
-        ReportSometimes(m_baseBytes);
+    if (m_record.Task().output && m_run.Stop() == RQ_STOP_NONE) {
+        m_output.emplace();
+        if (const auto failure = m_output->Begin(m_record.Task())) {
+            m_record.SetError(failure->systemCode, failure->errorCode, failure->words, failure->words);
+            return plugin::Outcome::kFailed;
+        }
+        m_source.SetOwnTemporary(m_output->TemporaryPath());
     }
+    const auto wanted = static_cast<std::size_t>(m_record.Task().threads);
+    const std::size_t count = std::min(wanted, m_plannedBytes.size());
+    if (count > 1)
+        WorkTogether(count);
+    else
+        WorkAlone();
     return m_run.Stop() == RQ_STOP_NONE ? Conclude() : ConcludeEarly();
 }
 
-void Md5Work::MeasureFiles() {
-    const std::vector<TaskFile>& files = m_record.Task().files;
-    m_plannedBytes.resize(files.size());
+void Md5Work::Measure() {
     m_reportedAt = std::chrono::steady_clock::now();
-    for (std::size_t i = 0; i < files.size() && m_run.Stop() == RQ_STOP_NONE; ++i) {
-        m_plannedBytes[i] = static_cast<std::int64_t>(task::PlainFileSize(files[i].path));
-        m_totalBytes += m_plannedBytes[i];
+    ItemSource source(m_record.Task());
+    for (Item item; m_run.Stop() == RQ_STOP_NONE && source.Next(item);) {
+        m_plannedBytes.push_back(item.failure ? 0
+                                              : static_cast<std::int64_t>(task::PlainFileSize(item.path)));
+        m_totalBytes += m_plannedBytes.back();
         // Many files on a slow share take their time, and the total is not known before the last.
         if (std::chrono::steady_clock::now() - m_reportedAt < kReport_ms) continue;
         m_run.QuietFor(kMeasuring_s);
@@ -55,48 +59,183 @@ void Md5Work::MeasureFiles() {
     }
 }
 
-Md5Work::Reading Md5Work::ReadFile(const TaskFile& file, std::int64_t planned_bytes) {
-    task::InputFile input;
-    if (const std::uint32_t code = input.Open(file.path); code != 0)
-        return {std::nullopt, Failure{code, task::kErrorSourceUnreadable, task::SystemWords(code)}};
-    if (!m_md5.Start())
-        return {std::nullopt, Failure{0, task::kErrorNoDigest, "MD5 is not available on this system"}};
-    return ReadOpened(input, planned_bytes);
+bool Md5Work::NextJob(Job& job) {
+    if (!m_source.Next(job.item)) return false;
+    job.index = m_nextIndex++;
+    // A file that was not there when they were measured has no part.
+    job.planned_bytes = job.index < m_plannedBytes.size() ? m_plannedBytes[job.index] : 0;
+    return true;
 }
 
-Md5Work::Reading Md5Work::ReadOpened(task::InputFile& input, std::int64_t planned_bytes) {
-    const Failure changed{0, task::kErrorSourceChanged, "the file changed while it was read"};
-    std::uint64_t read_bytes = 0;
-    for (std::size_t got = kBuffer_bytes; got == kBuffer_bytes;) {
-        if (m_run.Stop() != RQ_STOP_NONE) return {};
-        if (const std::uint32_t code = input.Read(m_buffer.get(), kBuffer_bytes, got); code != 0)
-            return {std::nullopt, Failure{code, task::kErrorSourceUnreadable, task::SystemWords(code)}};
-        read_bytes += got;
-        // A file that grows as fast as it is read would never end.
-        if (read_bytes > input.Size()) return {std::nullopt, changed};
-        if (!m_md5.Add(m_buffer.get(), got))
-            return {std::nullopt, Failure{0, task::kErrorNoDigest, "computing the MD5 failed"}};
-        ReportSometimes(m_baseBytes + std::min(planned_bytes, static_cast<std::int64_t>(read_bytes)));
+void Md5Work::Count(Job& job, std::int64_t read_bytes) {
+    const std::int64_t counted = std::min(job.planned_bytes, read_bytes);
+    m_doneBytes += counted - job.counted_bytes;
+    job.counted_bytes = counted;
+}
+
+// The call's thread, in the order of the files.
+void Md5Work::Settle(Job& job) {
+    if (job.item.failure) job.reading.failure = job.item.failure;
+    Compare(job.item, job.reading);
+    const auto& digest = job.reading.digest;
+    if (const auto& failure = job.reading.failure)
+        NoteFailure(task::WithoutBadBytes(job.item.path) + ": " + failure->words, *failure);
+    else if (m_output && digest)
+        if (const auto unwritten = m_output->Add(job.item.path, *digest))
+            NoteFailure(unwritten->words, *unwritten);
+    m_record.Publish(m_host, job.index, job.item, digest ? &*digest : nullptr,
+                     job.reading.failure ? job.reading.failure->words : "");
+    Count(job, job.planned_bytes);
+}
+
+// ---- one thread ----
+
+void Md5Work::WorkAlone() {
+    FileReader reader;
+    for (;;) {
+        Job job;
+        if (m_run.Stop() != RQ_STOP_NONE || !NextJob(job)) return;
+        if (!job.item.failure) {
+            job.reading = reader.Read(job.item.path, [&](std::int64_t read_bytes) {
+                Count(job, read_bytes);
+                ReportSometimes(m_doneBytes);
+                return m_run.Stop() == RQ_STOP_NONE;
+            });
+        }
+        if (!job.HasOutcome()) return;
+        Settle(job);
+        ReportSometimes(m_doneBytes);
     }
-    if (read_bytes != input.Size() || input.Changed()) return {std::nullopt, changed};
-    task::Md5Digest digest{};
-    if (!m_md5.Finish(digest))
-        return {std::nullopt, Failure{0, task::kErrorNoDigest, "computing the MD5 failed"}};
-    return {digest, std::nullopt};
 }
 
-void Md5Work::Compare(const TaskFile& file, Reading& reading) const {
-    // An expected digest of zeros only stands for "not known": computed, but not compared.
-    if (!reading.digest || !file.expected || *file.expected == kPlaceholder) return;
-    if (*reading.digest != *file.expected)
-        reading.failure = Failure{0, task::kErrorMd5Differs,
-                                  "the MD5 is " + Hex(*reading.digest) + ", not " + Hex(*file.expected)};
+// ---- several ----
+
+void Md5Work::WorkTogether(std::size_t count) {
+    m_most_bytes = kAhead_bytes * static_cast<std::int64_t>(count);
+    std::vector<std::thread> threads;
+    threads.reserve(count);
+    StartThreads(threads, count);
+    const auto join = [&] {
+        for (std::thread& thread : threads) thread.join();
+    };
+    try {
+        while (TakeTurn()) {
+        }
+    } catch (...) {  // no memory here: the threads end before the call does
+        m_isGivenUp = true;
+        join();
+        throw;
+    }
+    join();
+    if (m_run.Stop() != RQ_STOP_NONE) return;
+    // Threads that ran out of memory.
+    for (const auto& job : m_window) {
+        const Failure lost{0, task::kErrorProcessing, "not enough memory"};
+        NoteFailure(task::WithoutBadBytes(job->item.path) + ": " + lost.words, lost);
+    }
+    if (!m_isExhausted) WorkAlone();
 }
 
-void Md5Work::NoteFailure(const TaskFile& file, const Failure& failure) {
-    const std::string text = file.path + ": " + failure.words;
+// As many as the system gives; without any, the call's thread does it all.
+void Md5Work::StartThreads(std::vector<std::thread>& threads, std::size_t count) {
+    while (threads.size() < count) {
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            ++m_threads;
+        }
+        try {
+            threads.emplace_back([this] { Thread(); });
+        } catch (const std::exception&) {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            --m_threads;
+            return;
+        }
+    }
+}
+
+bool Md5Work::IsStopped() const {
+    return m_isGivenUp || m_run.Stop() != RQ_STOP_NONE;
+}
+
+// Publishes what is done and tells how far they are. False when nothing is left to wait for.
+bool Md5Work::TakeTurn() {
+    std::vector<std::unique_ptr<Job>> over;
+    bool isLast = false;
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_wake.wait_for(lock, kReport_ms, [&] {
+            return m_threads == 0 || (!m_window.empty() && m_window.front()->isOver) ||
+                   m_doneBytes - m_reportedBytes >= kReport_bytes;
+        });
+        for (; !m_window.empty() && m_window.front()->isOver; m_window.pop_front())
+            over.push_back(std::move(m_window.front()));
+        isLast = m_threads == 0;
+    }
+    for (const auto& job : over)
+        if (job->HasOutcome()) Settle(*job);
+    // A disk that hangs is to be seen as a stall: nothing is told when nothing has moved.
+    if (!over.empty() || m_doneBytes != m_reportedBytes) ReportSometimes(m_doneBytes);
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);  // so that no wait begins between look and wake
+        m_progress.notify_all();
+    }
+    return !isLast;
+}
+
+void Md5Work::Thread() {
+    try {
+        FileReader reader;
+        while (Job* job = Begin()) {
+            if (!job->item.failure) ReadGuarded(*job, reader);
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            job->isOver = true;
+            m_wake.notify_one();
+        }
+    } catch (const std::exception&) {
+        // No memory for the buffer or for a job: the other threads do the rest.
+    }
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    --m_threads;
+    m_wake.notify_one();
+}
+
+// The next file, when there is one and room for it; null at the end.
+Md5Work::Job* Md5Work::Begin() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (m_window.size() >= kWindow_files && !IsStopped()) m_progress.wait_for(lock, kLook_ms);
+    if (m_isExhausted || IsStopped()) return nullptr;
+    m_window.push_back(std::make_unique<Job>());
+    if (NextJob(*m_window.back())) return m_window.back().get();
+    m_window.pop_back();
+    m_isExhausted = true;
+    return nullptr;
+}
+
+void Md5Work::ReadGuarded(Job& job, FileReader& reader) {
+    try {
+        job.reading = reader.Read(job.item.path, [&](std::int64_t read_bytes) {
+            Count(job, read_bytes);
+            if (m_doneBytes - m_reportedBytes >= kReport_bytes) m_wake.notify_one();
+            return MayGoOn();
+        });
+    } catch (const std::exception& e) {
+        job.reading = {std::nullopt, Failure{0, task::kErrorProcessing, e.what()}};
+    }
+}
+
+bool Md5Work::MayGoOn() {
+    while (!IsStopped() && m_doneBytes - m_reportedBytes > m_most_bytes) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_progress.wait_for(lock, kLook_ms);
+    }
+    return !IsStopped();
+}
+
+// ---- what is told ----
+
+void Md5Work::NoteFailure(const std::string& text, const Failure& failure) {
     m_host.Log(plugin::Level::kFailure, "md5: " + text);
-    if (m_failureCount++ == 0) {
+    if (!m_firstFailure) {
         m_firstFailure = failure;
         m_firstFailureText = text;
     }
@@ -108,8 +247,8 @@ void Md5Work::NoteFailure(const TaskFile& file, const Failure& failure) {
 }
 
 void Md5Work::ReportNow(std::int64_t done_bytes) {
-    m_reportedBytes = done_bytes;
     m_run.Progress(m_totalBytes, done_bytes);
+    m_reportedBytes = done_bytes;
     m_reportedAt = std::chrono::steady_clock::now();
 }
 
@@ -119,23 +258,46 @@ void Md5Work::ReportSometimes(std::int64_t done_bytes) {
         ReportNow(done_bytes);
 }
 
+// The checksum file names every file or is not made.
+void Md5Work::CloseOutput() {
+    if (!m_output) return;
+    if (m_firstFailure) {
+        m_output->Discard();
+    } else if (const auto failure = m_output->Publish()) {
+        NoteFailure(failure->words, *failure);
+    }
+}
+
+// The further text: what failed, and what was left out.
+std::string Md5Work::Closing() {
+    if (m_unlisted != 0) m_furtherText += "\nand " + std::to_string(m_unlisted) + " more";
+    if (const std::size_t count = m_source.LeftOut(); count != 0)
+        m_furtherText += (m_furtherText.empty() ? "" : "\n") + std::to_string(count) +
+                         " left out: links, pipes, devices or unfinished files";
+    return m_furtherText;
+}
+
 plugin::Outcome Md5Work::Conclude() {
     ReportNow(std::max<std::int64_t>(m_totalBytes, 1));  // empty files only: 1 of 1
     // The last report may have been held by a pause that a stop ended.
     if (m_run.Stop() != RQ_STOP_NONE) return ConcludeEarly();
-    if (!m_firstFailure) return plugin::Outcome::kFinished;
-    if (m_unlisted != 0) m_furtherText += "\nand " + std::to_string(m_unlisted) + " more";
-    m_record.SetError(m_firstFailure->systemCode, m_firstFailure->errorCode, m_firstFailureText,
-                      m_furtherText);
+    CloseOutput();
+    if (!m_firstFailure) {
+        m_record.SetFurtherText(Closing());
+        return plugin::Outcome::kFinished;
+    }
+    m_record.SetError(m_firstFailure->systemCode, m_firstFailure->errorCode, m_firstFailureText, Closing());
     return plugin::Outcome::kFailed;
 }
 
 plugin::Outcome Md5Work::ConcludeEarly() {
     if (m_run.Stop() != RQ_STOP_FINISH) return plugin::Outcome::kCancelled;
+    CloseOutput();
     std::string text = "ended early: " + std::to_string(m_record.PublishedCount()) + " of " +
-                       std::to_string(m_record.Task().files.size()) + " files done";
-    if (m_unlisted != 0) m_furtherText += "\nand " + std::to_string(m_unlisted) + " more";
-    m_record.SetFurtherText(m_furtherText.empty() ? text : text + "\n" + m_furtherText);
+                       std::to_string(std::max(m_plannedBytes.size(), m_record.PublishedCount())) +
+                       " files done";
+    const std::string closing = Closing();
+    m_record.SetFurtherText(closing.empty() ? text : text + "\n" + closing);
     return plugin::Outcome::kFinished;
 }
 

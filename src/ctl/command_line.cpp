@@ -1,5 +1,6 @@
 #include "ctl/command_line.h"
 
+#include "ctl/md5_task.h"
 #include "platform/environment.h"
 #include "platform/identity.h"
 
@@ -78,14 +79,22 @@ void AddSubmit(CLI::App& app, CommandLine& line) {
     submit->add_option("--text", line.text, "File with the task text of a raw task; - is standard input")
         ->type_name("FILE");
     AddSubmitOptions(submit, line);
-    auto* md5 = submit->add_subcommand("md5", "Compute the MD5 of files, or verify it with --expect");
+    auto* md5 = submit->add_subcommand(
+        "md5", "Compute the MD5 of files and folders, or verify it with --expect or --check");
     md5->fallthrough();
-    md5->add_option("files", line.files, "Files; relative names are made absolute")
-        ->required()
+    md5->add_option("files", line.md5.files, "Files or folders; relative names are made absolute")
         ->type_name("FILE");
-    md5->add_option("--expect", line.expected, "Expected MD5, once for each file in the same order")
+    md5->add_option("--expect", line.md5.expected, "Expected MD5, once for each file in the same order")
         ->type_name("HEX")
         ->allow_extra_args(false);
+    md5->add_option("--check", line.md5.checks, "Instead of files: a checksum file whose files are verified")
+        ->type_name("FILE")
+        ->allow_extra_args(false);
+    md5->add_option("--write", line.md5.checksumFile, "Checksum file to make")->type_name("FILE");
+    md5->add_flag("--overwrite", line.md5.overwrite, "Replace the checksum file when it exists");
+    md5->add_option("--threads", line.md5.threads,
+                    "How many files are read at a time, 1 to 64; otherwise one for each of --cores")
+        ->check(CLI::Range(1, kMaxMd5Threads));
     AddSubmitOptions(md5, line);
     AddTranscode(*submit, line);
 }

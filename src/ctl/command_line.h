@@ -14,7 +14,7 @@ namespace rq::ctl {
 
 struct CommandLine {
     std::string dataFolder;
-    std::vector<std::string> files, expected;
+    Md5Options md5;
     std::string type, text, name, id, code, file;
     std::uint32_t family = 0;
     bool all = false;

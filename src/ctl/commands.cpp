@@ -9,6 +9,7 @@
 
 #include "base/paths.h"
 #include "base/text.h"
+#include "ctl/file_argument.h"
 #include "ctl/md5_task.h"
 #include "ctl/output.h"
 #include "platform/files.h"
@@ -48,6 +49,7 @@ std::string NameOf(const std::vector<Md5Job>& jobs) {
 std::uintmax_t TotalSize(const std::vector<Md5Job>& jobs) {
     std::uintmax_t total_bytes = 0;
     for (const auto& job : jobs) {
+        if (job.element != "File") return 0;  // not known here
         std::error_code unknown;
         const auto size = std::filesystem::file_size(PathFromUtf8(job.path), unknown);
         if (!unknown) total_bytes += size;
@@ -125,15 +127,33 @@ Outcome<std::string> ReadText(const std::string& file) {
     return text;
 }
 
+// A task that declares cores uses them, when it can.
+int ThreadsFor(const RunFields& run) {
+    return static_cast<int>(std::clamp<std::int64_t>(run.cores.value_or(1), 1, kMaxMd5Threads));
+}
+
 }  // namespace
 
-Outcome<int> SubmitMd5(const std::string& dataFolder, const std::vector<std::string>& files,
-                       const std::vector<std::string>& expected, const SubmitOptions& options) {
-    const auto jobs = PrepareMd5Jobs(files, expected);
+Outcome<int> SubmitMd5(const std::string& dataFolder, const Md5Options& md5, const SubmitOptions& options) {
+    const bool isCheck = !md5.checks.empty();
+    if (isCheck && !(md5.files.empty() && md5.expected.empty()))
+        return Failure(kExitUsage, "--check goes without files; give them a task of their own");
+    const bool verifies = isCheck || !md5.expected.empty();
+    if (verifies && !md5.checksumFile.empty())
+        return Failure(kExitUsage, "--write goes with a computation, not with --check or --expect");
+    if (md5.overwrite && md5.checksumFile.empty())
+        return Failure(kExitUsage, "--overwrite goes with --write");
+    const auto jobs = isCheck ? PrepareMd5Checks(md5.checks) : PrepareMd5Jobs(md5.files, md5.expected);
     if (!jobs) return Failure(kExitUsage, jobs.error().message);
-    const std::string xml = BuildMd5TaskXml(TaskId("md5-", options.run), *jobs);
+    Md5Settings settings{md5.threads.value_or(ThreadsFor(options.run)), {}, md5.overwrite};
+    if (!md5.checksumFile.empty()) {
+        const auto target = NewFile(md5.checksumFile, md5.overwrite);
+        if (!target) return Failure(kExitUsage, target.error().message);
+        settings.checksumFile = *target;
+    }
+    const std::string xml = BuildMd5TaskXml(TaskId("md5-", options.run), *jobs, settings);
     const std::string name = options.name.empty() ? NameOf(*jobs) : options.name;
-    return Submit(dataFolder, expected.empty() ? "mc" : "mv", xml, name, options, TotalSize(*jobs));
+    return Submit(dataFolder, verifies ? "mv" : "mc", xml, name, options, TotalSize(*jobs));
 }
 
 Outcome<int> SubmitTranscode(const std::string& dataFolder, const TranscodeOptions& transcode,

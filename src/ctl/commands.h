@@ -37,9 +37,17 @@ struct ShowOptions {
     bool events = false;
 };
 
+struct Md5Options {
+    std::vector<std::string> files;     // or folders, when nothing is expected
+    std::vector<std::string> expected;  // none, or one for each file
+    std::vector<std::string> checks;    // checksum files to verify, instead of files
+    std::string checksumFile;           // to be made
+    bool overwrite = false;
+    std::optional<int> threads;  // otherwise one for each core that is declared
+};
+
 // Files are looked at before the engine is asked.
-Outcome<int> SubmitMd5(const std::string& dataFolder, const std::vector<std::string>& files,
-                       const std::vector<std::string>& expected, const SubmitOptions& options);
+Outcome<int> SubmitMd5(const std::string& dataFolder, const Md5Options& md5, const SubmitOptions& options);
 Outcome<int> SubmitTranscode(const std::string& dataFolder, const TranscodeOptions& transcode,
                              const SubmitOptions& options);
 // `textFile` is a path, or "-" for standard input.

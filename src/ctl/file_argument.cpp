@@ -77,6 +77,18 @@ Result<std::string> ExistingFile(const std::string& name) {
     return absolute;
 }
 
+bool IsFolderName(const std::string& name) {
+    std::error_code code;
+    return !name.empty() && IsValidUtf8(name) && fs::is_directory(PathFromUtf8(name), code);
+}
+
+Result<std::string> ExistingFolder(const std::string& name) {
+    const auto path = AbsolutePath(name);
+    if (!path) return path.error();
+    if (!IsFolderName(Utf8FromPath(*path))) return Fail(name + ": no such folder");
+    return Utf8FromPath(*path);
+}
+
 Result<std::string> NewFile(const std::string& name, bool overwrite) {
     // As it was given: made absolute, it has lost what is wrong with it.
     const std::string last = Utf8FromPath(PathFromUtf8(RepairUtf8(name)).filename());

@@ -11,6 +11,12 @@ namespace rq::ctl {
 // with the name.
 Result<std::string> ExistingFile(const std::string& name);
 
+// Whether the name is that of a folder, maybe behind a link.
+bool IsFolderName(const std::string& name);
+
+// The absolute path of a folder, in the same way.
+Result<std::string> ExistingFolder(const std::string& name);
+
 // The same of a file that is to be made: its folder must be there, itself only with `overwrite`.
 Result<std::string> NewFile(const std::string& name, bool overwrite);
 

@@ -31,7 +31,7 @@ Outcome<int> RunSubmit(const CLI::App& submit, const CommandLine& line) {
     const bool raw = !line.type.empty() || !line.text.empty();
     if (submit.got_subcommand("md5")) {
         if (raw) return Failure(kExitUsage, "--type and --text do not go with \"submit md5\"");
-        return SubmitMd5(line.dataFolder, line.files, line.expected, options);
+        return SubmitMd5(line.dataFolder, line.md5, options);
     }
     if (submit.got_subcommand("transcode")) {
         if (raw) return Failure(kExitUsage, "--type and --text do not go with \"submit transcode\"");

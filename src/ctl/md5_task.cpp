@@ -34,9 +34,10 @@ Result<std::vector<Md5Job>> PrepareMd5Jobs(const std::vector<std::string>& files
             "should have, or leave --expect out to compute it");
     std::vector<Md5Job> jobs;
     for (std::size_t i = 0; i < files.size(); ++i) {
-        auto path = ExistingFile(files[i]);
+        const bool isFolder = expected.empty() && IsFolderName(files[i]);
+        auto path = isFolder ? ExistingFolder(files[i]) : ExistingFile(files[i]);
         if (!path) return path.error();
-        Md5Job job{*path, {}};
+        Md5Job job{*path, {}, isFolder ? "Folder" : "File"};
         if (!expected.empty()) {
             if (!IsDigest(expected[i]))
                 return Fail("--expect " + expected[i] + ": an MD5 has 32 hexadecimal digits");
@@ -47,15 +48,31 @@ Result<std::vector<Md5Job>> PrepareMd5Jobs(const std::vector<std::string>& files
     return jobs;
 }
 
-std::string BuildMd5TaskXml(const std::string& id, const std::vector<Md5Job>& jobs) {
+Result<std::vector<Md5Job>> PrepareMd5Checks(const std::vector<std::string>& checksumFiles) {
+    std::vector<Md5Job> jobs;
+    for (const std::string& name : checksumFiles) {
+        auto path = ExistingFile(name);
+        if (!path) return path.error();
+        jobs.push_back({*path, {}, "ChecksumFile"});
+    }
+    return jobs;
+}
+
+std::string BuildMd5TaskXml(const std::string& id, const std::vector<Md5Job>& jobs,
+                            const Md5Settings& settings) {
     std::string xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<MD5Task>\n  <ID>" + EscapeXml(id) +
                       "</ID>\n  <Files>\n";
     for (const auto& job : jobs) {
-        xml += "    <File><Path>" + EscapeXml(job.path) + "</Path>";
+        xml += "    <" + job.element + "><Path>" + EscapeXml(job.path) + "</Path>";
         if (!job.expected.empty()) xml += "<MD5>" + job.expected + "</MD5>";
-        xml += "</File>\n";
+        xml += "</" + job.element + ">\n";
     }
-    return xml + "  </Files>\n</MD5Task>\n";
+    xml += "  </Files>\n";
+    if (settings.threads != 1) xml += "  <Threads>" + std::to_string(settings.threads) + "</Threads>\n";
+    if (!settings.checksumFile.empty())
+        xml += "  <WriteChecksums><Path>" + EscapeXml(settings.checksumFile) + "</Path>" +
+               (settings.overwrite ? "<Overwrite>true</Overwrite>" : "") + "</WriteChecksums>\n";
+    return xml + "</MD5Task>\n";
 }
 
 }  // namespace rq::ctl

@@ -72,7 +72,6 @@ TEST(PrepareMd5Jobs, SaysWhatIsWrongWithAFile) {
         std::string name, why;
     } cases[] = {
         {folder.Utf8("gone"), "no such file"},
-        {folder.Utf8(), "is a folder"},
         {kit::NullDevice(), kit::IsWine() ? "no such file" : "not a plain file"},  // Wine shows no device
         {"", "empty file name"},
         {"/tmp/\xff\xfe", "not UTF-8"},
@@ -85,6 +84,32 @@ TEST(PrepareMd5Jobs, SaysWhatIsWrongWithAFile) {
         EXPECT_NE(jobs.error().message.find(one.why), std::string::npos) << jobs.error().message;
     }
     EXPECT_FALSE(PrepareMd5Jobs({}, {}));
+}
+
+TEST(PrepareMd5Jobs, TakesFoldersWhereNothingIsExpected) {
+    kit::TempDir folder;
+    folder.Write("sub/a", "");
+    const auto jobs = PrepareMd5Jobs({folder.Utf8("sub"), folder.Utf8("sub/a")}, {});
+    ASSERT_TRUE(jobs) << jobs.error().message;
+    EXPECT_EQ(jobs->at(0).element, "Folder");
+    EXPECT_EQ(jobs->at(1).element, "File");
+    EXPECT_EQ(BuildMd5TaskXml("j", {{"/a & b", "", "Folder"}}, {4, "/s<", true}),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+              "<MD5Task>\n"
+              "  <ID>j</ID>\n"
+              "  <Files>\n"
+              "    <Folder><Path>/a &amp; b</Path></Folder>\n"
+              "  </Files>\n"
+              "  <Threads>4</Threads>\n"
+              "  <WriteChecksums><Path>/s&lt;</Path><Overwrite>true</Overwrite></WriteChecksums>\n"
+              "</MD5Task>\n");
+    const auto refused = PrepareMd5Jobs({folder.Utf8("sub")}, {std::string(32, 'a')});
+    ASSERT_FALSE(refused);
+    EXPECT_NE(refused.error().message.find("is a folder"), std::string::npos);
+    const auto checks = PrepareMd5Checks({folder.Utf8("sub/a")});
+    ASSERT_TRUE(checks);
+    EXPECT_EQ(checks->at(0).element, "ChecksumFile");
+    EXPECT_FALSE(PrepareMd5Checks({folder.Utf8("gone")}));
 }
 
 TEST(PrepareMd5Jobs, WantsAnExpectedDigestForEachFile) {

@@ -61,6 +61,61 @@ TEST(Md5Tasks, SeveralFilesKeepTheirOrder) {
     EXPECT_LT(first, second);
 }
 
+// A folder with a checksum file of it, then what the checksum file says of a folder in which a file has
+// changed.
+TEST(Md5Tasks, FolderAndItsChecksumFile) {
+    kit::TempDir folder;
+    const fs::path a = folder.Write("media/a", "first");
+    const fs::path b = folder.Write("media/sub/片 b", "second");
+    const std::string media = folder.Utf8("media"), sums = folder.Utf8("sums.md5");
+    Node node;
+    const Outcome made = node.Ctl({"submit", "md5", "--watch", "--threads", "2", "--write", sums, media});
+    EXPECT_EQ(made.code, 0) << made.output << made.errors;
+    for (const fs::path& file : {a, b})
+        EXPECT_NE(made.output.find(kit::ReferenceMd5(file) + "  " + Utf8FromPath(file) + "\n"),
+                  std::string::npos)
+            << made.output;
+    EXPECT_EQ(kit::ReadBytes(folder.Path() / "sums.md5"),
+              kit::ReferenceMd5(a) + "  media/a\n" + kit::ReferenceMd5(b) + "  media/sub/片 b\n");
+    EXPECT_EQ(node.Ctl({"submit", "md5", "--watch", "--check", sums}).code, 0);
+    folder.Write("media/a", "fiRst");
+    const Outcome checked = node.Ctl({"submit", "md5", "--watch", "--check", sums});
+    EXPECT_NE(checked.code, 0);
+    EXPECT_NE(checked.output.find("media/a: FAILED\n"), std::string::npos) << checked.output;
+    EXPECT_NE(checked.output.find("media/sub/片 b: OK\n"), std::string::npos) << checked.output;
+}
+
+TEST(Md5Tasks, ThreadsAreTheCoresThatATaskDeclares) {
+    kit::TempDir folder;
+    const std::string file = Utf8FromPath(folder.Write("file", "bytes"));
+    Node node;
+    EXPECT_EQ(node.Ctl({"submit", "md5", "--wait", "--cores", "2", file}).code, 0);
+    EXPECT_EQ(node.Ctl({"submit", "md5", "--wait", "--cores", "2", "--threads", "3", file}).code, 0);
+    EXPECT_NE(node.Show("t1")["text"].get<std::string>().find("<Threads>2</Threads>"), std::string::npos);
+    EXPECT_NE(node.Show("t2")["text"].get<std::string>().find("<Threads>3</Threads>"), std::string::npos);
+}
+
+TEST(Md5Tasks, OptionsThatDoNotGoTogetherAreRefused) {
+    kit::TempDir folder;
+    const std::string file = Utf8FromPath(folder.Write("file", "bytes"));
+    const std::string sums = folder.Utf8("sums");
+    Node node;
+    const std::vector<std::vector<std::string>> cases = {{file, "--check", file},
+                                                         {"--write", sums, "--check", file},
+                                                         {file, "--overwrite"},
+                                                         {file, "--write", file},
+                                                         {file, "--threads", "0"},
+                                                         {},
+                                                         {folder.Utf8(), "--expect", std::string(32, 'a')}};
+    for (std::vector<std::string> arguments : cases) {
+        arguments.insert(arguments.begin(), {"submit", "md5"});
+        const Outcome outcome = node.Ctl(arguments);
+        EXPECT_EQ(outcome.code, 2) << outcome.output << outcome.errors;
+        EXPECT_FALSE(outcome.errors.empty());
+    }
+    EXPECT_FALSE(fs::exists(folder.Path() / "sums"));
+}
+
 TEST(Md5Tasks, RecordHoldsWhatHappened) {
     kit::TempDir folder;
     const fs::path file = folder.Write("file", "bytes");
