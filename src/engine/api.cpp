@@ -83,8 +83,11 @@ Api::Api(boost::asio::io_context& io, Store& store, ApiHost& host, std::string t
 Api::~Api() = default;
 
 std::optional<ApiResponse> Api::Refuse(const ApiRequest& request) const {
-    if (!IsLocalHost(request.host))
-        return MakeError(403, "bad-host", "the Host header must name 127.0.0.1, localhost or [::1]");
+    const bool isOpen = m_host.IsOpenToOthers();
+    if (!IsLocalHost(request.host) && !(isOpen && IsAddressHost(request.host)))
+        return MakeError(403, "bad-host",
+                         std::string("the Host header must name 127.0.0.1, localhost or [::1]") +
+                             (isOpen ? ", or be an address" : ""));
     if (!HasToken(request.authorization, m_token)) {
         ApiResponse response = MakeError(
             401, "no-token", "the token is missing or wrong; it is in engine.token in the data folder");

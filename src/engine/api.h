@@ -46,6 +46,8 @@ class ApiHost {
     virtual Result<bool> Drain(std::int32_t type) = 0;
     virtual Result<bool> GoOn(std::int32_t type) = 0;
     virtual std::vector<WaitReason> WhyWaits(const TaskRow& task) = 0;
+    // Whether clients may reach the API at another address than this machine's own name for itself.
+    virtual bool IsOpenToOthers() const { return false; }
     // Volumes by name; refuses what could never start on this node.
     virtual std::optional<FieldError> Accept(NewTask&) const { return std::nullopt; }
     virtual NodeFacts GetNodeFacts() const { return {}; }

@@ -1,6 +1,7 @@
 #include "engine/api_request.h"
 
 #include <algorithm>
+#include <boost/asio/ip/address.hpp>
 #include <charconv>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -177,14 +178,34 @@ std::optional<FieldError> UnknownParameter(const Target& target, const std::vect
     return std::nullopt;
 }
 
-bool IsLocalHost(std::string_view host) {
+namespace {
+
+// Without the port; nothing when that is none.
+std::optional<std::string_view> WithoutPort(std::string_view host) {
     // After the closing bracket in "[::1]:8084".
     const auto bracket = host.rfind(']');
     const auto colon = host.find(':', bracket == std::string_view::npos ? 0 : bracket);
-    if (colon != std::string_view::npos) {
-        if (!WholeNumber<std::uint16_t>(host.substr(colon + 1))) return false;
-        host = host.substr(0, colon);
-    }
+    if (colon == std::string_view::npos) return host;
+    if (!WholeNumber<std::uint16_t>(host.substr(colon + 1))) return std::nullopt;
+    return host.substr(0, colon);
+}
+
+}  // namespace
+
+bool IsAddressHost(std::string_view host) {
+    const auto plain = WithoutPort(host);
+    if (!plain || plain->empty()) return false;
+    boost::system::error_code error;
+    if (plain->front() == '[' && plain->back() == ']')
+        boost::asio::ip::make_address_v6(std::string(plain->substr(1, plain->size() - 2)), error);
+    else
+        boost::asio::ip::make_address_v4(std::string(*plain), error);
+    return !error;
+}
+
+bool IsLocalHost(std::string_view whole) {
+    const auto plain = WithoutPort(whole);
+    const std::string_view host = plain.value_or("");
     return host == "127.0.0.1" || host == "[::1]" || EqualIgnoringCase(host, "localhost");
 }
 

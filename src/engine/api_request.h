@@ -41,6 +41,8 @@ struct Target {
 
 // "127.0.0.1", "localhost", "[::1]", each with or without a port.
 bool IsLocalHost(std::string_view host);
+// An address, not a name, with or without a port: nobody else can have pointed it here.
+bool IsAddressHost(std::string_view host);
 // "Bearer <token>", the scheme in any case.
 bool HasToken(std::string_view authorization, std::string_view token);
 

@@ -115,5 +115,13 @@ TEST(ParseListQuery, ReadsStatesLimitAndPlace) {
     }
 }
 
+TEST(Hosts, AnAddressIsNoName) {
+    for (const char* host : {"192.0.2.7", "192.0.2.7:8084", "[2001:db8::1]", "[::1]:80", "127.0.0.1"})
+        EXPECT_TRUE(IsAddressHost(host)) << host;
+    for (const char* host : {"", ":80", "evil.example", "evil.example:80", "192.0.2.7:x", "192.0.2", "[]",
+                             "[evil]", "2001:db8::1", "[::1", "192.0.2.7.evil.example"})
+        EXPECT_FALSE(IsAddressHost(host)) << host;
+}
+
 }  // namespace
 }  // namespace rq::engine

@@ -2,6 +2,7 @@
 
 #include <toml++/toml.h>
 #include <algorithm>
+#include <boost/asio/ip/address.hpp>
 #include <functional>
 #include <optional>
 
@@ -90,6 +91,19 @@ Key Text(std::string_view table, std::string_view name, std::string EngineSettin
                 return std::nullopt;
             },
             [=](const EngineSettings& settings) { return Quoted(settings.*member); }};
+}
+
+Key Address(std::string_view name, std::string EngineSettings::*member, std::string_view meaning) {
+    Key key = Text("engine", name, member, meaning);
+    key.take = [take = key.take, member](EngineSettings& settings,
+                                         const toml::node& node) -> std::optional<std::string> {
+        if (auto fault = take(settings, node)) return fault;
+        boost::system::error_code error;
+        if (!(settings.*member).empty()) boost::asio::ip::make_address(settings.*member, error);
+        if (error) return "must be an IPv4 or IPv6 address, not a name, or empty";
+        return std::nullopt;
+    };
+    return key;
 }
 
 Key DurabilityKey(std::string_view meaning) {
@@ -190,6 +204,10 @@ std::vector<Key> MakeKeys() {
                "Port for workers on 127.0.0.1; 0 takes a free one."),
         Number("engine", "http_port", &S::httpPort, 0, 65535,
                "Port of the HTTP API on 127.0.0.1; 0 takes a free one."),
+        Address(
+            "listen", &S::listen,
+            "A further address for workers, which opens the port to other machines; empty: 127.0.0.1 alone."),
+        Address("http_listen", &S::httpListen, "The same of the HTTP API."),
         Number("engine", "max_workers", &S::maxWorkers, 0, 1000,
                "Workers at a time; 0: one for each processor core."),
         Text("engine", "stage", &S::stageFolder,

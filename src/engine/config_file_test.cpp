@@ -57,6 +57,17 @@ TEST(ConfigFile, PathsAreATableOfPrefixes) {
     EXPECT_THAT(fault("[paths]\nmap = { '/a' = '/b', '/a' = '/c' }\n"), StartsWith("f:2: "));
 }
 
+TEST(ConfigFile, AddressesToListenOnAreNoNames) {
+    EngineSettings settings;
+    ASSERT_TRUE(ApplyConfig("[engine]\nlisten = '192.0.2.7'\nhttp_listen = '::1'\n", "f", settings));
+    EXPECT_EQ(settings.listen, "192.0.2.7");
+    EXPECT_EQ(settings.httpListen, "::1");
+    ASSERT_TRUE(ApplyConfig("[engine]\nlisten = ''\n", "f", settings));
+    EXPECT_EQ(settings.listen, "");
+    EXPECT_THAT(ApplyConfig("[engine]\nhttp_listen = 'node7'\n", "f", settings).error().message,
+                HasSubstr("f:2: http_listen must be an IPv4 or IPv6 address, not a name, or empty"));
+}
+
 TEST(ConfigFile, RetryPoliciesAreForAllTypesAndForOne) {
     EngineSettings settings;
     const auto done = ApplyConfig(

@@ -56,6 +56,8 @@ class EngineImpl final : public Engine, public ApiHost {
   private:
     Result<void> OpenStore();
     Result<void> Listen();
+    void WarnIfOpen(const std::string& what, const std::string& address, std::uint16_t port);
+    bool IsOpenToOthers() const override { return !m_settings.httpListen.empty(); }
     Result<void> ListenForWorkers();
     // Ends when the data folder is gone: what would be accepted from then on would be lost.
     bool IsFolderThere();
@@ -206,7 +208,20 @@ Result<void> EngineImpl::Listen() {
                                          });
     if (auto listening = ListenForWorkers(); !listening) return listening;
     m_scheduler->SetLinkPort(LinkPort());
-    return m_pages->Listen(m_settings.httpPort);
+    if (auto listening = m_pages->Listen(m_settings.httpPort, m_settings.httpListen); !listening)
+        return listening;
+    WarnIfOpen("workers", m_settings.listen, LinkPort());
+    WarnIfOpen("the HTTP API", m_settings.httpListen, HttpPort());
+    return {};
+}
+
+void EngineImpl::WarnIfOpen(const std::string& what, const std::string& address, std::uint16_t port) {
+    boost::system::error_code unknown;
+    if (address.empty() || boost::asio::ip::make_address(address, unknown).is_loopback()) return;
+    m_log->Warn(
+        "port " + std::to_string(port) + " for " + what + " is open to other machines, at " + address +
+        ": nothing there is encrypted. Who can read that network gets the token, and with it the right "
+        "to have this node read, write and delete its user's files; let a firewall or a tunnel guard it");
 }
 
 // Workers of an earlier run look for their engine where it was.
@@ -215,8 +230,8 @@ Result<void> EngineImpl::ListenForWorkers() {
     if (!before) return before.error();
     const bool isAwaited = !m_open.empty() && *before != 0;
     Result<void> listening = Fail("");
-    if (isAwaited && m_settings.linkPort == 0) listening = m_links->Listen(*before);
-    if (!listening) listening = m_links->Listen(m_settings.linkPort);
+    if (isAwaited && m_settings.linkPort == 0) listening = m_links->Listen(*before, m_settings.listen);
+    if (!listening) listening = m_links->Listen(m_settings.linkPort, m_settings.listen);
     if (!listening) return listening;
     if (isAwaited && LinkPort() != *before)
         m_log->Warn("workers of an earlier run look for their engine on port " + std::to_string(*before) +

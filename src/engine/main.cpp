@@ -1,6 +1,7 @@
 // rqengine: the command line of the engine.
 #include <CLI/CLI.hpp>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/address.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <csignal>
@@ -59,6 +60,21 @@ void AddOptions(CLI::App& app, EngineSettings& settings, Wishes& wishes) {
     app.add_option("--http-port", settings.httpPort, "Port of the HTTP API on 127.0.0.1; 0 takes a free one")
         ->type_name("N")
         ->capture_default_str();
+    const CLI::Validator address(
+        [](std::string& text) -> std::string {
+            boost::system::error_code error;
+            boost::asio::ip::make_address(text, error);
+            return error ? "\"" + text + "\" is not an address" : "";
+        },
+        "");
+    app.add_option(
+           "--listen", settings.listen,
+           "A further address for workers, which opens the port to other machines (see docs/engine.md)")
+        ->type_name("ADDRESS")
+        ->check(address);
+    app.add_option("--http-listen", settings.httpListen, "The same of the HTTP API")
+        ->type_name("ADDRESS")
+        ->check(address);
     app.add_option("--stage", settings.stageFolder, "Folder of RQWorkerU; default: that of this program")
         ->type_name("DIR");
     app.add_option("--max-workers", settings.maxWorkers, "Workers at a time; default: one for each core")
@@ -100,6 +116,8 @@ rq::Result<EngineSettings> Combine(const CLI::App& app, const EngineSettings& li
     }
     if (app.count("--port") != 0) settings.linkPort = line.linkPort;
     if (app.count("--http-port") != 0) settings.httpPort = line.httpPort;
+    if (app.count("--listen") != 0) settings.listen = line.listen;
+    if (app.count("--http-listen") != 0) settings.httpListen = line.httpListen;
     if (app.count("--attempts") != 0) settings.retry = line.retry;
     if (app.count("--max-workers") != 0) settings.maxWorkers = line.maxWorkers;
     if (app.count("--stage") != 0 || settings.stageFolder.empty()) settings.stageFolder = line.stageFolder;

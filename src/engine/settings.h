@@ -36,6 +36,8 @@ struct EngineSettings {
     std::string logFolderFrom;      // the option or variable that named it, for complaints
     std::uint16_t linkPort = 8083;  // 0: any free one
     std::uint16_t httpPort = 8084;  // 0: any free one
+    std::string listen;             // a further address for workers, besides 127.0.0.1; empty: none
+    std::string httpListen;         // the same of the API
     unsigned maxWorkers = 0;        // 0: as many as there are processor cores
     Durability durability = Durability::Power;
     std::uint64_t outputLimit_MiB = 16;  // of what a worker writes to its streams

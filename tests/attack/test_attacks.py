@@ -40,6 +40,14 @@ class EngineOfFewFiles(Engine):
     BEFORE = ["sh", "-c", 'ulimit -n 160; exec "$@"', "sh"]
 
 
+class EngineOfMoreAddresses(Engine):
+    MORE = ["--listen", "127.0.0.2", "--http-listen", "127.0.0.2"]
+
+
+class EngineOpenToOthers(Engine):
+    MORE = ["--http-listen", "0.0.0.0"]
+
+
 class EngineOfOpenUmask(Engine):
     BEFORE = ["sh", "-c", 'umask 0; exec "$@"', "sh"]
 
@@ -212,6 +220,33 @@ class Addresses(AttackCase):
                 self.open.append(sock)
                 with self.assertRaises(OSError):
                     sock.connect((address, port))
+
+
+class MoreAddresses(AttackCase):
+    KIND = EngineOfMoreAddresses
+
+    def test_both_are_there_and_loopback_is_no_reason_to_warn(self):
+        self.assert_serves()
+        sock = socket.create_connection(("127.0.0.2", self.engine.http_port), 5)
+        self.open.append(sock)
+        sock.sendall(self.head("GET /api/v1/health").replace(b"Host: 127.0.0.1", b"Host: 127.0.0.2"))
+        self.assertEqual(self.answer_to(sock)[0], 200)
+        self.open.append(socket.create_connection(("127.0.0.2", self.engine.link_port), 5))
+        self.assertNotIn("open to other machines", self.engine.log())
+
+
+class OpenToOthers(AttackCase):
+    KIND = EngineOpenToOthers
+
+    def test_the_log_warns_and_names_still_lead_nowhere(self):
+        self.assert_serves()
+        self.assertRegex(self.engine.log(), r"port %d for the HTTP API is open to other machines, at 0\.0\.0\.0.*encrypted"
+                         % self.engine.http_port)
+        for host, wanted in ((b"192.0.2.7:8084", 200), (b"evil.example", 403)):
+            sock = socket.create_connection(("127.0.0.1", self.engine.http_port), 5)
+            self.open.append(sock)
+            sock.sendall(self.head("GET /api/v1/health").replace(b"Host: 127.0.0.1", b"Host: " + host))
+            self.assertEqual(self.answer_to(sock)[0], wanted)
 
 
 class TaskTexts(AttackCase):

@@ -537,7 +537,7 @@ class EnginePlace:
 class RealEngine:
     """rqengine with a data folder of its own. Unless its configuration says otherwise a session ends with its connection."""
 
-    BEFORE = []  # of the command line
+    BEFORE, MORE = [], []  # of the command line
 
     def __init__(self, stage, config="[limits]\nresume_s = 0\n"):
         self.stage = stage
@@ -555,7 +555,7 @@ class RealEngine:
         output = open(os.path.join(self.stage.new_folder(), "output"), "wb")
         self.process = subprocess.Popen(
             self.BEFORE + program(self.stage.folder, "rqengine") +
-            ["--data", as_seen(self.data), "--port", "0", "--http-port", "0"],
+            ["--data", as_seen(self.data), "--port", "0", "--http-port", "0"] + self.MORE,
             stdin=subprocess.DEVNULL, stdout=output, stderr=output)
         output.close()
         until = time.monotonic() + 30
