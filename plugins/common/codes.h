@@ -23,10 +23,15 @@ constexpr auto kErrorOutputCheck = static_cast<std::int32_t>(0x84100018);  // th
 constexpr auto kErrorNotAllowed = static_cast<std::int32_t>(0x84100030);   // the node does not allow it
 constexpr auto kErrorThroughLink = static_cast<std::int32_t>(0x84100031);  // the path leads through a link
 constexpr auto kErrorNotDeleted = static_cast<std::int32_t>(0x84100032);
-constexpr auto kErrorReport = static_cast<std::int32_t>(0x84100033);         // the report cannot be written
-constexpr auto kErrorConfiguration = static_cast<std::int32_t>(0x84100034);  // of the node: missing or wrong
-constexpr auto kErrorNotComplete = static_cast<std::int32_t>(0x84100035);    // still written to
-constexpr auto kErrorSourceSize = static_cast<std::int32_t>(0x84100036);     // another size than asked
+constexpr auto kErrorReport = static_cast<std::int32_t>(0x84100033);          // the report cannot be written
+constexpr auto kErrorConfiguration = static_cast<std::int32_t>(0x84100034);   // of the node: missing or wrong
+constexpr auto kErrorNotComplete = static_cast<std::int32_t>(0x84100035);     // still written to
+constexpr auto kErrorSourceSize = static_cast<std::int32_t>(0x84100036);      // another size than asked
+constexpr auto kErrorTargetReadOnly = static_cast<std::int32_t>(0x84100037);  // or no right to write there
+constexpr auto kErrorTargetFull = static_cast<std::int32_t>(0x84100038);
+constexpr auto kErrorSourceVanished = static_cast<std::int32_t>(0x84100039);
+constexpr auto kErrorSourceNotRemoved =
+    static_cast<std::int32_t>(0x8410003A);  // of a move that is otherwise done
 
 // Analysis codes.
 constexpr auto kAnalysisTaskText =

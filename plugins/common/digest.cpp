@@ -12,6 +12,16 @@ int HexValue(char c) {
 
 }  // namespace
 
+std::string HexOf(const std::uint8_t* bytes, std::size_t count) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string text;
+    for (std::size_t i = 0; i < count; ++i) {
+        text += kDigits[bytes[i] >> 4];
+        text += kDigits[bytes[i] & 15];
+    }
+    return text;
+}
+
 std::optional<Md5Digest> ParseMd5(std::string_view text) {
     Md5Digest digest{};
     if (text.size() != 2 * digest.size()) return std::nullopt;

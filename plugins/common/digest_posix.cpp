@@ -5,7 +5,7 @@
 namespace rq::task {
 namespace {
 
-EVP_MD* Method(void* method) {
+EVP_MD* MethodOf(void* method) {
     return static_cast<EVP_MD*>(method);
 }
 EVP_MD_CTX* Context(void* context) {
@@ -14,25 +14,27 @@ EVP_MD_CTX* Context(void* context) {
 
 }  // namespace
 
-Md5::Md5() : m_method(EVP_MD_fetch(nullptr, "MD5", nullptr)), m_context(EVP_MD_CTX_new()) {}
+Hash::Hash(Method method)
+    : m_method(EVP_MD_fetch(nullptr, method == Method::kMd5 ? "MD5" : "SHA256", nullptr)),
+      m_context(EVP_MD_CTX_new()) {}
 
-Md5::~Md5() {
+Hash::~Hash() {
     EVP_MD_CTX_free(Context(m_context));
-    EVP_MD_free(Method(m_method));
+    EVP_MD_free(MethodOf(m_method));
 }
 
-bool Md5::Start() {
+bool Hash::Start() {
     return m_method != nullptr && m_context != nullptr &&
-           EVP_DigestInit_ex2(Context(m_context), Method(m_method), nullptr) == 1;
+           EVP_DigestInit_ex2(Context(m_context), MethodOf(m_method), nullptr) == 1;
 }
 
-bool Md5::Add(const void* bytes, std::size_t count) {
+bool Hash::Add(const void* bytes, std::size_t count) {
     return EVP_DigestUpdate(Context(m_context), bytes, count) == 1;
 }
 
-bool Md5::Finish(Md5Digest& digest) {
+bool Hash::Finish(std::uint8_t* digest, std::size_t size) {
     unsigned int length = 0;
-    return EVP_DigestFinal_ex(Context(m_context), digest.data(), &length) == 1 && length == digest.size();
+    return EVP_DigestFinal_ex(Context(m_context), digest, &length) == 1 && length == size;
 }
 
 }  // namespace rq::task

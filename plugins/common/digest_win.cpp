@@ -7,22 +7,23 @@
 namespace rq::task {
 
 // m_method is the provider, m_context the hash that is under way; both are the system's handles.
-Md5::Md5() : m_method(nullptr), m_context(nullptr) {
-    if (::BCryptOpenAlgorithmProvider(&m_method, BCRYPT_MD5_ALGORITHM, nullptr, 0) < 0) m_method = nullptr;
+Hash::Hash(Method method) : m_method(nullptr), m_context(nullptr) {
+    const wchar_t* name = method == Method::kMd5 ? BCRYPT_MD5_ALGORITHM : BCRYPT_SHA256_ALGORITHM;
+    if (::BCryptOpenAlgorithmProvider(&m_method, name, nullptr, 0) < 0) m_method = nullptr;
 }
 
-Md5::~Md5() {
+Hash::~Hash() {
     if (m_context != nullptr) ::BCryptDestroyHash(m_context);
     if (m_method != nullptr) ::BCryptCloseAlgorithmProvider(m_method, 0);
 }
 
-bool Md5::Start() {
+bool Hash::Start() {
     if (m_context != nullptr) ::BCryptDestroyHash(m_context);
     m_context = nullptr;
     return m_method != nullptr && ::BCryptCreateHash(m_method, &m_context, nullptr, 0, nullptr, 0, 0) >= 0;
 }
 
-bool Md5::Add(const void* bytes, std::size_t count) {
+bool Hash::Add(const void* bytes, std::size_t count) {
     constexpr std::size_t kMost_bytes = 1u << 30;
     auto* from = static_cast<unsigned char*>(const_cast<void*>(bytes));  // the call only reads
     while (count > 0) {
@@ -34,8 +35,8 @@ bool Md5::Add(const void* bytes, std::size_t count) {
     return m_context != nullptr;
 }
 
-bool Md5::Finish(Md5Digest& digest) {
-    return ::BCryptFinishHash(m_context, digest.data(), static_cast<ULONG>(digest.size()), 0) >= 0;
+bool Hash::Finish(std::uint8_t* digest, std::size_t size) {
+    return ::BCryptFinishHash(m_context, digest, static_cast<ULONG>(size), 0) >= 0;
 }
 
 }  // namespace rq::task

@@ -19,6 +19,16 @@ std::string SystemWords(std::uint32_t code);
 // Size of a plain file; 0 for everything else and for what is not there.
 std::uint64_t PlainFileSize(const std::string& path);
 
+// What a copy takes over from its source.
+struct FileFacts {
+    std::int64_t modified_ns = 0;  // since the system's epoch
+    std::uint32_t mode = 0;        // access rights; on Windows the attributes that a copy keeps
+};
+
+// What a code of the system means for a transfer.
+enum class CodeClass { kOther, kNoRoom, kReadOnly, kAbsent };
+CodeClass ClassOf(std::uint32_t code);
+
 class InputFile {
   public:
     InputFile() = default;
@@ -37,6 +47,18 @@ class InputFile {
     std::uint64_t Size() const { return m_before.size_bytes; }
     // Time of its last modification then, in nanoseconds since the system's epoch.
     std::int64_t Modified_ns() const { return m_before.modified_ns; }
+    FileFacts FactsToKeep() const;
+    // Whether it takes less room than its size, or is marked so.
+    bool MayHaveHoles() const;
+    // The first part at or behind `offset_bytes` that is no hole; begin is the size when there is none.
+    std::uint32_t NextData(std::uint64_t offset_bytes, std::uint64_t& begin_bytes,
+                           std::uint64_t& end_bytes) const;
+    // Whether the path still leads to the file that was opened.
+    bool IsAt(const std::string& path) const;
+    std::intptr_t Handle() const { return m_handle; }
+    // Lets the system forget what it keeps of the file in memory, as far as it can, so that it is read from
+    // the disk.
+    void ForgetCache() const;
     // Whether its size or time of modification is another than when it was opened. Neither a new name for the
     // file nor new rights count.
     bool Changed() const;

@@ -94,6 +94,61 @@ bool InputFile::Look(Facts& facts) const {
     return true;
 }
 
+FileFacts InputFile::FactsToKeep() const {
+    struct stat now {};
+    if (::fstat(static_cast<int>(m_handle), &now) != 0) return {m_before.modified_ns, 0644};
+    return {m_before.modified_ns, now.st_mode & 07777u};
+}
+
+bool InputFile::MayHaveHoles() const {
+    struct stat now {};
+    return ::fstat(static_cast<int>(m_handle), &now) == 0 && now.st_blocks * 512 < now.st_size;
+}
+
+std::uint32_t InputFile::NextData(std::uint64_t offset_bytes, std::uint64_t& begin_bytes,
+                                  std::uint64_t& end_bytes) const {
+    const int fd = static_cast<int>(m_handle);
+    const off_t begin = ::lseek(fd, static_cast<off_t>(offset_bytes), SEEK_DATA);
+    if (begin < 0 && errno == ENXIO) {
+        begin_bytes = end_bytes = m_before.size_bytes;
+        return 0;
+    }
+    // A file system that cannot tell: all of it is data.
+    const off_t end = begin < 0 ? -1 : ::lseek(fd, begin, SEEK_HOLE);
+    const bool isKnown = begin >= 0 && end > begin;
+    begin_bytes = isKnown ? static_cast<std::uint64_t>(begin) : offset_bytes;
+    end_bytes = isKnown ? static_cast<std::uint64_t>(end) : m_before.size_bytes;
+    return 0;
+}
+
+bool InputFile::IsAt(const std::string& path) const {
+    struct stat byName {};
+    struct stat byHandle {};
+    return ::stat(path.c_str(), &byName) == 0 && ::fstat(static_cast<int>(m_handle), &byHandle) == 0 &&
+           byName.st_dev == byHandle.st_dev && byName.st_ino == byHandle.st_ino;
+}
+
+void InputFile::ForgetCache() const {
+    (void)::posix_fadvise(static_cast<int>(m_handle), 0, 0, POSIX_FADV_DONTNEED);
+}
+
+CodeClass ClassOf(std::uint32_t code) {
+    switch (code) {
+        case ENOSPC:
+        case EDQUOT:
+            return CodeClass::kNoRoom;
+        case EROFS:
+        case EACCES:
+        case EPERM:
+            return CodeClass::kReadOnly;
+        case ENOENT:
+        case ENOTDIR:
+            return CodeClass::kAbsent;
+        default:
+            return CodeClass::kOther;
+    }
+}
+
 bool InputFile::Changed() const {
     Facts now;
     return !Look(now) || !(now == m_before);

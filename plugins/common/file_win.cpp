@@ -1,6 +1,9 @@
 #include "plugin_common/file.h"
 #include "plugin_common/win_text.h"
 
+// After the system's own header.
+#include <winioctl.h>
+
 namespace rq::task {
 namespace {
 
@@ -109,6 +112,82 @@ bool InputFile::Look(Facts& facts) const {
     facts = {(std::uint64_t{now.nFileSizeHigh} << 32) | now.nFileSizeLow,
              (static_cast<std::int64_t>(time) - kEpoch_100ns) * 100};
     return true;
+}
+
+FileFacts InputFile::FactsToKeep() const {
+    BY_HANDLE_FILE_INFORMATION now{};
+    if (!::GetFileInformationByHandle(HandleOf(m_handle), &now)) return {m_before.modified_ns, 0};
+    constexpr DWORD kKept =
+        FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE;
+    return {m_before.modified_ns, now.dwFileAttributes & kKept};
+}
+
+bool InputFile::MayHaveHoles() const {
+    BY_HANDLE_FILE_INFORMATION now{};
+    return ::GetFileInformationByHandle(HandleOf(m_handle), &now) &&
+           (now.dwFileAttributes & FILE_ATTRIBUTE_SPARSE_FILE) != 0;
+}
+
+std::uint32_t InputFile::NextData(std::uint64_t offset_bytes, std::uint64_t& begin_bytes,
+                                  std::uint64_t& end_bytes) const {
+    begin_bytes = offset_bytes;
+    end_bytes = m_before.size_bytes;
+    if (!MayHaveHoles()) return 0;
+    struct Range {
+        std::int64_t offset, length;
+    };
+    Range wanted{static_cast<std::int64_t>(offset_bytes),
+                 static_cast<std::int64_t>(m_before.size_bytes - offset_bytes)};
+    Range found[1]{};
+    DWORD size = 0;
+    if (!::DeviceIoControl(HandleOf(m_handle), FSCTL_QUERY_ALLOCATED_RANGES, &wanted, sizeof wanted, found,
+                           sizeof found, &size, nullptr) &&
+        ::GetLastError() != ERROR_MORE_DATA)
+        return 0;  // it cannot tell: all of it is data
+    if (size < sizeof(Range)) {
+        begin_bytes = end_bytes;
+    } else {
+        begin_bytes = static_cast<std::uint64_t>(found[0].offset);
+        end_bytes = begin_bytes + static_cast<std::uint64_t>(found[0].length);
+    }
+    return 0;
+}
+
+bool InputFile::IsAt(const std::string& path) const {
+    const HANDLE named =
+        ::CreateFileW(NativePath(path).c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                      nullptr, OPEN_EXISTING, 0, nullptr);
+    if (named == INVALID_HANDLE_VALUE) return false;
+    BY_HANDLE_FILE_INFORMATION a{};
+    BY_HANDLE_FILE_INFORMATION b{};
+    const bool isSame = ::GetFileInformationByHandle(named, &a) &&
+                        ::GetFileInformationByHandle(HandleOf(m_handle), &b) &&
+                        a.dwVolumeSerialNumber == b.dwVolumeSerialNumber &&
+                        a.nFileIndexHigh == b.nFileIndexHigh && a.nFileIndexLow == b.nFileIndexLow;
+    ::CloseHandle(named);
+    return isSame;
+}
+
+void InputFile::ForgetCache() const {}
+
+// ERROR_DISK_QUOTA_EXCEEDED, which not every header has.
+constexpr std::uint32_t kDiskQuotaExceeded = 1295;
+
+CodeClass ClassOf(std::uint32_t code) {
+    switch (code) {
+        case ERROR_DISK_FULL:
+        case ERROR_HANDLE_DISK_FULL:
+        case kDiskQuotaExceeded:
+            return CodeClass::kNoRoom;
+        case ERROR_WRITE_PROTECT:
+        case ERROR_ACCESS_DENIED:
+            return CodeClass::kReadOnly;
+        case ERROR_FILE_NOT_FOUND:
+        case ERROR_PATH_NOT_FOUND:
+            return CodeClass::kAbsent;
+        default:
+            return CodeClass::kOther;
+    }
 }
 
 bool InputFile::Changed() const {

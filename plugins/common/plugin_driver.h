@@ -18,6 +18,7 @@
 #include "kit/sparse_file.h"
 #include "kit/temp_dir.h"
 #include "plugin_common/codes.h"
+#include "plugin_common/digest.h"
 #include "rqworker/plugin.hpp"
 
 extern "C" {
@@ -47,6 +48,10 @@ class PluginDriver : public testing::Test {
             auto& driver = *static_cast<PluginDriver*>(self);
             const std::lock_guard<std::mutex> lock(driver.m_logMutex);
             driver.m_log.push_back(std::to_string(level) + " " + std::string(plugin::View(text)));
+        };
+        m_host.publishResult = [](void* self, std::uint32_t kind, const void* entry) {
+            static_cast<PluginDriver*>(self)->Keep(kind, entry);
+            return 0;
         };
         m_description = RQWorkerDescribe(&m_host);
         EXPECT_EQ(RQWorkerInit(nullptr), 0);
@@ -81,6 +86,8 @@ class PluginDriver : public testing::Test {
     void Perform() {
         m_progress.clear();
         m_signsOfLife = 0;
+        m_outputs.clear();
+        m_compared.clear();
         RQStore32(&m_info->status, RQ_STATUS_RUNNING);
         RQWorkerPerformTask(
             m_info, &m_stop,
@@ -144,6 +151,29 @@ class PluginDriver : public testing::Test {
         EXPECT_NE(check.Output().find("\npassed: "), std::string::npos) << check.Output();
     }
 
+    struct Output {
+        std::string first, second, further;
+        std::uint64_t size_bytes = 0;
+        std::uint32_t kind = 0;
+    };
+    struct Compared {
+        std::string first, second, firstMd5, secondMd5;
+    };
+    void Keep(std::uint32_t kind, const void* entry) {
+        const auto text = [](RQText from) { return std::string(plugin::View(from)); };
+        if (kind == RQ_RESULT_TRANSFER_OUTPUT) {
+            const auto& output = *static_cast<const RQTransferOutput*>(entry);
+            m_outputs.push_back({text(output.first), text(output.second), text(output.further),
+                                 output.size_bytes, output.kind});
+        } else {
+            EXPECT_EQ(kind, RQ_RESULT_VERIFICATION);
+            const auto& compared = *static_cast<const RQVerification*>(entry);
+            EXPECT_EQ(compared.has, RQ_HAS_FIRST_MD5 | RQ_HAS_SECOND_MD5);
+            m_compared.push_back({text(compared.first), text(compared.second), HexOf(compared.firstMd5, 16),
+                                  HexOf(compared.secondMd5, 16)});
+        }
+    }
+
     kit::TempDir m_dir;
     kit::TempDir m_reportDir;
     kit::TempDir m_configDir;
@@ -159,6 +189,8 @@ class PluginDriver : public testing::Test {
     std::function<void()> m_onSignOfLife;
     std::mutex m_logMutex;  // a library's threads may log too
     std::vector<std::string> m_log;
+    std::vector<Output> m_outputs;
+    std::vector<Compared> m_compared;
 };
 
 }  // namespace rq::task

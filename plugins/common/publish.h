@@ -19,6 +19,8 @@
 #include <string_view>
 #include <vector>
 
+#include "plugin_common/file.h"
+
 namespace rq::task {
 
 enum class PublishProblem {
@@ -62,9 +64,23 @@ class Publication {
     // Writes all of it at that place of the temporary. The system is told now and then to begin writing to
     // the disk, so that the sync at the end is short.
     std::uint32_t WriteAt(std::uint64_t offset_bytes, const void* bytes, std::size_t count);
+    // Has the system copy from the same place of the source, without the bytes passing through here. `copied`
+    // is less than wanted only at the source's end. kNotOffloaded: it cannot between these two files.
+    static constexpr std::uint32_t kNotOffloaded = 0xFFFFFFFF;
+    std::uint32_t CopyFrom(const InputFile& source, std::uint64_t offset_bytes, std::uint64_t wanted_bytes,
+                           std::uint64_t& copied_bytes);
+    // For a file with holes: what is not written reads as zeros and takes no room where the file system can.
+    std::uint32_t MakeSparse();
+    std::uint32_t SetSize(std::uint64_t size_bytes);
+    // The target gets the source's time of modification, and its access rights (on Windows its attributes).
+    void TakeFactsOf(const InputFile& source);
     std::uint64_t SizeBytes() const { return m_sizeBytes; }
     // For libraries that read or write by name.
     const std::string& TemporaryPath() const { return m_temporary; }
+
+    // What was written goes to the disk; nothing is written after it. Publish does it otherwise. After a
+    // failure the temporary is gone.
+    std::optional<PublishFailure> Sync();
 
     // Syncs the temporary, lets `check` look at it under its temporary name, gives it the target's name and
     // syncs the folder. Without overwriting, a target that has come into being meanwhile is left alone and
@@ -79,13 +95,17 @@ class Publication {
     std::optional<PublishFailure> CreateTemporary(const std::string& folder, std::string_view name);
     std::optional<PublishFailure> Rename();
     std::uint32_t RenameToFreeName();
+    std::uint32_t ApplyFacts();
+    void StartWriting();
     std::optional<PublishFailure> Fail(PublishProblem problem, std::uint32_t code, const std::string& what);
 
     std::string m_target;
     std::string m_temporary;  // empty: there is none
     bool m_overwrite = false;
+    bool m_isSynced = false;
     std::intptr_t m_handle = -1;
-    std::int64_t m_mode = -1;  // access rights of the file that is there, -1: there is none
+    std::int64_t m_mode = -1;          // access rights of the file that is there, -1: there is none
+    std::optional<FileFacts> m_facts;  // of the source, to be taken
     std::uint64_t m_sizeBytes = 0;
     std::uint64_t m_startedWritingBytes = 0;  // up to here the system was told to write
 };

@@ -113,6 +113,8 @@ std::optional<PublishFailure> Publication::Begin(const std::string& target,
     m_target = target;
     m_overwrite = overwrite;
     m_mode = -1;
+    m_facts.reset();
+    m_isSynced = false;
     m_sizeBytes = 0;
     m_startedWritingBytes = 0;
     const auto same = std::find_if(sources.begin(), sources.end(), [&](const std::string& source) {
@@ -175,23 +177,77 @@ std::uint32_t Publication::WriteAt(std::uint64_t offset_bytes, const void* bytes
         count -= static_cast<std::size_t>(n);
     }
     if (offset_bytes > m_sizeBytes) m_sizeBytes = offset_bytes;
-    if (m_sizeBytes - m_startedWritingBytes >= kStartWriting_bytes) {
-        // Advice only; what cannot be written is found by the sync.
-        (void)::sync_file_range(fd, static_cast<off_t>(m_startedWritingBytes),
-                                static_cast<off_t>(m_sizeBytes - m_startedWritingBytes),
-                                SYNC_FILE_RANGE_WRITE);
-        m_startedWritingBytes = m_sizeBytes;
-    }
+    StartWriting();
     return 0;
 }
 
-std::optional<PublishFailure> Publication::Publish(const Check& check) {
+void Publication::StartWriting() {
+    if (m_sizeBytes - m_startedWritingBytes < kStartWriting_bytes) return;
+    // Advice only; what cannot be written is found by the sync.
+    (void)::sync_file_range(static_cast<int>(m_handle), static_cast<off_t>(m_startedWritingBytes),
+                            static_cast<off_t>(m_sizeBytes - m_startedWritingBytes), SYNC_FILE_RANGE_WRITE);
+    m_startedWritingBytes = m_sizeBytes;
+}
+
+std::uint32_t Publication::CopyFrom(const InputFile& source, std::uint64_t offset_bytes,
+                                    std::uint64_t wanted_bytes, std::uint64_t& copied_bytes) {
+    copied_bytes = 0;
+    auto from = static_cast<off_t>(offset_bytes);
+    auto to = from;
+    while (copied_bytes < wanted_bytes) {
+        const ssize_t n = ::copy_file_range(static_cast<int>(source.Handle()), &from,
+                                            static_cast<int>(m_handle), &to, wanted_bytes - copied_bytes, 0);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP))
+            return kNotOffloaded;
+        if (n < 0) return LastCode();
+        // Some file systems say this instead of refusing; at the end of the source the caller finds out too.
+        if (n == 0) return copied_bytes == 0 ? kNotOffloaded : 0;
+        copied_bytes += static_cast<std::uint64_t>(n);
+    }
+    m_sizeBytes = std::max(m_sizeBytes, offset_bytes + copied_bytes);
+    StartWriting();
+    return 0;
+}
+
+std::uint32_t Publication::MakeSparse() {
+    return 0;  // every file is
+}
+
+std::uint32_t Publication::SetSize(std::uint64_t size_bytes) {
+    if (::ftruncate(static_cast<int>(m_handle), static_cast<off_t>(size_bytes)) != 0) return LastCode();
+    m_sizeBytes = size_bytes;
+    return 0;
+}
+
+void Publication::TakeFactsOf(const InputFile& source) {
+    m_facts = source.FactsToKeep();
+}
+
+std::uint32_t Publication::ApplyFacts() {
+    const timespec times[2] = {{0, UTIME_OMIT},
+                               {static_cast<time_t>(m_facts->modified_ns / 1'000'000'000),
+                                static_cast<long>(m_facts->modified_ns % 1'000'000'000)}};
+    const int fd = static_cast<int>(m_handle);
+    return ::fchmod(fd, m_facts->mode) == 0 && ::futimens(fd, times) == 0 ? 0 : LastCode();
+}
+
+std::optional<PublishFailure> Publication::Sync() {
     if (m_temporary.empty()) return Fail(PublishProblem::kWrite, 0, m_target + ": nothing was begun");
+    // Not every file system keeps them: the content is what counts.
+    if (m_facts) (void)ApplyFacts();
     if (::fsync(static_cast<int>(m_handle)) != 0)
         return Fail(PublishProblem::kWrite, LastCode(),
                     m_target + ": the file cannot be written to the disk");
+    m_isSynced = true;
+    return std::nullopt;
+}
+
+std::optional<PublishFailure> Publication::Publish(const Check& check) {
+    if (!m_isSynced)
+        if (auto failure = Sync()) return failure;
     // What cannot be set stays as it is for new files: the rights are no part of the output.
-    if (m_mode >= 0) (void)::fchmod(static_cast<int>(m_handle), static_cast<mode_t>(m_mode));
+    if (m_mode >= 0 && !m_facts) (void)::fchmod(static_cast<int>(m_handle), static_cast<mode_t>(m_mode));
     if (!check(m_temporary))
         return Fail(PublishProblem::kCheck, 0, m_target + ": the written file is not as it should be");
     if (auto failure = Rename()) return failure;

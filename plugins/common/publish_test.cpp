@@ -2,6 +2,7 @@
 
 #include "kit/child.h"
 #include "kit/os.h"
+#include "kit/sparse_file.h"
 #include "plugin_common/file.h"
 #include "publish_test_folder.h"
 
@@ -135,6 +136,50 @@ TEST_F(PublishTest, WritesFarMoreThanTheSystemIsToldAbout) {
         ASSERT_EQ(publication.WriteAt(static_cast<std::uint64_t>(i) << 20, bytes.data(), bytes.size()), 0u);
     ASSERT_FALSE(publication.Publish(Agree));
     EXPECT_EQ(fs::file_size(Path("out")), 40u << 20);
+}
+
+// What a copy of a file does: the bytes, its size with what is not written, its times and rights.
+TEST_F(PublishTest, TakesOverWhatTheSourceHas) {
+    const std::string source = Write("source", std::string(100'000, 's'));
+    const auto then = fs::last_write_time(Path("source")) - std::chrono::hours(1000);
+    fs::last_write_time(Path("source"), then);
+    fs::permissions(Path("source"), fs::perms::owner_read);
+    InputFile input;
+    ASSERT_EQ(input.Open(source), 0u);
+    EXPECT_TRUE(input.IsAt(source));
+    Publication publication;
+    ASSERT_FALSE(publication.Begin(PathOf("out"), {source}, false));
+    std::uint64_t copied = 0;
+    const std::uint32_t code = publication.CopyFrom(input, 0, 50'000, copied);
+    if (code == Publication::kNotOffloaded) {
+        EXPECT_EQ(copied, 0u);
+        publication.WriteAt(0, std::string(50'000, 's').data(), 50'000);
+    } else {
+        EXPECT_EQ(code, 0u);
+        EXPECT_EQ(copied, 50'000u);
+    }
+    publication.TakeFactsOf(input);
+    EXPECT_EQ(publication.SetSize(60'000), 0u);
+    EXPECT_EQ(publication.SizeBytes(), 60'000u);
+    ASSERT_FALSE(publication.Publish(Agree));
+    EXPECT_EQ(Read("out"), std::string(50'000, 's') + std::string(10'000, '\0'));
+    EXPECT_LT(std::chrono::abs(fs::last_write_time(Path("out")) - then), std::chrono::milliseconds(1));
+    EXPECT_EQ(fs::status(Path("out")).permissions() & fs::perms::owner_write, fs::perms::none);
+    fs::permissions(Path("out"), fs::perms::owner_all);
+    fs::permissions(Path("source"), fs::perms::owner_all);
+}
+
+TEST_F(PublishTest, TellsTheHolesOfASource) {
+    Write("source", "");
+    kit::MakeSparseFile(Path("source"), 64u << 20);
+    InputFile input;
+    ASSERT_EQ(input.Open(PathOf("source")), 0u);
+    std::uint64_t begin = 1;
+    std::uint64_t end = 0;
+    ASSERT_EQ(input.NextData(0, begin, end), 0u);
+    EXPECT_LE(begin, end);
+    EXPECT_EQ(end, 64u << 20);
+    EXPECT_FALSE(input.IsAt(PathOf("another")));
 }
 
 TEST_F(PublishTest, LongNamesAreCutBetweenCharacters) {

@@ -4,6 +4,7 @@
 
 // After the system's own header.
 #include <bcrypt.h>
+#include <winioctl.h>
 
 #include <chrono>
 #include <cstdio>
@@ -172,6 +173,8 @@ std::optional<PublishFailure> Publication::Begin(const std::string& target,
     m_target = target;
     m_overwrite = overwrite;
     m_mode = -1;
+    m_facts.reset();
+    m_isSynced = false;
     m_sizeBytes = 0;
     if (const std::string why = WhyNoName(NameOf(target)); !why.empty())
         return Fail(PublishProblem::kCreate, 0, target + ": " + why);
@@ -243,11 +246,59 @@ std::uint32_t Publication::WriteAt(std::uint64_t offset_bytes, const void* bytes
     return 0;
 }
 
-std::optional<PublishFailure> Publication::Publish(const Check& check) {
+// The system copies files by name only.
+std::uint32_t Publication::CopyFrom(const InputFile&, std::uint64_t, std::uint64_t,
+                                    std::uint64_t& copied_bytes) {
+    copied_bytes = 0;
+    return kNotOffloaded;
+}
+
+std::uint32_t Publication::MakeSparse() {
+    DWORD size = 0;
+    return ::DeviceIoControl(HandleOf(m_handle), FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &size, nullptr)
+               ? 0
+               : ::GetLastError();
+}
+
+std::uint32_t Publication::SetSize(std::uint64_t size_bytes) {
+    FILE_END_OF_FILE_INFO end{};
+    end.EndOfFile.QuadPart = static_cast<LONGLONG>(size_bytes);
+    if (!::SetFileInformationByHandle(HandleOf(m_handle), FileEndOfFileInfo, &end, sizeof end))
+        return ::GetLastError();
+    m_sizeBytes = size_bytes;
+    return 0;
+}
+
+void Publication::TakeFactsOf(const InputFile& source) {
+    m_facts = source.FactsToKeep();
+}
+
+std::uint32_t Publication::ApplyFacts() {
+    constexpr std::int64_t kEpoch_100ns =
+        116444736000000000;  // 1970 in the system's time, which begins in 1601
+    const std::uint64_t time = static_cast<std::uint64_t>(m_facts->modified_ns / 100 + kEpoch_100ns);
+    const FILETIME modified{static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
+    if (!::SetFileTime(HandleOf(m_handle), nullptr, nullptr, &modified)) return ::GetLastError();
+    const DWORD attributes = m_facts->mode != 0 ? m_facts->mode : FILE_ATTRIBUTE_NORMAL;
+    return ::SetFileAttributesW(NativePath(m_temporary).c_str(), attributes) ? 0 : ::GetLastError();
+}
+
+void Publication::StartWriting() {}
+
+std::optional<PublishFailure> Publication::Sync() {
     if (m_temporary.empty()) return Fail(PublishProblem::kWrite, 0, m_target + ": nothing was begun");
+    // Not every file system keeps them: the content is what counts.
+    if (m_facts) (void)ApplyFacts();
     if (!::FlushFileBuffers(HandleOf(m_handle)))
         return Fail(PublishProblem::kWrite, ::GetLastError(),
                     m_target + ": the file cannot be written to the disk");
+    m_isSynced = true;
+    return std::nullopt;
+}
+
+std::optional<PublishFailure> Publication::Publish(const Check& check) {
+    if (!m_isSynced)
+        if (auto failure = Sync()) return failure;
     if (m_mode >= 0) CopyRights(NativePath(m_target), NativePath(m_temporary));
     if (!check(m_temporary))
         return Fail(PublishProblem::kCheck, 0, m_target + ": the written file is not as it should be");
@@ -276,7 +327,11 @@ std::optional<PublishFailure> Publication::Rename() {
 
 void Publication::Discard() {
     // The name goes before the lock does.
-    if (!m_temporary.empty()) ::DeleteFileW(NativePath(m_temporary).c_str());
+    if (!m_temporary.empty()) {
+        // One that took its source's read-only mark could not be removed.
+        if (m_facts) ::SetFileAttributesW(NativePath(m_temporary).c_str(), FILE_ATTRIBUTE_NORMAL);
+        ::DeleteFileW(NativePath(m_temporary).c_str());
+    }
     m_temporary.clear();
     if (m_handle != -1) ::CloseHandle(HandleOf(m_handle));
     m_handle = -1;

@@ -1,0 +1,57 @@
+#!/usr/bin/env bash
+# transfer.sh [MiB] [ROUNDS] [FOLDER]: how fast the transfer plug-in copies a cached file (1024 MiB, 5 rounds, in a folder of its own below
+# FOLDER, the folder for temporary files otherwise), beside "cp" and, with MD5, beside "md5sum" of the source alone. All run in turns, so that a
+# busy machine hinders them alike; the figure of each is its best round. "copied" is until the bytes were handed to the system, which is
+# all that cp does; the plug-in then syncs, which is shown beside "cp" followed by "sync" of the file.
+set -euo pipefail
+top=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
+size_MiB=${1:-1024}
+rounds=${2:-5}
+build=${RQ_BUILD:-$top/build/linux}
+
+if [ -z "${RQ_BUILD:-}" ]; then "$top/scripts/build" linux bench_transfer; else ninja -C "$build" bench_transfer >/dev/null; fi
+bench=$build/plugins/transfer/bench_transfer
+
+folder=$(mktemp -d -p "${3:-${TMPDIR:-/tmp}}")
+trap 'rm -rf -- "$folder"' EXIT
+file=$folder/data
+openssl enc -aes-128-ctr -nosalt -K 00 -iv 00 </dev/zero 2>/dev/null | head -c $((size_MiB << 20)) >"$file" || true
+[ "$(stat -c %s "$file")" = $((size_MiB << 20)) ] || { echo "transfer.sh: no room for $size_MiB MiB in $folder" >&2; exit 1; }
+sync "$file"
+cat "$file" >/dev/null
+
+since() { awk -v a="$1" -v b="$EPOCHREALTIME" 'BEGIN { printf "%.6f", b - a }'; }
+copied=() synced=() md5_copied=() md5_synced=() cp=() cp_synced=() sums=()
+for ((i = 0; i < rounds; i++)); do
+    rm -f "$folder"/target
+    read -r a b _ < <("$bench" "$file" "$folder/target" none)
+    copied+=("$a") synced+=("$b")
+    rm -f "$folder"/target
+    begin=$EPOCHREALTIME
+    cp "$file" "$folder/target"
+    cp+=("$(since "$begin")")
+    sync "$folder/target"
+    cp_synced+=("$(since "$begin")")
+    rm -f "$folder"/target
+    read -r a b digest < <("$bench" "$file" "$folder/target" md5)
+    md5_copied+=("$a") md5_synced+=("$b")
+    cmp -s "$file" "$folder/target" || { echo "transfer.sh: the target differs" >&2; exit 1; }
+    begin=$EPOCHREALTIME
+    expected=$(md5sum "$file")
+    sums+=("$(since "$begin")")
+    [ "$digest" = "${expected%% *}" ] || { echo "transfer.sh: the digests differ: $digest ${expected%% *}" >&2; exit 1; }
+done
+
+best() { printf '%s\n' "$@" | sort -n | head -n 1; }
+awk -v n="$size_MiB" -v c="$(best "${copied[@]}")" -v s="$(best "${synced[@]}")" -v p="$(best "${cp[@]}")" -v q="$(best "${cp_synced[@]}")" \
+    -v m="$(best "${md5_copied[@]}")" -v t="$(best "${md5_synced[@]}")" -v u="$(best "${sums[@]}")" 'BEGIN {
+    printf "copy                  %8.1f MiB/s  (%.3f s)\n", n / c, c
+    printf "cp                    %8.1f MiB/s  (%.3f s)\n", n / p, p
+    printf "copy and publish      %8.1f MiB/s  (%.3f s)\n", n / s, s
+    printf "cp and sync           %8.1f MiB/s  (%.3f s)\n", n / q, q
+    printf "copy with MD5         %8.1f MiB/s  (%.3f s)\n", n / m, m
+    printf "  and publish         %8.1f MiB/s  (%.3f s)\n", n / t, t
+    printf "md5sum alone          %8.1f MiB/s  (%.3f s)\n", n / u, u
+    printf "copy / cp             %8.3f\n", p / c
+    printf "publish / cp and sync %8.3f\n", q / s
+    printf "with MD5 / md5sum     %8.3f\n", u / m }'

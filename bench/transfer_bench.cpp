@@ -1,0 +1,34 @@
+// transfer_bench SOURCE TARGET none|md5|sha256: copies the file as the transfer plug-in does, and prints the
+// seconds until the bytes were handed to the system, and until the target had its name, with a sync between
+// them.
+#include <chrono>
+#include <cstdio>
+#include <string>
+
+#include "copy_stream.h"
+
+int main(int argc, char** argv) {
+    using Clock = std::chrono::steady_clock;
+    if (argc != 4) return 2;
+    const std::string digest = argv[3];
+    rq::task::InputFile source;
+    rq::task::Publication target;
+    const auto begin = Clock::now();
+    if (source.Open(argv[1]) != 0 || target.Begin(argv[2], {argv[1]}, true)) return 1;
+    rq::transfer::RateLimit limit(0);
+    rq::transfer::StreamJob job{source};
+    job.target = &target;
+    job.md5 = digest == "md5";
+    job.sha256 = digest == "sha256";
+    job.limit = &limit;
+    job.goOn = [](std::uint64_t) { return true; };
+    const auto result = rq::transfer::RunStream(std::move(job));
+    if (result.end != rq::transfer::StreamResult::End::kDone) return 1;
+    const std::chrono::duration<double> copied = Clock::now() - begin;
+    if (target.Publish([](const std::string&) { return true; })) return 1;
+    const std::chrono::duration<double> published = Clock::now() - begin;
+    const std::string hex =
+        result.digests.md5 ? rq::task::HexOf(result.digests.md5->data(), result.digests.md5->size()) : "-";
+    std::printf("%.6f %.6f %s\n", copied.count(), published.count(), hex.c_str());
+    return 0;
+}
