@@ -195,6 +195,8 @@ std::optional<std::string_view> WithoutPort(std::string_view host) {
 bool IsAddressHost(std::string_view host) {
     const auto plain = WithoutPort(host);
     if (!plain || plain->empty()) return false;
+    // Windows takes shorter forms of IPv4, too.
+    if (plain->front() != '[' && std::count(plain->begin(), plain->end(), '.') != 3) return false;
     boost::system::error_code error;
     if (plain->front() == '[' && plain->back() == ']')
         boost::asio::ip::make_address_v6(std::string(plain->substr(1, plain->size() - 2)), error);

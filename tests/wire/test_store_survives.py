@@ -2,10 +2,12 @@
 
 RQ_KILL_ROUNDS (10) and RQ_KILL_SEED (the time) make more of it; RQ_KILL_DURABILITY is "power" or "process".
 """
+import hashlib
 import http.client
 import json
 import os
 import random
+import re
 import signal
 import sqlite3
 import sys
@@ -19,6 +21,7 @@ ROUNDS = int(os.environ.get("RQ_KILL_ROUNDS", "10"))
 SEED = int(os.environ.get("RQ_KILL_SEED", str(int(time.time()))))
 DURABILITY = os.environ.get("RQ_KILL_DURABILITY", "power")
 SUBMITTERS = 3
+WORKERS = 3
 ENDED = ("finished", "failed", "cancelled")
 
 
@@ -29,6 +32,8 @@ class Ledger:
         self.lock = threading.Lock()
         self.names = {}  # by ID, of acknowledged submissions
         self.unanswered = set()  # names of which nobody knows
+        self.finals = set()  # digests of final statuses that were acknowledged to their workers
+        self.unsure = set()  # those of which nobody knows
         self.ended = {}  # state and result of tasks that somebody was shown as ended
 
 
@@ -59,6 +64,38 @@ class Submitter(threading.Thread):
             pass  # the engine is gone
         finally:
             connection.close()
+
+
+class Workers(threading.Thread):
+    """Workers started by hand, one after the other, each with a final status that no other has."""
+
+    def __init__(self, engine, ledger):
+        super().__init__()
+        self.engine, self.ledger = engine, ledger
+
+    def run(self):
+        try:
+            while True:
+                link, answer = self.engine.shake_hands()
+                if answer.id != peer.ID_WELCOME:
+                    raise AssertionError("refused: %r" % (answer,))
+                digest = "%032x" % random.getrandbits(128)
+                link.send(peer.ID_NOTICE, {"version": "1.0", "worker_guid": "g", "task_id": digest})
+                link.send(peer.ID_STATE, self.status(digest, {"status": 3}))
+                with self.ledger.lock:
+                    self.ledger.unsure.add(digest)
+                final = {"status": 0, "md5": {"files": [{"mode": 1, "first": "/film", "computed_md5": digest}]}}
+                link.wait_for_ack(link.send(peer.ID_STATE, self.status(digest, final)))
+                with self.ledger.lock:
+                    self.ledger.finals.add(digest)
+                    self.ledger.unsure.discard(digest)
+        except (OSError, peer.Closed, peer.Broken, peer.Silent):
+            pass  # the engine is gone
+
+    @staticmethod
+    def status(task_id, entry):
+        entry.update({"task_id": task_id, "task_type": 3, "error_text": "KWR_OVL_ERROR_0"})
+        return {"id": 4009, "kind": "state", "sender": "Worker", "receiver": "Lite/Agent", "entries": [entry]}
 
 
 class Watcher(threading.Thread):
@@ -102,6 +139,7 @@ class StoreSurvives(unittest.TestCase):
         film = os.path.join(self.stage.new_folder(), "film.bin")
         with open(film, "wb") as file:
             file.write(b"content")
+        self.md5 = hashlib.md5(b"content").hexdigest()
         self.text = "<MD5Task><ID>x</ID><Files><File><Path>%s</Path></File></Files></MD5Task>" % film
         self.data = os.path.join(self.stage.new_folder(), "data")
 
@@ -119,8 +157,11 @@ class StoreSurvives(unittest.TestCase):
         try:
             self.assertEqual(store.execute("PRAGMA integrity_check").fetchall(), [("ok",)])
             self.assertEqual(store.execute("PRAGMA foreign_key_check").fetchall(), [])
-            names = dict(store.execute("SELECT public_id, name FROM tasks"))
+            names = dict(store.execute("SELECT public_id, name FROM tasks WHERE origin = 'api'"))
             states = dict(store.execute("SELECT public_id, state FROM tasks"))
+            results = [row[0] for row in store.execute(
+                "SELECT results.json FROM results JOIN attempts ON attempts.id = results.attempt JOIN tasks ON tasks.id = "
+                "attempts.task WHERE tasks.state = 'finished'")]
             bare = store.execute("SELECT count(*) FROM tasks WHERE id NOT IN (SELECT task FROM events WHERE kind = "
                                  "'submitted')").fetchone()
         finally:
@@ -130,6 +171,11 @@ class StoreSurvives(unittest.TestCase):
             self.assertEqual(names.get(task_id), name, "acknowledged and not there")
         for task_id, (state, _) in ledger.ended.items():
             self.assertEqual(states.get(task_id), state, "its end was shown and is not there")
+        digests = [found for text in results for found in re.findall(r'"computed_md5": ?"([0-9a-f]{32})"', text)]
+        kept = set(digests) - {self.md5}
+        self.assertEqual(ledger.finals - kept, set(), "final statuses were acknowledged and are not there")
+        self.assertEqual(kept - ledger.finals - ledger.unsure, set(), "nobody sent these")
+        self.assertEqual(len([one for one in digests if one != self.md5]), len(kept), "a final status counts twice")
         strangers = set(names.values()) - set(ledger.names.values()) - ledger.unanswered
         self.assertEqual(strangers, set(), "nobody submitted these")
         self.assertEqual(len(set(names.values())), len(names), "a submission is there twice")
@@ -141,6 +187,7 @@ class StoreSurvives(unittest.TestCase):
             with self.subTest(seed=SEED, round=number):
                 engine = self.engine_on()
                 threads = [Submitter(engine, ledger, self.text, one) for one in range(SUBMITTERS)]
+                threads += [Workers(engine, ledger) for _ in range(WORKERS)]
                 threads.append(Watcher(engine, ledger))
                 for thread in threads:
                     thread.start()
@@ -148,11 +195,16 @@ class StoreSurvives(unittest.TestCase):
                 engine.kill()
                 for thread in threads:
                     thread.join()
+                for link in engine.links:
+                    link.close()
                 end_workers(self.stage)
                 self.check(ledger)
         self.assertGreater(len(ledger.names), ROUNDS)
-        print("%d rounds, seed %d, durability %s: %d submissions acknowledged, %d not answered, %d ends shown" % (
-            ROUNDS, SEED, DURABILITY, len(ledger.names), len(ledger.unanswered), len(ledger.ended)))
+        self.assertGreater(len(ledger.finals), ROUNDS)
+        print("%d rounds, seed %d, durability %s: %d submissions acknowledged, %d not answered, %d final statuses "
+              "acknowledged, %d not, %d ends shown" % (
+            ROUNDS, SEED, DURABILITY, len(ledger.names), len(ledger.unanswered), len(ledger.finals),
+            len(ledger.unsure), len(ledger.ended)))
         # And an engine that nobody kills shows the same results as before.
         engine = self.engine_on()
         self.addCleanup(engine.close)
