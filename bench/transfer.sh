@@ -21,7 +21,7 @@ sync "$file"
 cat "$file" >/dev/null
 
 since() { awk -v a="$1" -v b="$EPOCHREALTIME" 'BEGIN { printf "%.6f", b - a }'; }
-copied=() synced=() md5_copied=() md5_synced=() cp=() cp_synced=() sums=()
+copied=() synced=() md5_copied=() md5_synced=() memory=() cp=() cp_synced=() sums=()
 for ((i = 0; i < rounds; i++)); do
     rm -f "$folder"/target
     read -r a b _ < <("$bench" "$file" "$folder/target" none)
@@ -33,8 +33,8 @@ for ((i = 0; i < rounds; i++)); do
     sync "$folder/target"
     cp_synced+=("$(since "$begin")")
     rm -f "$folder"/target
-    read -r a b digest < <("$bench" "$file" "$folder/target" md5)
-    md5_copied+=("$a") md5_synced+=("$b")
+    read -r a b digest peak < <("$bench" "$file" "$folder/target" md5)
+    md5_copied+=("$a") md5_synced+=("$b") memory+=("$peak")
     cmp -s "$file" "$folder/target" || { echo "transfer.sh: the target differs" >&2; exit 1; }
     begin=$EPOCHREALTIME
     expected=$(md5sum "$file")
@@ -44,7 +44,8 @@ done
 
 best() { printf '%s\n' "$@" | sort -n | head -n 1; }
 awk -v n="$size_MiB" -v c="$(best "${copied[@]}")" -v s="$(best "${synced[@]}")" -v p="$(best "${cp[@]}")" -v q="$(best "${cp_synced[@]}")" \
-    -v m="$(best "${md5_copied[@]}")" -v t="$(best "${md5_synced[@]}")" -v u="$(best "${sums[@]}")" 'BEGIN {
+    -v m="$(best "${md5_copied[@]}")" -v t="$(best "${md5_synced[@]}")" -v u="$(best "${sums[@]}")" \
+    -v k="$(printf '%s\n' "${memory[@]}" | sort -n | tail -n 1)" 'BEGIN {
     printf "copy                  %8.1f MiB/s  (%.3f s)\n", n / c, c
     printf "cp                    %8.1f MiB/s  (%.3f s)\n", n / p, p
     printf "copy and publish      %8.1f MiB/s  (%.3f s)\n", n / s, s
@@ -54,4 +55,5 @@ awk -v n="$size_MiB" -v c="$(best "${copied[@]}")" -v s="$(best "${synced[@]}")"
     printf "md5sum alone          %8.1f MiB/s  (%.3f s)\n", n / u, u
     printf "copy / cp             %8.3f\n", p / c
     printf "publish / cp and sync %8.3f\n", q / s
-    printf "with MD5 / md5sum     %8.3f\n", u / m }'
+    printf "with MD5 / md5sum     %8.3f\n", u / m
+    printf "peak memory           %8.1f MiB\n", k / 1024 }'

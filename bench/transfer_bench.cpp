@@ -1,11 +1,19 @@
 // transfer_bench SOURCE TARGET none|md5|sha256: copies the file as the transfer plug-in does, and prints the
 // seconds until the bytes were handed to the system, and until the target had its name, with a sync between
-// them.
+// them; the digest; and the most memory that the process had, in KiB (0 where /proc does not say).
 #include <chrono>
 #include <cstdio>
+#include <fstream>
 #include <string>
 
 #include "copy_stream.h"
+
+static long PeakMemory_KiB() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind("VmHWM:", 0) == 0) return std::stol(line.substr(6));
+    return 0;
+}
 
 int main(int argc, char** argv) {
     using Clock = std::chrono::steady_clock;
@@ -29,6 +37,6 @@ int main(int argc, char** argv) {
     const std::chrono::duration<double> published = Clock::now() - begin;
     const std::string hex =
         result.digests.md5 ? rq::task::HexOf(result.digests.md5->data(), result.digests.md5->size()) : "-";
-    std::printf("%.6f %.6f %s\n", copied.count(), published.count(), hex.c_str());
+    std::printf("%.6f %.6f %s %ld\n", copied.count(), published.count(), hex.c_str(), PeakMemory_KiB());
     return 0;
 }
