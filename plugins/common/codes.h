@@ -32,6 +32,8 @@ constexpr auto kErrorTargetFull = static_cast<std::int32_t>(0x84100038);
 constexpr auto kErrorSourceVanished = static_cast<std::int32_t>(0x84100039);
 constexpr auto kErrorSourceNotRemoved =
     static_cast<std::int32_t>(0x8410003A);  // of a move that is otherwise done
+constexpr auto kErrorRemote =
+    static_cast<std::int32_t>(0x8410003B);  // the other side of a URL: not there, refuses, breaks off
 
 // Analysis codes.
 constexpr auto kAnalysisTaskText =

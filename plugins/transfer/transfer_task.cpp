@@ -4,6 +4,7 @@
 
 #include "plugin_common/file.h"
 #include "plugin_common/typed_fields.h"
+#include "url.h"
 
 namespace rq::transfer {
 namespace {
@@ -11,25 +12,19 @@ namespace {
 constexpr std::string_view kIdHint = "give the task's ID";
 constexpr std::string_view kSourceHint = "give the absolute path of a file or folder";
 constexpr std::string_view kTargetHint = "give the absolute path of the file or folder to make";
+constexpr std::string_view kCredentialsHint = "give the name of an entry in RQWorkerCredentials.xml";
 constexpr std::string_view kMd5Hint = "give 32 hexadecimal digits";
 constexpr std::int64_t kMostRate_kBps = 1'000'000'000;
-
-bool IsUrl(std::string_view path) {
-    const std::string_view text = task::TrimXml(path);
-    const std::size_t end = text.find("://");
-    return end != std::string_view::npos && end > 1 &&
-           std::all_of(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(end), [](char c) {
-               return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                      c == '+' || c == '-' || c == '.';
-           });
-}
 
 // Without a separator at the end, as a folder may be given.
 std::string ReadPath(task::TypedFields& fields, std::string_view name, std::string_view hint,
                      task::XmlError& error) {
-    // A URL may hold a password: it is not repeated.
-    if (IsUrl(fields.Plain().Required(name, hint)))
-        fields.Refuse(name, "is a URL; only paths are transferred, give one that the system can open");
+    if (const std::string text = fields.Plain().Required(name, hint); IsUrl(text)) {
+        const std::string url(task::TrimXml(text));
+        // It may hold a password: it is not repeated.
+        if (const std::string why = WhyNotTaken(url); !why.empty()) fields.Refuse(name, why);
+        return url;
+    }
     if (error.Failed()) return {};
     std::string path = fields.AbsolutePath(name, hint);
     while (path.size() > 1 && (path.back() == '/' || (path.back() == '\\' && !task::IsAbsolutePath("/"))))
@@ -38,7 +33,7 @@ std::string ReadPath(task::TypedFields& fields, std::string_view name, std::stri
 }
 
 TransferItem ReadItem(const task::XmlElement& element, task::XmlError& error) {
-    task::TypedFields fields(element, {"Source", "Target", "MD5"}, error);
+    task::TypedFields fields(element, {"Source", "Target", "MD5", "Credentials"}, error);
     TransferItem item;
     item.source = ReadPath(fields, "Source", kSourceHint, error);
     item.target = ReadPath(fields, "Target", kTargetHint, error);
@@ -46,6 +41,13 @@ TransferItem ReadItem(const task::XmlElement& element, task::XmlError& error) {
         text && !error.Failed()) {
         item.expected = task::ParseMd5(task::TrimXml(*text));
         if (!item.expected) fields.Refuse("MD5", "is \"" + *text + "\"; " + std::string(kMd5Hint));
+    }
+    const bool fromUrl = IsUrl(item.source);
+    const bool toUrl = IsUrl(item.target);
+    if (fromUrl && toUrl) fields.Refuse("Target", "is a URL, as <Source> is; one of them must be a path");
+    if (const auto name = fields.Plain().Optional("Credentials", kCredentialsHint)) {
+        item.credentials = task::TrimXml(*name);
+        if (!fromUrl && !toUrl) fields.Refuse("Credentials", "are for URLs, and there is none");
     }
     return item;
 }
@@ -78,6 +80,12 @@ bool ReadTransferTask(std::string_view text, TransferTask& task, task::XmlError&
             task.items.push_back(ReadItem(*child, error));
             if (error.Failed()) break;
         }
+    }
+    for (const TransferItem& item : task.items) {
+        if (task.move && (IsUrl(item.source) || IsUrl(item.target)))
+            fields.Refuse("Mode", "is \"move\"; files are copied from and to URLs, not moved");
+        if (task.manifest && IsUrl(item.target))
+            fields.Refuse("Manifest", "is \"true\"; beside a URL none is written");
     }
     if (task.verify || (task.manifest && !task.sha256)) task.md5 = true;
     return !error.Failed();

@@ -13,8 +13,9 @@
 namespace rq::transfer {
 
 struct TransferItem {
-    std::string source;  // absolute, as in the task text; a file or a folder
-    std::string target;  // what the source becomes, not the folder to put it into
+    std::string source;       // absolute, as in the task text: a file or a folder; or the URL of a file
+    std::string target;       // what the source becomes, not the folder to put it into; or a URL, not both
+    std::string credentials;  // the name of the URL's; empty: none
     std::optional<task::Md5Digest> expected;
 };
 

@@ -2,6 +2,7 @@
 #include "fuzz/checks.h"
 #include "plugin_common/file.h"
 #include "transfer_task.h"
+#include "url.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t count) {
     using rq::fuzz::Require;
@@ -18,10 +19,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t cou
     Require(task.md5 || task.sha256 || !task.manifest, "and a manifest too", text);
     for (const rq::transfer::TransferItem& item : task.items)
         for (const std::string* path : {&item.source, &item.target}) {
+            if (rq::transfer::IsUrl(*path)) {
+                Require(rq::transfer::WhyNotTaken(*path).empty(), "a URL that is taken is a good one", *path);
+                Require(!task.move && !rq::transfer::HostOf(*path).empty(), "and has a host", *path);
+                Require(!rq::transfer::FileNameOf(*path).empty(), "and names a file", *path);
+                continue;
+            }
             Require(rq::task::IsAbsolutePath(*path), "a path that is taken is absolute", *path);
-            Require(path->find("://") == std::string::npos || path->front() == '/' || (*path)[1] == ':' ||
-                        path->front() == '\\',
-                    "and no URL", *path);
         }
     return 0;
 }

@@ -2,6 +2,7 @@
 #include "transfer_task.h"
 
 #include "plugin_common/task_documentation.h"
+#include "url.h"
 
 namespace rq::transfer {
 namespace {
@@ -54,14 +55,54 @@ TEST(TransferTaskText, VerificationAndManifestsNeedADigest) {
     EXPECT_FALSE(Taken("<Manifest>true</Manifest><SHA256>true</SHA256>").md5);
 }
 
-TEST(TransferTaskText, NeverRepeatsAUrl) {
-    for (const char* url :
-         {"ftp://u:secret@h/x", "SFTP://u:secret@h/x", " https://u:secret@h/x", "http://h/x?secret"}) {
-        const std::string error = ErrorOf("<TransferTask><ID>x</ID><Items><Item><Source>" + std::string(url) +
-                                          "</Source><Target>/b</Target></Item></Items></TransferTask>");
-        EXPECT_EQ(error,
-                  "line 1: <Source> is a URL; only paths are transferred, give one that the system can open");
-    }
+std::string ErrorOfUrl(const std::string& url, const std::string& more = {}, const std::string& task = {}) {
+    return ErrorOf("<TransferTask><ID>x</ID>" + task + "<Items><Item><Source>" + url +
+                   "</Source><Target>/b</Target>" + more + "</Item></Items></TransferTask>");
+}
+
+TEST(TransferTaskText, TakesUrlsWithoutSecrets) {
+    for (const char* url : {"http://h/x", " HTTPS://h.example.org:8443/a/b%20c ", "ftp://127.0.0.1/x",
+                            "ftps://[::1]:990/x", "http://h/a/../b"})
+        EXPECT_EQ(ErrorOfUrl(url), "") << url;
+    EXPECT_EQ(ErrorOfUrl("ftp://h/x", "<Credentials> own </Credentials>"), "");
+    EXPECT_EQ(ErrorOfUrl("ftp://h/x", "<Credentials> </Credentials>"),
+              "line 1: <Credentials> is empty; give the name of an entry in RQWorkerCredentials.xml");
+    EXPECT_EQ(ErrorOfUrl("/a", "<Credentials>own</Credentials>"),
+              "line 1: <Credentials> are for URLs, and there is none");
+    EXPECT_EQ(ErrorOfUrl("ftp://h/x", "", "<Mode>move</Mode>"),
+              "line 1: <Mode> is \"move\"; files are copied from and to URLs, not moved");
+    EXPECT_EQ(ErrorOfUrl("ftp://h/x", "", "<Manifest>true</Manifest>"), "");
+}
+
+TEST(TransferTaskText, NeverRepeatsAUrlThatIsRefused) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"ftp://u:secret@h/x",
+         "a URL with a user in it; put user and password into RQWorkerCredentials.xml on the node, "
+         "and the name of their entry into <Credentials>"},
+        {"sftp://h/secret", "a URL of another kind than http, https, ftp and ftps"},
+        {"http://h/x?secret", "a URL with a query or a fragment, which may be a secret; give one without"},
+        {"http://h/x#secret", "a URL with a query or a fragment, which may be a secret; give one without"},
+        {"http://h/secret x", "a URL with characters that must be written as %XX"},
+        {"http://h/secret/", "a URL that names no file"},
+        {"http://h", "a URL that names no file"},
+        {"http:///secret", "a URL without a host that can be read"},
+        {"http://h:port/secret", "a URL without a host that can be read"},
+        {"http://-h/secret", "a URL without a host that can be read"},
+        {"http://h/secret%0d", "a URL in which a %XX is broken or stands for a control character"},
+        {"http://h/secret%4", "a URL in which a %XX is broken or stands for a control character"},
+    };
+    for (const auto& [url, why] : cases)
+        EXPECT_EQ(ErrorOfUrl(url), "line 1: <Source> is " + std::string(why)) << url;
+}
+
+TEST(TransferUrls, HaveParts) {
+    const std::string url = "FTP://H.example.org:21/a/b%20%E6%96%B0";
+    EXPECT_EQ(SchemeOf(url), "ftp");
+    EXPECT_EQ(HostOf(url), "h.example.org");
+    EXPECT_EQ(HostOf("http://[::1]:80/x"), "[::1]");
+    EXPECT_EQ(FolderOf(url), "FTP://H.example.org:21/a/");
+    EXPECT_EQ(FileNameOf(url), "b 新");
+    EXPECT_EQ(Encoded("b 新"), "b%20%E6%96%B0");
 }
 
 TEST(TransferDocumentation, EveryExampleIsWhatThePageSays) {
@@ -92,6 +133,13 @@ TEST(TransferDocumentation, SchemaAndReaderAgree) {
         task("<ID>x</ID><Items></Items>"),
         task("<ID>x</ID><Items><Item><Source>/a</Source><Source>/a</Source><Target>/b</Target></Item></"
              "Items>"),
+        task("<ID>x</ID><Items><Item><Source>https://h:1/a/b</Source><Target>/b</Target>"
+             "<Credentials>own</Credentials></Item></Items>"),
+        task("<ID>x</ID><Items><Item><Source>/a</Source><Target>FTP://h/b</Target></Item></Items>"),
+        task("<ID>x</ID><Items><Item><Source>/a</Source><Target>ftp://u:p@h/b</Target></Item></Items>"),
+        task("<ID>x</ID><Items><Item><Source>sftp://h/b</Source><Target>/b</Target></Item></Items>"),
+        task("<ID>x</ID><Items><Item><Source>http://h/b?c</Source><Target>/b</Target></Item></Items>"),
+        task("<ID>x</ID><Items><Item><Source>http://h/</Source><Target>/b</Target></Item></Items>"),
         "<Transfer/>",
     };
     for (const std::string& text : texts)

@@ -3,43 +3,16 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <future>
 
 #include "plugin_common/codes.h"
 #include "plugin_common/file.h"
 #include "plugin_common/node.h"
+#include "url.h"
 
 namespace rq::transfer {
 namespace {
 
 using task::CodeClass;
-
-const Failure kStopped{};
-
-std::string Md5Hex(const task::Md5Digest& digest) {
-    return task::HexOf(digest.data(), digest.size());
-}
-
-Failure SourceFailure(const std::string& path, std::uint32_t code) {
-    return {task::kErrorSourceUnreadable, code, path + ": " + task::SystemWords(code)};
-}
-
-// A full disk and a target that may not be written have codes and advice of their own.
-Failure TargetFailure(std::uint32_t code, const std::string& words, std::uint64_t size_bytes) {
-    switch (task::ClassOf(code)) {
-        case CodeClass::kNoRoom:
-            return {task::kErrorTargetFull, code,
-                    words + "; the file needs " + std::to_string(size_bytes) +
-                        " bytes: make room there, or choose another target"};
-        case CodeClass::kReadOnly:
-            return {task::kErrorTargetReadOnly, code,
-                    words + "; let the worker's user write there, or choose another target"};
-        case CodeClass::kOther:
-        case CodeClass::kAbsent:
-            break;
-    }
-    return {task::kErrorTargetUnwritable, code, words};
-}
 
 // A name as md5sum and sha256sum write it: one with a line end or a backslash has its line marked.
 std::string ManifestLine(const std::string& hex, const std::string& name) {
@@ -58,16 +31,6 @@ std::string ManifestLine(const std::string& hex, const std::string& name) {
 }
 
 }  // namespace
-
-template <class Work>
-auto TransferWork::Aside(const Work& work) {
-    auto result = std::async(std::launch::async, work);
-    for (std::chrono::milliseconds left = kSync; left > left.zero(); left -= kReport_ms) {
-        m_run.QuietFor(std::chrono::ceil<std::chrono::seconds>(left).count());
-        if (result.wait_for(kReport_ms) == std::future_status::ready) break;
-    }
-    return result.get();
-}
 
 TransferWork::TransferWork(TransferRecord& record, plugin::Run& run, const plugin::Host& host)
     : m_record(record),
@@ -90,6 +53,7 @@ plugin::Outcome TransferWork::Do() {
 
 void TransferWork::Plan(std::size_t item) {
     const TransferItem& wanted = m_task.items[item];
+    if (IsUrl(wanted.source)) return PlanUrl(item);
     Seen seen;
     std::uint32_t code = LookAt(wanted.source, true, seen);
     if (code == 0 && seen.kind == Kind::kAbsent) {
@@ -101,6 +65,10 @@ void TransferWork::Plan(std::size_t item) {
     if (m_task.move && LookAt(wanted.source, false, named) == 0 && named.kind == Kind::kLink)
         return Note({task::kErrorSourceUnreadable, 0,
                      wanted.source + ": is a link, which is copied, not moved; name what it leads to"},
+                    item);
+    if (seen.kind == Kind::kFolder && IsUrl(wanted.target))
+        return Note({task::kErrorSourceUnreadable, 0,
+                     wanted.source + ": is a folder, and only files are sent to URLs"},
                     item);
     if (seen.kind == Kind::kFolder) {
         if (wanted.expected)
@@ -115,7 +83,8 @@ void TransferWork::Plan(std::size_t item) {
             if (ParentOf(above) == above) break;
         }
     }
-    PlanEntry({wanted.source, wanted.target, NameOf(wanted.target), seen.kind, seen.size_bytes, item});
+    const std::string name = IsUrl(wanted.target) ? FileNameOf(wanted.target) : NameOf(wanted.target);
+    PlanEntry({wanted.source, wanted.target, name, seen.kind, seen.size_bytes, item});
 }
 
 void TransferWork::PlanEntry(Job job) {
@@ -256,6 +225,8 @@ Problem TransferWork::CheckTarget(const std::string& source, const std::string& 
 }
 
 Problem TransferWork::DoFile(const Job& job) {
+    if (IsUrl(job.source)) return Fetch(job);
+    if (IsUrl(job.target)) return Send(job);
     if (Problem problem = CheckTarget(job.source, job.target)) return problem;
     if (m_task.move && OnSameFileSystem(job.source, ParentOf(job.target))) {
         bool moved = false;

@@ -5,13 +5,16 @@
 
 #include <chrono>
 #include <cstdint>
+#include <future>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "copy_stream.h"
+#include "failure.h"
 #include "places.h"
 #include "plugin_common/publish.h"
+#include "remote.h"
 #include "rqworker/plugin.hpp"
 #include "transfer_task.h"
 
@@ -35,13 +38,6 @@ constexpr std::chrono::seconds kSync{600};
 constexpr std::size_t kMaxFurtherText_bytes = 64u << 10;
 // More results than this are not told: the report would be larger than what it is about.
 constexpr std::size_t kMaxResults = 10'000;
-
-struct Failure {
-    std::int32_t errorCode = 0;  // 0: the stop flag ended it
-    std::uint32_t systemCode = 0;
-    std::string words;  // with the path
-};
-using Problem = std::optional<Failure>;
 
 class TransferWork {
   public:
@@ -77,6 +73,12 @@ class TransferWork {
     // False in `moved` when it lies on another file system.
     Problem MoveByName(const Job& job, bool& moved);
     Problem Copy(const Job& job);
+    // From and to URLs; fetch.cpp.
+    void PlanUrl(std::size_t item);
+    Problem Settle(const Job& job, bool isSource, Remote::Settings& settings);
+    Problem Fetch(const Job& job);
+    Problem Send(const Job& job);
+    Problem ReadBack(const Job& job, Remote& remote, const Digests& digests);
     Problem Pass(const Job& job, task::InputFile& source, task::Publication* target, Digests& digests);
     Problem Publish(const Job& job, task::Publication& target, const Digests& digests);
     Problem ReadBack(const Job& job, const task::Publication& target, const Digests& digests);
@@ -116,5 +118,15 @@ class TransferWork {
     std::string m_failures;
     std::size_t m_unlisted = 0;
 };
+
+template <class Work>
+auto TransferWork::Aside(const Work& work) {
+    auto result = std::async(std::launch::async, work);
+    for (std::chrono::milliseconds left = kSync; left > left.zero(); left -= kReport_ms) {
+        m_run.QuietFor(std::chrono::ceil<std::chrono::seconds>(left).count());
+        if (result.wait_for(kReport_ms) == std::future_status::ready) break;
+    }
+    return result.get();
+}
 
 }  // namespace rq::transfer

@@ -1,0 +1,78 @@
+#include "credentials.h"
+
+#include <algorithm>
+
+#include "plugin_common/codes.h"
+#include "plugin_common/file.h"
+#include "plugin_common/node.h"
+#include "plugin_common/typed_fields.h"
+
+namespace rq::transfer {
+namespace {
+
+constexpr std::size_t kMaxFile_bytes = 1u << 20;
+
+Failure Wrong(const std::string& words, std::uint32_t code = 0) {
+    return {task::kErrorConfiguration, code, words};
+}
+
+std::string Lower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    return text;
+}
+
+// Getters that would quote what stands there are not used: it may be a password in the wrong place.
+Credential ReadEntry(const task::XmlElement& element, std::string& name, task::XmlError& error) {
+    task::XmlFields fields(element, {"Name", "Host", "User", "Password", "CaFile"}, error);
+    Credential entry;
+    name = fields.Required("Name", "give the name that tasks call it by");
+    entry.host = Lower(std::string(task::TrimXml(fields.Required("Host", "give the host that gets them"))));
+    entry.user = fields.Optional("User", "leave it out when there is none").value_or("");
+    entry.password = fields.Optional("Password", "leave it out when there is none").value_or("");
+    entry.caFile = fields.Optional("CaFile", "leave it out for the system's").value_or("");
+    if (!error.Failed() && !entry.caFile.empty() && !task::IsAbsolutePath(entry.caFile))
+        error.Set(fields.LineOf("CaFile"), "<CaFile> is no absolute path; give one");
+    return entry;
+}
+
+}  // namespace
+
+Problem FindCredential(const std::string& name, const std::string& host, Credential& found) {
+    const std::string folder = task::ConfigFolder();
+    if (!task::IsAbsolutePath(folder)) return Wrong("RQ_CONFIG_DIR is no absolute path; give one");
+    const std::string file = task::PathIn(folder, std::string(kCredentialsFile));
+    if (task::IsAbsent(file)) return Wrong("this node has no credentials: there is no " + file);
+    if (!IsPrivateFile(file))
+        return Wrong(file +
+                     ": others than the worker's user may read or write it, so it is not used; make it that "
+                     "user's own, with the rights 0600");
+    std::string text;
+    bool isTooLong = false;
+    const std::uint32_t code = task::ReadSmallFile(file, kMaxFile_bytes, text, isTooLong);
+    if (code != 0) return Wrong(file + ": " + task::SystemWords(code), code);
+    if (isTooLong) return Wrong(file + ": longer than 1 MiB");
+    task::XmlElement root;
+    task::XmlError error;
+    bool isFound = false;
+    if (task::ParseTaskXml(text, root, error) && task::CheckRoot(root, "Credentials", error)) {
+        task::XmlFields fields(root, {"Entry"}, error);
+        for (const task::XmlElement* child :
+             fields.Repeated("Entry", "give at least one, or remove the file")) {
+            std::string entryName;
+            Credential entry = ReadEntry(*child, entryName, error);
+            if (entryName != name) continue;
+            if (isFound) error.Set(child->line, "<Name> is given twice");
+            isFound = true;
+            found = std::move(entry);
+        }
+    }
+    if (error.Failed()) return Wrong(file + ": " + error.Text());
+    if (!isFound) return Wrong(file + ": has no entry \"" + name + "\"");
+    if (found.host != host)
+        return Wrong(file + ": the entry \"" + name + "\" is for another host than " + host +
+                     ", which does not get it");
+    return std::nullopt;
+}
+
+}  // namespace rq::transfer

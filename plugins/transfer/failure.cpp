@@ -1,0 +1,32 @@
+#include "failure.h"
+
+#include "plugin_common/codes.h"
+#include "plugin_common/file.h"
+
+namespace rq::transfer {
+
+Failure SourceFailure(const std::string& path, std::uint32_t code) {
+    return {task::kErrorSourceUnreadable, code, path + ": " + task::SystemWords(code)};
+}
+
+Failure TargetFailure(std::uint32_t code, const std::string& words, std::uint64_t size_bytes) {
+    switch (task::ClassOf(code)) {
+        case task::CodeClass::kNoRoom:
+            return {task::kErrorTargetFull, code,
+                    words + "; the file needs " + std::to_string(size_bytes) +
+                        " bytes: make room there, or choose another target"};
+        case task::CodeClass::kReadOnly:
+            return {task::kErrorTargetReadOnly, code,
+                    words + "; let the worker's user write there, or choose another target"};
+        case task::CodeClass::kOther:
+        case task::CodeClass::kAbsent:
+            break;
+    }
+    return {task::kErrorTargetUnwritable, code, words};
+}
+
+std::string Md5Hex(const task::Md5Digest& digest) {
+    return task::HexOf(digest.data(), digest.size());
+}
+
+}  // namespace rq::transfer
