@@ -1,13 +1,17 @@
 #!/usr/bin/env bash
-# md5.sh [MiB] [ROUNDS]: how fast the md5 plug-in is on a cached file (1024 MiB, 5 rounds), beside "openssl dgst -md5" on the
-# same file. Both run in turns, so that a busy machine hinders both alike; the figure of each is its best round. openssl's
-# time includes starting the program, some milliseconds. Then four files of a quarter each, with as many threads as there are
-# processors (at most four), beside as many openssl at a time.
+# md5.sh [MiB] [ROUNDS]: how fast the md5 plug-in is on what lies in the page cache, beside "openssl dgst -md5" and md5sum.
+# First one file (1024 MiB), everything pinned to one processor (RQ_BENCH_CPU, default the last). Then four files of a quarter
+# each with one thread and with two, beside the same programs, one after the other and two at a time (xargs -P 2).
+# Whole programs are timed, all in the same way, and in turns, so that a busy machine hinders all alike. For each the best
+# round in seconds, and the processor time of the round that took least of it; ratios are the other's seconds by the plug-in's,
+# above 1 where the plug-in is ahead: of the best rounds, the median over the rounds (5), and of the processor times.
 set -euo pipefail
 top=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
 size_MiB=${1:-1024}
 rounds=${2:-5}
 build=${RQ_BUILD:-$top/build/linux}
+processors=$(nproc)
+cpu=${RQ_BENCH_CPU:-$((processors - 1))}
 
 if [ -z "${RQ_BUILD:-}" ]; then "$top/scripts/build" linux bench_md5; else ninja -C "$build" bench_md5 >/dev/null; fi
 
@@ -16,43 +20,74 @@ trap 'rm -rf -- "$folder"' EXIT
 file=$folder/data
 openssl enc -aes-128-ctr -nosalt -K 00 -iv 00 </dev/zero 2>/dev/null | head -c $((size_MiB << 20)) >"$file" || true
 [ "$(stat -c %s "$file")" = $((size_MiB << 20)) ] || { echo "md5.sh: no room for $size_MiB MiB in $folder" >&2; exit 1; }
-cat "$file" >/dev/null
+quarters=()
+for i in 0 1 2 3; do
+    dd if="$file" of="$folder/$i" bs=1M skip=$((i * size_MiB / 4)) count=$((size_MiB / 4)) status=none
+    quarters+=("$folder/$i")
+done
+cat "$file" "${quarters[@]}" >/dev/null
 
-plugin=() other=()
+plug_in() { "$build/plugins/md5/bench_md5" "$@"; }
+with_openssl() { openssl dgst -md5 -r "$@"; }
+with_md5sum() { md5sum "$@"; }
+two_openssl() { printf '%s\0' "$@" | xargs -0 -n 1 -P 2 openssl dgst -md5 -r; }
+two_md5sum() { printf '%s\0' "$@" | xargs -0 -n 1 -P 2 md5sum; }
+
+# run NAME COMMAND...: seconds and processor seconds of one run go to $folder/NAME.times, the digests, sorted, to $folder/NAME.md5.
+TIMEFORMAT='%3R %3U %3S'
+run() {
+    local name=$1
+    shift
+    { time "$@" >"$folder/$name.out"; } 2>>"$folder/$name.times"
+    cut -d' ' -f1 "$folder/$name.out" | sort >"$folder/$name.md5"
+}
+# same NAME...: whether all of them found the same.
+same() {
+    local name
+    for name in "${@:2}"; do
+        cmp -s "$folder/$1.md5" "$folder/$name.md5" || { echo "md5.sh: $1 and $name differ" >&2; exit 1; }
+    done
+}
+best() { awk '{ print $1 }' "$folder/$1.times" | sort -n | head -n 1; }
+processor() { awk '{ print $2 + $3 }' "$folder/$1.times" | sort -n | head -n 1; }
+# ratios NAME PEER: of the best rounds, the median of the rounds' own, of processor time.
+ratios() {
+    local median
+    median=$(paste -d' ' "$folder/$2.times" "$folder/$1.times" | awk '{ print $1 / $4 }' | sort -n |
+        awk '{ all[NR] = $1 } END { print (all[int((NR + 1) / 2)] + all[int(NR / 2) + 1]) / 2 }')
+    awk -v a="$(best "$2")" -v b="$(best "$1")" -v m="$median" -v p="$(processor "$2")" -v q="$(processor "$1")" \
+        'BEGIN { printf "%6.2f %6.2f %6.2f\n", a / b, m, p / q }'
+}
+# report TITLE NAME PEER...
+report() {
+    local own=$2 name
+    echo "$1"
+    for name in "${@:2}"; do
+        awk -v n="$name" -v s="$(best "$name")" -v p="$(processor "$name")" -v m="$size_MiB" -v r="$([ "$name" = "$own" ] || ratios "$own" "$name")" \
+            'BEGIN { printf "  %-22s %8.1f MiB/s  %7.3f s  %7.3f s of processor  %s\n", n, m / s, s, p, r }'
+    done
+}
+
+taskset -cp "$cpu" $BASHPID >/dev/null
 for ((i = 0; i < rounds; i++)); do
-    read -r seconds digest < <("$build/plugins/md5/bench_md5" "$file")
-    plugin+=("$seconds")
-    begin=$EPOCHREALTIME
-    expected=$(openssl dgst -md5 -r "$file")
-    other+=("$(awk -v a="$begin" -v b="$EPOCHREALTIME" 'BEGIN { printf "%.6f", b - a }')")
-    [ "$digest" = "${expected%% *}" ] || { echo "md5.sh: the digests differ: $digest ${expected%% *}" >&2; exit 1; }
+    run plug-in plug_in "$file"
+    run openssl with_openssl "$file"
+    run md5sum with_md5sum "$file"
+    same plug-in openssl md5sum
 done
-
-# Several files.
-threads=$(nproc)
-[ "$threads" -le 4 ] || threads=4
-files=()
-for i in 1 2 3 4; do
-    tail -c +$((1 + (i - 1) * (size_MiB << 18))) "$file" | head -c $((size_MiB << 18)) >"$folder/$i" || true
-    files+=("$folder/$i")
-done
-several=() alone=() others=()
+taskset -cp "0-$((processors - 1))" $BASHPID >/dev/null
 for ((i = 0; i < rounds; i++)); do
-    read -r seconds digests < <("$build/plugins/md5/bench_md5" "$threads" "${files[@]}")
-    several+=("$seconds")
-    read -r seconds _ < <("$build/plugins/md5/bench_md5" 1 "${files[@]}")
-    alone+=("$seconds")
-    begin=$EPOCHREALTIME
-    printf '%s\0' "${files[@]}" | xargs -0 -n 1 -P "$threads" openssl dgst -md5 -r >/dev/null
-    others+=("$(awk -v a="$begin" -v b="$EPOCHREALTIME" 'BEGIN { printf "%.6f", b - a }')")
-    expected=$(openssl dgst -md5 -r "${files[@]}" | cut -d' ' -f1 | paste -sd ' ')
-    [ "$digests" = "$expected" ] || { echo "md5.sh: the digests of several files differ" >&2; exit 1; }
+    run plug-in-1-thread plug_in 1 "${quarters[@]}"
+    run openssl-in-turn with_openssl "${quarters[@]}"
+    run md5sum-in-turn with_md5sum "${quarters[@]}"
+    run plug-in-2-threads plug_in 2 "${quarters[@]}"
+    run openssl-2-at-a-time two_openssl "${quarters[@]}"
+    run md5sum-2-at-a-time two_md5sum "${quarters[@]}"
+    same plug-in-1-thread openssl-in-turn md5sum-in-turn plug-in-2-threads openssl-2-at-a-time md5sum-2-at-a-time
 done
 
-best() { printf '%s\n' "$@" | sort -n | head -n 1; }
-awk -v p="$(best "${plugin[@]}")" -v o="$(best "${other[@]}")" -v n="$size_MiB" 'BEGIN {
-    printf "plug-in             %8.1f MiB/s  (%.3f s)\n", n / p, p
-    printf "openssl dgst -md5   %8.1f MiB/s  (%.3f s)\n", n / o, o
-    printf "plug-in / openssl   %8.3f\n", o / p }'
-awk -v s="$(best "${several[@]}")" -v a="$(best "${alone[@]}")" -v o="$(best "${others[@]}")" -v n="$size_MiB" -v t="$threads" 'BEGIN {
-    printf "4 files, %d threads  %8.1f MiB/s  (%.3f s), %.2f of %d openssl at a time, %.2f of one thread\n", t, n / s, s, o / s, t, a / s }'
+echo "load $(cut -d' ' -f1 /proc/loadavg) on $processors processors; behind each peer its ratios to the plug-in: best round, median round, processor time"
+report "one file of $size_MiB MiB, one processor" plug-in openssl md5sum
+report "four files of $((size_MiB / 4)) MiB, one at a time" plug-in-1-thread openssl-in-turn md5sum-in-turn
+report "four files of $((size_MiB / 4)) MiB, two at a time" plug-in-2-threads openssl-2-at-a-time md5sum-2-at-a-time
+report "two threads and one" plug-in-2-threads plug-in-1-thread

@@ -67,7 +67,7 @@ std::optional<ReportFailure> Report::Create(std::string_view kind, std::string_v
                                 "_" + RandomDigits() + ".txt");
     if (const std::uint32_t code = m_file.Create(m_path); code != 0) return FailureOf(code, m_path);
     Add("task", taskId);
-    return Write(true);
+    return Write(false);
 }
 
 void Report::Add(std::string_view word, std::string_view text) {

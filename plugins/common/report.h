@@ -22,7 +22,7 @@ struct ReportFailure {
 
 class Report {
   public:
-    // A new file "<kind>_<UTC time>_<task id>_<digits>.txt", and its first line.
+    // A new file "<kind>_<UTC time>_<task id>_<digits>.txt", and its first line, which is not synced yet.
     std::optional<ReportFailure> Create(std::string_view kind, std::string_view taskId);
     // Kept until the next Write.
     void Add(std::string_view word, std::string_view text);

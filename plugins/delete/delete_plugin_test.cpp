@@ -157,6 +157,15 @@ TEST_F(DeleteTest, ACancelStopsBetweenEntries) {
     RQStore32(&m_stop, RQ_STOP_NONE);
 }
 
+TEST_F(DeleteTest, ACancelBeforeItBeginsLeavesNothing) {
+    Write("allowed/x", "1");
+    RQStore32(&m_stop, RQ_STOP_CANCEL);
+    EXPECT_EQ(Do(Text(Item("allowed/x"))), RQ_STATUS_CANCELLED);
+    EXPECT_TRUE(Exists("allowed/x"));
+    EXPECT_TRUE(kit::FindFiles(m_reportDir.Path(), ".txt").empty());
+    RQStore32(&m_stop, RQ_STOP_NONE);
+}
+
 // Halfway: the journal names everything that is gone.
 TEST_F(DeleteTest, TheJournalNamesWhatIsGoneWhenItWasStopped) {
     for (int i = 0; i < 2000; ++i) Write("allowed/tree/f" + std::to_string(i), "1");

@@ -4,6 +4,7 @@
 
 #include "plugin_common/codes.h"
 #include "plugin_common/file.h"
+#include "plugin_common/long_call.h"
 
 namespace rq::del {
 namespace {
@@ -21,7 +22,11 @@ plugin::Outcome DeleteWork::Do() {
         m_record.SetError(allowed.systemCode, task::kErrorConfiguration, allowed.words, allowed.words);
         return plugin::Outcome::kFailed;
     }
-    if (const auto failure = m_journal.Create("delete", m_record.TaskId())) {
+    // Nothing was done that a journal would name.
+    if (m_run.Stop() == RQ_STOP_CANCEL) return plugin::Outcome::kCancelled;
+    const auto failure =
+        task::MakeLongCall(m_run, [&] { return m_journal.Create("delete", m_record.TaskId()); });
+    if (failure) {
         m_host.Log(plugin::Level::kFailure, "delete: " + failure->words);
         m_record.SetError(failure->systemCode, task::kErrorReport, failure->words, failure->words);
         return plugin::Outcome::kFailed;
@@ -115,7 +120,8 @@ void DeleteWork::Fail(Failure failure) {
 
 bool DeleteWork::WriteJournal(bool sync) {
     if (m_journalFailed) return false;
-    const auto failure = m_journal.Write(sync);
+    const auto failure =
+        sync ? task::MakeLongCall(m_run, [&] { return m_journal.Write(true); }) : m_journal.Write(false);
     if (!failure) return true;
     m_journalFailed = true;
     m_first = {task::kErrorReport, failure->systemCode, failure->words + "; nothing more was deleted"};
@@ -140,7 +146,8 @@ plugin::Outcome DeleteWork::Conclude() {
     std::string text = Summary();
     if (stop != RQ_STOP_NONE) text = "ended early: " + text;
     m_journal.Add("end", text);
-    WriteJournal(true);
+    // What is gone was on the disk before it went: a stop does not wait for the disk again.
+    WriteJournal(stop == RQ_STOP_NONE);
     text += "; journal: " + m_journal.Path() + m_failures;
     if (m_unlisted != 0) text += "\nand " + std::to_string(m_unlisted) + " more";
     m_host.Log(plugin::Level::kInformation, "delete: " + Summary() + "; journal: " + m_journal.Path());

@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "plugin_common/codes.h"
+#include "plugin_common/long_call.h"
 #include "plugin_common/utf8.h"
 
 namespace rq::md5 {
@@ -263,7 +264,7 @@ void Md5Work::CloseOutput() {
     if (!m_output) return;
     if (m_firstFailure) {
         m_output->Discard();
-    } else if (const auto failure = m_output->Publish()) {
+    } else if (const auto failure = task::MakeLongCall(m_run, [&] { return m_output->Publish(); })) {
         NoteFailure(failure->words, *failure);
     }
 }

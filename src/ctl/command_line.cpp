@@ -126,6 +126,7 @@ void AddOrders(CLI::App& app, CommandLine& line) {
 }  // namespace
 
 void AddCommands(CLI::App& app, CommandLine& line) {
+    app.allow_windows_style_options(false);  // "/mnt/media/clip" is a path; the commands below inherit it
     line.dataFolder =
         platform::GetEnvironment("RQ_ENGINE_DATA").value_or(platform::DefaultDataFolder() + "/engine");
     app.add_option("--data", line.dataFolder, "Data folder of the engine; also RQ_ENGINE_DATA")

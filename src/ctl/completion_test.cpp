@@ -63,6 +63,17 @@ TEST(Completion, EveryCommandAndOptionIsInEveryScript) {
     EXPECT_FALSE(CompletionScript(app, "fish"));
 }
 
+TEST(CommandLine, ANameThatBeginsWithASlashIsNoOption) {
+    for (const char* name : {"/x", "/mnt/media/clip", "/?"}) {
+        CLI::App app("", "rqctl");
+        CommandLine line;
+        AddCommands(app, line);
+        ASSERT_NO_THROW(app.parse("submit md5 --write /w " + std::string(name))) << name;
+        EXPECT_EQ(line.md5.files, std::vector<std::string>{name});
+        EXPECT_EQ(line.md5.checksumFile, "/w");
+    }
+}
+
 TEST(Completion, WhatIsAddedIsThereByItself) {
     CLI::App app("", "rqctl");
     app.add_subcommand("polish", "")->add_option("--with", "");

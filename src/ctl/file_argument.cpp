@@ -51,7 +51,8 @@ Result<fs::path> AbsolutePath(const std::string& name) {
             ": the file name has a control character that a task text cannot hold; rename the file, or "
             "give a link to it");
     std::error_code code;
-    fs::path path = Tidy(fs::absolute(PathFromUtf8(name), code));
+    // On Windows with its own separators only, whatever was typed: the path also stands in results.
+    fs::path path = Tidy(fs::absolute(PathFromUtf8(name), code)).make_preferred();
     if (code) return Fail(name + ": " + platform::ErrorText(code));
     const std::string absolute = Utf8FromPath(path);
     if (!IsValidUtf8(absolute) || HasUnwritable(absolute))

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "base/paths.h"
@@ -49,6 +50,20 @@ TEST(PrepareMd5Jobs, MakesNamesAbsoluteAndKeepsTheirOrder) {
     const auto up = PrepareMd5Jobs({"sub/../sub/./c"}, {});
     ASSERT_TRUE(up);
     EXPECT_EQ(up->at(0).path, jobs->at(1).path);
+}
+
+// Results name files as the task text does: as the system writes them, however they were typed.
+TEST(PrepareMd5Jobs, GivesPathsWithTheSystemsSeparators) {
+    kit::TempDir folder;
+    const fs::path file = folder.Write("sub/a", "");
+    std::string typed = Utf8FromPath(file);
+    std::replace(typed.begin(), typed.end(), static_cast<char>(fs::path::preferred_separator), '/');
+    const auto jobs = PrepareMd5Jobs({typed}, {});
+    ASSERT_TRUE(jobs) << jobs.error().message;
+    EXPECT_EQ(jobs->at(0).path, Utf8FromPath(fs::path(file).make_preferred()));
+    const auto target = NewFile(typed + ".new", false);
+    ASSERT_TRUE(target) << target.error().message;
+    EXPECT_EQ(*target, jobs->at(0).path + ".new");
 }
 
 TEST(PrepareMd5Jobs, DotDotBehindALinkKeepsItsMeaning) {

@@ -170,6 +170,7 @@ int main(int argc, char** argv) {
     rq::platform::Arguments arguments(argc, argv);
     CLI::App app("The local engine: queues tasks, starts a worker for each, keeps what happened.",
                  "rqengine");
+    app.allow_windows_style_options(false);  // "/mnt/media" is a path
     EngineSettings line;
     Wishes wishes;
     AddOptions(app, line, wishes);
