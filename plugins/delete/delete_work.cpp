@@ -139,6 +139,9 @@ std::string DeleteWork::Summary() const {
 }
 
 plugin::Outcome DeleteWork::Conclude() {
+    // Here and not behind the last line, so that a stop which comes meanwhile still counts; and after a stop
+    // nothing needs it, since what is gone was on the disk before it went.
+    if (m_run.Stop() == RQ_STOP_NONE) WriteJournal(true);
     // The last report may have been held by a pause that a stop ended.
     if (m_run.Stop() == RQ_STOP_NONE)
         m_run.Progress(std::max<std::int64_t>(m_total, 1), std::max<std::int64_t>(m_total, 1));
@@ -146,8 +149,7 @@ plugin::Outcome DeleteWork::Conclude() {
     std::string text = Summary();
     if (stop != RQ_STOP_NONE) text = "ended early: " + text;
     m_journal.Add("end", text);
-    // What is gone was on the disk before it went: a stop does not wait for the disk again.
-    WriteJournal(stop == RQ_STOP_NONE);
+    WriteJournal(false);
     text += "; journal: " + m_journal.Path() + m_failures;
     if (m_unlisted != 0) text += "\nand " + std::to_string(m_unlisted) + " more";
     m_host.Log(plugin::Level::kInformation, "delete: " + Summary() + "; journal: " + m_journal.Path());

@@ -54,6 +54,17 @@ TEST(DataFolder, AnEmptyStoreIsNotTakenForANewOne) {
     EXPECT_THAT(engine.Errors(), HasSubstr("store.db: the store is an empty file"));
 }
 
+// On Windows too, where others write options like that.
+TEST(CommandLines, ASlashBeginsAPathAndNoOption) {
+    Node node(false);
+    kit::Child engine(kit::ProgramIn(node.Stage(), "rqengine"), {"/version"});
+    EXPECT_EQ(engine.ExitCode(std::chrono::seconds(60)), 2);
+    EXPECT_THAT(engine.Errors(), HasSubstr("/version"));
+    const Outcome outcome = node.Ctl({"submit", "md5", "/version"});
+    EXPECT_EQ(outcome.code, 2);
+    EXPECT_THAT(outcome.errors, HasSubstr("/version: no such file"));
+}
+
 TEST(CommandLines, ABadLogFolderIsToldWithItsVariable) {
     Node node(false);
     node.Folder().Write("file", "");
