@@ -5,6 +5,7 @@
 #include "engine/sqlite.h"
 #include "link/spool_file.h"
 #include "platform/found_process.h"
+#include "platform/process_tree.h"
 
 namespace rq::engine {
 namespace {
@@ -37,6 +38,11 @@ class ResumeTest : public EngineTest {
         return worker.Resume(m_engine->LinkPort(), m_engine->Token());
     }
     std::uint64_t ProcessOf(const std::string& id) { return Show(id)["attempt_list"][0]["pid"]; }
+    // So that the next engine finds nothing of it.
+    void EndWorker(std::uint64_t process) {
+        kit::EndProcess(process);
+        EXPECT_TRUE(kit::WaitUntil([&] { return platform::ProcessMark(process).empty(); }));
+    }
     std::vector<std::string> FilesIn(const char* folder) {
         std::vector<std::string> names;
         for (const auto& entry : fs::directory_iterator(Data(folder)))
@@ -396,6 +402,87 @@ TEST_F(ResumeTest, AWorkerWhoseStartWasNotRecordedIsTakenWhenItConnects) {
     EventsUntil(deaf, "worker-started");
     Restart([&] { Change("UPDATE attempts SET pid = NULL, process_mark = '', output = ''"); });
     AwaitState(deaf, "lost");
+}
+
+TEST_F(ResumeTest, AWorkerThatHadDoneNothingCostsNoAttempt) {
+    Start();
+    const auto id = Submit("in 1 hang\nconnect\nstatus 3\nfinal 0\nbye\n");
+    EventsUntil(id, "worker-started");
+    const auto process = ProcessOf(id);
+    Restart([&] { EndWorker(process); });
+    AwaitState(id, "finished");
+    EXPECT_EQ(Count(EventsUntil(id, "final"), "start-undone"), 1);
+}
+
+TEST_F(ResumeTest, AWorkerWhoseStartWasNotRecordedIsFound) {
+    m_settings.connectLimit = 4s;
+    Start();
+    const auto there = Submit("sleep 3000\nconnect\nstatus 3\nfinal 0\nbye\n");
+    EventsUntil(there, "worker-started");
+    const auto gone = Submit("in 1 hang\nconnect\nstatus 3\nfinal 0\nbye\n");
+    EventsUntil(gone, "worker-started");
+    const auto process = ProcessOf(gone);
+    Restart([&] {
+        EndWorker(process);
+        Change("UPDATE attempts SET pid = NULL, process_mark = '', output = ''");
+    });
+    // On Windows names of trees are a session's: that there is none proves nothing.
+    if (platform::FindTree("nobody's").has_value()) {
+        AwaitState(gone, "finished");
+        EXPECT_EQ(Count(EventsUntil(gone, "final"), "start-undone"), 1);
+    } else {
+        AwaitState(gone, "lost");
+    }
+    AwaitState(there, "finished");
+    EXPECT_EQ(Show(there)["attempts"], 1);
+}
+
+TEST_F(ResumeTest, AWindowThatWasPromisedIsKeptByAnEngineWithoutOne) {
+    Start();
+    LinkClient worker;
+    const auto id = Begin(worker);
+    ASSERT_TRUE(worker.WaitAck(worker.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskRunning))));
+    m_settings.linkGrace = 10s;
+    Stop(Engine::End::LeaveWorkers);
+    m_settings.resumeWindow = 0ms;
+    Start();
+    ASSERT_EQ(Resume(worker), 0u);
+    EXPECT_EQ(worker.Welcome().resumeWindow_ms, 0u);
+    EXPECT_TRUE(worker.WaitAck(worker.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskFinished))));
+    EXPECT_EQ(Show(id)["state"], "finished");
+}
+
+// No later engine would know of it.
+TEST_F(ResumeTest, AWorkerThatCannotBeKeptInTheStoreIsNotWelcomed) {
+    Start();
+    Change(
+        "CREATE TRIGGER full BEFORE UPDATE OF connected_us ON attempts "
+        "BEGIN SELECT RAISE(ABORT, 'no room'); END");
+    LinkClient refused, worker;
+    ASSERT_TRUE(refused.Connect(m_engine->LinkPort()));
+    EXPECT_EQ(refused.Greet(m_engine->Token(), ""), std::uint32_t{link::kRefuseEnding});
+    Change("DROP TRIGGER full");
+    const auto id = Begin(worker);
+    EXPECT_EQ(Show(id)["state"], "running");
+    EXPECT_EQ(Show("t1")["state"], "lost");
+}
+
+TEST_F(ResumeTest, ACancelKeepsItsDeadlineWhenTheWorkerBeginsAnew) {
+    m_settings.cancelGrace = 1s;
+    Start();
+    const auto id = Submit("connect\nclose\nsleep 700\nconnect-anew\nhang\n");
+    EventsUntil(id, "interrupted");
+    EXPECT_EQ(Order(id, "cancel")["result"], "requested");
+    EXPECT_EQ(Verdict(id).substr(0, 14), "ignored-cancel");
+    EXPECT_EQ(Ended(id)["state"], "cancelled");
+}
+
+TEST_F(ResumeTest, WorkersAreToldHowLongToLookForAnEngine) {
+    m_settings.connectLimit = 1s;
+    m_settings.resumeWindow = 2s;
+    Start();
+    const auto id = Submit("connect\nstatus 3\nenvironment RQ_CONNECT_LIMIT_MS\nfinal 0\nbye\n");
+    EXPECT_EQ(Ended(id)["attempt_list"][0]["further_text"], "3200");
 }
 
 // As after an update from an engine that kept no marks.

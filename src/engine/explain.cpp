@@ -259,6 +259,8 @@ std::string SentenceOf(const EventRow& event) {
         return "the worker was ended, rule " + Text(data, "rule") + ": " + Text(data, "reason");
     if (kind == "worker-exited") return "the worker ended " + ExitText(data);
     if (kind == "lost") return "the attempt was lost: " + Text(data, "reason");
+    if (kind == "start-undone")
+        return "the attempt had done nothing and does not count: " + Text(data, "reason");
     if (kind == "unsaid") return "the attempt ended unsaid: " + Text(data, "reason");
     if (kind == "repeat")
         return "another attempt is made, not before " + Text(data, "not_before") + ": " + Text(data, "rule");

@@ -10,6 +10,7 @@
 #include "platform/files.h"
 #include "platform/found_process.h"
 #include "platform/identity.h"
+#include "platform/process_tree.h"
 #include "records/task_codes.h"
 
 namespace rq::engine {
@@ -40,6 +41,12 @@ std::string ParameterFolder(const EngineSettings& settings) {
 void RemoveFile(const std::string& path) {
     std::error_code ignored;
     fs::remove(PathFromUtf8(path), ignored);
+}
+
+// A worker that has found no engine for so long ends by itself: the one that started it is gone, or would
+// have ended it before, and another one had time to come.
+std::chrono::milliseconds LonelyTime(const EngineSettings& settings) {
+    return settings.connectLimit + settings.resumeWindow + settings.linkGrace;
 }
 
 // Of the attempt's processes, for an engine that comes later.
@@ -135,8 +142,10 @@ platform::ProcessSpec Launcher::SpecFor(const Claim& claim, const std::string& f
     platform::ProcessSpec spec;
     spec.program = Under(m_settings.stageFolder, kWorkerFileName);
     spec.arguments = {TypeArgument(claim.type), file, std::to_string(linkPort), "1"};
-    spec.environment = {
-        {"RQ_ENGINE_TOKEN", m_linkToken}, {"RQ_ATTEMPT", claim.token}, {"RQ_LOG_DIR", LogFolder()}};
+    spec.environment = {{"RQ_ENGINE_TOKEN", m_linkToken},
+                        {"RQ_ATTEMPT", claim.token},
+                        {"RQ_LOG_DIR", LogFolder()},
+                        {"RQ_CONNECT_LIMIT_MS", std::to_string(LonelyTime(m_settings).count())}};
     spec.directory = m_settings.stageFolder;
     spec.output = platform::ProcessSpec::Stream::File;
     spec.errors = platform::ProcessSpec::Stream::File;
@@ -181,6 +190,16 @@ bool Launcher::TakeOver(const std::string& token, const std::string& name, std::
     else
         Conclude(name);
     return Has(token);
+}
+
+void Launcher::EndLeftTree(const std::string& token, std::uint64_t processId) {
+    platform::EndTree(TreeName(token), processId);
+}
+
+std::optional<std::uint64_t> Launcher::FindStarted(const std::string& token) const {
+    const auto found = platform::FindTree(TreeName(token));
+    if (!found) return std::nullopt;
+    return found->empty() ? 0 : found->front();
 }
 
 bool Launcher::Watch(const std::string& token, std::uint64_t processId, const std::string& mark) {

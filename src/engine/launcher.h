@@ -53,6 +53,11 @@ class Launcher {
                   const std::string& mark);
     // Tells the end of a process that is not ours to end. False: it has ended.
     bool Watch(const std::string& token, std::uint64_t processId, const std::string& mark);
+    // Ends what the gone worker of an earlier run left behind.
+    void EndLeftTree(const std::string& token, std::uint64_t processId);
+    // The worker of an attempt whose process an earlier run did not live to record; 0: there surely is none,
+    // nothing: it cannot be told.
+    std::optional<std::uint64_t> FindStarted(const std::string& token) const;
     // The name of the files that were made for the attempt, when the store does not know it; empty: none.
     std::string NameOf(const Claim& claim) const;
     // The worker and whatever it started. Nothing happens when it has ended, is not ours to end, or cannot be

@@ -131,6 +131,10 @@ void Scheduler::StartWorker(Claim claim) {
     run.beatLimit = BeatLimit();
     m_log.Info(run.claim.id + ": worker " + std::to_string(worker->processId) + " started");
     Report(m_store.WorkerStarted(token, worker->processId, worker->output, worker->mark), "a start");
+    AwaitConnection(run);
+}
+
+void Scheduler::AwaitConnection(Run& run) {
     Arm(run, m_settings.connectLimit, [this](Run& late) {
         Kill(late, "no-connection",
              "the worker did not connect within " + DurationText(m_settings.connectLimit));
@@ -238,6 +242,10 @@ bool Scheduler::EndedUnsaid(const Run& run) {
     return run.exit && !run.exit->signalled && run.exit->code == 0 && (run.saidBye || !run.connected);
 }
 
+bool Scheduler::IsUndone(const Run& run) {
+    return run.killReason.empty() && !run.external && !run.connected && run.exit && !run.exit->isKnown;
+}
+
 std::string Scheduler::HowItEnded(const Run& run) const {
     if (EndedUnsaid(run)) {
         const std::string when =
@@ -248,7 +256,8 @@ std::string Scheduler::HowItEnded(const Run& run) const {
     std::string text = run.killReason;
     if (run.exit) text += text.empty() ? ExitText(*run.exit) : " (" + ExitText(*run.exit) + ")";
     if (run.external && text.empty()) text = "the connection ended";
-    if (run.killReason.empty()) text += " before it reported a final status";
+    if (run.killReason.empty())
+        text += IsUndone(run) ? " before it found an engine" : " before it reported a final status";
     return text + WhatItLeft(run);
 }
 
@@ -273,8 +282,10 @@ void Scheduler::Settle(Run& run) {
     }
     if (done && !TakeSpool(run)) done = Fail("the final status in the spool could not be committed");
     if (done && !run.final)
-        done =
-            EndedUnsaid(run) ? m_store.Unsaid(token, HowItEnded(run)) : m_store.Lost(token, HowItEnded(run));
+        done = run.isUndone       ? m_store.Undone(token, "the engine ended before the worker was started")
+               : EndedUnsaid(run) ? m_store.Unsaid(token, HowItEnded(run))
+               : IsUndone(run)    ? m_store.Undone(token, HowItEnded(run))
+                                  : m_store.Lost(token, HowItEnded(run));
     if (done) done = m_store.Closed(token);
     if (!done) {
         Report(done, "the end of an attempt");

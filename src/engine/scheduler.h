@@ -92,6 +92,7 @@ class Scheduler final : public SessionHost {
         bool resumeSent = false;  // the same
         bool saidBye = false;
         bool exitNoted = false;
+        bool isUndone = false;  // it never had a process
         int spoolTries = 0;
         std::optional<std::uint32_t> lastStatus;
         std::shared_ptr<Session> session;
@@ -130,11 +131,14 @@ class Scheduler final : public SessionHost {
     void PumpAgainAfter(std::chrono::milliseconds pause);
     void PumpLater(const Error& problem);
     void StartWorker(Claim claim);
+    void AwaitConnection(Run& run);
     Run* Find(const std::string& token);
     Run* FindSession(std::uint32_t session);
     Run* FindTask(std::int64_t task);
     std::uint32_t NewSessionId();
-    link::Welcome Welcome(Run& run, const link::Hello& hello, const std::shared_ptr<Session>& session);
+    // Refused when the store cannot keep it: a worker of which no later engine knows must not begin.
+    std::variant<link::Welcome, link::Refuse> Welcome(Run& run, const link::Hello& hello,
+                                                      const std::shared_ptr<Session>& session);
 
     // ---- scheduler_resume.cpp ----
     std::variant<link::Welcome, link::Refuse> AdmitResumed(const link::Hello& hello,
@@ -153,6 +157,8 @@ class Scheduler final : public SessionHost {
     void TakeOver(const OpenAttempt& attempt, std::vector<std::string>& gone);
     void AwaitTakenOver(Run& run, const OpenAttempt& attempt);
     void GiveStanding(Run& run, const OpenAttempt& attempt);
+    // Of an attempt whose process the last engine did not live to record.
+    void SearchStarted(Run& run);
     // What the worker left in the spool counts. False: it could not be committed.
     bool TakeSpool(Run& run);
     // Of attempts that have ended already.
@@ -204,6 +210,8 @@ class Scheduler final : public SessionHost {
     std::string WhatItLeft(const Run& run) const;
     // It closed its session and ended as it should, and did not say how its task ended.
     static bool EndedUnsaid(const Run& run);
+    // It never had an engine, and ended while none looked: it has done nothing.
+    static bool IsUndone(const Run& run);
     void FinishEnd();
 
     // Replaces the deadline of the run.

@@ -121,8 +121,18 @@ bool Scheduler::TakeTwinRecord(const std::string& token, const link::WorkerRecor
     return taken;
 }
 
-link::Welcome Scheduler::Welcome(Run& run, const link::Hello& hello,
-                                 const std::shared_ptr<Session>& session) {
+std::variant<link::Welcome, link::Refuse> Scheduler::Welcome(Run& run, const link::Hello& hello,
+                                                             const std::shared_ptr<Session>& session) {
+    const std::uint32_t sessionId = NewSessionId();
+    const std::string mark = platform::ProcessMark(hello.processId);
+    if (const auto kept = m_store.Connected(run.claim.token, sessionId, hello.processId,
+                                            RepairUtf8(hello.workerVersion), mark);
+        !kept) {
+        Report(kept, "a connection");
+        // Made for this connection alone.
+        if (run.external && !run.connected) Settle(run);
+        return link::Refuse{link::kRefuseEnding, "the store refused: " + kept.error().message};
+    }
     if (run.away) {
         m_sessions.erase(run.sessionId);
         run.awayTimer.cancel();
@@ -131,22 +141,19 @@ link::Welcome Scheduler::Welcome(Run& run, const link::Hello& hello,
         session->Continue(std::move(fresh));
         run.away.reset();
     }
-    run.sessionId = NewSessionId();
+    run.sessionId = sessionId;
     // What a package worker has in its list is not known to another engine.
     run.resumable = m_settings.resumeWindow.count() != 0 && !IsPackageType(run.claim.type);
     const link::Welcome welcome = WelcomeFor(run);
     m_sessions[welcome.sessionId] = run.claim.token;
     run.session = session;
     run.connected = true;
-    // A worker that is being ended keeps that deadline.
-    if (run.killReason.empty()) Disarm(run);
+    // A worker that is being ended keeps that deadline, and so does one that has an order to end.
+    if (run.killReason.empty() && session->Memory().orders.empty()) Disarm(run);
     m_log.Info(run.claim.id + ": session " + std::to_string(welcome.sessionId) + ", process " +
                std::to_string(hello.processId));
     run.processId = hello.processId;
-    run.processMark = platform::ProcessMark(hello.processId);
-    Report(m_store.Connected(run.claim.token, welcome.sessionId, hello.processId,
-                             RepairUtf8(hello.workerVersion), run.processMark),
-           "a connection");
+    run.processMark = mark;
     // One whose start the last engine did not live to record.
     if (!run.external && !m_launcher.Has(run.claim.token))
         m_launcher.TakeOver(run.claim.token, run.life.name, run.processId, run.processMark);

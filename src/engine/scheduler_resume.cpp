@@ -5,6 +5,7 @@
 #include "base/paths.h"
 #include "engine/json.h"
 #include "engine/scheduler.h"
+#include "platform/found_process.h"
 #include "records/task_codes.h"
 
 namespace rq::engine {
@@ -15,6 +16,8 @@ namespace {
 constexpr std::size_t kMaxKept = 1000;
 // Once a second: as long as another program may hold a file, or the system be out of descriptors.
 constexpr int kMaxSpoolTries = 60;
+// A process that the last engine was about to start has begun by then.
+constexpr std::chrono::seconds kStarting(2);
 // A connection that lasts for so long is no repetition of one that broke.
 constexpr std::chrono::seconds kSettled(1);
 
@@ -73,6 +76,7 @@ std::variant<link::Welcome, link::Refuse> Scheduler::AdmitResumed(const link::He
     run->resumedAcked = memory.acknowledged;
     session->Continue(std::move(memory));
     run->session = session;
+    run->resumable = m_settings.resumeWindow.count() != 0;
     m_log.Info(run->claim.id + ": session " + std::to_string(run->sessionId) + " goes on");
     Report(m_store.Resumed(run->claim.token, hello.processId), "a resumption");
     if (!run->isInVain) run->lastRecord = SystemClock().Steady();
@@ -205,6 +209,7 @@ void Scheduler::TakeOver(const OpenAttempt& attempt, std::vector<std::string>& g
         AwaitTakenOver(run, attempt);
         return;
     }
+    if (!run.external) m_launcher.EndLeftTree(token, run.processId);
     run.exit = WorkerExit{false, 0, false};
     gone.push_back(token);
 }
@@ -218,7 +223,8 @@ void Scheduler::AwaitTakenOver(Run& run, const OpenAttempt& attempt) {
                                               : " is still there")));
     if (attempt.session) {
         run.sessionId = *attempt.session;
-        run.resumable = m_settings.resumeWindow.count() != 0 && !IsPackageType(run.claim.type);
+        // Its own engine may have promised more than this one does.
+        run.resumable = !IsPackageType(run.claim.type);
         m_sessions[run.sessionId] = run.claim.token;
         run.away.emplace();
         run.away->has = attempt.workerSeq;
@@ -228,16 +234,30 @@ void Scheduler::AwaitTakenOver(Run& run, const OpenAttempt& attempt) {
         GiveStanding(run, attempt);
         return;
     }
-    Arm(run, m_settings.connectLimit, [this](Run& late) {
-        Kill(late, "no-connection",
-             "the worker did not connect within " + DurationText(m_settings.connectLimit));
-    });
+    AwaitConnection(run);
+    if (!attempt.processId)
+        Arm(run, std::min<std::chrono::milliseconds>(kStarting, m_settings.connectLimit),
+            [this](Run& unknown) { SearchStarted(unknown); });
     if (attempt.cancelRequested) {
         boost::asio::post(m_io, [this, token = run.claim.token] {
             if (Run* unconnected = Find(token))
                 Kill(*unconnected, "cancelled", "cancelled before its worker connected");
         });
     }
+}
+
+void Scheduler::SearchStarted(Run& run) {
+    const auto found = m_launcher.FindStarted(run.claim.token);
+    if (found == 0u) {
+        run.isUndone = true;
+        Settle(run);
+        return;
+    }
+    if (found && m_launcher.TakeOver(run.claim.token, run.life.name, *found, platform::ProcessMark(*found))) {
+        m_log.Info(run.claim.id + ": worker " + std::to_string(*found) + " was found");
+        run.processId = run.life.processId = *found;
+    }
+    AwaitConnection(run);
 }
 
 // Those that were not answered when the last engine ended. Nobody knows whether the worker has got them; all

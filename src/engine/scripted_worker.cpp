@@ -10,6 +10,7 @@
 //   connection in good order, or just so print TEXT | sleep MS | hang | exit CODE | killed
 //   lose               waits for the end of the connection; resume does the same and continues the session
 //   spool N            leaves this final status in the spool
+//   environment NAME   its value goes into the next final status
 //   in N LINE          does the line in attempt N alone
 #include <chrono>
 #include <cstdio>
@@ -135,6 +136,9 @@ struct Script {
         } else if (verb == "spool") {
             rest >> number;
             Spool(static_cast<std::uint32_t>(number));
+        } else if (verb == "environment") {
+            rest >> text;
+            furtherText = Environment(text.c_str());
         } else if (verb == "print") {
             std::getline(rest >> std::ws, text);
             std::printf("%s\n", text.c_str());

@@ -110,6 +110,10 @@ class Store {
     // The attempt ends without a final status: the task is cancelled when that was asked for; else it is
     // queued again or lost, by its type's policy. Does nothing when the attempt has ended.
     Result<void> Lost(const std::string& token, const std::string& reason);
+    // The same of a worker that is gone, or was never there, before it did anything: the task is queued
+    // again, and the attempt is not counted among those that it may have, nor its end as one of the type's
+    // failures.
+    Result<void> Undone(const std::string& token, const std::string& reason);
     // The same of a worker that ended in good order: the task is cancelled or failed.
     Result<void> Unsaid(const std::string& token, const std::string& reason);
     Result<void> Exited(const std::string& token, const WorkerExit& exit);

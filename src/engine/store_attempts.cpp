@@ -330,6 +330,25 @@ Result<void> Store::Lost(const std::string& token, const std::string& reason) {
     });
 }
 
+Result<void> Store::Undone(const std::string& token, const std::string& reason) {
+    return ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
+        if (!IsActive(holder.state)) return;
+        if (!MayRepeat(holder)) {
+            LoseAttempt(holder, StateEvent::EndsLost, reason);
+            return;
+        }
+        m_database->Prepare("UPDATE attempts SET reason = ?1 WHERE id = ?2")
+            .Bind(reason)
+            .Bind(holder.attempt)
+            .Run();
+        AddEvent(holder.task, holder.attempt, "start-undone", ReasonEventJson(reason));
+        SetAttemptState(holder.attempt, AttemptState::Lost);
+        SetTaskState(holder.task, holder.attempt, Next(holder.taskState, StateEvent::EndsLostAgain).to,
+                     reason);
+        m_database->Prepare("UPDATE tasks SET spent = spent + 1 WHERE id = ?1").Bind(holder.task).Run();
+    });
+}
+
 Result<void> Store::Unsaid(const std::string& token, const std::string& reason) {
     return ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
         if (IsActive(holder.state)) LoseAttempt(holder, StateEvent::EndsUnsaid, reason);
@@ -340,13 +359,17 @@ Result<void> Store::Exited(const std::string& token, const WorkerExit& exit) {
     return ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
         const std::optional<std::int64_t> code = exit.isKnown ? std::optional(exit.code) : std::nullopt;
         m_database
-            ->Prepare(exit.signalled ? "UPDATE attempts SET exited_us = ?1, exit_signal = ?2 WHERE id = ?3"
-                                     : "UPDATE attempts SET exited_us = ?1, exit_code = ?2 WHERE id = ?3")
+            ->Prepare(exit.signalled ? "UPDATE attempts SET exited_us = ?1, exit_signal = ?2 "
+                                       "WHERE id = ?3 AND exited_us IS NULL"
+                                     : "UPDATE attempts SET exited_us = ?1, exit_code = ?2 "
+                                       "WHERE id = ?3 AND exited_us IS NULL")
             .Bind(m_now())
             .Bind(code)
             .Bind(holder.attempt)
             .Run();
-        AddEvent(holder.task, holder.attempt, "worker-exited", ExitEventJson(exit));
+        // An engine that did not live to close the attempt knew it better.
+        if (m_database->Changes() != 0)
+            AddEvent(holder.task, holder.attempt, "worker-exited", ExitEventJson(exit));
     });
 }
 

@@ -48,6 +48,43 @@ class StoreTest : public testing::Test {
     std::unique_ptr<Store> m_store;
 };
 
+TEST_F(StoreTest, AnExitIsToldOnce) {
+    const auto key = Submit();
+    const Claim claim = Claimed();
+    ASSERT_TRUE(m_store->Exited(claim.token, {false, 7}));
+    ASSERT_TRUE(m_store->Exited(claim.token, {false, 0, false}));
+    EXPECT_EQ(m_store->Details(key).value()->attempts.at(0).exitCode, 7);
+    const auto kinds = Kinds(key);
+    EXPECT_EQ(std::count(kinds.begin(), kinds.end(), "worker-exited"), 1);
+}
+
+TEST_F(StoreTest, AnAttemptThatIsUndoneIsNotCounted) {
+    RetryRules rules = RetryRules::Standard();
+    rules.standard.attempts = 1;
+    rules.standard.stopAfter = 1;
+    m_store->SetRetryRules(rules);
+    const auto key = Submit();
+    ASSERT_TRUE(m_store->Undone(Claimed().token, "never began"));
+    EXPECT_EQ(Task(key).state, TaskState::Queued);
+    EXPECT_TRUE(m_store->Stops()->empty());
+    const Claim second = Claimed();
+    EXPECT_EQ(second.task, key);
+    EXPECT_EQ(second.number, 2);
+    const auto kinds = Kinds(key);
+    EXPECT_EQ(std::count(kinds.begin(), kinds.end(), "start-undone"), 1);
+    EXPECT_EQ(std::count(kinds.begin(), kinds.end(), "lost"), 0);
+    ASSERT_TRUE(m_store->Undone(second.token, "never began"));
+    ASSERT_TRUE(m_store->Lost(Claimed().token, "gone"));
+    EXPECT_EQ(Task(key).state, TaskState::Lost);
+    // One that was cancelled meanwhile stays so.
+    const auto other = Submit();
+    m_store->Unstop(RQ_TASK_MD5_COMPUTE);
+    const Claim third = Claimed();
+    ASSERT_TRUE(m_store->Cancel(other, "api", "cancelled"));
+    ASSERT_TRUE(m_store->Undone(third.token, "never began"));
+    EXPECT_EQ(Task(other).state, TaskState::Cancelled);
+}
+
 TEST_F(StoreTest, ATaskGoesFromTheQueueToItsResult) {
     const auto key = Submit("<A>文本</A>");
     EXPECT_EQ(Task(key).state, TaskState::Queued);

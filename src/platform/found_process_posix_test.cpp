@@ -7,6 +7,7 @@
 #include "kit/files.h"
 #include "kit/stage_copy.h"
 #include "platform/file_limit.h"
+#include "platform/process_tree.h"
 
 namespace rq::platform {
 namespace {
@@ -45,6 +46,7 @@ TEST(FoundProcessOnLinux, WhatCannotBeLookedAtHasNotEnded) {
     {
         const NoDescriptors none;
         EXPECT_EQ(LookForProcess(id, mark), Presence::Unknown);
+        EXPECT_EQ(FindTree("any"), std::nullopt);
         EXPECT_FALSE(early->Wait(milliseconds(0)));
         EXPECT_FALSE(early->Wait(milliseconds(120)));
         early->KillTree();

@@ -5,6 +5,7 @@
 #include "base/paths.h"
 #include "kit/files.h"
 #include "kit/stage_copy.h"
+#include "platform/process_tree.h"
 
 namespace rq::platform {
 namespace {
@@ -17,6 +18,8 @@ TEST(FoundProcessOnWindows, AnUnclearOneIsEndedByItsJob) {
     spec.tree = "rq-found-process-win-test-" + std::to_string(CurrentProcessId());
     auto started = ChildProcess::Start(spec);
     ASSERT_NE(started, nullptr);
+    EXPECT_EQ(FindTree(spec.tree), std::vector{started->Id()});
+    EXPECT_EQ(FindTree(spec.tree + "1"), std::nullopt);
     const auto found = FindProcess(started->Id(), "", spec.tree);
     started.reset();
     ASSERT_NE(found, nullptr);

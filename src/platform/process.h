@@ -27,8 +27,9 @@ struct ProcessSpec {
     std::string inputFile;   // for Stream::File; opened for reading
     std::string outputFile;  // for Stream::File; created, appended to
     std::string errorsFile;  // may equal outputFile
-    // A name under which FindProcess of a later process can end the whole tree; empty: none. Used on Windows,
-    // where the job object gets it, and the child a handle that keeps it. Nobody else may use the name.
+    // A name by which later processes find the tree (process_tree.h), and nobody else uses; empty: none. The
+    // job object's on Windows, where the child keeps a handle to it; RQ_PROCESS_TREE in the environment on
+    // Linux.
     std::string tree;
 };
 

@@ -15,6 +15,7 @@
 #include "platform/child_start_posix.h"
 #include "platform/files.h"
 #include "platform/posix_error.h"
+#include "platform/process_tree_posix.h"
 
 extern char** environ;
 
@@ -111,6 +112,10 @@ std::vector<std::string> EnvironmentOf(const ProcessSpec& spec) {
         if (std::none_of(spec.environment.begin(), spec.environment.end(), replaced)) all.push_back(text);
     }
     for (const auto& [name, value] : spec.environment) all.push_back(name + "=" + value);
+    if (!spec.tree.empty()) {
+        std::erase_if(all, [](const std::string& entry) { return entry.starts_with(kTreeVariable); });
+        all.push_back(kTreeVariable + spec.tree);
+    }
     return all;
 }
 

@@ -10,6 +10,7 @@
 #include "kit/temp_dir.h"
 #include "platform/found_process.h"
 #include "platform/process.h"
+#include "platform/process_tree.h"
 
 namespace rq::platform {
 namespace {
@@ -66,6 +67,31 @@ TEST(ProcessOnLinux, AFoundProcessIsEndedWithItsTree) {
     child.reset();  // off the table: its number leads the group alone
     EXPECT_TRUE(ProcessRuns(inner));
     found->KillTree();
+    EXPECT_TRUE(kit::WaitUntil([&] { return !ProcessRuns(inner); }));
+}
+
+TEST(ProcessOnLinux, ATreeIsFoundByItsNameAndWhatIsLeftOfItEnded) {
+    const TempDir dir;
+    ProcessSpec spec;
+    spec.program = "/bin/sh";
+    spec.arguments = {"-c", "sleep 600 & echo $! > \"$0\"; wait", dir.Utf8("pid")};
+    spec.tree = "rq-tree-test-" + std::to_string(CurrentProcessId());
+    EXPECT_EQ(FindTree(spec.tree), std::vector<std::uint64_t>{});
+    auto child = ChildProcess::Start(spec);
+    ASSERT_NE(child, nullptr);
+    const std::uint64_t leader = child->Id();
+    ASSERT_TRUE(kit::WaitForText(dir.Path() / "pid", "\n"));
+    const std::uint64_t inner = std::stoull(kit::ReadBytes(dir.Path() / "pid"));
+    EXPECT_EQ(FindTree(spec.tree), std::vector{leader});
+    EXPECT_EQ(FindTree(spec.tree + "1"), std::vector<std::uint64_t>{});
+    ::kill(static_cast<pid_t>(leader), SIGKILL);
+    child->Wait(kLong);
+    child.reset();  // off the table: its number leads the group alone
+    EXPECT_EQ(FindTree(spec.tree), std::vector<std::uint64_t>{});
+    EndTree("another", leader);
+    EndTree(spec.tree, inner);
+    EXPECT_TRUE(ProcessRuns(inner));
+    EndTree(spec.tree, leader);
     EXPECT_TRUE(kit::WaitUntil([&] { return !ProcessRuns(inner); }));
 }
 

@@ -1,8 +1,11 @@
 // The core's engine link: which server, the connection, its end.
+#include <charconv>
 #include <chrono>
+#include <optional>
 
 #include "base/result.h"
 #include "base/text.h"
+#include "platform/environment.h"
 #include "util/worker_util.h"
 #include "worker/worker_base.h"
 
@@ -13,6 +16,15 @@ namespace {
 constexpr const char* kLocalAddress = "127.0.0.1";
 constexpr std::uint16_t kDefaultPort = 8083;
 constexpr std::chrono::milliseconds kRetryInterval{1000};
+
+// How long the engine that starts this worker lets it look for one; nothing: for ever, as by hand.
+std::optional<std::chrono::milliseconds> ConnectLimit() {
+    const std::string text = platform::GetEnvironment("RQ_CONNECT_LIMIT_MS").value_or("");
+    std::int64_t limit = 0;
+    const auto read = std::from_chars(text.data(), text.data() + text.size(), limit);
+    if (read.ec != std::errc() || read.ptr != text.data() + text.size() || limit <= 0) return std::nullopt;
+    return std::chrono::milliseconds(limit);
+}
 
 std::wstring LinkLogFile() {
     return GetDailyLogDir() + ProcessCommandLine().LogFilePrefix + L"_C.log";
@@ -71,9 +83,16 @@ std::int32_t CRQWorkerBase::ConnectEngine() {
         Log(3, "No session with the engine at " + server.address + ":" + std::to_string(server.port) + "; " +
                    NarrowUtf8(setup.logFile) + " says why. It is tried again each second.");
     }
-    // For ever: a worker is of no use without its engine. What Connect gave decides, not the stored value,
-    // which a loss right after the connection may have taken away: a lost server is never called again.
+    // For ever, unless the engine that started it has set a limit: a worker is of no use without its engine.
+    // What Connect gave decides, not the stored value, which a loss right after the connection may have taken
+    // away: a lost server is never called again.
+    const auto limit = ConnectLimit();
+    const SteadyTime began = m_clock.Steady();
     while (sessionId == kNoSession) {
+        if (limit && m_clock.Steady() - began >= *limit) {
+            Log(4, "No engine was found within " + std::to_string(limit->count()) + " ms. The worker ends.");
+            return kStatusFail;
+        }
         ConsoleWrite("通信服务端没有启动\n");
         sessionId = client->Connect(&endpoint);
         StoreSession(sessionId);

@@ -3,7 +3,9 @@
 #include <chrono>
 #include <thread>
 
+#include "base/result.h"
 #include "base/text.h"
+#include "kit/temp_dir.h"
 #include "worker/testing/worker_fixture.h"
 
 namespace rq {
@@ -160,6 +162,34 @@ TEST_F(Connect, LateServerIsJoinedOnTheFirstAttemptAfterItComesUp) {
                                                                NarrowUtf8(m_engine.setup.logFile) +
                                                                " says why. It is tried again each second."));
     EXPECT_EQ(m_journal.LogLines().size(), 3u);
+}
+
+TEST_F(Connect, AWorkerThatAnEngineStartedLooksForOneNoLongerThanItSays) {
+    const kit::ScopedEnvironment limit("RQ_CONNECT_LIMIT_MS", "2500");
+    m_engine.connectResults.assign(100, kNoSession);
+    MakeCore();
+    std::thread init([this] { EXPECT_EQ(InitCore(), kStatusFail); });
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(m_clock.WaitForWaiters(1));
+        m_clock.Advance(1000ms);
+    }
+    init.join();
+    EXPECT_EQ(m_journal.Count("client.Connect 127.0.0.1:8083"), 4u);
+    EXPECT_EQ(m_journal.Count("runner.Init"), 0u);
+    EXPECT_EQ(m_journal.LogLines().back(),
+              testing::Line(4, "No engine was found within 2500 ms. The worker ends."));
+}
+
+TEST_F(Connect, ALimitThatIsNoNumberIsNone) {
+    const kit::ScopedEnvironment limit("RQ_CONNECT_LIMIT_MS", "5x");
+    m_engine.connectResults.assign(3, kNoSession);
+    MakeCore();
+    std::thread init([this] { EXPECT_EQ(InitCore(), 0); });
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(m_clock.WaitForWaiters(1));
+        m_clock.Advance(1000ms);
+    }
+    init.join();
 }
 
 TEST_F(Connect, LossBeforeConnectReturnsIsNotForgottenAndNotRetried) {

@@ -119,10 +119,12 @@ class Restarts(unittest.TestCase):
         events = engine.events(task_id)
         told = json.dumps([task, events], indent=1)
         self.assertEqual(task["state"], "finished", told)
-        self.assertEqual(task["attempts"], 1, told)
         kinds = [event["kind"] for event in events]
-        for kind in ("claimed", "worker-started", "final"):
-            self.assertEqual(kinds.count(kind), 1, told)
+        # An engine that was killed while it started a worker has done nothing yet.
+        undone = kinds.count("start-undone")
+        self.assertEqual(task["attempts"], 1 + undone, told)
+        self.assertEqual(kinds.count("claimed"), 1 + undone, told)
+        self.assertEqual(kinds.count("final"), 1, told)
         for kind in ("killed", "lost", "repeat", "late-status", "late-worker"):
             self.assertNotIn(kind, kinds, told)
         self.assertEqual(bytes_of(target), expected, "%s is not what an undisturbed run makes" % target)
