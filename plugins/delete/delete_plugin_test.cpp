@@ -105,7 +105,8 @@ TEST_F(DeleteTest, NothingConfiguredIsNothingAllowed) {
                             "; name the folders below which tasks may delete in it: "
                             "<DeleteConfig><Folder>...</Folder></DeleteConfig>");
     EXPECT_TRUE(Exists("allowed/x"));
-    EXPECT_TRUE(kit::FindFiles(m_reportDir.Path(), ".txt").empty());
+    EXPECT_EQ(Report(), (Lines{"task t1", "end 0 files and 0 folders deleted"}));
+    EXPECT_NE(Further().find("\n" + Detail()), std::string::npos) << Further();
 }
 
 TEST_F(DeleteTest, AnythingWrongInTheConfigurationAllowsNothing) {

@@ -1,4 +1,5 @@
 // Links, rights and odd names on Linux.
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -41,6 +42,55 @@ TEST_F(DeleteTest, TheAllowedFolderMayBeALink) {
     Allow({PathOf("link")});
     EXPECT_EQ(Do(Text(Item("link/x"))), RQ_STATUS_FINISHED) << Detail();
     EXPECT_FALSE(Exists("other/x"));
+}
+
+// What is mounted at a folder, for a scope.
+class Mount {
+  public:
+    Mount(const fs::path& what, const fs::path& at, const char* kind, unsigned long flags) : m_at(at) {
+        fs::create_directories(at);
+        m_isMounted = ::mount(what.c_str(), at.c_str(), kind, flags, nullptr) == 0;
+    }
+    ~Mount() {
+        if (m_isMounted) ::umount2(m_at.c_str(), MNT_DETACH);
+    }
+    Mount(const Mount&) = delete;
+    Mount& operator=(const Mount&) = delete;
+    bool IsMounted() const { return m_isMounted; }
+
+  private:
+    fs::path m_at;
+    bool m_isMounted = false;
+};
+
+// Another file system, and another folder of the same: below the item, and in the path to it.
+TEST_F(DeleteTest, NeverIntoWhatIsMounted) {
+    Write("other/sub/x", "1");
+    Write("allowed/tree/y", "1");
+    const Mount memory("tmpfs", At("allowed/tree/memory"), "tmpfs", 0);
+    const Mount folder(At("other"), At("allowed/tree/bound"), nullptr, MS_BIND);
+    if (!memory.IsMounted() || !folder.IsMounted()) GTEST_SKIP() << "nothing may be mounted here";
+    Write("allowed/tree/memory/z/x", "1");
+    for (const char* name : {"memory", "bound"}) {
+        const std::string mounted = std::string("allowed/tree/") + name;
+        for (const std::string& item : {mounted, mounted + (*name == 'm' ? "/z" : "/sub")}) {
+            EXPECT_EQ(Do(Text(Item(item, true))), RQ_STATUS_ERROR) << item;
+            EXPECT_EQ(Error(), 0x84100031u);
+            EXPECT_EQ(Detail(), PathOf(mounted) + ": something is mounted there; allow that folder itself");
+        }
+    }
+    EXPECT_EQ(Do(Text(Item("allowed/tree", true))), RQ_STATUS_ERROR);
+    EXPECT_EQ(Names("allowed/tree"), (std::vector<std::string>{"bound", "memory"}));
+    EXPECT_TRUE(Exists("other/sub/x"));
+    EXPECT_TRUE(Exists("allowed/tree/memory/z/x"));
+    // Without all that is in it a mount is no empty folder either.
+    fs::remove_all(At("other/sub"));
+    EXPECT_EQ(Do(Text(Item("allowed/tree/bound"))), RQ_STATUS_ERROR);
+    EXPECT_TRUE(Exists("allowed/tree/bound"));
+    // A mount that is allowed itself is one to delete in.
+    Allow({PathOf("allowed/tree/memory")});
+    EXPECT_EQ(Do(Text(Item("allowed/tree/memory/z", true))), RQ_STATUS_FINISHED) << Detail();
+    EXPECT_FALSE(Exists("allowed/tree/memory/z"));
 }
 
 // Between the announcement and the deletion the folder's name is given to a link that leads outside: what was

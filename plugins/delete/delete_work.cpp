@@ -16,12 +16,6 @@ std::string Counted(std::uint64_t count, const char* one, const char* many) {
 }  // namespace
 
 plugin::Outcome DeleteWork::Do() {
-    const AllowedFolders allowed = ReadAllowedFolders();
-    if (!allowed.words.empty()) {
-        m_host.Log(plugin::Level::kFailure, "delete: " + allowed.words);
-        m_record.SetError(allowed.systemCode, task::kErrorConfiguration, allowed.words, allowed.words);
-        return plugin::Outcome::kFailed;
-    }
     // Nothing was done that a journal would name.
     if (m_run.Stop() == RQ_STOP_CANCEL) return plugin::Outcome::kCancelled;
     const auto failure =
@@ -30,6 +24,11 @@ plugin::Outcome DeleteWork::Do() {
         m_host.Log(plugin::Level::kFailure, "delete: " + failure->words);
         m_record.SetError(failure->systemCode, task::kErrorReport, failure->words, failure->words);
         return plugin::Outcome::kFailed;
+    }
+    const AllowedFolders allowed = ReadAllowedFolders();
+    if (!allowed.words.empty()) {
+        Fail({task::kErrorConfiguration, allowed.systemCode, allowed.words});
+        return Conclude();
     }
     m_run.Progress(1, 0);
     if (m_record.Task().dryRun) {

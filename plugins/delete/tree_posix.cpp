@@ -40,6 +40,15 @@ class Fd {
     int m_fd;
 };
 
+// Whether a mount of any kind begins at this open folder, also one that shows another folder of the same file
+// system. Linux before 5.8 does not tell; there only the file system's number is left to compare.
+bool IsMount(int folder) {
+    struct statx facts {};
+    return ::statx(folder, "", AT_EMPTY_PATH, 0, &facts) == 0 &&
+           (facts.stx_attributes & facts.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) != 0;
+}
+constexpr const char* kMounted = "something is mounted there; allow that folder itself";
+
 // The names in a folder, without "." and ".."; errno otherwise.
 std::uint32_t NamesIn(int folder, std::vector<std::string>& names) {
     const int own = ::openat(folder, ".", kFolderFlags);
@@ -90,8 +99,7 @@ class Walker {
                 std::size_t depth) {
         const std::string own = path + "/" + name;
         if (facts.st_dev != m_device) {
-            m_events.Left(own, task::kErrorThroughLink, 0,
-                          "another file system is mounted there; allow that folder itself");
+            m_events.Left(own, task::kErrorThroughLink, 0, kMounted);
             return true;
         }
         if (depth == kDeepest) {
@@ -106,6 +114,10 @@ class Walker {
             std::uint32_t code = folder.Valid() && ::fstat(folder.Get(), &opened) == 0 ? 0 : LastCode();
             // What stands there now is what was looked at.
             if (code == 0 && (opened.st_dev != facts.st_dev || opened.st_ino != facts.st_ino)) code = EAGAIN;
+            if (code == 0 && IsMount(folder.Get())) {
+                m_events.Left(own, task::kErrorThroughLink, 0, kMounted);
+                return true;
+            }
             if (code == 0) code = NamesIn(folder.Get(), names);
             if (code != 0) {
                 Left(own, task::kErrorNotDeleted, code);
@@ -167,13 +179,13 @@ void WalkTree(const Place& place, bool recursive, TreeWalk walk, TreeEvents& eve
             return events.Left(own, task::kErrorThroughLink, 0,
                                "the path leads through a link; give the path without it");
         if (S_ISDIR(facts.st_mode) && facts.st_dev != device)
-            return events.Left(own, task::kErrorThroughLink, 0,
-                               "another file system is mounted there; allow that folder itself");
+            return events.Left(own, task::kErrorThroughLink, 0, kMounted);
         Fd next(::openat(folder.Get(), name.c_str(), kFolderFlags));
         if (!next.Valid()) {
             const std::uint32_t code = LastCode();
             return events.Left(own, task::kErrorNotDeleted, code, task::SystemWords(code));
         }
+        if (IsMount(next.Get())) return events.Left(own, task::kErrorThroughLink, 0, kMounted);
         folder = std::move(next);
         path = own;
     }

@@ -3,7 +3,10 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace rq::transfer {
@@ -15,12 +18,19 @@ struct Seen {
     Kind kind = Kind::kAbsent;
     std::uint64_t size_bytes = 0;
     bool isReadOnly = false;  // marked so by its rights or attributes
+    std::uint32_t code = 0;   // of an entry in a list: why it cannot be looked at; its kind is kOther
 };
 
 // Absent is no failure. With `follow`, what a link leads to.
 std::uint32_t LookAt(const std::string& path, bool follow, Seen& seen);
-// In the order of their names; links are not followed.
-std::uint32_t ListFolder(const std::string& path, std::vector<Seen>& entries);
+// In the order of their names; links are not followed. `goOn` is asked before each entry; false ends the
+// list.
+std::uint32_t ListFolder(const std::string& path, std::vector<Seen>& entries,
+                         const std::function<bool()>& goOn);
+// What is the same for all names of a file, and for no other file that is there; nothing when it cannot be
+// told.
+using Identity = std::pair<std::uint64_t, std::uint64_t>;
+std::optional<Identity> IdentityOf(const std::string& path, bool follow);
 
 std::string ParentOf(const std::string& path);
 std::string NameOf(const std::string& path);

@@ -40,21 +40,29 @@ std::uint32_t LookAt(const std::string& path, bool follow, Seen& seen) {
     return 0;
 }
 
-std::uint32_t ListFolder(const std::string& path, std::vector<Seen>& entries) {
+std::optional<Identity> IdentityOf(const std::string& path, bool follow) {
+    struct stat facts {};
+    if ((follow ? ::stat(path.c_str(), &facts) : ::lstat(path.c_str(), &facts)) != 0) return std::nullopt;
+    return Identity{facts.st_dev, facts.st_ino};
+}
+
+std::uint32_t ListFolder(const std::string& path, std::vector<Seen>& entries,
+                         const std::function<bool()>& goOn) {
     const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(path.c_str()), &::closedir);
     if (!folder) return LastCode();
-    for (;;) {
+    while (goOn()) {
         errno = 0;
         const dirent* entry = ::readdir(folder.get());
+        if (entry == nullptr && errno != 0) return LastCode();
         if (entry == nullptr) break;
         const std::string name = entry->d_name;
         if (name == "." || name == "..") continue;
         struct stat facts {};
-        if (::fstatat(::dirfd(folder.get()), entry->d_name, &facts, AT_SYMLINK_NOFOLLOW) != 0) continue;
-        entries.push_back(SeenOf(facts));
+        const int result = ::fstatat(::dirfd(folder.get()), entry->d_name, &facts, AT_SYMLINK_NOFOLLOW);
+        if (result != 0 && errno == ENOENT) continue;  // removed meanwhile
+        entries.push_back(result == 0 ? SeenOf(facts) : Seen{{}, Kind::kOther, 0, false, LastCode()});
         entries.back().name = name;
     }
-    if (errno != 0) return LastCode();
     std::sort(entries.begin(), entries.end(), [](const Seen& a, const Seen& b) { return a.name < b.name; });
     return 0;
 }

@@ -9,9 +9,9 @@ constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELE
 
 class Handle {
   public:
-    Handle(const std::string& path, DWORD access)
+    Handle(const std::string& path, DWORD access, DWORD flags = 0)
         : m_handle(::CreateFileW(task::NativePath(path).c_str(), access, kShareAll, nullptr, OPEN_EXISTING,
-                                 FILE_FLAG_BACKUP_SEMANTICS, nullptr)) {}
+                                 FILE_FLAG_BACKUP_SEMANTICS | flags, nullptr)) {}
     ~Handle() {
         if (Valid()) ::CloseHandle(m_handle);
     }
@@ -65,18 +65,30 @@ std::uint32_t LookAt(const std::string& path, bool follow, Seen& seen) {
     return 0;
 }
 
-std::uint32_t ListFolder(const std::string& path, std::vector<Seen>& entries) {
+std::optional<Identity> IdentityOf(const std::string& path, bool follow) {
+    const Handle file(path, FILE_READ_ATTRIBUTES, follow ? 0 : FILE_FLAG_OPEN_REPARSE_POINT);
+    BY_HANDLE_FILE_INFORMATION facts{};
+    if (!file.Valid() || !::GetFileInformationByHandle(file.Get(), &facts)) return std::nullopt;
+    return Identity{facts.dwVolumeSerialNumber,
+                    (std::uint64_t{facts.nFileIndexHigh} << 32) | facts.nFileIndexLow};
+}
+
+std::uint32_t ListFolder(const std::string& path, std::vector<Seen>& entries,
+                         const std::function<bool()>& goOn) {
     WIN32_FIND_DATAW entry{};
     const HANDLE found = ::FindFirstFileW(task::NativePath(path + "\\*").c_str(), &entry);
     if (found == INVALID_HANDLE_VALUE) return ::GetLastError() == ERROR_FILE_NOT_FOUND ? 0 : ::GetLastError();
-    do {
+    DWORD code = ERROR_NO_MORE_FILES;
+    for (bool isThere = true; isThere && goOn();) {
         const std::string name = task::Utf8Of(entry.cFileName);
-        if (name == "." || name == "..") continue;
-        entries.push_back(
-            SeenOf(entry.dwFileAttributes, entry.dwReserved0, entry.nFileSizeHigh, entry.nFileSizeLow));
-        entries.back().name = name;
-    } while (::FindNextFileW(found, &entry));
-    const DWORD code = ::GetLastError();
+        if (name != "." && name != "..") {
+            entries.push_back(
+                SeenOf(entry.dwFileAttributes, entry.dwReserved0, entry.nFileSizeHigh, entry.nFileSizeLow));
+            entries.back().name = name;
+        }
+        isThere = ::FindNextFileW(found, &entry);
+        if (!isThere) code = ::GetLastError();
+    }
     ::FindClose(found);
     std::sort(entries.begin(), entries.end(), [](const Seen& a, const Seen& b) { return a.name < b.name; });
     return code == ERROR_NO_MORE_FILES ? 0 : code;

@@ -84,6 +84,18 @@ TEST_F(TransferTest, AnExpectedMd5IsHeldAgainstTheSource) {
     }
 }
 
+// Zeros stand for "not known".
+TEST_F(TransferTest, AnExpectedMd5OfZerosIsNotCompared) {
+    Write("a", "abc");
+    const std::string zeros(32, '0');
+    ASSERT_EQ(Do(Text(Item("a", "b", zeros))), RQ_STATUS_FINISHED) << Detail();
+    ASSERT_EQ(Do(Text(Item("a", "c", zeros), kMove)), RQ_STATUS_FINISHED) << Detail();
+    EXPECT_EQ(Names(), (Strings{"b", "c"}));
+    ASSERT_EQ(m_compared.size(), 1u);
+    EXPECT_EQ(m_compared[0].firstMd5, zeros);
+    EXPECT_EQ(m_compared[0].secondMd5, kAbcMd5);
+}
+
 // What is on the disk is not what was written: found before the target has its name.
 TEST_F(TransferTest, AVerificationThatFailsPublishesNothing) {
     Write("a", Bytes(200'000));
@@ -150,6 +162,45 @@ TEST_F(TransferTest, ATargetThatIsTheSourceIsRefused) {
     EXPECT_EQ(Read("a"), "abc");
     EXPECT_EQ(Names(), (Strings{"a", "folder", "second"}));
     EXPECT_EQ(Names("folder"), Strings{"x"});
+}
+
+// A folder that holds an entry of its own name, and whose entries go to its parent.
+TEST_F(TransferTest, ASourceIsNotOverwrittenByItsNeighbour) {
+    Write("b/b/x", "BB");
+    Write("b/x", "X");
+    for (const char* mode : {"", kMove}) {
+        Do(Text(ItemOf(PathOf("b"), m_dir.Utf8()), mode + Flags({"Overwrite"})));
+        ExpectFailure(0x84100001, "x: the target is a source of this task: ");
+        EXPECT_EQ(Further().rfind("0 of 2 files done\n", 0), 0u) << Further();
+        EXPECT_EQ(Read("b/b/x"), "BB");
+        EXPECT_EQ(Read("b/x"), "X");
+        EXPECT_EQ(Names(), Strings{"b"});
+    }
+}
+
+TEST_F(TransferTest, ASourceIsNotOverwrittenByAnotherItem) {
+    Write("tree/a", "abc");
+    Write("tree/b", "own");
+    Write("c", "new");
+    Write("d", "name");
+    for (const char* mode : {"", kMove}) {
+        Do(Text(Item("tree", "there") + Item("c", "./d") + Item("d", "e"), mode + Flags({"Overwrite"})));
+        ExpectFailure(0x84100001, "d: the target is a source of this task: " + PathOf("d") +
+                                      "; nothing of its <Item> was done");
+        EXPECT_EQ(Read("c"), "new");
+        EXPECT_EQ(Read("e"), "name");
+        EXPECT_EQ(Read("there/a"), "abc");
+        fs::remove_all(At("there"));
+        Write("tree/a", "abc");
+        Write("tree/b", "own");
+        Write("d", "name");
+    }
+    Write("c.md5", "a source too");
+    Do(Text(Item("tree/a", "c") + Item("c.md5", "f"), Flags({"Overwrite", "Manifest"})));
+    ExpectFailure(0x84100001, "c.md5: the target is a source of this task: ");
+    EXPECT_EQ(Read("c"), "new");
+    EXPECT_EQ(Read("c.md5"), "a source too");
+    EXPECT_EQ(Read("f"), "a source too");
 }
 
 TEST_F(TransferTest, AReadOnlyTargetIsNotReplaced) {
@@ -326,6 +377,33 @@ TEST_F(TransferTest, StopsInTheMiddleOfAFile) {
         }
     }
     RQStore32(&m_stop, RQ_STOP_NONE);
+}
+
+// All bytes are written, and the sync is waited for.
+TEST_F(TransferTest, ACancelDuringTheSyncPublishesNothing) {
+    Write("a", Bytes(200'000));
+    fs::create_directory(At("out"));
+    m_onSignOfLife = [&] {
+        for (const std::string& name : Names("out"))
+            if (fs::file_size(At("out/" + name)) == 200'000) RQStore32(&m_stop, RQ_STOP_CANCEL);
+    };
+    for (const char* flags : {"", "<Verify>true</Verify>"}) {
+        RQStore32(&m_stop, RQ_STOP_NONE);
+        EXPECT_EQ(Do(Text(Item("a", "out/b"), flags)), RQ_STATUS_CANCELLED);
+        EXPECT_TRUE(Names("out").empty());
+        EXPECT_TRUE(m_outputs.empty());
+    }
+    RQStore32(&m_stop, RQ_STOP_NONE);
+}
+
+TEST_F(TransferTest, AListOfAFolderCanBeEnded) {
+    for (const char* name : {"a", "b", "c", "d"}) Write(name, "");
+    std::vector<Seen> entries;
+    int asked = 0;
+    EXPECT_EQ(ListFolder(m_dir.Utf8(), entries, [&] { return ++asked < 5; }), 0u);
+    EXPECT_LE(entries.size(), 4u);
+    EXPECT_GE(entries.size(), 2u);
+    EXPECT_EQ(asked, 5);
 }
 
 TEST_F(TransferTest, KeepsToItsRate) {

@@ -144,6 +144,49 @@ TEST_F(TransferTest, WhatIsNoFileIsLeftOut) {
     EXPECT_EQ(Names("copy"), Strings{"a"});
 }
 
+// Another user than the administrator, for a scope; the folder is given to that one.
+class AsNobody {
+  public:
+    explicit AsNobody(const fs::path& folder) {
+        if (::geteuid() != 0) return;
+        constexpr uid_t kNobody = 65534;
+        for (const auto& entry : fs::recursive_directory_iterator(folder))
+            EXPECT_EQ(::chown(entry.path().c_str(), kNobody, kNobody), 0);
+        EXPECT_EQ(::chown(folder.c_str(), kNobody, kNobody), 0);
+        m_changed = ::seteuid(kNobody) == 0;
+        EXPECT_TRUE(m_changed);
+    }
+    ~AsNobody() {
+        if (m_changed) {
+            EXPECT_EQ(::seteuid(0), 0);
+        }
+    }
+    AsNobody(const AsNobody&) = delete;
+    AsNobody& operator=(const AsNobody&) = delete;
+
+  private:
+    bool m_changed = false;
+};
+
+TEST_F(TransferTest, WhatCannotBeLookedAtIsAFailure) {
+    Write("tree/a", "abc");
+    Write("tree/names/x", "1");
+    Write("tree/names/y", "2");
+    Write("tree/shut/z", "3");
+    const AsNobody user(m_dir.Path());
+    fs::permissions(At("tree/names"), fs::perms::owner_read);  // names can be listed, and no more
+    fs::permissions(At("tree/shut"), fs::perms::none);
+    Do(Text(Item("tree", "copy")));
+    fs::permissions(At("tree/names"), fs::perms::owner_all);
+    fs::permissions(At("tree/shut"), fs::perms::owner_all);
+    ExpectFailure(0x84100010, ": Permission denied");
+    EXPECT_EQ(m_info->detailErrorCode, static_cast<std::uint32_t>(EACCES));
+    EXPECT_EQ(Further().rfind("1 of 3 files done\n", 0), 0u) << Further();
+    for (const char* name : {"tree/names/x", "tree/names/y", "tree/shut"})
+        EXPECT_NE(Further().find(PathOf(name) + ": Permission denied"), std::string::npos) << Further();
+    EXPECT_EQ(Read("copy/a"), "abc");
+}
+
 // md5sum and sha256sum take the manifests as they are.
 TEST_F(TransferTest, OthersReadTheManifests) {
     Write("tree/a", "abc");

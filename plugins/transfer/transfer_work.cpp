@@ -39,11 +39,13 @@ TransferWork::TransferWork(TransferRecord& record, plugin::Run& run, const plugi
       m_host(host),
       m_limit(record.Task().limit_Bps),
       m_lines(record.Task().items.size()),
-      m_itemFailed(record.Task().items.size(), false) {}
+      m_itemFailed(record.Task().items.size(), false),
+      m_itemRefused(record.Task().items.size(), false) {}
 
 plugin::Outcome TransferWork::Do() {
     m_run.Progress(1, 0);
     for (std::size_t i = 0; i < m_task.items.size() && !Stopped(); ++i) Plan(i);
+    RefuseCollisions();
     if (m_task.verify) m_total_bytes *= 2;
     for (std::size_t i = 0; i < m_task.items.size() && !Stopped(); ++i) DoItem(i);
     return Conclude();
@@ -98,13 +100,13 @@ void TransferWork::PlanEntry(Job job) {
 void TransferWork::PlanFolder(const std::string& source, const std::string& target, const std::string& name,
                               std::size_t item) {
     std::vector<Seen> entries;
-    if (const std::uint32_t code = ListFolder(source, entries); code != 0)
+    if (const std::uint32_t code = ListFolder(source, entries, [this] { return Tell(0); }); code != 0)
         return Note(SourceFailure(source, code), item);
     for (const Seen& entry : entries) {
         if (Stopped()) return;
         if (task::IsTemporaryName(entry.name)) continue;  // what another transfer writes there
         PlanEntry({task::PathIn(source, entry.name), task::PathIn(target, entry.name),
-                   name + "/" + entry.name, entry.kind, entry.size_bytes, item});
+                   name + "/" + entry.name, entry.kind, entry.size_bytes, item, entry.code});
     }
 }
 
@@ -115,6 +117,7 @@ bool TransferWork::WantsBytes(std::size_t item) const {
 }
 
 void TransferWork::DoItem(std::size_t item) {
+    if (m_itemRefused[item]) return;
     if (MoveWholeFolder(item)) return;
     for (const Job& job : m_jobs) {
         if (job.item != item) continue;
@@ -183,6 +186,7 @@ Problem TransferWork::DoJob(const Job& job) {
         case Kind::kOther:
             break;
     }
+    if (job.code != 0) return SourceFailure(job.source, job.code);
     return Failure{task::kErrorSourceUnreadable, 0,
                    job.source + ": is no plain file, folder or link; it is left out"};
 }
@@ -357,7 +361,8 @@ Problem TransferWork::CheckSource(const Job& job, const task::InputFile& source)
 Problem TransferWork::CheckExpected(const Job& job, const Digests& digests, const task::Md5Digest* found) {
     const std::optional<task::Md5Digest>& expected = m_task.items[job.item].expected;
     const task::Md5Digest* has = found != nullptr ? found : digests.md5 ? &*digests.md5 : nullptr;
-    if (!expected || has == nullptr || *has == *expected) return std::nullopt;
+    if (!expected || has == nullptr || *has == *expected || *expected == task::Md5Digest{})
+        return std::nullopt;  // zeros stand for "not known"
     Compared(job, *expected, has);
     return Failure{task::kErrorMd5Differs, 0,
                    job.source + ": the MD5 is " + Md5Hex(*has) + ", not " + Md5Hex(*expected) +
@@ -370,6 +375,7 @@ Problem TransferWork::Publish(const Job& job, task::Publication& target, const D
     if (m_task.verify) {
         if (Problem problem = ReadBack(job, target, digests)) return problem;
     }
+    if (Stopped()) return kStopped;
     const auto agree = [](const std::string&) { return true; };
     if (const auto failure = Aside([&] { return target.Publish(agree); }))
         return FromPublication(*failure, target.SizeBytes());

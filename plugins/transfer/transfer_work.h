@@ -52,6 +52,7 @@ class TransferWork {
         Kind kind = Kind::kFile;
         std::uint64_t planned_bytes = 0;
         std::size_t item = 0;
+        std::uint32_t code = 0;  // why it cannot be looked at
     };
     struct Line {
         std::string name;
@@ -63,6 +64,8 @@ class TransferWork {
     void PlanFolder(const std::string& source, const std::string& target, const std::string& name,
                     std::size_t item);
     void PlanEntry(Job job);
+    // Items that would write over sources of this task; collisions.cpp.
+    void RefuseCollisions();
 
     void DoItem(std::size_t item);
     bool MoveWholeFolder(std::size_t item);
@@ -108,6 +111,7 @@ class TransferWork {
     std::vector<Job> m_jobs;
     std::vector<std::vector<Line>> m_lines;  // of each item's manifest
     std::vector<bool> m_itemFailed;
+    std::vector<bool> m_itemRefused;  // nothing of it is done
     std::uint64_t m_total_bytes = 0;
     std::uint64_t m_base_bytes = 0;  // of the jobs that are done with
     std::int64_t m_told_bytes = 0;
