@@ -24,15 +24,27 @@ std::string Lower(std::string text) {
 
 // Getters that would quote what stands there are not used: it may be a password in the wrong place.
 Credential ReadEntry(const task::XmlElement& element, std::string& name, task::XmlError& error) {
-    task::XmlFields fields(element, {"Name", "Host", "User", "Password", "CaFile"}, error);
+    task::XmlFields fields(
+        element, {"Name", "Host", "User", "Password", "CaFile", "KnownHosts", "PrivateKeyFile", "Passphrase"},
+        error);
+    const auto optional = [&](const char* child) {
+        return fields.Optional(child, "leave it out when there is none").value_or("");
+    };
+    const auto path = [&](const char* child) {
+        std::string value = optional(child);
+        if (!error.Failed() && !value.empty() && !task::IsAbsolutePath(value))
+            error.Set(fields.LineOf(child), "<" + std::string(child) + "> is no absolute path; give one");
+        return value;
+    };
     Credential entry;
     name = fields.Required("Name", "give the name that tasks call it by");
     entry.host = Lower(std::string(task::TrimXml(fields.Required("Host", "give the host that gets them"))));
-    entry.user = fields.Optional("User", "leave it out when there is none").value_or("");
-    entry.password = fields.Optional("Password", "leave it out when there is none").value_or("");
-    entry.caFile = fields.Optional("CaFile", "leave it out for the system's").value_or("");
-    if (!error.Failed() && !entry.caFile.empty() && !task::IsAbsolutePath(entry.caFile))
-        error.Set(fields.LineOf("CaFile"), "<CaFile> is no absolute path; give one");
+    entry.user = optional("User");
+    entry.password = optional("Password");
+    entry.passphrase = optional("Passphrase");
+    entry.caFile = path("CaFile");
+    entry.knownHosts = path("KnownHosts");
+    entry.privateKeyFile = path("PrivateKeyFile");
     return entry;
 }
 

@@ -18,6 +18,10 @@ struct Credential {
     std::string user;  // empty: none
     std::string password;
     std::string caFile;  // whose certificates are trusted instead of the system's; empty: the system's
+    // With sftp: the hosts' keys, as ssh keeps them, and the user's own, with what it is encrypted by.
+    std::string knownHosts;
+    std::string privateKeyFile;
+    std::string passphrase;
 };
 
 // The entry of this name, for this host.

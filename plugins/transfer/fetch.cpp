@@ -47,8 +47,15 @@ Problem TransferWork::Settle(const Job& job, bool isSource, Remote::Settings& se
     settings.limit = &m_limit;
     settings.goOn = [&](std::uint64_t done) { return Tell(std::min(done, job.planned_bytes)); };
     const std::string& name = m_task.items[job.item].credentials;
-    if (name.empty()) return std::nullopt;
-    return FindCredential(name, HostOf(settings.url), settings.credential);
+    if (!name.empty()) {
+        if (Problem problem = FindCredential(name, HostOf(settings.url), settings.credential)) return problem;
+    }
+    if (SchemeOf(settings.url) == "sftp" && settings.credential.knownHosts.empty())
+        return Failure{
+            task::kErrorConfiguration, 0,
+            settings.url +
+                ": sftp needs <Credentials>, and their entry a <KnownHosts> with the key of the host"};
+    return std::nullopt;
 }
 
 // The size is looked at for the progress; a file that is missing is said before anything is done.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <thread>
+#include <vector>
 
 #include "plugin_common/codes.h"
 #include "plugin_common/file.h"
@@ -20,6 +21,20 @@ constexpr int kMostNewBeginnings = 3;
 
 bool IsHttp(const std::string& url) {
     return SchemeOf(url).rfind("http", 0) == 0;
+}
+
+bool IsSftp(const std::string& url) {
+    return SchemeOf(url) == "sftp";
+}
+
+// A path in a command of libcurl's for sftp.
+std::string Quoted(const std::string& url) {
+    std::string text = "\"";
+    for (const char c : PathOnServer(url)) {
+        if (c == '"' || c == '\\') text += '\\';
+        text += c;
+    }
+    return text + "\"";
 }
 
 // What may be otherwise in a moment.
@@ -93,7 +108,7 @@ struct Remote::Curl {
         Set(CURLOPT_URL, url.c_str());
         Set(CURLOPT_NOSIGNAL, 1L);
         Set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
-        Set(CURLOPT_PROTOCOLS_STR, "http,https,ftp,ftps");
+        Set(CURLOPT_PROTOCOLS_STR, "http,https,ftp,ftps,sftp");
         // Never from a protected connection to a plain one.
         Set(CURLOPT_REDIR_PROTOCOLS_STR, SchemeOf(url) == "https" ? "https" : "http,https");
         Set(CURLOPT_FAILONERROR, 1L);
@@ -105,6 +120,15 @@ struct Remote::Curl {
         if (!credential.password.empty()) Set(CURLOPT_PASSWORD, credential.password.c_str());
         if (!credential.caFile.empty()) Set(CURLOPT_CAINFO, credential.caFile.c_str());
         Set(CURLOPT_WRITEFUNCTION, &Curl::Drop);
+        if (SchemeOf(url) != "sftp") return;
+        Set(CURLOPT_SSH_KNOWNHOSTS, credential.knownHosts.c_str());  // without it any host would do
+        if (credential.privateKeyFile.empty()) {
+            Set(CURLOPT_SSH_AUTH_TYPES, static_cast<long>(CURLSSH_AUTH_PASSWORD | CURLSSH_AUTH_KEYBOARD));
+        } else {
+            Set(CURLOPT_SSH_AUTH_TYPES, static_cast<long>(CURLSSH_AUTH_PUBLICKEY));
+            Set(CURLOPT_SSH_PRIVATE_KEYFILE, credential.privateKeyFile.c_str());
+            Set(CURLOPT_KEYPASSWD, credential.passphrase.c_str());
+        }
     }
 
     static std::size_t Drop(char*, std::size_t size, std::size_t count, void*) { return size * count; }
@@ -165,6 +189,15 @@ struct Remote::Curl {
             if (message->msg == CURLMSG_DONE) code = message->data.result;
         curl_multi_remove_handle(multi, easy);
         return code;
+    }
+
+    // Commands of the protocol's own; with ftp in the folder that the URL names.
+    CURLcode Order(const std::string& folder, const std::vector<std::string>& commands) {
+        Prepare(folder);
+        Set(CURLOPT_NOBODY, 1L);
+        for (const std::string& command : commands) list = curl_slist_append(list, command.c_str());
+        Set(IsSftp(folder) ? CURLOPT_QUOTE : CURLOPT_POSTQUOTE, list);
+        return Perform();
     }
 
     // False when it was stopped meanwhile.
@@ -422,13 +455,18 @@ Problem Remote::Publish(bool overwrite) {
             return Failure{task::kErrorTargetExists, 0,
                            m_settings.url + ": the target has come into being meanwhile"};
     }
-    m_curl->Prepare(FolderOf(m_settings.url));
-    m_curl->Set(CURLOPT_NOBODY, 1L);
-    m_curl->list = curl_slist_append(nullptr, ("RNFR " + FileNameOf(m_temporary)).c_str());
-    m_curl->list = curl_slist_append(m_curl->list, ("RNTO " + FileNameOf(m_settings.url)).c_str());
-    m_curl->Set(CURLOPT_POSTQUOTE, m_curl->list);
-    const CURLcode code = m_curl->Perform();
+    std::vector<std::string> commands{"RNFR " + FileNameOf(m_temporary),
+                                      "RNTO " + FileNameOf(m_settings.url)};
+    if (IsSftp(m_settings.url)) {
+        commands = {"rename " + Quoted(m_temporary) + " " + Quoted(m_settings.url)};
+        // Such a server replaces nothing by a rename.
+        if (overwrite) commands.insert(commands.begin(), "*rm " + Quoted(m_settings.url));
+    }
+    const CURLcode code = m_curl->Order(FolderOf(m_settings.url), commands);
     if (m_curl->isStopped) return kStopped;
+    if (code == CURLE_QUOTE_ERROR && !overwrite && !Look(there) && there.isThere)
+        return Failure{task::kErrorTargetExists, 0,
+                       m_settings.url + ": the target has come into being meanwhile"};
     if (code != CURLE_OK) {
         Failure failure = m_curl->FailureOf(code, "the file cannot be given its name");
         if (code == CURLE_QUOTE_ERROR) failure.errorCode = task::kErrorTargetUnwritable;
@@ -445,11 +483,9 @@ void Remote::Discard() {
     const auto goOn = m_settings.goOn;
     m_settings.goOn = [&](std::uint64_t) { return std::chrono::steady_clock::now() < end; };
     m_curl->isStopped = false;
-    m_curl->Prepare(FolderOf(m_settings.url));
-    m_curl->Set(CURLOPT_NOBODY, 1L);
-    m_curl->list = curl_slist_append(nullptr, ("DELE " + FileNameOf(m_temporary)).c_str());
-    m_curl->Set(CURLOPT_POSTQUOTE, m_curl->list);
-    (void)m_curl->Perform();
+    (void)m_curl->Order(
+        FolderOf(m_settings.url),
+        {IsSftp(m_settings.url) ? "rm " + Quoted(m_temporary) : "DELE " + FileNameOf(m_temporary)});
     m_settings.goOn = goOn;
     m_temporary.clear();
 }

@@ -79,7 +79,7 @@ TEST(TransferTaskText, NeverRepeatsAUrlThatIsRefused) {
         {"ftp://u:secret@h/x",
          "a URL with a user in it; put user and password into RQWorkerCredentials.xml on the node, "
          "and the name of their entry into <Credentials>"},
-        {"sftp://h/secret", "a URL of another kind than http, https, ftp and ftps"},
+        {"smb://h/secret", "a URL of another kind than http, https, ftp, ftps and sftp"},
         {"http://h/x?secret", "a URL with a query or a fragment, which may be a secret; give one without"},
         {"http://h/x#secret", "a URL with a query or a fragment, which may be a secret; give one without"},
         {"http://h/secret x", "a URL with characters that must be written as %XX"},
@@ -102,6 +102,8 @@ TEST(TransferUrls, HaveParts) {
     EXPECT_EQ(HostOf("http://[::1]:80/x"), "[::1]");
     EXPECT_EQ(FolderOf(url), "FTP://H.example.org:21/a/");
     EXPECT_EQ(FileNameOf(url), "b 新");
+    EXPECT_EQ(PathOnServer(url), "/a/b 新");
+    EXPECT_EQ(PathOnServer("sftp://h/~/a%22"), "a\"");
     EXPECT_EQ(Encoded("b 新"), "b%20%E6%96%B0");
 }
 
@@ -137,7 +139,7 @@ TEST(TransferDocumentation, SchemaAndReaderAgree) {
              "<Credentials>own</Credentials></Item></Items>"),
         task("<ID>x</ID><Items><Item><Source>/a</Source><Target>FTP://h/b</Target></Item></Items>"),
         task("<ID>x</ID><Items><Item><Source>/a</Source><Target>ftp://u:p@h/b</Target></Item></Items>"),
-        task("<ID>x</ID><Items><Item><Source>sftp://h/b</Source><Target>/b</Target></Item></Items>"),
+        task("<ID>x</ID><Items><Item><Source>scp://h/b</Source><Target>/b</Target></Item></Items>"),
         task("<ID>x</ID><Items><Item><Source>http://h/b?c</Source><Target>/b</Target></Item></Items>"),
         task("<ID>x</ID><Items><Item><Source>http://h/</Source><Target>/b</Target></Item></Items>"),
         "<Transfer/>",

@@ -1,5 +1,9 @@
 // Transfers from and to URLs, against servers of the test's own (testdata/servers.py).
+#include <netinet/in.h>
+#include <pwd.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <sstream>
 #include <thread>
@@ -48,6 +52,17 @@ class UrlTest : public TransferTest {
     }
     bool WasAsked(const std::string& line) const {
         return m_servers->Output().find(line) != std::string::npos;
+    }
+    static int FreePort() {
+        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = ::htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        auto* generic = reinterpret_cast<sockaddr*>(&address);
+        EXPECT_EQ(::bind(fd, generic, size) | ::getsockname(fd, generic, &size), 0);
+        ::close(fd);
+        return ::ntohs(address.sin_port);
     }
     // Nothing that a task or a log keeps has the password.
     void ExpectNoPassword() const {
@@ -276,6 +291,74 @@ TEST_F(UrlTest, StopsAndKeepsToItsRate) {
     }
 }
 
+// A server of this user's own, with keys of its own.
+TEST_F(UrlTest, BothWaysBySftp) {
+    const std::string program = "/usr/sbin/sshd";
+    if (!fs::exists(program)) GTEST_SKIP() << "there is no " << program;
+    if (::geteuid() == 0 && !fs::exists("/run/sshd")) GTEST_SKIP() << "as root it wants /run/sshd";
+    const auto makeKey = [&](const std::string& name, const std::string& passphrase) {
+        kit::Child keygen("/usr/bin/ssh-keygen",
+                          {"-q", "-t", "ed25519", "-N", passphrase, "-C", "test", "-f", PathOf(name)});
+        ASSERT_EQ(keygen.ExitCode(), 0) << keygen.Errors();
+    };
+    makeKey("host", "");
+    makeKey("user", "phrase");
+    const std::string port = std::to_string(FreePort());
+    // Its configuration takes no blanks in a file's name unless quoted.
+    Write("config",
+          "ListenAddress 127.0.0.1\nPort " + port + "\nHostKey \"" + PathOf("host") +
+              "\"\nAuthorizedKeysFile \"" + PathOf("user.pub") +
+              "\"\nStrictModes no\nPasswordAuthentication no\nPidFile none\nSubsystem sftp internal-sftp\n");
+    Write("known", "[127.0.0.1]:" + port + " " + Read("host.pub"));
+    const kit::Child server(program, {"-D", "-e", "-f", PathOf("config")});
+    std::string url = "sftp://127.0.0.1:" + port;
+    for (const fs::path& part : PathFromUtf8(PathOf("served")).relative_path())
+        url += "/" + Encoded(part.string());
+    const std::string user = "<Host>127.0.0.1</Host><User>" + std::string(::getpwuid(::geteuid())->pw_name) +
+                             "</User><PrivateKeyFile>" + PathOf("user") +
+                             "</PrivateKeyFile><Passphrase>phrase</Passphrase>";
+    Credentials(user + "<KnownHosts>" + PathOf("known") + "</KnownHosts>");
+    const std::string bytes = Bytes(3'000'000);
+    Write("a", bytes);
+    ASSERT_EQ(Do(Text(To("a", url + "/b%20%22c", kOwn), Flags({"MD5", "Verify"}))), RQ_STATUS_FINISHED)
+        << Detail() << server.Errors();
+    EXPECT_TRUE(Read("served/b \"c") == bytes);
+    EXPECT_EQ(m_compared.size(), 1u);
+    EXPECT_EQ(m_outputs[0].further, "md5:" + kit::ReferenceMd5(At("a")));
+    Do(Text(To("a", url + "/b%20%22c", kOwn)));
+    ExpectFailure(0x84100000, ": the target exists already");
+    Write("a", "new");
+    EXPECT_EQ(Do(Text(To("a", url + "/b%20%22c", kOwn), Flags({"Overwrite"}))), RQ_STATUS_FINISHED)
+        << Detail();
+    EXPECT_EQ(Read("served/b \"c"), "new");
+    EXPECT_EQ(Names("served"), Strings{"b \"c"});
+    Do(Text(To("a", url + "/nowhere/b", kOwn)));
+    ExpectFailure(0x84100013, "nowhere/b: the other side does not take the file there");
+
+    Write("served/d", bytes);
+    Write("served/empty", "");
+    ASSERT_EQ(Do(Text(From(url + "/d", "d", kOwn) + From(url + "/empty", "e", kOwn), Flags({"MD5"}))),
+              RQ_STATUS_FINISHED)
+        << Detail();
+    EXPECT_TRUE(Read("d") == bytes);
+    EXPECT_EQ(Read("e"), "");
+    EXPECT_EQ(m_progress.back().total, 3'000'000);
+    Do(Text(From(url + "/missing", "f", kOwn)));
+    ExpectFailure(0x84100010, "missing: there is no such file");
+
+    Credentials(user);
+    Do(Text(From(url + "/d", "f", kOwn)));
+    ExpectFailure(0x84100034,
+                  "sftp needs <Credentials>, and their entry a <KnownHosts> with the key of the host");
+    // Another host's key.
+    Write("known", "[127.0.0.1]:" + port + " " + Read("user.pub"));
+    Credentials(user + "<KnownHosts>" + PathOf("known") + "</KnownHosts>");
+    Do(Text(From(url + "/d", "f", kOwn)));
+    ExpectFailure(0x8410003B, "/d: ");
+    EXPECT_EQ(m_info->detailErrorCode, 60u);
+    for (const std::string& line : m_log) EXPECT_EQ(line.find("phrase"), std::string::npos) << line;
+}
+
 TEST_F(UrlTest, TheCredentialsOnThePageAreRead) {
     const std::string page = kit::ReadText(RQ_TASK_DOCS "/transfer.md");
     const std::size_t begin = page.find("```xml credentials\n") + 19;
@@ -289,6 +372,8 @@ TEST_F(UrlTest, TheCredentialsOnThePageAreRead) {
     ASSERT_FALSE(FindCredential("archive", "archive.example.org", found));
     EXPECT_EQ(found.caFile, "/etc/rqworker/archive.pem");
     EXPECT_EQ(found.user, "");
+    ASSERT_FALSE(FindCredential("ingest", "ingest.example.org", found));
+    EXPECT_EQ(found.knownHosts, "/etc/rqworker/known_hosts");
 }
 
 TEST_F(UrlTest, FoldersAreNotSent) {

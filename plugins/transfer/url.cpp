@@ -9,7 +9,7 @@
 namespace rq::transfer {
 namespace {
 
-constexpr std::array<std::string_view, 4> kSchemes{"http", "https", "ftp", "ftps"};
+constexpr std::array<std::string_view, 5> kSchemes{"http", "https", "ftp", "ftps", "sftp"};
 
 std::string Lower(std::string_view text) {
     std::string lower(text);
@@ -86,7 +86,7 @@ bool IsUrl(std::string_view text) {
 std::string WhyNotTaken(std::string_view url) {
     const std::string scheme = SchemeOf(url);
     if (std::find(kSchemes.begin(), kSchemes.end(), scheme) == kSchemes.end())
-        return "is a URL of another kind than http, https, ftp and ftps";
+        return "is a URL of another kind than http, https, ftp, ftps and sftp";
     const std::string_view authority = Authority(url);
     if (authority.find('@') != std::string_view::npos)
         return "is a URL with a user in it; put user and password into RQWorkerCredentials.xml on the node, "
@@ -123,6 +123,12 @@ std::string FileNameOf(std::string_view url) {
     std::string name;
     (void)Decode(url.substr(url.rfind('/') + 1), name);
     return name;
+}
+
+std::string PathOnServer(std::string_view url) {
+    std::string path;
+    (void)Decode(url.substr(url.find("://") + 3 + Authority(url).size()), path);
+    return path.rfind("/~/", 0) == 0 ? path.substr(3) : path;
 }
 
 std::string Encoded(std::string_view name) {
