@@ -151,6 +151,7 @@ TEST_F(EngineTest, WorkersGetTextsWithTheNodesPaths) {
 
 TEST_F(EngineTest, AWorkerWithoutHeartbeatsIsEndedWithAVerdict) {
     m_settings.heartbeatInterval = 100ms;
+    m_settings.leastSilence = 0ms;
     Start();
     const auto id = Submit("connect\nstatus 3\nhang\n");
     const json task = Ended(id);

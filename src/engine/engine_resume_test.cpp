@@ -163,6 +163,7 @@ TEST_F(ResumeTest, AGoodbyeEndsASessionAtOnce) {
 TEST_F(ResumeTest, AWorkerThatStaysAwayIsEndedAfterTheWindowAndTheGrace) {
     m_settings.resumeWindow = 300ms;
     m_settings.heartbeatInterval = 50ms;  // nobody watches for them meanwhile
+    m_settings.leastSilence = 0ms;
     Start();
     const auto id = Submit("connect\nstatus 3\nclose\nhang\n");
     EXPECT_EQ(Ended(id)["state"], "lost");

@@ -18,6 +18,8 @@ constexpr std::int64_t kSecond_us = 1'000'000;
 // Below half of what others of its type had, a task is slow; a percentage that stands for a minute is a
 // stall.
 constexpr double kSlow = 0.5;
+// The error and its detail with which a worker's patrol closes a task.
+constexpr std::int64_t kTaskNotResponding = 6, kStallDetail = 0x80000001;
 constexpr std::int64_t kStall_us = 60 * kSecond_us;
 
 std::string Text(const json& data, const char* name) {
@@ -108,9 +110,23 @@ std::string FinalText(const json& data) {
     return StatusName(data.value("status", std::int64_t{-1})) + part("error") + part("detail_error");
 }
 
+// A worker that closes its task itself, since its progress stands, says so with these codes.
+std::string StallText(const json& data) {
+    const auto code = [&](const char* name) {
+        const auto found = data.find(name);
+        return found != data.end() && found->is_object() ? found->value("code", std::int64_t{0}) : 0;
+    };
+    const bool isStall = code("error") == kTaskNotResponding && code("detail_error") == kStallDetail;
+    return isStall ? "; the worker closed it, since its progress stood for longer than ProgressPatrolTimeout "
+                     "in the "
+                     "stage's actor.xml allows"
+                   : "";
+}
+
 std::string ExitText(const json& data) {
-    return data.contains("signal") ? "by signal " + Text(data, "signal")
-                                   : "with exit code " + Text(data, "code");
+    if (data.contains("signal")) return "by signal " + Text(data, "signal");
+    if (data.contains("code")) return "with exit code " + Text(data, "code");
+    return "while no engine could see how";
 }
 
 std::string DeadlineText(const json& data) {
@@ -196,7 +212,7 @@ json BecauseJson(const ExplainFacts& facts) {
             const std::string rule = Text(data, "rule");
             Add(because, rule, attempt + Text(data, "reason") + After("; the limit is ", SettingOf(rule)));
         } else if (event.kind == "final" && data.value("status", -1) != kTaskFinished) {
-            Add(because, "final", attempt + "its worker reported " + FinalText(data));
+            Add(because, "final", attempt + "its worker reported " + FinalText(data) + StallText(data));
         } else if (event.kind == "lost" || event.kind == "unsaid") {
             Add(because, event.kind, attempt + Text(data, "reason"));
         } else if (event.kind == "repeat" || event.kind == "no-repeat") {
@@ -257,6 +273,8 @@ std::string SentenceOf(const EventRow& event) {
     if (kind == "disconnected") return "the connection ended: " + Text(data, "reason");
     if (kind == "killed")
         return "the worker was ended, rule " + Text(data, "rule") + ": " + Text(data, "reason");
+    if (kind == "interrupted") return "the session was interrupted: " + Text(data, "reason");
+    if (kind == "resumed") return "worker " + Text(data, "pid") + " went on with its session";
     if (kind == "worker-exited") return "the worker ended " + ExitText(data);
     if (kind == "lost") return "the attempt was lost: " + Text(data, "reason");
     if (kind == "start-undone")

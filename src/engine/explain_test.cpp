@@ -125,6 +125,30 @@ TEST_F(ExplainTest, AFailureHasItsCodes) {
     EXPECT_THAT(answer["summary"], HasSubstr("failed after 5 s"));
 }
 
+TEST_F(ExplainTest, ATaskThatItsWorkerClosedNamesTheSetting) {
+    const Claim claim = Running();
+    FinalStatus final = Final(kTaskError, 6);
+    final.detailErrorCode = 0x80000001;
+    ASSERT_TRUE(m_store->Finish(claim.token, final));
+    EXPECT_THAT(ExplainJson(Facts(1))["because"][0]["text"].get<std::string>(),
+                HasSubstr("ProgressPatrolTimeout"));
+}
+
+TEST_F(ExplainTest, WhatNoEngineSawIsSaidInWords) {
+    const auto sentence = [](const char* kind, const char* data) {
+        EventRow event;
+        event.kind = kind;
+        event.json = data;
+        return SentenceOf(event);
+    };
+    EXPECT_EQ(sentence("worker-exited", "{\"unknown\":true}"),
+              "the worker ended while no engine could see how");
+    EXPECT_EQ(sentence("worker-exited", "{\"code\":0}"), "the worker ended with exit code 0");
+    EXPECT_EQ(sentence("worker-exited", "{\"signal\":9}"), "the worker ended by signal 9");
+    EXPECT_EQ(sentence("interrupted", "{\"reason\":\"why\"}"), "the session was interrupted: why");
+    EXPECT_EQ(sentence("resumed", "{\"pid\":7}"), "worker 7 went on with its session");
+}
+
 TEST_F(ExplainTest, ASlowTaskIsComparedWithOthersOfItsType) {
     for (int i = 0; i < 3; ++i) {
         const Claim done = Running();

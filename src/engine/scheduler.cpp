@@ -145,7 +145,7 @@ std::chrono::milliseconds Scheduler::BeatLimit() const {
     const auto interval = m_settings.heartbeatInterval.count() != 0
                               ? m_settings.heartbeatInterval
                               : HeartbeatInterval(m_settings.stageFolder);
-    return interval * kHeartbeatsMissed;
+    return std::max<std::chrono::milliseconds>(interval * kHeartbeatsMissed, m_settings.leastSilence);
 }
 
 // ---- orders ----

@@ -44,6 +44,10 @@ struct EngineSettings {
     Retention retention;
     NodeLimits node;
 
+    // Shorter than this no heartbeat is missed: none comes while a final status waits for its
+    // acknowledgement.
+    std::chrono::milliseconds leastSilence = std::chrono::seconds(15);
+
     // A worker that has not connected after this is ended.
     std::chrono::milliseconds connectLimit = std::chrono::seconds(30);
     // How long a session whose connection broke may be resumed, at most an hour. 0: it may not.

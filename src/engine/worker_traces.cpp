@@ -19,6 +19,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr std::int64_t kDay_us = std::int64_t{24} * 3600 * 1'000'000;
+constexpr std::size_t kLogBegin_bytes = 1024;
 constexpr long kLogEnd_bytes = 64 * 1024;
 constexpr std::size_t kShown_bytes = 400;
 
@@ -70,6 +71,25 @@ std::string CrashReportIn(const fs::path& folder, const WorkerLife& life) {
     return {};
 }
 
+// A worker of type 14 names its log by the time of its start alone, and each of its lines has its process.
+std::string PackageLogIn(const fs::path& folder, const WorkerLife& life) {
+    const std::string mark = "] [" + std::to_string(life.processId) + "/";
+    std::error_code none;
+    for (const auto& entry : fs::directory_iterator(folder, none)) {
+        const std::string name = Utf8FromPath(entry.path().filename());
+        if (!name.starts_with("Package_") || !name.ends_with("_W.log") ||
+            !IsSince(entry.path(), life.from_us))
+            continue;
+        std::FILE* file = platform::OpenFile(Utf8FromPath(entry.path()), "rb");
+        if (file == nullptr) continue;
+        std::string begin(kLogBegin_bytes, '\0');
+        begin.resize(std::fread(begin.data(), 1, begin.size(), file));
+        std::fclose(file);
+        if (begin.find(mark) < begin.find('\n')) return Utf8FromPath(entry.path());
+    }
+    return {};
+}
+
 std::string EndOfFile(const std::string& path) {
     std::FILE* file = platform::OpenFile(path, "rb");
     if (file == nullptr) return {};
@@ -107,6 +127,7 @@ WorkerTraces FindWorkerTraces(const std::string& logRoot, const WorkerLife& life
         if (fs::exists(log, unknown)) traces.log = Utf8FromPath(log);
         if (life.processId != 0 && traces.crashReport.empty())
             traces.crashReport = CrashReportIn(folder, life);
+        if (life.processId != 0 && traces.log.empty()) traces.log = PackageLogIn(folder, life);
     }
     return traces;
 }

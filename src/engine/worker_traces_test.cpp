@@ -63,6 +63,16 @@ TEST_F(WorkerTracesTest, AreFoundByNameAndProcess) {
     EXPECT_EQ(Find().log, "");
 }
 
+TEST_F(WorkerTracesTest, AWorkersLogThatIsNamedByTimeIsFoundByItsProcess) {
+    const std::string begin = "2017-05-31 10:15:30.250000 [1] [ACT] [MAIN] [";
+    m_root.Write(m_day + "Package_2025-01-01.10-00-00_W.log", begin + "14711/1] x\n" + begin + "4711/2] x\n");
+    m_root.Write(m_day + "Package_2025-01-01.10-00-01_C.log", begin + "4711/4711] x\n");
+    m_root.Write(m_day + "other_W.log", begin + "4711/4711] x\n");
+    EXPECT_EQ(Find().log, "");
+    const auto log = m_root.Write(m_day + "Package_2025-01-01.10-00-02_W.log", begin + "4711/4711] x\n");
+    EXPECT_EQ(PathFromUtf8(Find().log), log);
+}
+
 TEST_F(WorkerTracesTest, AnOlderProcessOfTheSameNumberIsAnother) {
     const auto report = m_root.Write(m_day + "RQWorkerU_20250101.000000_4711.txt", "");
     std::filesystem::last_write_time(report,

@@ -9,7 +9,7 @@ namespace rq {
 
 struct Efficiency {
     // Types 1 and 8: times real time. Type 2: units per second. Types 13, 20 and 23: units per millisecond.
-    // All others: the plug-in's own figure (MiB/s for transfers).
+    // All others: the plug-in's own figure, which only transfers have (MiB/s).
     double speed = 0;
     // Types 1, 8 and 2: units per second since the start. 0 for all others.
     double averageSpeed = 0;
