@@ -47,6 +47,10 @@ bool IsSameFile(const std::string& first, const std::string& second);
 // Whether a file name (without its folder) is that of a temporary.
 bool IsTemporaryName(std::string_view name);
 
+// Why the system would give a file or folder of this path another name, or take it for a device, although it
+// opens it; with words. Empty: it does not.
+std::string WhyNoName(const std::string& path);
+
 class Publication {
   public:
     Publication() = default;

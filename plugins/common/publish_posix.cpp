@@ -101,6 +101,10 @@ bool IsSameFile(const std::string& first, const std::string& second) {
            a.st_ino == b.st_ino;
 }
 
+std::string WhyNoName(const std::string&) {
+    return {};
+}
+
 std::optional<PublishFailure> Publication::Fail(PublishProblem problem, std::uint32_t code,
                                                 const std::string& what) {
     Discard();

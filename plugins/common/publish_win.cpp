@@ -52,8 +52,7 @@ std::string_view NameOf(const std::string& path) {
     return std::string_view(path).substr(path.find_last_of("\\/") + 1);
 }
 
-// Why a file should not be called so, although Windows opens it: it would be a device, or get another name.
-std::string WhyNoName(std::string_view name) {
+std::string WhyNotCalled(std::string_view name) {
     if (name.empty()) return {};
     if (name.back() == '.' || name.back() == ' ')
         return "Windows drops the dot or blank at the end of the name";
@@ -161,6 +160,10 @@ bool IsSameFile(const std::string& first, const std::string& second) {
            a.nFileIndexHigh == b.nFileIndexHigh && a.nFileIndexLow == b.nFileIndexLow;
 }
 
+std::string WhyNoName(const std::string& path) {
+    return WhyNotCalled(NameOf(path));
+}
+
 std::optional<PublishFailure> Publication::Fail(PublishProblem problem, std::uint32_t code,
                                                 const std::string& what) {
     Discard();
@@ -176,7 +179,7 @@ std::optional<PublishFailure> Publication::Begin(const std::string& target,
     m_facts.reset();
     m_isSynced = false;
     m_sizeBytes = 0;
-    if (const std::string why = WhyNoName(NameOf(target)); !why.empty())
+    if (const std::string why = WhyNoName(target); !why.empty())
         return Fail(PublishProblem::kCreate, 0, target + ": " + why);
     const auto same = std::find_if(sources.begin(), sources.end(), [&](const std::string& source) {
         return source == target || IsSameFile(source, target);

@@ -133,7 +133,7 @@ Problem TransferWork::Send(const Job& job) {
     }
     if (Problem problem = remote.Publish(m_task.overwrite)) return problem;
     if (!m_task.verify && m_task.items[job.item].expected && digests.md5)
-        Compared(job, *m_task.items[job.item].expected, &*digests.md5);
+        Compared(job, &*m_task.items[job.item].expected, &*digests.md5);
     Result(job, "copied", source.Size(), digests);
     return std::nullopt;
 }
@@ -150,7 +150,7 @@ Problem TransferWork::ReadBack(const Job& job, Remote& remote, const Digests& di
     if (Problem problem = remote.ReadBack(sink, size_bytes)) return problem;
     Digests found;
     if (!passing.Finish(found)) return NoDigest(job.target);
-    Compared(job, *digests.md5, &*found.md5);
+    Compared(job, &*digests.md5, &*found.md5);
     if (*found.md5 == *digests.md5) return std::nullopt;
     return Failure{task::kErrorMd5Differs, 0,
                    job.target + ": what was written has the MD5 " + Md5Hex(*found.md5) + ", the source " +

@@ -1,5 +1,6 @@
 #include "places.h"
 
+#include "plugin_common/node.h"
 #include "plugin_common/win_text.h"
 
 namespace rq::transfer {
@@ -76,7 +77,7 @@ std::optional<Identity> IdentityOf(const std::string& path, bool follow) {
 std::uint32_t ListFolder(const std::string& path, std::vector<Seen>& entries,
                          const std::function<bool()>& goOn) {
     WIN32_FIND_DATAW entry{};
-    const HANDLE found = ::FindFirstFileW(task::NativePath(path + "\\*").c_str(), &entry);
+    const HANDLE found = ::FindFirstFileW(task::NativePath(task::PathIn(path, "*")).c_str(), &entry);
     if (found == INVALID_HANDLE_VALUE) return ::GetLastError() == ERROR_FILE_NOT_FOUND ? 0 : ::GetLastError();
     DWORD code = ERROR_NO_MORE_FILES;
     for (bool isThere = true; isThere && goOn();) {

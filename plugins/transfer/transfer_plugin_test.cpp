@@ -65,7 +65,42 @@ TEST_F(TransferTest, TellsDigestsAndComparisons) {
     EXPECT_EQ(Further(), "1 of 1 files done");
     ASSERT_EQ(Do(Text(Item("a", "c"), Flags({"SHA256"}))), RQ_STATUS_FINISHED);
     EXPECT_EQ(m_outputs[0].further, std::string("sha256:") + kAbcSha256);
-    EXPECT_TRUE(m_compared.empty());
+    ASSERT_EQ(m_compared.size(), 1u);
+    EXPECT_EQ(m_compared[0].firstMd5 + m_compared[0].secondMd5, "");
+}
+
+// Each file that was transferred has an entry, compared or not; one that failed without a comparison has
+// none.
+TEST_F(TransferTest, TellsOneComparisonForEachFile) {
+    const auto entries = [this] {
+        Strings texts;
+        for (const auto& entry : m_compared)
+            texts.push_back(entry.first + " > " + entry.second + " " + entry.firstMd5);
+        return texts;
+    };
+    // Paths as the plug-in makes them.
+    const auto entry = [this](const std::string& first, const std::string& second, const std::string& md5) {
+        return PathOf(first) + " > " + PathOf(second) + " " + md5;
+    };
+    for (const auto& [flags, md5] : {std::pair{"", ""}, std::pair{"<Verify>true</Verify>", kAbcMd5}}) {
+        Write("a", "abc");
+        Write("there", "old");
+        ASSERT_EQ(Do(Text(Item("a", "b"), flags)), RQ_STATUS_FINISHED) << Detail();
+        EXPECT_EQ(entries(), Strings{entry("a", "b", md5)});
+        Do(Text(Item("a", "there") + Item("a", "c"), flags));
+        EXPECT_EQ(entries(), Strings{entry("a", "c", md5)});
+        ASSERT_EQ(Do(Text(Item("a", "d"), kMove + std::string(flags))), RQ_STATUS_FINISHED) << Detail();
+        EXPECT_EQ(entries(), Strings{entry("a", "d", md5)});
+        for (const char* name : {"b", "c", "d"}) fs::remove(At(name));
+    }
+    // A folder that gets another name as a whole has one output, and each of its files an entry.
+    Write("tree/sub/x", "1");
+    Write("tree/sub/y", "2");
+    ASSERT_EQ(Do(Text(Item("tree", "moved"), kMove)), RQ_STATUS_FINISHED) << Detail();
+    EXPECT_EQ(m_outputs.size(), 1u);
+    ASSERT_EQ(m_compared.size(), 2u);
+    EXPECT_EQ(fs::path(PathFromUtf8(m_compared[1].second)).make_preferred(),
+              fs::path(At("moved/sub/y")).make_preferred());
 }
 
 TEST_F(TransferTest, AnExpectedMd5IsHeldAgainstTheSource) {

@@ -27,7 +27,9 @@ std::string ReadPath(task::TypedFields& fields, std::string_view name, std::stri
     }
     if (error.Failed()) return {};
     std::string path = fields.AbsolutePath(name, hint);
-    while (path.size() > 1 && (path.back() == '/' || (path.back() == '\\' && !task::IsAbsolutePath("/"))))
+    // The root of a file system or drive keeps its separator: "C:" is another folder than "C:\".
+    while (path.size() > 1 && (path.back() == '/' || (path.back() == '\\' && !task::IsAbsolutePath("/"))) &&
+           task::IsAbsolutePath(std::string_view(path).substr(0, path.size() - 1)))
         path.pop_back();
     return path;
 }

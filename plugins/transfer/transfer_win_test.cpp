@@ -1,6 +1,7 @@
 // Names and paths on Windows.
 #include "places.h"
 #include "plugin_common/win_text.h"
+#include "transfer_task.h"
 #include "transfer_test_folder.h"
 
 namespace rq::transfer {
@@ -60,6 +61,38 @@ TEST_F(TransferTest, NamesOfDevicesAreRefused) {
     Write("a", "abc");
     Do(Text(Item("a", "con.txt")));
     ExpectFailure(0x84100013, "Windows keeps the name CON for a device");
+}
+
+// Nor are such names given by a move, or to folders.
+TEST_F(TransferTest, NamesThatWindowsChangesAreRefusedToMovesAndFolders) {
+    Write("a", "abc");
+    Write("tree/x", "1");
+    for (const char* source : {"a", "tree"}) {
+        for (const auto& [name, words] : {std::pair{"con.txt", "Windows keeps the name CON for a device"},
+                                          std::pair{"b.", "Windows drops the dot or blank"},
+                                          std::pair{"b ", "Windows drops the dot or blank"}}) {
+            for (const char* mode : {"", kMove}) {
+                Do(Text(Item(source, name), mode));
+                ExpectFailure(0x84100013, words);
+                EXPECT_EQ(Names(), (Strings{"a", "tree"}));
+                EXPECT_EQ(Names("tree"), Strings{"x"});
+            }
+        }
+    }
+}
+
+TEST_F(TransferTest, TheRootOfADriveKeepsItsSeparator) {
+    TransferTask task;
+    task::XmlError error;
+    for (const auto& [given, path] : {std::pair{"C:\\", "C:\\"}, std::pair{"C:/", "C:/"},
+                                      std::pair{"C:\\a\\", "C:\\a"}, std::pair{"\\\\s\\h\\", "\\\\s\\h"}}) {
+        task = {};
+        ASSERT_TRUE(ReadTransferTask(Text(ItemOf(given, "C:\\b")), task, error)) << given;
+        EXPECT_EQ(task.items[0].source, path);
+    }
+    std::vector<Seen> entries;
+    EXPECT_EQ(ListFolder("C:\\", entries, [] { return true; }), 0u);
+    EXPECT_FALSE(entries.empty());
 }
 
 TEST_F(TransferTest, UrlsAreRefused) {

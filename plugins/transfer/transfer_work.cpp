@@ -147,7 +147,7 @@ bool TransferWork::MoveWholeFolder(std::size_t item) {
     if (first == m_jobs.end() || first->kind != Kind::kFolder || m_itemFailed[item]) return false;
     Seen there;
     if (!m_task.move || WantsBytes(item) || LookAt(wanted.target, false, there) != 0 ||
-        there.kind != Kind::kAbsent)
+        there.kind != Kind::kAbsent || !task::WhyNoName(wanted.target).empty())
         return false;
     std::uint32_t code = 0;
     if (Rename(wanted.source, wanted.target, false, code) != Renamed::kDone) return false;
@@ -160,6 +160,7 @@ bool TransferWork::MoveWholeFolder(std::size_t item) {
         if (job.item != item) continue;
         size_bytes += job.planned_bytes;
         if (job.kind != Kind::kFolder) ++m_done;
+        if (job.kind == Kind::kFile) Compared(job, nullptr, nullptr);
     }
     Result(*first, "renamed", size_bytes, {});
     m_base_bytes += size_bytes * (m_task.verify ? 2 : 1);
@@ -171,6 +172,8 @@ Problem TransferWork::DoJob(const Job& job) {
         case Kind::kFile:
             return DoFile(job);
         case Kind::kFolder:
+            if (const std::string why = task::WhyNoName(job.target); !why.empty())
+                return Failure{task::kErrorTargetUnwritable, 0, job.target + ": " + why};
             if (const std::uint32_t code = MakeFolder(job.target); code != 0) {
                 Seen there;
                 if (LookAt(job.target, false, there) == 0 && there.kind != Kind::kAbsent)
@@ -213,6 +216,8 @@ Problem TransferWork::DoLink(const Job& job) {
 Problem TransferWork::CheckTarget(const std::string& source, const std::string& target) const {
     if (source == target || task::IsSameFile(source, target))
         return Failure{task::kErrorTargetIsSource, 0, target + ": the target is the source " + source};
+    if (const std::string why = task::WhyNoName(target); !why.empty())
+        return Failure{task::kErrorTargetUnwritable, 0, target + ": " + why};
     Seen there;
     if (LookAt(target, false, there) != 0 || there.kind == Kind::kAbsent) return std::nullopt;
     if (!m_task.overwrite)
@@ -273,9 +278,9 @@ Problem TransferWork::MoveByName(const Job& job, bool& moved) {
     });
     // The bytes are where they were: one digest is both files'.
     if (m_task.verify && digests.md5)
-        Compared(job, *digests.md5, &*digests.md5);
+        Compared(job, &*digests.md5, &*digests.md5);
     else if (m_task.items[job.item].expected && digests.md5)
-        Compared(job, *m_task.items[job.item].expected, &*digests.md5);
+        Compared(job, &*m_task.items[job.item].expected, &*digests.md5);
     Result(job, "renamed", job.planned_bytes, digests);
     return std::nullopt;
 }
@@ -363,7 +368,7 @@ Problem TransferWork::CheckExpected(const Job& job, const Digests& digests, cons
     const task::Md5Digest* has = found != nullptr ? found : digests.md5 ? &*digests.md5 : nullptr;
     if (!expected || has == nullptr || *has == *expected || *expected == task::Md5Digest{})
         return std::nullopt;  // zeros stand for "not known"
-    Compared(job, *expected, has);
+    Compared(job, &*expected, has);
     return Failure{task::kErrorMd5Differs, 0,
                    job.source + ": the MD5 is " + Md5Hex(*has) + ", not " + Md5Hex(*expected) +
                        "; nothing was published"};
@@ -380,7 +385,7 @@ Problem TransferWork::Publish(const Job& job, task::Publication& target, const D
     if (const auto failure = Aside([&] { return target.Publish(agree); }))
         return FromPublication(*failure, target.SizeBytes());
     if (!m_task.verify && m_task.items[job.item].expected && digests.md5)
-        Compared(job, *m_task.items[job.item].expected, &*digests.md5);
+        Compared(job, &*m_task.items[job.item].expected, &*digests.md5);
     return std::nullopt;
 }
 
@@ -403,7 +408,7 @@ Problem TransferWork::ReadBack(const Job& job, const task::Publication& target, 
             result.systemCode,
             job.target + ": the written file cannot be read back: " + task::SystemWords(result.systemCode),
             0);
-    Compared(job, *digests.md5, &*result.digests.md5);
+    Compared(job, &*digests.md5, &*result.digests.md5);
     if (*result.digests.md5 == *digests.md5) return std::nullopt;
     return Failure{task::kErrorMd5Differs, 0,
                    job.target + ": what was written has the MD5 " + Md5Hex(*result.digests.md5) +
@@ -458,7 +463,10 @@ Problem TransferWork::WriteManifest(std::size_t item, const std::string& ending)
 // ---- results, progress, end ----
 
 void TransferWork::Result(const Job& job, const char* how, std::uint64_t size_bytes, const Digests& digests) {
-    if (job.kind == Kind::kFile) m_lines[job.item].push_back({job.name, digests});
+    if (job.kind == Kind::kFile) {
+        m_lines[job.item].push_back({job.name, digests});
+        if (m_compared != &job) Compared(job, nullptr, nullptr);
+    }
     if (m_results++ >= kMaxResults) return;
     std::string further;
     if (digests.md5) further = "md5:" + Md5Hex(*digests.md5);
@@ -475,14 +483,15 @@ void TransferWork::Result(const Job& job, const char* how, std::uint64_t size_by
     m_host.PublishResult(output);
 }
 
-void TransferWork::Compared(const Job& job, const task::Md5Digest& first, const task::Md5Digest* second) {
-    if (m_results >= kMaxResults) return;
+void TransferWork::Compared(const Job& job, const task::Md5Digest* first, const task::Md5Digest* second) {
+    m_compared = &job;
+    if (m_comparisons++ >= kMaxResults) return;
     RQVerification entry{};
     entry.size = sizeof entry;
-    entry.has = RQ_HAS_FIRST_MD5 | (second != nullptr ? RQ_HAS_SECOND_MD5 : 0u);
+    entry.has = (first != nullptr ? RQ_HAS_FIRST_MD5 : 0u) | (second != nullptr ? RQ_HAS_SECOND_MD5 : 0u);
     entry.first = plugin::Borrow(job.source);
     entry.second = plugin::Borrow(job.target);
-    std::copy(first.begin(), first.end(), entry.firstMd5);
+    if (first != nullptr) std::copy(first->begin(), first->end(), entry.firstMd5);
     if (second != nullptr) std::copy(second->begin(), second->end(), entry.secondMd5);
     m_host.PublishResult(entry);
 }
@@ -520,7 +529,8 @@ plugin::Outcome TransferWork::Conclude() {
     const auto files = static_cast<std::size_t>(std::count_if(
         m_jobs.begin(), m_jobs.end(), [](const Job& job) { return job.kind != Kind::kFolder; }));
     std::string text = std::to_string(m_done) + " of " + std::to_string(files) + " files done";
-    if (m_results > kMaxResults) text += "; results of the first " + std::to_string(kMaxResults) + " only";
+    if (std::max(m_results, m_comparisons) > kMaxResults)
+        text += "; results of the first " + std::to_string(kMaxResults) + " only";
     if (stop == RQ_STOP_FINISH) {
         m_record.SetFurtherText("ended early: " + text + (m_failures.empty() ? "" : "\n" + m_failures));
         return plugin::Outcome::kFinished;

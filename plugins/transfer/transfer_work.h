@@ -92,7 +92,8 @@ class TransferWork {
     void FinishFolders(std::size_t item);
 
     void Result(const Job& job, const char* how, std::uint64_t size_bytes, const Digests& digests);
-    void Compared(const Job& job, const task::Md5Digest& first, const task::Md5Digest* second);
+    // The entry of a file in the first list: its digests, or null for both when nothing is compared.
+    void Compared(const Job& job, const task::Md5Digest* first, const task::Md5Digest* second);
     void Note(Failure failure, std::size_t item);
     bool WantsBytes(std::size_t item) const;
     bool Stopped() const { return m_run.Stop() != RQ_STOP_NONE; }
@@ -118,6 +119,8 @@ class TransferWork {
     std::chrono::steady_clock::time_point m_toldAt = std::chrono::steady_clock::now();
     std::size_t m_done = 0;
     std::size_t m_results = 0;
+    std::size_t m_comparisons = 0;
+    const Job* m_compared = nullptr;  // the last job that has its entry in the first list
     std::optional<Failure> m_first;
     std::string m_failures;
     std::size_t m_unlisted = 0;
