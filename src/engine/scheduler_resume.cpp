@@ -248,12 +248,17 @@ void Scheduler::AwaitTakenOver(Run& run, const OpenAttempt& attempt) {
 
 void Scheduler::SearchStarted(Run& run) {
     const auto found = m_launcher.FindStarted(run.claim.token);
-    if (found == 0u) {
-        run.isUndone = true;
-        Settle(run);
+    const auto giveUp = [this](Run& undone) {
+        undone.isUndone = true;
+        Settle(undone);
+    };
+    if (found == 0u) return giveUp(run);
+    if (!found) {
+        // One that there is after all does nothing before it connects, and is told to stop then.
+        Arm(run, m_settings.connectLimit, giveUp);
         return;
     }
-    if (found && m_launcher.TakeOver(run.claim.token, run.life.name, *found, platform::ProcessMark(*found))) {
+    if (m_launcher.TakeOver(run.claim.token, run.life.name, *found, platform::ProcessMark(*found))) {
         m_log.Info(run.claim.id + ": worker " + std::to_string(*found) + " was found");
         run.processId = run.life.processId = *found;
     }
