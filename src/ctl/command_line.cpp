@@ -71,6 +71,27 @@ void AddTranscode(CLI::App& submit, CommandLine& line) {
     AddSubmitOptions(command, line);
 }
 
+void AddTransfer(CLI::App& submit, CommandLine& line) {
+    TransferOptions& to = line.transfer;
+    auto* command = submit.add_subcommand("transfer", "Copy or move a file or folder, from or to a URL too");
+    command->fallthrough();
+    command->add_option("source", to.source, "File, folder or URL to read")->required()->type_name("SOURCE");
+    command->add_option("target", to.target, "What it becomes: file, folder or URL")
+        ->required()
+        ->type_name("TARGET");
+    command->add_flag("--move", to.move, "Remove SOURCE when TARGET is whole");
+    command->add_flag("--overwrite", to.overwrite, "Replace files that are there");
+    command->add_flag("--md5", to.md5, "Tell the MD5 of what passed");
+    command->add_flag("--sha256", to.sha256, "Tell the SHA-256 of what passed");
+    command->add_flag("--verify", to.verify, "Read TARGET back before it gets its name");
+    command->add_flag("--manifest", to.manifest, "Write the digests beside TARGET");
+    command->add_option("--rate", to.rate_kBps, "At most so many kilobytes a second")->type_name("KB");
+    command->add_option("--expect", to.expected, "MD5 that SOURCE must have")->type_name("HEX");
+    command->add_option("--credentials", to.credentials, "Of a URL: their entry's name on the node")
+        ->type_name("NAME");
+    AddSubmitOptions(command, line);
+}
+
 void AddSubmit(CLI::App& app, CommandLine& line) {
     auto* submit = app.add_subcommand("submit", "Give the engine a task");
     submit->fallthrough();
@@ -97,6 +118,7 @@ void AddSubmit(CLI::App& app, CommandLine& line) {
         ->check(CLI::Range(1, kMaxMd5Threads));
     AddSubmitOptions(md5, line);
     AddTranscode(*submit, line);
+    AddTransfer(*submit, line);
 }
 
 void AddOrders(CLI::App& app, CommandLine& line) {

@@ -9,6 +9,7 @@
 #include "ctl/commands.h"
 #include "ctl/replay.h"
 #include "ctl/transcode_task.h"
+#include "ctl/transfer_task.h"
 
 namespace rq::ctl {
 
@@ -31,6 +32,7 @@ struct CommandLine {
     ListOptions list;
     ShowOptions show;
     TranscodeOptions transcode;
+    TransferOptions transfer;
 };
 
 struct TaskOrder {

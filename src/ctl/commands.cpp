@@ -167,6 +167,17 @@ Outcome<int> SubmitTranscode(const std::string& dataFolder, const TranscodeOptio
     return Submit(dataFolder, "tc", xml, name, options);
 }
 
+Outcome<int> SubmitTransfer(const std::string& dataFolder, const TransferOptions& transfer,
+                            const SubmitOptions& options) {
+    const auto prepared = PrepareTransfer(transfer);
+    if (!prepared) return Failure(kExitUsage, prepared.error().message);
+    const std::string xml = BuildTransferTaskXml(TaskId("transfer-", options.run), *prepared);
+    const std::string name = options.name.empty()
+                                 ? NameFrom(FileName(prepared->source) + " to " + FileName(prepared->target))
+                                 : options.name;
+    return Submit(dataFolder, "tf", xml, name, options);
+}
+
 Outcome<int> SubmitText(const std::string& dataFolder, const std::string& type, const std::string& textFile,
                         const SubmitOptions& options) {
     const auto text = ReadText(textFile);

@@ -8,6 +8,7 @@
 
 #include "ctl/engine_access.h"
 #include "ctl/transcode_task.h"
+#include "ctl/transfer_task.h"
 #include "ctl/watch.h"
 
 namespace rq::ctl {
@@ -48,6 +49,8 @@ struct Md5Options {
 
 // Files are looked at before the engine is asked.
 Outcome<int> SubmitMd5(const std::string& dataFolder, const Md5Options& md5, const SubmitOptions& options);
+Outcome<int> SubmitTransfer(const std::string& dataFolder, const TransferOptions& transfer,
+                            const SubmitOptions& options);
 Outcome<int> SubmitTranscode(const std::string& dataFolder, const TranscodeOptions& transcode,
                              const SubmitOptions& options);
 // `textFile` is a path, or "-" for standard input.

@@ -37,11 +37,16 @@ Outcome<int> RunSubmit(const CLI::App& submit, const CommandLine& line) {
         if (raw) return Failure(kExitUsage, "--type and --text do not go with \"submit transcode\"");
         return SubmitTranscode(line.dataFolder, line.transcode, options);
     }
+    if (submit.got_subcommand("transfer")) {
+        if (raw) return Failure(kExitUsage, "--type and --text do not go with \"submit transfer\"");
+        return SubmitTransfer(line.dataFolder, line.transfer, options);
+    }
     if (line.type.empty() || line.text.empty())
-        return Failure(kExitUsage,
-                       "submit needs \"md5 FILE...\", \"transcode SOURCE TARGET\", or both --type and "
-                       "--text; see rqctl submit "
-                       "--help");
+        return Failure(
+            kExitUsage,
+            "submit needs \"md5 FILE...\", \"transcode SOURCE TARGET\", \"transfer SOURCE TARGET\", "
+            "or both --type and --text; see rqctl submit "
+            "--help");
     return SubmitText(line.dataFolder, line.type, line.text, options);
 }
 

@@ -7,6 +7,7 @@
 #include "ctl/output.h"
 #include "ctl/progress_line.h"
 #include "ctl/transcode_output.h"
+#include "ctl/transfer_task.h"
 #include "platform/console.h"
 
 namespace rq::ctl {
@@ -112,7 +113,8 @@ class Display {
 
 int Conclude(const json& task, const std::string& id) {
     const Md5Report report = ReportMd5(task.value("result", json()));
-    Print(report.text + ReportTranscode(task.value("result", json())));
+    Print(report.text + ReportTranscode(task.value("result", json())) +
+          ReportTransfer(task.value("result", json())));
     for (const auto& problem : report.problems) std::fprintf(stderr, "rqctl: %s\n", problem.c_str());
     const std::string state = task.value("state", "");
     if (state == "finished") return report.problems.empty() ? kExitFinished : kExitFailed;
