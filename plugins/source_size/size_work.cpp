@@ -5,6 +5,7 @@
 
 #include "plugin_common/codes.h"
 #include "plugin_common/file.h"
+#include "plugin_common/long_call.h"
 
 namespace rq::source_size {
 namespace {
@@ -22,7 +23,8 @@ SizeWork::SizeWork(SizeRecord& record, plugin::Run& run, const plugin::Host& hos
     : m_record(record), m_run(run), m_host(host), m_files(record.Task().files.size()) {}
 
 plugin::Outcome SizeWork::Do() {
-    if (const auto failure = m_report.Create("source-size", m_record.TaskId())) {
+    if (const auto failure =
+            task::MakeLongCall(m_run, [&] { return m_report.Create("source-size", m_record.TaskId()); })) {
         m_host.Log(plugin::Level::kFailure, "source_size: " + failure->words);
         m_record.SetError(failure->systemCode, task::kErrorReport, failure->words, failure->words);
         return plugin::Outcome::kFailed;
@@ -146,7 +148,8 @@ plugin::Outcome SizeWork::Conclude() {
     else if (code != 0 && !AnyTooLarge())
         text += " after " + Seconds(m_record.Task().timeout);
     m_report.Add("end", text);
-    if (const auto failure = m_report.Write(true)) text += "; " + failure->words;
+    if (const auto failure = task::MakeLongCall(m_run, [&] { return m_report.Write(true); }))
+        text += "; " + failure->words;
     text += "; report: " + m_report.Path() + failures;
     if (stop != RQ_STOP_NONE) {
         m_record.SetFurtherText(text);
