@@ -3,8 +3,12 @@
 //   gearman fill PORT COUNT     submits COUNT background jobs
 //   gearman drain PORT COUNT    performs COUNT jobs; prints jobs a second
 //   gearman work PORT           performs jobs until it is ended
-//   gearman single PORT COUNT   one at a time, each waited for; prints microseconds: median, 99th percentile
+//   gearman submit PORT COUNT CLIENTS   COUNT background jobs by so many clients at once; prints jobs a
+//   second gearman single PORT COUNT   one at a time, each waited for; prints microseconds: median, 99th
+//   percentile
 #include <libgearman/gearman.h>
+
+#include <thread>
 
 #include "common.h"
 
@@ -59,16 +63,30 @@ gearman_client_st* MakeClient(in_port_t port) {
     return client;
 }
 
-int Fill(in_port_t port, unsigned count) {
+int Fill(in_port_t port, unsigned count, unsigned first = 0, unsigned step = 1) {
     gearman_client_st* client = MakeClient(port);
     gearman_job_handle_t handle;
-    for (unsigned i = 0; i < count; ++i) {
+    for (unsigned i = first; i < count; i += step) {
         const std::string text = TaskText(i);
         Check(gearman_success(
                   gearman_client_do_background(client, kFunction, nullptr, text.data(), text.size(), handle)),
               "a job was not taken");
     }
     gearman_client_free(client);
+    return 0;
+}
+
+void FillAtOnce(in_port_t port, unsigned count, unsigned clients) {
+    std::vector<std::thread> threads;
+    for (unsigned i = 0; i < clients; ++i) threads.emplace_back([=] { Fill(port, count, i, clients); });
+    for (auto& thread : threads) thread.join();
+}
+
+int Submit(in_port_t port, unsigned count, unsigned clients) {
+    FillAtOnce(port, clients * 8, clients);
+    const Time begin = Now();
+    FillAtOnce(port, count, clients);
+    std::printf("%.1f\n", count / Seconds(begin, Now()));
     return 0;
 }
 
@@ -99,6 +117,8 @@ int main(int argc, char** argv) {
     if (mode == "fill") return Fill(port, count);
     if (mode == "drain") return Drain(port, count);
     if (mode == "work") return Work(port);
+    if (mode == "submit")
+        return Submit(port, count, argc > 4 ? static_cast<unsigned>(std::strtoul(argv[4], nullptr, 10)) : 1);
     if (mode == "single") return Single(port, count);
     Die("there is no such mode");
 }

@@ -27,8 +27,8 @@ ApiResponse Api::Explain(std::int64_t task) {
     if (facts.isCut) milestones->erase(milestones->begin());
     facts.milestones = std::move(*milestones);
     const TaskRow& row = facts.details.task;
+    facts.waits = m_host.WhyWaits(row);  // also of one that waits in a package worker's list
     if (row.state == TaskState::Queued) {
-        facts.waits = m_host.WhyWaits(row);
         const auto ahead = m_store.Ahead(row);
         if (!ahead) return refuse(ahead.error());
         facts.ahead = *ahead;

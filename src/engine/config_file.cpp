@@ -225,6 +225,8 @@ std::vector<Key> MakeKeys() {
         Time("cancel_s", &S::cancelGrace, "From a cancel order to the end of the process tree."),
         Time("finish_s", &S::finishGrace, "From a finish order to the end of the process tree."),
         Time("destroy_s", &S::destroyGrace, "From a final status to the end of the process tree."),
+        Time("package_idle_s", &S::packageIdle,
+             "A package worker without a task is kept so long for the next one; 0: not at all."),
         Time("end_s", &S::endGrace, "What an orderly end of the engine gives its workers."),
         Number("limits", "output_mib", &S::outputLimit_MiB, 1, kMiB,
                "What is kept of a worker's standard output and error, in MiB."),

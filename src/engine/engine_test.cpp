@@ -176,6 +176,7 @@ TEST_F(EngineTest, NoMoreWorkersRunThanAllowedAndTheQueueKeepsItsOrder) {
 }
 
 TEST_F(EngineTest, APackageWorkerIsEndedByTheFinishOrder) {
+    m_settings.packageIdle = 0ms;
     Start();
     const auto id = Ask("POST", "/api/v1/tasks",
                         {{"type", 14}, {"text", "connect\nstatus 3\nfinal 0\nawait 4019\nreply 4020\nbye\n"}})

@@ -93,6 +93,10 @@ std::string ClaimedEventJson(std::int32_t number) {
     return Dump({{"number", number}});
 }
 
+std::string AddedEventJson(const std::string& task) {
+    return Dump({{"after", task}});
+}
+
 std::string ProcessEventJson(std::uint64_t processId) {
     return Dump({{"pid", processId}});
 }

@@ -237,6 +237,7 @@ std::string Summary(const ExplainFacts& facts) {
         return is + (facts.ahead == 0 ? " and next" : " behind " + std::to_string(facts.ahead) + " others");
     }
     if (IsActive(task.state)) {
+        if (!facts.waits.empty()) return is + " and waits: " + facts.waits.front().text;
         char percent[32];
         std::snprintf(percent, sizeof percent, "%.1f", task.percent);
         const bool runs = task.state == TaskState::Running;
@@ -279,6 +280,8 @@ std::string SentenceOf(const EventRow& event) {
     if (kind == "lost") return "the attempt was lost: " + Text(data, "reason");
     if (kind == "start-undone")
         return "the attempt had done nothing and does not count: " + Text(data, "reason");
+    if (kind == "added") return "it went into the list of a worker, behind " + Text(data, "after");
+    if (kind == "put-back") return "it was put back into the queue: " + Text(data, "reason");
     if (kind == "unsaid") return "the attempt ended unsaid: " + Text(data, "reason");
     if (kind == "repeat")
         return "another attempt is made, not before " + Text(data, "not_before") + ": " + Text(data, "rule");

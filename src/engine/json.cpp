@@ -34,6 +34,11 @@ json TextOrNull(const std::string& text) {
     return text.empty() ? json(nullptr) : json(text);
 }
 
+json SharedJson(const AttemptRow& attempt) {
+    if (!attempt.sharedTask) return nullptr;
+    return {{"task", *attempt.sharedTask}, {"attempt", OrNull(attempt.sharedAttempt)}};
+}
+
 json AttemptJson(const AttemptRow& attempt) {
     return {{"number", attempt.number},
             {"state", NameOf(attempt.state)},
@@ -58,6 +63,7 @@ json AttemptJson(const AttemptRow& attempt) {
             {"further_text", attempt.furtherText},
             {"reason", OrNull(attempt.reason)},
             {"output", attempt.output},
+            {"worker_of", SharedJson(attempt)},
             {"log", TextOrNull(attempt.log)},
             {"crash_report", TextOrNull(attempt.crashReport)}};
 }

@@ -18,6 +18,7 @@ namespace rq::engine {
 std::string SubmittedEventJson(const NewTask& task);
 std::string StateEventJson(TaskState state, const std::optional<std::string>& reason);
 std::string ClaimedEventJson(std::int32_t number);
+std::string AddedEventJson(const std::string& task);
 std::string ProcessEventJson(std::uint64_t processId);
 std::string ConnectedEventJson(std::uint32_t session, std::uint64_t processId, const std::string& version);
 std::string NoticeEventJson(const std::string& taskId, const std::string& guid);

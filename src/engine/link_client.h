@@ -70,6 +70,10 @@ class LinkClient {
         SendFrame(m_kept.back());
         return m_sent;
     }
+    std::uint64_t SendBody(std::uint32_t id, const std::string& body) {
+        SendFrame({++m_sent, m_got, id, body});
+        return m_sent;
+    }
     bool SendFrame(const link::Frame& frame) { return SendBytes(link::EncodeFrame(frame).value()); }
     bool SendBytes(const std::string& bytes) {
         boost::system::error_code error;

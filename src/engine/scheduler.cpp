@@ -62,11 +62,18 @@ void Scheduler::Pump() {
         const auto stops = m_store.Stops();
         if (!stops) return PumpLater(stops.error());
         LogStops(*stops);
-        if (m_launcher.Running() >= m_maxWorkers || !IsReleased(kEveryType, *stops)) break;
-        auto claim = ClaimNext(*stops);
-        if (!claim) return PumpLater(claim.error());
-        if (!*claim) break;
-        StartWorker(std::move(**claim));
+        const bool slotFree = m_launcher.Running() < m_maxWorkers;
+        if ((!slotFree && !AnyPlace()) || !IsReleased(kEveryType, *stops)) break;
+        auto turn = ClaimNext(*stops, slotFree);
+        if (!turn) return PumpLater(turn.error());
+        if (!turn->claim) {
+            if (turn->blocked) MakeRoom();
+            break;
+        }
+        if (turn->place != nullptr)
+            Feed(*turn->place, std::move(*turn->claim));
+        else
+            StartWorker(std::move(*turn->claim));
     }
     if (m_ending) return;
     WakeWhenDue();
@@ -126,6 +133,9 @@ void Scheduler::StartWorker(Claim claim) {
     }
     auto& run = *(m_runs[token] = std::make_unique<Run>(m_io));
     run.claim = std::move(claim);
+    run.worker = token;
+    run.first = run.claim.attempt;
+    run.firstTask = run.claim.task;
     run.claim.text.clear();  // the worker has it
     run.life = {worker->name, worker->processId, Store::SystemNow()(), 0};
     run.beatLimit = BeatLimit();
@@ -134,8 +144,9 @@ void Scheduler::StartWorker(Claim claim) {
     AwaitConnection(run);
 }
 
-void Scheduler::AwaitConnection(Run& run) {
-    Arm(run, m_settings.connectLimit, [this](Run& late) {
+void Scheduler::AwaitConnection(Run& run, bool undone) {
+    Arm(run, m_settings.connectLimit, [this, undone](Run& late) {
+        late.isUndone = undone;
         Kill(late, "no-connection",
              "the worker did not connect within " + DurationText(m_settings.connectLimit));
     });
@@ -152,7 +163,7 @@ std::chrono::milliseconds Scheduler::BeatLimit() const {
 
 void Scheduler::SendCancel(Run& run) {
     if (run.cancelSent || !IsReachable(run)) return;
-    run.cancelSent = true;
+    run.cancelSent = run.told = true;
     SendCommand(run, TCP_TASK_CANCEL_ID, "cancel");
     Arm(run, m_settings.cancelGrace, [this](Run& late) {
         Kill(
@@ -162,6 +173,7 @@ void Scheduler::SendCancel(Run& run) {
 }
 
 void Scheduler::SendFinish(Run& run) {
+    run.told = true;
     SendCommand(run, TCP_TASK_FINISH_ID, "finish");
     Arm(run, m_settings.finishGrace, [this](Run& late) {
         Kill(
@@ -176,9 +188,11 @@ void Scheduler::SendCommand(Run& run, std::uint32_t id, const std::string& text)
     command.text = text;
     if (!run.reportedTask.empty()) command.taskIds.push_back(run.reportedTask);
     Give(run, id, command);
+    run.asked.push_back({id + 1, run.claim.token});
 }
 
 void Scheduler::SendEnd(Run& run) {
+    run.told = true;
     Arm(run, m_settings.destroyGrace, [this](Run& late) {
         Kill(late, "no-exit",
              "the worker did not end within " + DurationText(m_settings.destroyGrace) +
@@ -208,14 +222,14 @@ void Scheduler::Kill(Run& run, const std::string& rule, const std::string& reaso
     // engine left an attempt without one.
     if (run.external && run.session)
         run.session->End(reason);
-    else if (run.external || !m_launcher.Has(run.claim.token))
+    else if (run.external || !m_launcher.Has(run.worker))
         Settle(run);
     else
         KillTree(run, rule, reason);
 }
 
 void Scheduler::KillTree(Run& run, const std::string& rule, const std::string& reason) {
-    m_launcher.KillTree(run.claim.token);
+    m_launcher.KillTree(run.worker);
     // One that cannot be looked at now is left alone, and has not ended.
     Arm(run, kKillRetry, [this, rule, reason](Run& late) { Kill(late, rule, reason); });
 }
@@ -277,25 +291,27 @@ void Scheduler::Settle(Run& run) {
     const std::string token = run.claim.token;
     Result<void> done;
     if (run.exit && !run.exitNoted) {
-        done = m_store.Exited(token, *run.exit);
+        done = m_store.Exited(token, *run.exit, IsPackage(run) ? run.first : 0);
         run.exitNoted = bool(done);
     }
+    if (done) done = PutNextBack(run);
     if (done && !TakeSpool(run)) done = Fail("the final status in the spool could not be committed");
+    if (done && IsPackage(run)) done = SettlePackage(run);
     if (done && !run.final)
         done = run.isUndone       ? m_store.Undone(token, "the engine ended before the worker was started")
                : EndedUnsaid(run) ? m_store.Unsaid(token, HowItEnded(run))
                : IsUndone(run)    ? m_store.Undone(token, HowItEnded(run))
                                   : m_store.Lost(token, HowItEnded(run));
-    if (done) done = m_store.Closed(token);
+    if (done) done = m_store.Closed(run.worker);
     if (!done) {
         Report(done, "the end of an attempt");
         Arm(run, kStoreRetry, [this](Run& again) { Settle(again); });
         return;
     }
-    m_spool.Remove(token);
+    m_spool.Remove(run.worker);
     m_sessions.erase(run.sessionId);
     if (run.session) run.session->End("its process has ended");
-    m_runs.erase(token);
+    m_runs.erase(std::string(run.worker));
     if (m_ending)
         FinishEnd();
     else
@@ -313,9 +329,10 @@ void Scheduler::WatchHeartbeat(Run& run) {
         return;
     }
     run.beat.expires_after(run.beatLimit - silence);
-    run.beat.async_wait([this, token = run.claim.token](const boost::system::error_code& error) {
+    run.beat.async_wait([this, token = run.worker](const boost::system::error_code& error) {
         Run* watched = error ? nullptr : Find(token);
-        if (watched != nullptr && watched->session && !watched->final) WatchHeartbeat(*watched);
+        if (watched != nullptr && watched->session && (!watched->final || IsKept(*watched)))
+            WatchHeartbeat(*watched);
     });
 }
 
@@ -330,6 +347,7 @@ void Scheduler::BeginEnd(std::function<void()> done) {
     m_volumeTimer.cancel();
     std::vector<std::int64_t> tasks;
     for (const auto& [token, run] : m_runs) {
+        if (IsKept(*run)) SendEnd(*run);
         if (!run->final) tasks.push_back(run->claim.task);
     }
     for (const auto task : tasks) {
@@ -387,7 +405,7 @@ void Scheduler::Arm(Run& run, std::chrono::milliseconds after, std::function<voi
     run.timer.expires_after(after);
     // The run may be gone, or have another deadline, when a handler that was already queued comes.
     run.timer.async_wait(
-        [this, token = run.claim.token, use, then = std::move(then)](const boost::system::error_code& error) {
+        [this, token = run.worker, use, then = std::move(then)](const boost::system::error_code& error) {
             Run* armed = error ? nullptr : Find(token);
             if (armed != nullptr && armed->timerUse == use) then(*armed);
         });

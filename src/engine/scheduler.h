@@ -14,6 +14,7 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -26,6 +27,7 @@
 #include "engine/admission.h"
 #include "engine/engine_log.h"
 #include "engine/launcher.h"
+#include "engine/package_turn.h"
 #include "engine/session.h"
 #include "engine/settings.h"
 #include "engine/spool.h"
@@ -83,7 +85,8 @@ class Scheduler final : public SessionHost {
 
   private:
     struct Run {
-        Claim claim;
+        Claim claim;         // of a package worker: the task in hand, or the last one
+        std::string worker;  // the token that its process has: that of its first attempt
         bool external = false;
         bool connected = false;  // has been, at least
         bool final = false;      // a final status is committed
@@ -116,12 +119,40 @@ class Scheduler final : public SessionHost {
         std::chrono::milliseconds beatLimit{0};  // 0: not watched
         SteadyTime lastRecord;
         boost::asio::steady_timer beat;
+        // Orders that are not answered yet, and whose. Answers come in the order of the orders.
+        struct Asked {
+            std::uint32_t replyId = 0;
+            std::string token;
+        };
+        std::deque<Asked> asked;
+
+        // Of a package worker.
+        std::int64_t first = 0;      // its first attempt
+        std::int64_t firstTask = 0;  // and whose that is
+        std::optional<Claim> next;   // in its list, behind the one in hand
+        bool nextCancelled = false;  // told to stop when its turn comes
+        std::string earlier;         // the attempt before the one in hand
+        PackageTurn turn;
+        bool heard = false;      // Hear
+        bool told = false;       // to stop: it gets no further task
+        bool stalled = false;    // it begins no further task
+        bool unsure = false;     // it may have begun more than it said
+        bool paused = false;     // the latest of suspend and resume was suspend
+        bool disturbed = false;  // the one in hand may have got an order to stop that was for the one before
 
         explicit Run(boost::asio::io_context& io) : awayTimer(io), timer(io), beat(io) {}
     };
 
+    struct Turn {
+        std::optional<Claim> claim;
+        Run* place = nullptr;  // the package worker that takes it; null: one of its own
+        bool blocked = false;  // no claim: the task whose turn it is lacks a slot alone
+    };
     Result<Usage> TakenNow();
-    Result<std::optional<Claim>> ClaimNext(const std::vector<TypeStop>& stops);
+    // The same as a start sees it: a limit of workers does not count for types whose next task goes to a
+    // worker that is there.
+    Usage TakenForStart(Usage usage);
+    Result<Turn> ClaimNext(const std::vector<TypeStop>& stops, bool slotFree);
     // Takes over what the looks at the volumes found, now and at intervals.
     void WatchVolumes();
     // What the node's limits have against a queued task.
@@ -131,7 +162,8 @@ class Scheduler final : public SessionHost {
     void PumpAgainAfter(std::chrono::milliseconds pause);
     void PumpLater(const Error& problem);
     void StartWorker(Claim claim);
-    void AwaitConnection(Run& run);
+    // One that is ended since it did not may count as never begun.
+    void AwaitConnection(Run& run, bool undone = false);
     Run* Find(const std::string& token);
     Run* FindSession(std::uint32_t session);
     Run* FindTask(std::int64_t task);
@@ -164,11 +196,46 @@ class Scheduler final : public SessionHost {
     // Of attempts that have ended already.
     void SweepSpool();
 
-    bool TakeRecord(Run& run, std::uint32_t id, const link::WorkerRecord& record);
+    bool TakeRecord(Run& run, std::uint32_t id, const link::WorkerRecord& record, bool repeated);
     void TakeProgress(Run& run, const EngineProgressMessage& message);
-    bool TakeState(Run& run, const EngineStateMessage& message);
+    bool TakeState(Run& run, const EngineStateMessage& message, bool repeated);
     bool TakeFinal(Run& run, const TaskStatusEntry& entry);
 
+    // ---- package workers (scheduler_package.cpp) ----
+    static bool IsPackage(const Run& run);
+    // It waits for a task.
+    static bool IsKept(const Run& run);
+    bool TakesTasks(const Run& run) const;
+    // The worker that gets the next task of the type: one that waits, or while no slot is free one that
+    // works.
+    Run* PlaceFor(std::int32_t type, bool slotFree);
+    bool AnyPlace() const;
+    bool AnyKept() const;
+    // A task of another type is next: a worker that waits gives its slot away.
+    void MakeRoom();
+    static SharedWorker Shared(const Run& run);
+    void Feed(Run& run, Claim claim);
+    void TurnToNext(Run& run);
+    // Its work loop runs: from now on it can be given orders.
+    void Hear(Run& run);
+    bool TakePackageState(Run& run, const TaskStatusEntry& entry, bool repeated);
+    bool TakeFurtherFinal(Run& run, const std::string& token, const TaskStatusEntry& entry);
+    bool EndPackageTask(Run& run, const TaskStatusEntry& entry, bool final);
+    void AfterPackageTask(Run& run, bool cancelNext);
+    void SendOwnText(Run& run);
+    void Rest(Run& run);
+    static std::string DisturbedText();
+    // The worker in whose list the task waits.
+    Run* FindListed(std::int64_t task);
+    // What becomes of a worker's tasks that it has not begun.
+    Result<void> PutNextBack(Run& run);
+    Result<void> SettlePackage(Run& run);
+    static std::string WhyEnded(const Run& run);
+    // Of an earlier run of the engine.
+    void TakeOverPackage(Run& run);
+
+    static FinalStatus FinalOf(const TaskStatusEntry& entry);
+    void TakeReply(Run& run, std::uint32_t id, const TaskCommandReply& reply);
     // A worker whose attempt has ended: it is heard and told to stop.
     std::variant<link::Welcome, link::Refuse> AdmitTwin(const link::Hello& hello,
                                                         const std::shared_ptr<Session>& session);

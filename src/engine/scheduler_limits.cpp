@@ -21,7 +21,8 @@ Result<Usage> Scheduler::TakenNow() {
     Usage usage;
     std::set<std::int64_t> tasks;
     for (const auto& [token, run] : m_runs) {
-        tasks.insert(run->claim.task);
+        // A package worker that waits takes nothing for the task that it has done.
+        if (!IsPackage(*run) || !run->final || run->stalled) tasks.insert(run->claim.task);
         if (!run->external) ++usage.workers[run->claim.type];
     }
     // Also of tasks that have ended and whose worker has not.
@@ -32,20 +33,52 @@ Result<Usage> Scheduler::TakenNow() {
     return usage;
 }
 
-Result<std::optional<Claim>> Scheduler::ClaimNext(const std::vector<TypeStop>& stops) {
+Usage Scheduler::TakenForStart(Usage usage) {
+    for (const auto& [type, most] : m_settings.node.typeWorkers) {
+        if (PlaceFor(type, false) != nullptr) usage.workers.erase(type);
+    }
+    return usage;
+}
+
+Result<Scheduler::Turn> Scheduler::ClaimNext(const std::vector<TypeStop>& stops, bool slotFree) {
     auto usage = TakenNow();
     if (!usage) return usage.error();
-    m_admission.Begin(std::move(*usage), m_volumes, SystemClock().Steady());
-    std::map<std::int32_t, bool> types;  // whether stops and stage let it start
+    const auto& most = m_settings.node.typeWorkers;
+    const auto workers = usage->workers;
+    m_admission.Begin(TakenForStart(std::move(*usage)), m_volumes, SystemClock().Steady());
+    Turn turn;
+    struct OfType {
+        bool released = false;    // by stops and stage
+        bool mayHaveNew = false;  // a worker of its own
+        Run* place = nullptr;
+    };
+    std::map<std::int32_t, OfType> types;
     auto claim = m_store.ClaimNext(
         [&](const Candidate& candidate) {
-            const auto [type, isNew] = types.try_emplace(candidate.type);
-            if (isNew) type->second = IsReleased(candidate.type, stops) && MayStart(candidate.type);
-            return m_admission.MayStart(candidate, type->second);
+            const auto [known, isNew] = types.try_emplace(candidate.type);
+            OfType& type = known->second;
+            if (isNew) {
+                const auto limit = most.find(candidate.type);
+                const auto running = workers.find(candidate.type);
+                type.released = IsReleased(candidate.type, stops) && MayStart(candidate.type);
+                type.mayHaveNew = slotFree && (limit == most.end() || running == workers.end() ||
+                                               running->second < limit->second);
+                type.place = PlaceFor(candidate.type, type.mayHaveNew);
+            }
+            if (!m_admission.MayStart(candidate, type.released)) return false;
+            turn.place = type.place;
+            // No younger one overtakes it.
+            turn.blocked = type.place == nullptr && !slotFree;
+            candidate.endsSearch = turn.blocked;
+            return !turn.blocked;
         },
-        BusyTasks());
-    m_admission.End(claim && !*claim);
-    return claim;
+        BusyTasks(),
+        [&] { return turn.place != nullptr ? std::optional(Shared(*turn.place)) : std::nullopt; },
+        slotFree || AnyKept() ? Transaction::Sync::Durable : Transaction::Sync::Relaxed);
+    m_admission.End(claim && !*claim && !turn.blocked);
+    if (!claim) return claim.error();
+    turn.claim = std::move(*claim);
+    return turn;
 }
 
 void Scheduler::WatchVolumes() {
@@ -74,7 +107,7 @@ void Scheduler::WatchVolumes() {
 void Scheduler::AddLimits(const TaskRow& task, std::vector<WaitReason>& reasons) {
     const auto usage = TakenNow();
     if (!usage) return;
-    for (auto& reason : m_admission.Reasons(task.type, task.demand, *usage, m_volumes)) {
+    for (auto& reason : m_admission.Reasons(task.type, task.demand, TakenForStart(*usage), m_volumes)) {
         const auto since = m_admission.PassedSince(task.key);
         if (since && (reason.rule == "memory" || reason.rule == "cores")) {
             const auto left = m_settings.node.passFor - (SystemClock().Steady() - *since);
@@ -102,9 +135,10 @@ void Scheduler::AddLimits(const TaskRow& task, std::vector<WaitReason>& reasons)
 HeldByRule Scheduler::CountHeld() {
     HeldByRule held;
     const auto groups = m_store.QueuedGroups();
-    const auto usage = TakenNow();
+    auto usage = TakenNow();
     const auto stops = m_store.Stops();
     if (!groups || !usage || !stops) return held;
+    *usage = TakenForStart(std::move(*usage));
     const bool drained = !IsReleased(kEveryType, *stops);
     for (const auto& group : *groups) {
         std::string rule = "turn";

@@ -78,6 +78,10 @@ Scheduler::Run* Scheduler::Listening(std::int64_t task) {
 Result<OrderOutcome> Scheduler::Cancel(std::int64_t task, const std::string& by) {
     auto outcome = m_store.Cancel(task, by, "cancelled before it started");
     if (!outcome || !outcome->send) return outcome;
+    if (Run* list = FindListed(task)) {
+        list->nextCancelled = true;
+        return outcome;
+    }
     Run* run = FindTask(task);
     if (run == nullptr || run->final || run->exit) return outcome;
     if (!run->connected)
@@ -100,6 +104,7 @@ Result<OrderOutcome> Scheduler::Suspend(std::int64_t task, const std::string& by
     if (!outcome || !outcome->send) return outcome;
     run->pauseSent = true;
     run->resumeSent = false;
+    run->paused = true;
     SendCommand(*run, TCP_TASK_SUSPEND_ID, "suspend");
     return outcome;
 }
@@ -119,6 +124,7 @@ Result<OrderOutcome> Scheduler::Resume(std::int64_t task, const std::string& by)
     if (outcome->send) {
         run->pauseSent = false;
         run->resumeSent = true;
+        run->paused = false;
         SendCommand(*run, TCP_TASK_RESUME_ID, "resume");
     } else if (outcome->changed) {
         Pump();
@@ -146,14 +152,21 @@ Result<OrderOutcome> Scheduler::Update(std::int64_t task, const std::string& by,
     auto outcome = m_store.Update(task, by, text);
     if (!outcome || !outcome->send) return outcome;
     Give(*run, TCP_TASK_UPDATE_ID, link::TaskTextOrder{m_settings.paths.Apply(text), 0});
+    run->asked.push_back({TCP_TASK_UPDATE_REPLY_ID, run->claim.token});
     return outcome;
 }
 
 Result<OrderOutcome> Scheduler::Delete(std::int64_t task) {
-    if (const Run* run = FindTask(task); run != nullptr && run->final) {
+    const Run* run = FindTask(task);
+    // The next engine finds a package worker by its first attempt.
+    const bool isFirst = std::any_of(m_runs.begin(), m_runs.end(), [task](const auto& entry) {
+        return IsPackage(*entry.second) && entry.second->firstTask == task;
+    });
+    if ((run != nullptr && run->final) || isFirst) {
         const auto row = m_store.Task(task);
         if (!row) return row.error();
-        if (*row) return Refusal(**row, " has ended and its worker has not yet: try again");
+        if (*row && IsEnded((*row)->state))
+            return Refusal(**row, " has ended and its worker has not yet: try again");
     }
     std::vector<std::string> outputs;
     auto outcome = m_store.Delete(task, outputs);
@@ -183,7 +196,7 @@ std::set<std::int64_t> Scheduler::BusyTasks() const {
     std::set<std::int64_t> tasks;
     for (const auto& [token, run] : m_runs) {
         // The other tasks with a worker are not queued.
-        if (run->final) tasks.insert(run->claim.task);
+        if (run->final && !IsKept(*run)) tasks.insert(run->claim.task);
     }
     return tasks;
 }
@@ -231,6 +244,12 @@ void Scheduler::LogStops(const std::vector<TypeStop>& stops) {
 
 std::vector<WaitReason> Scheduler::WhyWaits(const TaskRow& task) {
     std::vector<WaitReason> reasons;
+    if (const Run* list = FindListed(task.key))
+        reasons.push_back({"package-list",
+                           "in the list of worker " + std::to_string(list->life.processId) + ", behind " +
+                               list->claim.id +
+                               (list->nextCancelled ? "; the worker is told to stop at its turn" : ""),
+                           {}});
     if (task.state != TaskState::Queued) return reasons;
     if (m_ending) reasons.push_back({"ending", "the engine is ending", {}});
     if (const auto stops = m_store.Stops()) {

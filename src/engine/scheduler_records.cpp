@@ -34,7 +34,9 @@ double Shown(float value) {
     return std::isfinite(value) ? std::round(static_cast<double>(value) * 1000) / 1000 : 0.0;
 }
 
-FinalStatus FinalOf(const TaskStatusEntry& entry) {
+}  // namespace
+
+FinalStatus Scheduler::FinalOf(const TaskStatusEntry& entry) {
     FinalStatus final;
     final.status = entry.status;
     final.detailErrorCode = entry.detailErrorCode;
@@ -45,8 +47,6 @@ FinalStatus FinalOf(const TaskStatusEntry& entry) {
     final.result = ResultJson(entry.result.get());
     return final;
 }
-
-}  // namespace
 
 std::uint32_t Scheduler::NewSessionId() {
     do {
@@ -76,6 +76,7 @@ std::variant<link::Welcome, link::Refuse> Scheduler::Admit(const link::Hello& he
         if (!claim) return Refuse{link::kRefuseEnding, "the store refused: " + claim.error().message};
         auto& made = m_runs[claim->token] = std::make_unique<Run>(m_io);
         made->claim = std::move(*claim);
+        made->worker = made->claim.token;
         made->external = true;
         run = made.get();
     }
@@ -145,7 +146,7 @@ std::variant<link::Welcome, link::Refuse> Scheduler::Welcome(Run& run, const lin
     // What a package worker has in its list is not known to another engine.
     run.resumable = m_settings.resumeWindow.count() != 0 && !IsPackageType(run.claim.type);
     const link::Welcome welcome = WelcomeFor(run);
-    m_sessions[welcome.sessionId] = run.claim.token;
+    m_sessions[welcome.sessionId] = run.worker;
     run.session = session;
     run.connected = true;
     // A worker that is being ended keeps that deadline, and so does one that has an order to end.
@@ -155,8 +156,8 @@ std::variant<link::Welcome, link::Refuse> Scheduler::Welcome(Run& run, const lin
     run.processId = hello.processId;
     run.processMark = mark;
     // One whose start the last engine did not live to record.
-    if (!run.external && !m_launcher.Has(run.claim.token))
-        m_launcher.TakeOver(run.claim.token, run.life.name, run.processId, run.processMark);
+    if (!run.external && !m_launcher.Has(run.worker))
+        m_launcher.TakeOver(run.worker, run.life.name, run.processId, run.processMark);
     // A worker started by hand announces itself by connecting; there is no start of ours to follow.
     if (run.external) Report(m_store.Status(run.claim.token, kTaskRunning), "a connection");
     run.lastRecord = SystemClock().Steady();
@@ -170,8 +171,8 @@ bool Scheduler::OnRecord(Session& session, std::uint32_t id, const link::WorkerR
     Run* run = FindSession(session.Id());
     if (run == nullptr) return true;
     run->lastRecord = SystemClock().Steady();
-    m_store.BeginRecord(run->claim.token, session.Taking());
-    const bool taken = TakeRecord(*run, id, record);
+    m_store.BeginRecord(run->worker, session.Taking());
+    const bool taken = TakeRecord(*run, id, record, session.IsRepeat());
     // A final status that could not be committed is not here.
     if (!taken) m_store.BeginRecord({}, 0);
     Report(m_store.EndRecord(), "a record's number");
@@ -181,41 +182,58 @@ bool Scheduler::OnRecord(Session& session, std::uint32_t id, const link::WorkerR
 void Scheduler::OnOtherFrame(Session& session) {
     const Run* run = FindSession(session.Id());
     if (run == nullptr) return;
-    m_store.BeginRecord(run->claim.token, session.Taking());
+    m_store.BeginRecord(run->worker, session.Taking());
     Report(m_store.EndRecord(), "a frame's number");
 }
 
-bool Scheduler::TakeRecord(Run& run, std::uint32_t id, const link::WorkerRecord& record) {
+bool Scheduler::TakeRecord(Run& run, std::uint32_t id, const link::WorkerRecord& record, bool repeated) {
     const std::string& token = run.claim.token;
     if (std::holds_alternative<HeartbeatRecord>(record)) {
         Report(m_store.Seen(token), "a heartbeat");
     } else if (const auto* notice = std::get_if<TaskNotice>(&record)) {
         run.reportedTask = notice->taskId;
+        Hear(run);
         Report(m_store.Notice(token, RepairUtf8(notice->taskId), RepairUtf8(notice->workerGuid)), "a notice");
     } else if (const auto* reply = std::get_if<TaskCommandReply>(&record)) {
-        if (id == TCP_TASK_SUSPEND_REPLY_ID) run.pauseSent = false;
-        if (id == TCP_TASK_RESUME_REPLY_ID) run.resumeSent = false;
-        Report(m_store.Reply(token, id, ReplyEventJson(id, reply->resultCode, ReplyText(reply->message))),
-               "a reply");
+        TakeReply(run, id, *reply);
     } else if (const auto* progress = std::get_if<EngineProgressMessage>(&record)) {
         TakeProgress(run, *progress);
     } else if (const auto* state = std::get_if<EngineStateMessage>(&record)) {
-        return TakeState(run, *state);
+        return TakeState(run, *state, repeated);
     }
     return true;
 }
 
+void Scheduler::TakeReply(Run& run, std::uint32_t id, const TaskCommandReply& reply) {
+    std::string token = run.claim.token;
+    const auto asked = std::find_if(run.asked.begin(), run.asked.end(),
+                                    [id](const Run::Asked& one) { return one.replyId == id; });
+    if (asked != run.asked.end()) {
+        token = asked->token;
+        run.asked.erase(run.asked.begin(), asked + 1);
+    }
+    if (token == run.claim.token && id == TCP_TASK_SUSPEND_REPLY_ID) run.pauseSent = false;
+    if (token == run.claim.token && id == TCP_TASK_RESUME_REPLY_ID) run.resumeSent = false;
+    Report(m_store.Reply(token, id, ReplyEventJson(id, reply.resultCode, ReplyText(reply.message))),
+           "a reply");
+}
+
 void Scheduler::TakeProgress(Run& run, const EngineProgressMessage& message) {
-    if (message.entries.empty()) return;
+    // The thread that reports it is joined before the next task begins.
+    if (message.entries.empty() || run.turn.IsAwaited()) return;
     const auto& latest = message.entries.back();
     const ProgressFigures figures{std::clamp(Shown(latest.percent), 0.0, 100.0), Shown(latest.speed),
                                   Shown(latest.averageSpeed)};
     Report(m_store.Progress(run.claim.token, figures), "progress");
 }
 
-bool Scheduler::TakeState(Run& run, const EngineStateMessage& message) {
+bool Scheduler::TakeState(Run& run, const EngineStateMessage& message, bool repeated) {
     bool taken = true;
     for (const auto& entry : message.entries) {
+        if (IsPackage(run)) {
+            taken = TakePackageState(run, entry, repeated) && taken;
+            continue;
+        }
         if (run.external)
             Report(m_store.TypeSeen(run.claim.token, static_cast<std::int32_t>(entry.taskType)), "a type");
         if (link::IsFinalTaskStatus(entry.status)) {
@@ -224,9 +242,7 @@ bool Scheduler::TakeState(Run& run, const EngineStateMessage& message) {
         }
         // Said once for each task, before its perform call: a second time after it, by a plug-in that
         // returned without a final status. Such a worker would wait a minute for its order to exit.
-        if (entry.status == kTaskRunning && run.lastStatus == kTaskRunning && !run.external &&
-            !IsPackageType(run.claim.type))
-            SendEnd(run);
+        if (entry.status == kTaskRunning && run.lastStatus == kTaskRunning && !run.external) SendEnd(run);
         run.lastStatus = entry.status;
         Report(m_store.Status(run.claim.token, entry.status), "a status");
     }
@@ -246,7 +262,7 @@ bool Scheduler::TakeFinal(Run& run, const TaskStatusEntry& entry) {
     run.final = true;
     m_log.Info(run.claim.id + ": final status " + std::to_string(entry.status));
     // After the acknowledgement has gone out.
-    boost::asio::post(m_io, [this, token = run.claim.token] {
+    boost::asio::post(m_io, [this, token = run.worker] {
         if (Run* ended = Find(token)) SendEnd(*ended);
     });
     return true;
@@ -256,7 +272,9 @@ void Scheduler::OnSessionEnd(Session& session, const std::string& why) {
     m_twins.erase(session.Id());
     Run* run = FindSession(session.Id());
     if (run == nullptr) return;
+    const bool kept = IsKept(*run);
     run->session = nullptr;
+    run->told = true;
     run->saidBye = session.SaidBye();
     if (run->resumable && !run->saidBye && !run->exit && run->killReason.empty()) {
         Interrupt(*run, session.Memory(), why, session.IsAtFault());
@@ -268,7 +286,7 @@ void Scheduler::OnSessionEnd(Session& session, const std::string& why) {
         Settle(*run);
         return;
     }
-    if (run->final || !run->killReason.empty()) return;
+    if ((run->final && !kept) || !run->killReason.empty()) return;
     m_log.Warn(run->claim.id + ": session " + std::to_string(session.Id()) + " ended: " + why);
     Arm(*run, m_settings.linkGrace, [this, why](Run& late) {
         Kill(late, "connection-lost",

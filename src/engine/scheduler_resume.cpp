@@ -32,7 +32,7 @@ std::string NameOfOutput(const std::string& output) {
 link::Welcome Scheduler::WelcomeFor(const Run& run) const {
     link::Welcome welcome;
     welcome.sessionId = run.sessionId;
-    welcome.attempt = run.claim.token;
+    welcome.attempt = run.worker;
     welcome.spoolFolder = m_spool.Folder();
     if (run.resumable) welcome.resumeWindow_ms = static_cast<std::uint32_t>(m_settings.resumeWindow.count());
     welcome.pingInterval_ms = static_cast<std::uint32_t>(m_settings.pingInterval.count());
@@ -80,7 +80,7 @@ std::variant<link::Welcome, link::Refuse> Scheduler::AdmitResumed(const link::He
     m_log.Info(run->claim.id + ": session " + std::to_string(run->sessionId) + " goes on");
     Report(m_store.Resumed(run->claim.token, hello.processId), "a resumption");
     if (!run->isInVain) run->lastRecord = SystemClock().Steady();
-    if (!run->final) WatchHeartbeat(*run);
+    if (!run->final || IsKept(*run)) WatchHeartbeat(*run);
     return WelcomeFor(*run);
 }
 
@@ -125,7 +125,7 @@ void Scheduler::Interrupt(Run& run, SessionMemory memory, const std::string& why
     Report(m_store.Interrupted(run.claim.token, RepairUtf8(why)), "a loss");
     // Nobody comes back when the process has ended; of those that we started the launcher tells.
     if (run.external && !run.processMark.empty() &&
-        !m_launcher.Watch(run.claim.token, run.processId, run.processMark)) {
+        !m_launcher.Watch(run.worker, run.processId, run.processMark)) {
         run.killReason = "the connection ended (" + why + ") and so did the worker";
         Settle(run);
         return;
@@ -136,7 +136,7 @@ void Scheduler::Interrupt(Run& run, SessionMemory memory, const std::string& why
 void Scheduler::AwaitResumption(Run& run, const std::string& why) {
     const auto passed = SystemClock().Steady() - run.lostAt;
     run.awayTimer.expires_after(m_settings.resumeWindow + m_settings.linkGrace - passed);
-    run.awayTimer.async_wait([this, token = run.claim.token, why](const boost::system::error_code& error) {
+    run.awayTimer.async_wait([this, token = run.worker, why](const boost::system::error_code& error) {
         Run* late = error ? nullptr : Find(token);
         // After a final status another deadline ends it, and it keeps that status.
         if (late == nullptr || !late->away || (late->final && !late->external)) return;
@@ -185,6 +185,9 @@ void Scheduler::TakeOver(const OpenAttempt& attempt, std::vector<std::string>& g
     const std::string& token = attempt.claim.token;
     auto& run = *(m_runs[token] = std::make_unique<Run>(m_io));
     run.claim = attempt.claim;
+    run.worker = token;
+    run.first = attempt.claim.attempt;
+    run.firstTask = attempt.claim.task;
     run.external = attempt.external;
     run.connected = attempt.session.has_value();
     run.final = !IsActive(attempt.state);
@@ -192,6 +195,9 @@ void Scheduler::TakeOver(const OpenAttempt& attempt, std::vector<std::string>& g
     run.pauseSent = attempt.asked == TCP_TASK_SUSPEND_ID;
     run.resumeSent = attempt.asked == TCP_TASK_RESUME_ID;
     if (attempt.started) run.lastStatus = kTaskRunning;
+    if (attempt.started) run.turn.Begin();
+    if (run.final) run.turn.End();
+    if (IsPackage(run)) TakeOverPackage(run);
     run.processId = attempt.processId.value_or(0);
     run.processMark = attempt.processMark;
     if (!run.external) {
@@ -225,7 +231,7 @@ void Scheduler::AwaitTakenOver(Run& run, const OpenAttempt& attempt) {
         run.sessionId = *attempt.session;
         // Its own engine may have promised more than this one does.
         run.resumable = !IsPackageType(run.claim.type);
-        m_sessions[run.sessionId] = run.claim.token;
+        m_sessions[run.sessionId] = run.worker;
         run.away.emplace();
         run.away->has = attempt.workerSeq;
         run.away->knowsSent = false;
@@ -239,7 +245,7 @@ void Scheduler::AwaitTakenOver(Run& run, const OpenAttempt& attempt) {
         Arm(run, std::min<std::chrono::milliseconds>(kStarting, m_settings.connectLimit),
             [this](Run& unknown) { SearchStarted(unknown); });
     if (attempt.cancelRequested) {
-        boost::asio::post(m_io, [this, token = run.claim.token] {
+        boost::asio::post(m_io, [this, token = run.worker] {
             if (Run* unconnected = Find(token))
                 Kill(*unconnected, "cancelled", "cancelled before its worker connected");
         });
@@ -262,7 +268,8 @@ void Scheduler::SearchStarted(Run& run) {
         m_log.Info(run.claim.id + ": worker " + std::to_string(*found) + " was found");
         run.processId = run.life.processId = *found;
     }
-    AwaitConnection(run);
+    // Windows makes a process before it runs, so this one may never do: its start does not count then.
+    AwaitConnection(run, true);
 }
 
 // Those that were not answered when the last engine ended. Nobody knows whether the worker has got them; all
@@ -288,14 +295,14 @@ void Scheduler::GiveStanding(Run& run, const OpenAttempt& attempt) {
 // ---- the spool ----
 
 bool Scheduler::TakeSpool(Run& run) {
-    const auto read = m_spool.Read(run.claim.token);
+    const auto read = m_spool.Read(run.worker);
     if (!read) {
         if (++run.spoolTries < kMaxSpoolTries) {
             m_log.Warn(run.claim.id + ": the spool cannot be read now: " + read.error().message);
             return false;
         }
         m_log.Warn(run.claim.id + ": the spool is given up: " + read.error().message);
-        m_spool.GiveUp(run.claim.token);
+        m_spool.GiveUp(run.worker);
         return true;
     }
     const auto& status = *read;
@@ -303,7 +310,10 @@ bool Scheduler::TakeSpool(Run& run) {
     m_log.Info(run.claim.id + ": its worker left a final status in the spool");
     bool taken = true;
     for (const auto& entry : status->message.entries) {
-        if (link::IsFinalTaskStatus(entry.status)) taken = TakeFinal(run, entry) && taken;
+        if (!link::IsFinalTaskStatus(entry.status)) continue;
+        // The newest that was not acknowledged: of the task in hand, or, when that has not begun, of the one
+        // before.
+        taken = (IsPackage(run) ? TakePackageState(run, entry, true) : TakeFinal(run, entry)) && taken;
     }
     return taken;
 }

@@ -12,8 +12,15 @@
 //   spool N            leaves this final status in the spool
 //   environment NAME   its value goes into the next final status
 //   in N LINE          does the line in attempt N alone
+//   first LINE         does the line in the worker's first task alone
+//   serve              does the lines of the add orders' texts, one text after the other, until told to stop
+//   stall              status 4 of the patrol; then serve does nothing any more
+//   goes-on            it does
+//   stops              it does not
+//   again              sends the latest final status again, marked
 #include <chrono>
 #include <cstdio>
+#include <deque>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -37,6 +44,10 @@ struct Script {
     int attempt = 0;
     std::unique_ptr<LinkClient> link = std::make_unique<LinkClient>();
     std::string furtherText;
+    std::deque<std::string> texts;  // of add orders
+    bool serving = false;
+    bool stopped = false;
+    std::string lastFinal;  // its body
 
     std::string Environment(const char* name) { return platform::GetEnvironment(name).value_or(""); }
 
@@ -57,6 +68,15 @@ struct Script {
                 {1, "/a b", "", "", "", kNotCompared, "d41d8cd98f00b204e9800998ecf8427e"});
             entry.result = std::move(result);
         }
+        lastFinal = link::EncodeWorkerRecord(TCP_WORKER_STATE_ID, link::WorkerRecord(message)).value();
+        link->WaitAck(link->SendBody(TCP_WORKER_STATE_ID, lastFinal));
+    }
+
+    void Stall() {
+        auto message = StateMessage(kTaskError);
+        message.entries.back().detailErrorCode = 0x80000001;
+        message.entries.back().errorCode = 6;
+        stopped = true;
         link->WaitAck(link->Send(TCP_WORKER_STATE_ID, message));
     }
 
@@ -78,6 +98,50 @@ struct Script {
             link::EncodeSpoolFile(1000, body.value()), false);
     }
 
+    // The next order that is no add order; of those the texts are kept.
+    std::optional<link::Frame> NextOrder(bool orText = false) {
+        for (auto order = link->WaitOrder(); order; order = link->WaitOrder()) {
+            if (order->id == TCP_TASK_CANCEL_ID || order->id == TCP_TASK_FINISH_ID) stopped = true;
+            if (order->id != TCP_TASK_ADD_ID) return order;
+            const auto add = link::DecodeOrder(order->id, order->body);
+            texts.push_back(std::get<link::TaskTextOrder>(*add).text);
+            if (orText) return order;
+        }
+        return std::nullopt;
+    }
+
+    bool Serve() {
+        serving = true;
+        while (!stopped) {
+            if (texts.empty()) {
+                const auto order = NextOrder(true);
+                if (!order) return false;
+                if (order->id != TCP_TASK_ADD_ID) Answer(order->id + 1);
+                continue;
+            }
+            std::istringstream lines(texts.front());
+            texts.pop_front();
+            attempt = 1;
+            if (!DoAll(lines)) return false;
+        }
+        serving = false;
+        return true;
+    }
+
+    void Answer(std::uint32_t id) {
+        // "ended" in GBK
+        link->Send(id, TaskCommandReply{"1.0", "guid-1", "job", "0", "\xBD\xE1\xCA\xF8"});
+    }
+
+    bool DoAll(std::istream& lines) {
+        for (std::string line; std::getline(lines, line);) {
+            std::istringstream rest(line);
+            std::string verb;
+            if (rest >> verb && !Do(verb, rest)) return false;
+        }
+        return true;
+    }
+
     // False: the script is over.
     bool Do(const std::string& verb, std::istringstream& rest) {
         std::string text;
@@ -86,6 +150,11 @@ struct Script {
             rest >> number >> text;
             return static_cast<int>(number) != attempt || Do(text, rest);
         }
+        if (verb == "first") {
+            rest >> text;
+            return serving || Do(text, rest);
+        }
+        if (verb == "serve") return Serve();
         if (verb == "connect") return Greet(*link) == 0u;
         if (verb == "connect-anew") {
             link = std::make_unique<LinkClient>();
@@ -113,17 +182,23 @@ struct Script {
             Final(static_cast<std::uint32_t>(number), text);
         } else if (verb == "await") {
             rest >> number;
-            auto order = link->WaitOrder();
-            while (order && order->id != number) order = link->WaitOrder();
+            auto order = NextOrder();
+            while (order && order->id != number) order = NextOrder();
             if (order && order->id == TCP_TASK_UPDATE_ID) {
                 const auto decoded = link::DecodeOrder(order->id, order->body);
                 furtherText = std::get<link::TaskTextOrder>(*decoded).text;
             }
         } else if (verb == "reply") {
             rest >> number;
-            // "ended" in GBK
-            link->Send(static_cast<std::uint32_t>(number),
-                       TaskCommandReply{"1.0", "guid-1", "job", "0", "\xBD\xE1\xCA\xF8"});
+            Answer(static_cast<std::uint32_t>(number));
+        } else if (verb == "stall") {
+            Stall();
+        } else if (verb == "goes-on" || verb == "stops") {
+            stopped = verb == "stops";
+        } else if (verb == "again") {
+            std::string body = lastFinal;
+            link::MarkRepeat(body);
+            link->WaitAck(link->SendBody(TCP_WORKER_STATE_ID, body));
         } else if (verb == "bye") {
             link->SendFrame({0, 0, link::kByeId, {}});
             link->WaitClose();
@@ -170,10 +245,5 @@ int main(int argc, char** argv) {
     const std::string name = argv[2];
     script.attempt = std::atoi(name.c_str() + name.rfind('a', name.rfind('_')) + 1);
     std::printf("type %s flag %s\n", argv[1], argv[4]);
-    for (std::string line; std::getline(file, line);) {
-        std::istringstream rest(line);
-        std::string verb;
-        if (rest >> verb && !script.Do(verb, rest)) return 65;
-    }
-    return 0;
+    return script.DoAll(file) ? 0 : 65;
 }

@@ -12,7 +12,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr std::size_t kReadSize_bytes = std::size_t{16} * 1024;
+// A worker that says little keeps little room; one that fills it gets more.
+constexpr std::size_t kFirstRead_bytes = 1024, kReadSize_bytes = std::size_t{16} * 1024;
 // Orders are small; a worker that takes none of this many is gone.
 constexpr std::size_t kMaxOutgoing = 10'000;
 
@@ -32,7 +33,7 @@ void Session::Start() {
     m_socket.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
     m_start = m_lastHeard = m_lastSaid = SystemClock().Steady();
     m_place->SetClose([this] { Close(); });  // of a stranger: nobody was told of it
-    m_buffer.resize(kReadSize_bytes);
+    m_buffer.resize(kFirstRead_bytes);
     WatchTime();
     Read();
 }
@@ -57,7 +58,9 @@ void Session::OnRead(const boost::system::error_code& error, std::size_t size) {
         Read();  // to its end, so that closing does not reset what we have sent
         return;
     }
-    if (TakeBytes({m_buffer.data(), size}) && m_state != State::Closed) Read();
+    const bool goesOn = TakeBytes({m_buffer.data(), size});
+    if (size == m_buffer.size() && size < kReadSize_bytes) m_buffer.resize(kReadSize_bytes);
+    if (goesOn && m_state != State::Closed) Read();
 }
 
 bool Session::TakeBytes(std::string_view bytes) {
@@ -182,6 +185,7 @@ bool Session::TakeNumbered(const link::Frame& frame) {
         const auto* state = std::get_if<EngineStateMessage>(&*record);
         final = state != nullptr && link::IsFinalState(*state);
         m_taking = final || !m_ackHeld ? frame.seq : 0;
+        m_isRepeat = final && link::IsMarkedRepeat(frame.body);
         const bool taken = m_host.OnRecord(*this, frame.id, *record);
         if (m_state == State::Closed) return false;
         if (final) m_ackHeld = !taken;
@@ -281,7 +285,15 @@ void Session::AckSoon(bool atOnce) {
 void Session::WatchTime() {
     const auto& s = m_settings;
     const milliseconds shortest = std::min({s.pingInterval, s.silenceLimit, s.writeLimit, s.helloLimit});
-    m_clock.expires_after(std::clamp(shortest / 4, milliseconds(10), milliseconds(1000)));
+    auto pause = std::clamp(shortest / 4, milliseconds(10), milliseconds(1000));
+    if (m_state == State::Open) {
+        // Many workers that wait cost nothing but their pings. A write that hangs is found a little later.
+        const auto now = SystemClock().Steady();
+        const auto due = std::min(m_lastHeard + s.silenceLimit, m_lastSaid + s.pingInterval) - now;
+        pause = std::clamp(std::chrono::ceil<milliseconds>(due), milliseconds(10),
+                           std::max(pause, s.writeLimit / 2));
+    }
+    m_clock.expires_after(pause);
     m_clock.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
         if (!error) self->OnTick();
     });
@@ -324,6 +336,7 @@ void Session::End(const std::string& why) {
     SendControl(link::kByeId);
     m_state = State::Leaving;
     m_closeWhenSent = true;
+    WatchTime();
     TellHost(why);
 }
 

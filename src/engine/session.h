@@ -63,6 +63,8 @@ class Session : public std::enable_shared_from_this<Session> {
     std::uint32_t Id() const { return m_id; }
     // Whether the worker ended the session in good order.
     bool SaidBye() const { return m_saidBye; }
+    // Whether the worker marked the record that is being handed over as a status that it sent before.
+    bool IsRepeat() const { return m_isRepeat; }
     // While the end is told: it is what the worker sent that ends the connection.
     bool IsAtFault() const { return m_takesFrames; }
 
@@ -109,6 +111,7 @@ class Session : public std::enable_shared_from_this<Session> {
     std::string m_writing;  // the bytes of the write that is under way
     bool m_closeWhenSent = false;
     bool m_saidBye = false;
+    bool m_isRepeat = false;
     bool m_takesFrames = false;
 
     SessionMemory m_memory;  // what it has is what we acknowledge: m_received, unless a commit is missing

@@ -61,6 +61,8 @@ struct EngineSettings {
     std::chrono::milliseconds cancelGrace = std::chrono::seconds(120);
     // From a finish order to the end of the process tree.
     std::chrono::milliseconds finishGrace = std::chrono::minutes(5);
+    // A package worker without a task is ended after this. 0: at once.
+    std::chrono::milliseconds packageIdle = std::chrono::seconds(60);
     // A worker of which nothing comes for three of these is ended. 0: the interval that the stage's actor.xml
     // gives to the worker.
     std::chrono::milliseconds heartbeatInterval = std::chrono::milliseconds(0);

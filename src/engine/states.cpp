@@ -38,6 +38,7 @@ constexpr Row kTable[] = {
     {StateEvent::EndsCancelled, "ends cancelled", "....C===="},
     {StateEvent::EndsUnsaid, "ends unsaid",      ".XXXX===="},
     {StateEvent::PassesDeadline, "passes deadline", "X====...."},
+    {StateEvent::EndsUntouched, "ends untouched", ".Q..C===="},
     {StateEvent::Cancel, "cancel",               "CNNN====="},
     {StateEvent::Suspend, "suspend",             "=.==....."},
     {StateEvent::Resume, "resume",               "=.==....."},

@@ -41,6 +41,7 @@ enum class StateEvent {
     EndsCancelled,   // the same after a cancel
     EndsUnsaid,      // the worker ended in good order, and has not said how its task ended
     PassesDeadline,  // its deadline is over
+    EndsUntouched,   // the worker that had it in its list has certainly not begun it
     Cancel,
     Suspend,
     Resume,
@@ -56,9 +57,9 @@ inline constexpr StateEvent kStateEvents[] = {
     StateEvent::SaysFinished,  StateEvent::SaysError,   StateEvent::SaysErrorAgain,
     StateEvent::SaysCancelled, StateEvent::EndsLost,    StateEvent::EndsLostAgain,
     StateEvent::EndsCancelled, StateEvent::EndsUnsaid,  StateEvent::PassesDeadline,
-    StateEvent::Cancel,        StateEvent::Suspend,     StateEvent::Resume,
-    StateEvent::Finish,        StateEvent::Update,      StateEvent::Retry,
-    StateEvent::Prioritise,    StateEvent::Delete};
+    StateEvent::EndsUntouched, StateEvent::Cancel,      StateEvent::Suspend,
+    StateEvent::Resume,        StateEvent::Finish,      StateEvent::Update,
+    StateEvent::Retry,         StateEvent::Prioritise,  StateEvent::Delete};
 
 enum class Effect {
     Moves,

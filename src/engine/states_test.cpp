@@ -47,6 +47,7 @@ const std::map<StateEvent, Expected>& Expectations() {
         {StateEvent::EndsCancelled, {{{Cancelled, {Finishing}}}, kAllEnded, {}}},
         {StateEvent::EndsUnsaid, {{{Failed, working}}, kAllEnded, {}}},
         {StateEvent::PassesDeadline, {{{Failed, {Queued}}}, working, {}}},
+        {StateEvent::EndsUntouched, {{{Queued, {Starting}}, {Cancelled, {Finishing}}}, kAllEnded, {}}},
         {StateEvent::Cancel,
          {{{Cancelled, {Queued}}, {Finishing, {Starting, Running, Paused}}},
           With(kAllEnded, {Finishing}),
@@ -83,7 +84,7 @@ TEST(States, EveryPairOfStateAndEventDoesWhatItShould) {
             ++pairs;
         }
     }
-    EXPECT_EQ(pairs, 20 * 9);
+    EXPECT_EQ(pairs, 21 * 9);
 }
 
 TEST(States, AFinalStatusOrALossDecidesOnce) {

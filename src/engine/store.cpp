@@ -138,8 +138,9 @@ Claim Store::NewAttempt(std::int64_t task) {
     return claim;
 }
 
-Result<std::optional<Claim>> Store::ClaimNext(const MayStart& mayStart, const std::set<std::int64_t>& busy) {
-    Transaction transaction(*m_database);
+Result<std::optional<Claim>> Store::ClaimNext(const MayStart& mayStart, const std::set<std::int64_t>& busy,
+                                              const Joins& joins, Transaction::Sync sync) {
+    Transaction transaction(*m_database, sync);
     std::int64_t task = 0;
     {
         // A time that was set later than now is one of a clock that was put back since.
@@ -157,6 +158,7 @@ Result<std::optional<Claim>> Store::ClaimNext(const MayStart& mayStart, const st
             candidate.demand.cores = query.Number();
             candidate.demand.volumes = SplitVolumes(query.Text());
             if (!busy.contains(candidate.task) && (!mayStart || mayStart(candidate))) task = candidate.task;
+            if (candidate.endsSearch) break;
         }
     }
     if (task == 0) {
@@ -164,6 +166,7 @@ Result<std::optional<Claim>> Store::ClaimNext(const MayStart& mayStart, const st
         return std::optional<Claim>{};
     }
     std::optional<Claim> claim = NewAttempt(task);
+    if (const auto worker = joins ? joins() : std::nullopt) Join(*claim, *worker);
     if (auto done = Commit(transaction, task); !done) return done.error();
     return claim;
 }

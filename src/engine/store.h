@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <set>
+#include <tuple>
 
 #include "base/result.h"
 #include "engine/metrics.h"
@@ -22,7 +23,7 @@
 namespace rq::engine {
 
 // Newest schema that this program knows.
-inline constexpr int kSchemaVersion = 6;
+inline constexpr int kSchemaVersion = 7;
 
 class Store {
   public:
@@ -44,8 +45,12 @@ class Store {
     // The queued task whose turn it is gets an attempt and is starting: the first that may start, by priority
     // and age, unless it waits for its time, is suspended or is one of `busy`. Nothing when there is none.
     using MayStart = std::function<bool(const Candidate& candidate)>;
+    // `joins` names the worker that takes the task, if one that is there already does. Then the claim need
+    // not be on the disk (`sync`) before that worker's task in hand has ended.
+    using Joins = std::function<std::optional<SharedWorker>()>;
     Result<std::optional<Claim>> ClaimNext(const MayStart& mayStart = {},
-                                           const std::set<std::int64_t>& busy = {});
+                                           const std::set<std::int64_t>& busy = {}, const Joins& joins = {},
+                                           Transaction::Sync sync = Transaction::Sync::Durable);
     // When the first of the queued tasks that wait for their time may start, or the next deadline passes.
     Result<std::optional<std::int64_t>> NextDue();
     // What the tasks that have a worker, and these others, say that they take together.
@@ -106,7 +111,9 @@ class Store {
     // An event of the attempt that changes nothing else; `json` is an object.
     Result<void> Note(const std::string& token, const std::string& kind, const std::string& json);
     // The first final status decides; the same again is a Repeat, another one is Late and changes nothing.
-    Result<FinishOutcome> Finish(const std::string& token, const FinalStatus& final);
+    // `next`: the attempt that the worker may begin as soon as this status is acknowledged, if any.
+    Result<FinishOutcome> Finish(const std::string& token, const FinalStatus& final,
+                                 const std::string& next = {});
     // The attempt ends without a final status: the task is cancelled when that was asked for; else it is
     // queued again or lost, by its type's policy. Does nothing when the attempt has ended.
     Result<void> Lost(const std::string& token, const std::string& reason);
@@ -115,11 +122,20 @@ class Store {
     // failures.
     Result<void> Undone(const std::string& token, const std::string& reason);
     // The same of a worker that ended in good order: the task is cancelled or failed.
-    Result<void> Unsaid(const std::string& token, const std::string& reason);
-    Result<void> Exited(const std::string& token, const WorkerExit& exit);
+    Result<void> Unsaid(const std::string& token, const std::string& reason, const std::string& next = {});
+    // The worker has begun the task: it is running. `taskId` is what it calls it.
+    Result<void> Begun(const std::string& token, const std::string& taskId);
+    // The worker that had the task in its list has certainly not begun it. The task is queued again, and has
+    // spent no attempt; or it is cancelled, when that was asked for.
+    // Those of its other attempts that have not ended, oldest first: whether the worker may have begun it,
+    // and whether it has.
+    Result<std::vector<std::tuple<Claim, bool, bool>>> OpenOfWorker(std::int64_t first);
+    Result<void> PutBack(const std::string& token, const std::string& reason);
+    // Of all attempts that shared the worker, when `first` is the one that it was started for.
+    Result<void> Exited(const std::string& token, const WorkerExit& exit, std::int64_t first = 0);
 
-    // Between the two, the first verb of this attempt also keeps that the worker's frames up to `seq` are
-    // here; EndRecord does it when there was none. 0: nothing is kept.
+    // Between the two, the first verb of this attempt, or of one that shares its worker, also keeps that the
+    // worker's frames up to `seq` are here; EndRecord does it when there was none. 0: nothing is kept.
     void BeginRecord(const std::string& token, std::uint64_t seq);
     Result<void> EndRecord();
 
@@ -195,6 +211,10 @@ class Store {
     void SetTaskState(std::int64_t task, std::optional<std::int64_t> attempt, TaskState state,
                       const std::optional<std::string>& reason);
     void SetAttemptState(std::int64_t attempt, AttemptState state);
+    // The attempt is one more of the worker's.
+    void Join(const Claim& claim, const SharedWorker& worker);
+    // From now on nobody can say that its worker has not begun the attempt.
+    void SetReached(const std::string& token);
     // The state that follows from what the worker reports.
     void Report(const Holder& holder, StateEvent event);
     void WriteFinal(const Holder& holder, const FinalStatus& final);
@@ -211,7 +231,8 @@ class Store {
     void SetFinishing(std::int64_t task, const Ordered& ordered);
     void SetAsked(const Ordered& ordered, std::uint32_t id);
     // In a verb of the attempt: keeps the number of the record that is being taken, if any.
-    void KeepNumber(std::int64_t attempt, const std::string& token);
+    // It is kept with the attempt that the worker was started for.
+    void KeepNumber(std::int64_t attempt);
     bool SameFinal(std::int64_t attempt, const FinalStatus& final);
     void FillAttempts(TaskDetails& details);
     Result<void> Commit(Transaction& transaction, std::int64_t task);

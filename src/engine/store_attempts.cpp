@@ -1,6 +1,6 @@
 // The verbs of an attempt: each finds the attempt by its token and leaves events behind.
 #include "engine/json.h"
-#include "engine/store.h"
+#include "engine/store_change.h"
 #include "records/engine_messages.h"
 
 namespace rq::engine {
@@ -16,6 +16,7 @@ AttemptState AttemptStateAfter(StateEvent event) {
             return AttemptState::Finished;
         case StateEvent::SaysCancelled:
         case StateEvent::EndsCancelled:
+        case StateEvent::EndsUntouched:
             return AttemptState::Cancelled;
         case StateEvent::EndsLost:
         case StateEvent::EndsLostAgain:
@@ -47,20 +48,6 @@ std::optional<Store::Holder> Store::Find(const std::string& token) {
     holder.made = query.Number();
     holder.interruptions = query.Number();
     return holder;
-}
-
-template <class Change>
-Result<void> Store::ForHolder(const std::string& token, Transaction::Sync sync, Change change) {
-    Transaction transaction(*m_database, sync);
-    const auto holder = Find(token);
-    if (auto ok = Checked(); !ok) return ok;
-    if (!holder) return Fail("no attempt has this token");
-    change(*holder);
-    const auto number = m_recordSeq;
-    KeepNumber(holder->attempt, token);
-    auto done = Commit(transaction, holder->task);
-    if (!done) m_recordSeq = number;
-    return done;
 }
 
 void Store::SetAttemptState(std::int64_t attempt, AttemptState state) {
@@ -253,7 +240,8 @@ void Store::WriteFinal(const Holder& holder, const FinalStatus& final) {
         .Run();
 }
 
-Result<FinishOutcome> Store::Finish(const std::string& token, const FinalStatus& final) {
+Result<FinishOutcome> Store::Finish(const std::string& token, const FinalStatus& final,
+                                    const std::string& next) {
     FinishOutcome outcome = FinishOutcome::Committed;
     auto done = ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
         if (!IsActive(holder.state)) {
@@ -275,6 +263,7 @@ Result<FinishOutcome> Store::Finish(const std::string& token, const FinalStatus&
             if (decision.again) event = StateEvent::SaysErrorAgain;
         }
         EndAttempt(holder, event, FinalReason(final), decision);
+        SetReached(next);
     });
     if (!done) return done.error();
     return outcome;
@@ -349,23 +338,25 @@ Result<void> Store::Undone(const std::string& token, const std::string& reason) 
     });
 }
 
-Result<void> Store::Unsaid(const std::string& token, const std::string& reason) {
+Result<void> Store::Unsaid(const std::string& token, const std::string& reason, const std::string& next) {
     return ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
         if (IsActive(holder.state)) LoseAttempt(holder, StateEvent::EndsUnsaid, reason);
+        SetReached(next);
     });
 }
 
-Result<void> Store::Exited(const std::string& token, const WorkerExit& exit) {
+Result<void> Store::Exited(const std::string& token, const WorkerExit& exit, std::int64_t first) {
     return ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
         const std::optional<std::int64_t> code = exit.isKnown ? std::optional(exit.code) : std::nullopt;
         m_database
             ->Prepare(exit.signalled ? "UPDATE attempts SET exited_us = ?1, exit_signal = ?2 "
-                                       "WHERE id = ?3 AND exited_us IS NULL"
+                                       "WHERE (id = ?3 OR id = ?4 OR worker = ?4) AND exited_us IS NULL"
                                      : "UPDATE attempts SET exited_us = ?1, exit_code = ?2 "
-                                       "WHERE id = ?3 AND exited_us IS NULL")
+                                       "WHERE (id = ?3 OR id = ?4 OR worker = ?4) AND exited_us IS NULL")
             .Bind(m_now())
             .Bind(code)
             .Bind(holder.attempt)
+            .Bind(first)
             .Run();
         // An engine that did not live to close the attempt knew it better.
         if (m_database->Changes() != 0)

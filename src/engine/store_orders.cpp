@@ -229,8 +229,11 @@ Result<OrderOutcome> Store::SetPriority(std::int64_t task, const std::string& by
 Result<OrderOutcome> Store::Delete(std::int64_t task, std::vector<std::string>& outputs) {
     return ForOrder(task, StateEvent::Delete, [&](const Ordered& ordered, OrderOutcome& outcome) {
         {
-            Statement files =
-                m_database->Prepare("SELECT output FROM attempts WHERE task = ?1 AND output <> ''");
+            // Attempts of other tasks may have had the same worker.
+            Statement files = m_database->Prepare(
+                "SELECT output FROM attempts a WHERE task = ?1 AND output <> '' AND NOT EXISTS ("
+                "SELECT 1 FROM attempts b WHERE b.task <> ?1 AND b.worker = coalesce(a.worker, a.id)) "
+                "AND NOT EXISTS (SELECT 1 FROM attempts b WHERE b.task <> ?1 AND b.id = a.worker)");
             files.Bind(task);
             while (files.Row()) outputs.push_back(files.Text());
         }

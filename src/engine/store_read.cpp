@@ -78,6 +78,8 @@ AttemptRow ReadAttempt(Statement& row) {
     attempt.furtherText = row.Text();
     attempt.reason = row.OptionalText();
     attempt.output = row.Text();
+    attempt.sharedTask = row.OptionalText();
+    attempt.sharedAttempt = row.OptionalNumber();
     return attempt;
 }
 
@@ -119,7 +121,9 @@ void Store::FillAttempts(TaskDetails& details) {
         "SELECT id, number, state, session, pid, worker_version, worker_guid, reported_task, created_us, "
         "connected_us, started_us, finished_us, last_seen_us, exited_us, exit_code, exit_signal, percent, "
         "speed, average_speed, "
-        "status, detail_code, detail_text, error_code, error_text, further_text, reason, output "
+        "status, detail_code, detail_text, error_code, error_text, further_text, reason, output, "
+        "(SELECT 't' || w.task FROM attempts w WHERE w.id = attempts.worker), "
+        "(SELECT w.number FROM attempts w WHERE w.id = attempts.worker) "
         "FROM attempts WHERE task = ?1 ORDER BY number");
     rows.Bind(details.task.key);
     while (rows.Row()) details.attempts.push_back(ReadAttempt(rows));

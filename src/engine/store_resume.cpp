@@ -18,13 +18,17 @@ void Store::BeginRecord(const std::string& token, std::uint64_t seq) {
     m_recordSeq = seq;
 }
 
-void Store::KeepNumber(std::int64_t attempt, const std::string& token) {
-    if (m_recordSeq == 0 || token != m_recordToken) return;
-    m_database->Prepare("UPDATE attempts SET worker_seq = max(worker_seq, ?1) WHERE id = ?2")
+void Store::KeepNumber(std::int64_t attempt) {
+    if (m_recordSeq == 0) return;
+    m_database
+        ->Prepare(
+            "UPDATE attempts SET worker_seq = max(worker_seq, ?1) "
+            "WHERE token = ?2 AND (id = ?3 OR id = (SELECT worker FROM attempts WHERE id = ?3))")
         .Bind(static_cast<std::int64_t>(m_recordSeq))
+        .Bind(m_recordToken)
         .Bind(attempt)
         .Run();
-    m_recordSeq = 0;
+    if (m_database->Changes() != 0) m_recordSeq = 0;
 }
 
 Result<void> Store::EndRecord() {

@@ -163,7 +163,15 @@ CREATE INDEX attempts_lost ON attempts (task) WHERE state = 'lost';
 PRAGMA user_version = 6;
 )sql";
 
-constexpr const char* kSteps[] = {kStep1, kStep2, kStep3, kStep4, kStep5, kStep6};
+// The attempt that an attempt's worker was started for, when that is another one: they share the worker.
+constexpr const char* kStep7 = R"sql(
+ALTER TABLE attempts ADD COLUMN worker INTEGER;
+CREATE INDEX attempts_by_worker ON attempts (worker) WHERE worker IS NOT NULL;
+
+PRAGMA user_version = 7;
+)sql";
+
+constexpr const char* kSteps[] = {kStep1, kStep2, kStep3, kStep4, kStep5, kStep6, kStep7};
 static_assert(std::size(kSteps) == kSchemaVersion);
 
 }  // namespace

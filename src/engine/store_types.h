@@ -58,6 +58,7 @@ struct Candidate {
     std::int64_t task = 0;
     std::int32_t type = 0;
     Demand demand;
+    mutable bool endsSearch = false;  // set by who is asked: none behind it is looked at
 };
 
 // A task that has just got an attempt. `token` is the attempt's secret and its key for every later verb.
@@ -69,6 +70,14 @@ struct Claim {
     std::string id;
     std::string text;
     std::string token;
+};
+
+// A worker that takes one more task.
+struct SharedWorker {
+    std::int64_t first = 0;   // the attempt that it was started for
+    std::int64_t latest = 0;  // the one that it got last
+    std::string task;         // ID of the task of the latest
+    bool idle = false;        // it begins the task at once
 };
 
 // A 4009 entry with status 0, 4 or 5. `result` is JSON, empty when there is none.
@@ -205,6 +214,8 @@ struct AttemptRow {
     std::string furtherText;
     std::optional<std::string> reason;
     std::string output;
+    std::optional<std::string> sharedTask;      // whose attempt the worker was started for, when not this one
+    std::optional<std::int64_t> sharedAttempt;  // the number of that attempt
     // Found when somebody asks for them, not stored.
     std::string log;
     std::string crashReport;

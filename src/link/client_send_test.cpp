@@ -175,7 +175,16 @@ TEST(EngineClientSend, AFinalStatusThatIsSentAgainIsANewFrame) {
     const std::vector<Frame> frames = engine.Frames(TCP_WORKER_STATE_ID);
     ASSERT_EQ(frames.size(), 3u);
     EXPECT_EQ(frames[2].seq, 3u);
-    EXPECT_EQ(frames[0].body, frames[2].body);
+    // The same record, and marked as that.
+    std::string marked = frames[0].body;
+    EXPECT_FALSE(IsMarkedRepeat(marked));
+    MarkRepeat(marked);
+    EXPECT_TRUE(IsMarkedRepeat(marked));
+    EXPECT_EQ(frames[1].body, marked);
+    EXPECT_EQ(frames[2].body, marked);
+
+    EXPECT_TRUE(test.SendState(kTaskError));  // another task's
+    EXPECT_EQ(engine.Frames(TCP_WORKER_STATE_ID).back().body, frames[0].body);
 }
 
 TEST(EngineClientSend, TheWaitOfAFinalStatusFollowsTheClock) {

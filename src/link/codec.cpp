@@ -362,6 +362,18 @@ bool IsFinalTaskStatus(std::uint32_t status) {
     return status == kTaskFinished || status == kTaskError || status == kTaskCancelled;
 }
 
+void MarkRepeat(std::string& body) {
+    // Fields of a message may follow each other in any number of pieces.
+    wire::StateMessage mark;
+    mark.set_repeat(true);
+    body += mark.SerializeAsString();
+}
+
+bool IsMarkedRepeat(std::string_view body) {
+    wire::StateMessage message;
+    return message.ParseFromArray(body.data(), static_cast<int>(body.size())) && message.repeat();
+}
+
 bool IsFinalState(const EngineStateMessage& message) {
     for (const TaskStatusEntry& entry : message.entries)
         if (IsFinalTaskStatus(entry.status)) return true;

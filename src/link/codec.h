@@ -83,6 +83,11 @@ bool IsFinalTaskStatus(std::uint32_t status);
 // committed.
 bool IsFinalState(const EngineStateMessage& message);
 
+// Marks the body of a 4009 as a status that was sent before and not acknowledged in time.
+inline constexpr std::size_t kRepeatMark_bytes = 2;
+void MarkRepeat(std::string& body);
+bool IsMarkedRepeat(std::string_view body);
+
 // ---- engine to worker ----
 
 struct DestroyOrder {};

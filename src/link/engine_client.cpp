@@ -439,9 +439,14 @@ bool EngineClient::SendMessage(std::uint32_t sessionId, std::uint32_t id, const 
 
     FinalWait wait(m_clock);
     std::string problem;
+    std::string unmarked;
+    if (isFinal && static_cast<const EngineStateMessage*>(record)->entries.back().status != kTaskCancelled)
+        unmarked = *body;
     {
         MutexLock lock(m_lock);
         std::uint64_t seq = 0;
+        if (!unmarked.empty() && m_unanswered.Has(unmarked) && BodyFits(body->size() + kRepeatMark_bytes))
+            MarkRepeat(*body);
         SpoolWriter::Body copy;
         if (m_session && m_session->SessionId() == sessionId) {
             if (isFinal && !m_session->SpoolFolder().empty())
@@ -464,6 +469,7 @@ bool EngineClient::SendMessage(std::uint32_t sessionId, std::uint32_t id, const 
     MutexLock lock(m_lock);
     m_finals.Remove(&wait);
     if (!acknowledged) SpoolFinal();
+    if (!unmarked.empty()) m_unanswered.Note(unmarked, acknowledged);
     return acknowledged;
 }
 

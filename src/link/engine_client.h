@@ -142,6 +142,7 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     std::string m_spoolFolder RQ_GUARDED_BY(m_lock);
     std::uint64_t m_spooled RQ_GUARDED_BY(m_lock) =
         0;  // the newest given to m_spool, until it is acknowledged
+    Unanswered m_unanswered RQ_GUARDED_BY(m_lock);
 
     // What Connect waits for. Each call is an attempt; only what belongs to the newest is taken.
     Signal m_connectSignal{m_clock};

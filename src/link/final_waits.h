@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "base/sync.h"
@@ -60,6 +61,24 @@ class FinalWaits {
         FinalWait* wait;
     };
     std::vector<Entry> m_waits;
+};
+
+// Final statuses that were sent and not acknowledged in time. Their caller sends those with status 0 and 4
+// again.
+class Unanswered {
+  public:
+    bool Has(const std::string& body) const {
+        return std::find(m_bodies.begin(), m_bodies.end(), body) != m_bodies.end();
+    }
+    void Note(const std::string& body, bool acknowledged) {
+        std::erase(m_bodies, body);
+        if (!acknowledged) m_bodies.push_back(body);
+        // Two senders at most: the task's own end and the patrol.
+        if (m_bodies.size() > 2) m_bodies.erase(m_bodies.begin());
+    }
+
+  private:
+    std::vector<std::string> m_bodies;
 };
 
 }  // namespace rq::link

@@ -69,6 +69,7 @@ STATUS_ENTRY = {1: _field("task_id", BYTES), 2: _field("second", BYTES), 3: _fie
                 13: _field("transcode", MESSAGE, False, TRANSCODE_RESULT)}
 STATE = dict(_RECORD_HEAD)
 STATE[5] = _field("entries", MESSAGE, True, STATUS_ENTRY)
+STATE[6] = _field("repeat", UINT)
 TASK_COMMAND = {1: _field("uuid", BYTES), 2: _field("text", BYTES), 3: _field("task_ids", BYTES, True)}
 TASK_TEXT = {1: _field("text", BYTES)}
 FRAME = {1: _field("seq", UINT), 2: _field("ack", UINT), 3: _field("id", UINT), 4: _field("body", BYTES)}

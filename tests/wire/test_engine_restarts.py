@@ -125,7 +125,11 @@ class Restarts(unittest.TestCase):
         self.assertEqual(task["attempts"], 1 + undone, told)
         self.assertEqual(kinds.count("claimed"), 1 + undone, told)
         self.assertEqual(kinds.count("final"), 1, told)
-        for kind in ("killed", "lost", "repeat", "late-status", "late-worker"):
+        # On Windows it may leave a process that never runs.
+        killed = [event["data"]["rule"] for event in events if event["kind"] == "killed"]
+        self.assertEqual([rule for rule in killed if rule != "no-connection"], [], told)
+        self.assertLessEqual(len(killed), undone, told)
+        for kind in ("lost", "repeat", "late-status", "late-worker"):
             self.assertNotIn(kind, kinds, told)
         self.assertEqual(bytes_of(target), expected, "%s is not what an undisturbed run makes" % target)
 

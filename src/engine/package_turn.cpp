@@ -1,0 +1,36 @@
+#include "engine/package_turn.h"
+
+#include "link/codec.h"
+
+namespace rq::engine {
+
+namespace {
+
+constexpr std::uint32_t kStallDetailError = 0x80000001;
+constexpr std::uint32_t kStallTaskError = 6;
+
+}  // namespace
+
+bool IsStallReport(const TaskStatusEntry& entry) {
+    return entry.status == kTaskError && entry.detailErrorCode == kStallDetailError &&
+           entry.errorCode == kStallTaskError;
+}
+
+PackageTurn::Meaning PackageTurn::Of(const TaskStatusEntry& entry, bool repeated) const {
+    const bool final = link::IsFinalTaskStatus(entry.status);
+    switch (m_phase) {
+        case Phase::Given:
+            if (entry.status == kTaskRunning) return Meaning::Begins;
+            if (!final) return Meaning::Other;
+            // The patrol may find a task overdue in the moment of its end.
+            if (m_hasEarlier && !m_held && (repeated || IsStallReport(entry))) return Meaning::OfEarlier;
+            return Meaning::Ends;
+        case Phase::Begun:
+            // The core reports once before the perform call and once after it, whatever the status is then.
+            return final ? Meaning::Ends : Meaning::EndsUnsaid;
+        default:
+            return final ? Meaning::Late : Meaning::Other;
+    }
+}
+
+}  // namespace rq::engine
