@@ -104,9 +104,9 @@ int Idle(std::uint16_t port, const std::string& token, unsigned count, const std
     std::vector<int> sockets(count);
     std::vector<Input> inputs(count);
     const Time begin = Now();
-    for (int& one : sockets) one = Connect(port);
-    for (unsigned i = 0; i < count; ++i) WriteAll(sockets[i], HelloFrame(token, i));
     for (unsigned i = 0; i < count; ++i) {
+        sockets[i] = Connect(port);
+        WriteAll(sockets[i], HelloFrame(token, i));
         Frame frame;
         while (!inputs[i].Next(&frame)) Check(inputs[i].Feed(sockets[i]), "a connection was closed");
         Check(frame.id == kWelcome, "a worker was refused");
