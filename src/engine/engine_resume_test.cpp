@@ -511,6 +511,65 @@ TEST_F(ResumeTest, AWorkerThatNeverGotItsWelcomeBeginsAnew) {
     EXPECT_EQ(Show(id)["attempts"], 1);
 }
 
+// Its interval is what the stage said when it began.
+TEST_F(ResumeTest, AWorkerKeepsTheSilenceThatItsStartAllowed) {
+    m_settings.leastSilence = 0ms;
+    Start();
+    const auto quiet = Submit("connect\nstatus 3\nresume\nsleep 1000\nfinal 0\nbye\n");
+    AwaitState(quiet, "running");
+    Stop(Engine::End::LeaveWorkers);
+    m_settings.heartbeatInterval = 50ms;
+    Start();
+    EXPECT_EQ(Ended(quiet)["state"], "finished");
+    Stop();
+    m_settings.heartbeatInterval = 1s;
+    Start();
+    const auto hung = Submit("connect\nstatus 3\nresume\nhang\n");
+    AwaitState(hung, "running");
+    Stop(Engine::End::LeaveWorkers);
+    m_settings.heartbeatInterval = 1h;
+    Start();
+    EXPECT_EQ(
+        Verdict(hung),
+        "no-heartbeat: no heartbeat and nothing else came from the worker for 3 s, three of its intervals");
+}
+
+TEST_F(ResumeTest, AWorkerThatEndedInGoodOrderIsNotLostForTheNextEngine) {
+    AllowAttempts(3);
+    m_settings.linkGrace = 10s;
+    Start();
+    const auto gone = Submit("connect\nstatus 3\nbye\nhang\n");
+    EventsUntil(gone, "disconnected");
+    const auto there = Submit("connect\nstatus 3\nbye\nsleep 1000\n");
+    EventsUntil(there, "disconnected");
+    const auto process = ProcessOf(gone);
+    Restart([&] { EndWorker(process); });
+    for (const auto& id : {gone, there}) {
+        AwaitState(id, "failed");
+        const json task = Show(id);
+        EXPECT_EQ(task["attempts"], 1);
+        EXPECT_EQ(task["reason"], "the worker ended in good order and in status 3, without a final status");
+    }
+}
+
+// The last engine was killed between the record of the end and what follows from it.
+TEST_F(ResumeTest, AnEndThatWasRecordedIsNotForgotten) {
+    Start();
+    const auto id = Submit("connect\nstatus 3\nbye\nexit 7\n");
+    Ended(id);
+    Restart([&] {
+        Change(
+            "UPDATE attempts SET is_open = 1, state = 'running', finished_us = NULL, reason = NULL; "
+            "UPDATE tasks SET state = 'running', finished_us = NULL, reason = NULL");
+    });
+    ASSERT_TRUE(kit::WaitUntil([&] { return Show(id)["state"] != "running"; }));
+    const json task = Show(id);
+    EXPECT_EQ(task["state"], "lost");
+    EXPECT_EQ(task["attempt_list"][0]["exit"]["code"], 7);
+    EXPECT_EQ(task["reason"], "worker ended with exit code 7 before it reported a final status");
+    EXPECT_EQ(Count(EventsUntil(id, "worker-exited"), "worker-exited"), 1);
+}
+
 TEST_F(ResumeTest, APortThatSomebodyElseHasIsSaid) {
     m_settings.resumeWindow = 200ms;
     Start();

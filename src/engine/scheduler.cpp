@@ -140,7 +140,9 @@ void Scheduler::StartWorker(Claim claim) {
     run.life = {worker->name, worker->processId, Store::SystemNow()(), 0};
     run.beatLimit = BeatLimit();
     m_log.Info(run.claim.id + ": worker " + std::to_string(worker->processId) + " started");
-    Report(m_store.WorkerStarted(token, worker->processId, worker->output, worker->mark), "a start");
+    Report(
+        m_store.WorkerStarted(token, worker->processId, worker->output, worker->mark, run.beatLimit.count()),
+        "a start");
     AwaitConnection(run);
 }
 
@@ -414,6 +416,14 @@ void Scheduler::Arm(Run& run, std::chrono::milliseconds after, std::function<voi
 void Scheduler::Disarm(Run& run) {
     ++run.timerUse;
     run.timer.cancel();
+}
+
+void Scheduler::AwaitEnd(Run& run, const std::string& why) {
+    Arm(run, m_settings.linkGrace, [this, why](Run& late) {
+        Kill(late, "connection-lost",
+             "the connection ended (" + why + ") and the worker did not within " +
+                 DurationText(m_settings.linkGrace));
+    });
 }
 
 void Scheduler::Report(const Result<void>& result, const char* what) {

@@ -281,6 +281,8 @@ class Scheduler final : public SessionHost {
     static bool IsUndone(const Run& run);
     void FinishEnd();
 
+    // Its session has ended, and is not resumed.
+    void AwaitEnd(Run& run, const std::string& why);
     // Replaces the deadline of the run.
     void Arm(Run& run, std::chrono::milliseconds after, std::function<void(Run&)> then);
     void Disarm(Run& run);

@@ -281,18 +281,14 @@ void Scheduler::OnSessionEnd(Session& session, const std::string& why) {
         return;
     }
     m_sessions.erase(session.Id());
-    Report(m_store.Note(run->claim.token, "disconnected", ReasonEventJson(RepairUtf8(why))), "a loss");
+    Report(m_store.Disconnected(run->claim.token, run->worker, RepairUtf8(why), run->saidBye), "a loss");
     if (run->external || run->exit) {
         Settle(*run);
         return;
     }
     if ((run->final && !kept) || !run->killReason.empty()) return;
     m_log.Warn(run->claim.id + ": session " + std::to_string(session.Id()) + " ended: " + why);
-    Arm(*run, m_settings.linkGrace, [this, why](Run& late) {
-        Kill(late, "connection-lost",
-             "the connection ended (" + why + ") and the worker did not within " +
-                 DurationText(m_settings.linkGrace));
-    });
+    AwaitEnd(*run, why);
 }
 
 void Scheduler::OnLinkTrouble(const std::string& what) {

@@ -191,6 +191,7 @@ void Scheduler::TakeOver(const OpenAttempt& attempt, std::vector<std::string>& g
     run.external = attempt.external;
     run.connected = attempt.session.has_value();
     run.final = !IsActive(attempt.state);
+    run.saidBye = attempt.saidBye;
     run.reportedTask = attempt.reportedTask;
     run.pauseSent = attempt.asked == TCP_TASK_SUSPEND_ID;
     run.resumeSent = attempt.asked == TCP_TASK_RESUME_ID;
@@ -203,12 +204,14 @@ void Scheduler::TakeOver(const OpenAttempt& attempt, std::vector<std::string>& g
     if (!run.external) {
         const std::string name = NameOfOutput(attempt.output);
         run.life = {name.empty() ? m_launcher.NameOf(run.claim) : name, run.processId, attempt.created_us, 0};
-        run.beatLimit = BeatLimit();
+        // Those of its interval, not of what the stage says now.
+        run.beatLimit = attempt.silence_ms != 0 ? std::chrono::milliseconds(attempt.silence_ms) : BeatLimit();
     }
     Report(m_store.Interrupted(token, "the engine ended while this attempt was open"), "a take-over");
     // Of one that was started by hand, and has no mark, nobody knows what its number stands for.
     const bool isThere =
-        !attempt.processId ? true
+        attempt.exit || (run.external && run.saidBye) ? false
+        : !attempt.processId                          ? true
         : run.external ? run.processMark.empty() || m_launcher.Watch(token, run.processId, run.processMark)
                        : m_launcher.TakeOver(token, run.life.name, run.processId, run.processMark);
     if (isThere) {
@@ -216,7 +219,7 @@ void Scheduler::TakeOver(const OpenAttempt& attempt, std::vector<std::string>& g
         return;
     }
     if (!run.external) m_launcher.EndLeftTree(token, run.processId);
-    run.exit = WorkerExit{false, 0, false};
+    run.exit = attempt.exit.value_or(WorkerExit{false, 0, false});
     gone.push_back(token);
 }
 
@@ -227,6 +230,7 @@ void Scheduler::AwaitTakenOver(Run& run, const OpenAttempt& attempt) {
                                          (run.processMark.empty()
                                               ? " may still be there: nobody can tell it from another process"
                                               : " is still there")));
+    if (run.saidBye) return run.final ? SendEnd(run) : AwaitEnd(run, "the worker closed it");
     if (attempt.session) {
         run.sessionId = *attempt.session;
         // Its own engine may have promised more than this one does.

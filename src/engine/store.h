@@ -23,7 +23,7 @@
 namespace rq::engine {
 
 // Newest schema that this program knows.
-inline constexpr int kSchemaVersion = 7;
+inline constexpr int kSchemaVersion = 8;
 
 class Store {
   public:
@@ -96,9 +96,9 @@ class Store {
     Result<std::vector<TypeStop>> Stops();
 
     // ---- the attempt that holds the token ----
-    // `mark` tells the process from a later one with its id.
+    // `mark` tells the process from a later one with its id. `silence_ms`: as OpenAttempt's.
     Result<void> WorkerStarted(const std::string& token, std::uint64_t processId, const std::string& output,
-                               const std::string& mark = {});
+                               const std::string& mark = {}, std::int64_t silence_ms = 0);
     Result<void> Connected(const std::string& token, std::uint32_t session, std::uint64_t processId,
                            const std::string& version, const std::string& mark = {});
     Result<void> Notice(const std::string& token, const std::string& taskId, const std::string& guid);
@@ -110,6 +110,9 @@ class Store {
     Result<void> Seen(const std::string& token);
     // An event of the attempt that changes nothing else; `json` is an object.
     Result<void> Note(const std::string& token, const std::string& kind, const std::string& json);
+    // The session has ended. `worker`: the token of the attempt that the worker was started for.
+    Result<void> Disconnected(const std::string& token, const std::string& worker, const std::string& reason,
+                              bool saidBye);
     // The first final status decides; the same again is a Repeat, another one is Late and changes nothing.
     // `next`: the attempt that the worker may begin as soon as this status is acknowledged, if any.
     Result<FinishOutcome> Finish(const std::string& token, const FinalStatus& final,

@@ -65,13 +65,17 @@ void Store::SetAttemptState(std::int64_t attempt, AttemptState state) {
 }
 
 Result<void> Store::WorkerStarted(const std::string& token, std::uint64_t processId,
-                                  const std::string& output, const std::string& mark) {
+                                  const std::string& output, const std::string& mark,
+                                  std::int64_t silence_ms) {
     return ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
-        m_database->Prepare("UPDATE attempts SET pid = ?1, output = ?2, process_mark = ?3 WHERE id = ?4")
+        m_database
+            ->Prepare(
+                "UPDATE attempts SET pid = ?1, output = ?2, process_mark = ?3, silence_ms = ?5 WHERE id = ?4")
             .Bind(static_cast<std::int64_t>(processId))
             .Bind(output)
             .Bind(mark)
             .Bind(holder.attempt)
+            .Bind(silence_ms)
             .Run();
         AddEvent(holder.task, holder.attempt, "worker-started", ProcessEventJson(processId));
     });

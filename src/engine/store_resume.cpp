@@ -2,7 +2,7 @@
 #include <charconv>
 
 #include "engine/json.h"
-#include "engine/store.h"
+#include "engine/store_change.h"
 
 namespace rq::engine {
 
@@ -10,6 +10,10 @@ namespace {
 
 // A link that breaks all the time must not fill the store: so many events of each of the two kinds.
 constexpr std::int64_t kInterruptionsTold = 50;
+
+WorkerExit ExitOf(std::optional<std::int64_t> code, std::optional<std::int64_t> signal) {
+    return {signal.has_value(), code.value_or(signal.value_or(0)), code || signal};
+}
 
 }  // namespace
 
@@ -69,6 +73,17 @@ Result<void> Store::Resumed(const std::string& token, std::uint64_t processId) {
     return Commit(transaction, holder->task);
 }
 
+Result<void> Store::Disconnected(const std::string& token, const std::string& worker,
+                                 const std::string& reason, bool saidBye) {
+    return ForHolder(token, Transaction::Sync::Relaxed, [&](const Holder& holder) {
+        m_database->Prepare("UPDATE attempts SET said_bye = ?1 WHERE token = ?2")
+            .Bind(std::int64_t{saidBye})
+            .Bind(worker)
+            .Run();
+        AddEvent(holder.task, holder.attempt, "disconnected", ReasonEventJson(reason));
+    });
+}
+
 Result<void> Store::Closed(const std::string& token) {
     Transaction transaction(*m_database, Transaction::Sync::Relaxed);
     m_database->Prepare("UPDATE attempts SET is_open = 0 WHERE token = ?1").Bind(token).Run();
@@ -81,7 +96,8 @@ Result<std::vector<OpenAttempt>> Store::OpenAttempts() {
         Statement row = m_database->Prepare(
             "SELECT a.task, a.id, a.number, t.type, t.public_id, a.token, a.state, t.origin = 'external', "
             "t.cancel_us IS NOT NULL, a.started_us IS NOT NULL, a.session, a.pid, a.process_mark, a.output, "
-            "a.reported_task, a.created_us, a.worker_seq, a.asked, a.text_asked "
+            "a.reported_task, a.created_us, a.worker_seq, a.asked, a.text_asked, a.silence_ms, a.said_bye, "
+            "a.exited_us IS NOT NULL, a.exit_code, a.exit_signal "
             "FROM attempts a JOIN tasks t ON t.id = a.task WHERE a.is_open = 1 ORDER BY a.id");
         while (row.Row()) {
             OpenAttempt& attempt = attempts.emplace_back();
@@ -106,6 +122,12 @@ Result<std::vector<OpenAttempt>> Store::OpenAttempts() {
             attempt.workerSeq = static_cast<std::uint64_t>(row.Number());
             attempt.asked = static_cast<std::uint32_t>(row.Number());
             attempt.textAsked = row.Number() != 0;
+            attempt.silence_ms = row.Number();
+            attempt.saidBye = row.Number() != 0;
+            const bool exited = row.Number() != 0;
+            const auto code = row.OptionalNumber();
+            const auto signal = row.OptionalNumber();
+            if (exited) attempt.exit = ExitOf(code, signal);
         }
     }
     if (auto ok = Checked(); !ok) return ok.error();

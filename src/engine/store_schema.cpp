@@ -171,7 +171,16 @@ CREATE INDEX attempts_by_worker ON attempts (worker) WHERE worker IS NOT NULL;
 PRAGMA user_version = 7;
 )sql";
 
-constexpr const char* kSteps[] = {kStep1, kStep2, kStep3, kStep4, kStep5, kStep6, kStep7};
+// How long the attempt's worker may say nothing, as it was when that was started; whether it has closed its
+// session.
+constexpr const char* kStep8 = R"sql(
+ALTER TABLE attempts ADD COLUMN silence_ms INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE attempts ADD COLUMN said_bye INTEGER NOT NULL DEFAULT 0;
+
+PRAGMA user_version = 8;
+)sql";
+
+constexpr const char* kSteps[] = {kStep1, kStep2, kStep3, kStep4, kStep5, kStep6, kStep7, kStep8};
 static_assert(std::size(kSteps) == kSchemaVersion);
 
 }  // namespace

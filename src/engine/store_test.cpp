@@ -401,7 +401,7 @@ void MakeOldStore(const std::string& path, int version) {
 }
 
 TEST_F(StoreTest, AStoreOfAnEarlierSchemaIsBroughtUpWithItsTasks) {
-    for (const int version : {1, 2, 3, 4, 5, 6}) {
+    for (const int version : {1, 2, 3, 4, 5, 6, 7}) {
         const std::string path = m_folder.Utf8("old" + std::to_string(version) + ".db");
         MakeOldStore(path, version);
         m_store = Store::Open(path, [this] { return m_now; }).value();
@@ -418,6 +418,9 @@ TEST_F(StoreTest, AStoreOfAnEarlierSchemaIsBroughtUpWithItsTasks) {
         EXPECT_EQ(Task(2).averageSpeed, 62.25);
         m_store->SetRetryRules(RetryRules::Standard());
         ASSERT_EQ(m_store->OpenAttempts().value().size(), 1u) << "and none that has ended long ago";
+        EXPECT_FALSE(m_store->OpenAttempts().value()[0].saidBye);
+        ASSERT_TRUE(m_store->WorkerStarted(claim.token, 4711, "", "", 45'000));
+        EXPECT_EQ(m_store->OpenAttempts().value()[0].silence_ms, 45'000);
         ASSERT_TRUE(m_store->Lost(claim.token, "gone"));
         EXPECT_EQ(Task(2).state, TaskState::Queued);
         EXPECT_TRUE(Task(2).notBefore_us);

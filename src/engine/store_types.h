@@ -237,6 +237,9 @@ struct OpenAttempt {
     std::uint64_t workerSeq = 0;  // highest of the worker's numbers that the store has
     std::uint32_t asked = 0;      // 4004 or 4006, not answered; 0: neither
     bool textAsked = false;       // 4015, not answered
+    std::int64_t silence_ms = 0;  // after which its worker is ended; 0: not known
+    bool saidBye = false;         // the worker has closed its session
+    std::optional<WorkerExit> exit;
 };
 
 struct EventRow {
