@@ -51,6 +51,9 @@ bool IsTemporaryName(std::string_view name);
 // opens it; with words. Empty: it does not.
 std::string WhyNoName(const std::string& path);
 
+// Makes the names in folders, and their absence, last where the system can; one that is gone is passed over.
+void SyncFolders(const std::vector<std::string>& folders);
+
 class Publication {
   public:
     Publication() = default;
@@ -62,8 +65,10 @@ class Publication {
     // file system cannot give; removes temporaries that dead processes left in the folder; creates the
     // temporary. A target that replaces a plain file gets that one's access rights, as far as the system
     // allows.
+    // Who makes many files in one folder has it cleaned with the first alone.
+    enum class Cleaning { kDo, kLeave };
     std::optional<PublishFailure> Begin(const std::string& target, const std::vector<std::string>& sources,
-                                        bool overwrite);
+                                        bool overwrite, Cleaning cleaning = Cleaning::kDo);
 
     // Writes all of it at that place of the temporary. The system is told now and then to begin writing to
     // the disk, so that the sync at the end is short.
@@ -86,11 +91,19 @@ class Publication {
     // failure the temporary is gone.
     std::optional<PublishFailure> Sync();
 
+    // For many small files, which are slow to sync one after the other: EndWriting when one is complete, has
+    // the system begin to write it to the disk; SyncAll has all of them there, in the order given. Where the
+    // file system is known to keep a sync of all it holds, that is one call.
+    void EndWriting();
+    static std::vector<std::optional<PublishFailure>> SyncAll(const std::vector<Publication*>& files);
+
     // Syncs the temporary, lets `check` look at it under its temporary name, gives it the target's name and
     // syncs the folder. Without overwriting, a target that has come into being meanwhile is left alone and
     // reported. After a failure the temporary is gone.
     using Check = std::function<bool(const std::string& temporaryPath)>;
     std::optional<PublishFailure> Publish(const Check& check);
+    // The same, but the sync of the folder is the caller's (SyncFolders).
+    std::optional<PublishFailure> GiveName(const Check& check);
 
     // Removes the temporary, when there still is one.
     void Discard();
@@ -98,6 +111,7 @@ class Publication {
   private:
     std::optional<PublishFailure> CreateTemporary(const std::string& folder, std::string_view name);
     std::optional<PublishFailure> Rename();
+    std::optional<PublishFailure> Synced(std::uint32_t code);
     std::uint32_t RenameToFreeName();
     std::uint32_t ApplyFacts();
     void StartWriting();

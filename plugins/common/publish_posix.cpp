@@ -1,14 +1,18 @@
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/file.h>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <map>
 #include <memory>
 
 #include "plugin_common/file.h"
@@ -84,15 +88,53 @@ void RemoveLeftTemporaries(const std::string& folder) {
     }
 }
 
-// Makes a name or its absence last. Not every file system can; the file itself is synced by then.
-void SyncFolder(const std::string& folder) {
-    const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    ::fsync(fd);
-    ::close(fd);
+// Syncing one after the other, each waits for a write of the file system's journal. With so many at a time
+// the whole file system is synced instead; what others wrote there is waited for too.
+constexpr std::size_t kMany = 8;
+
+// Those of which syncfs leaves everything on the disk. Others (FUSE, shares) only hand it on by it.
+bool SyncsAsAWhole(int fd) {
+    struct statfs facts {};
+    if (::fstatfs(fd, &facts) != 0) return false;
+    const auto type = static_cast<std::uint32_t>(facts.f_type);
+    constexpr std::array<std::uint32_t, 5> kKnown{EXT4_SUPER_MAGIC, XFS_SUPER_MAGIC, BTRFS_SUPER_MAGIC,
+                                                  F2FS_SUPER_MAGIC, TMPFS_MAGIC};
+    return std::find(kKnown.begin(), kKnown.end(), type) != kKnown.end();
+}
+
+// The code of each.
+std::vector<std::uint32_t> SyncTogether(const std::vector<int>& fds) {
+    std::map<dev_t, std::vector<std::size_t>> disks;
+    for (std::size_t i = 0; i < fds.size(); ++i) {
+        struct stat facts {};
+        if (::fstat(fds[i], &facts) == 0) disks[facts.st_dev].push_back(i);
+    }
+    std::vector<std::uint32_t> codes(fds.size(), 0);
+    for (const auto& [disk, members] : disks) {
+        const int first = fds[members.front()];
+        const bool isWhole = members.size() >= kMany && SyncsAsAWhole(first) && ::syncfs(first) == 0;
+        for (const std::size_t i : members) {
+            // After a sync of the whole only the question is left whether this file was written.
+            constexpr unsigned kWritten =
+                SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+            if (isWhole && ::sync_file_range(fds[i], 0, 0, kWritten) == 0) continue;
+            if (::fsync(fds[i]) != 0) codes[i] = LastCode();
+        }
+    }
+    return codes;
 }
 
 }  // namespace
+
+void SyncFolders(const std::vector<std::string>& folders) {
+    std::vector<int> fds;
+    for (const std::string& folder : folders) {
+        const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (fd >= 0) fds.push_back(fd);
+    }
+    (void)SyncTogether(fds);  // not every file system can; the files themselves are synced by then
+    for (const int fd : fds) ::close(fd);
+}
 
 bool IsSameFile(const std::string& first, const std::string& second) {
     struct stat a {};
@@ -112,7 +154,8 @@ std::optional<PublishFailure> Publication::Fail(PublishProblem problem, std::uin
 }
 
 std::optional<PublishFailure> Publication::Begin(const std::string& target,
-                                                 const std::vector<std::string>& sources, bool overwrite) {
+                                                 const std::vector<std::string>& sources, bool overwrite,
+                                                 Cleaning cleaning) {
     Discard();
     m_target = target;
     m_overwrite = overwrite;
@@ -137,7 +180,7 @@ std::optional<PublishFailure> Publication::Begin(const std::string& target,
         return Fail(PublishProblem::kCreate, ENAMETOOLONG, target);
     }
     const std::string folder = FolderOf(target);
-    RemoveLeftTemporaries(folder);
+    if (cleaning == Cleaning::kDo) RemoveLeftTemporaries(folder);
     return CreateTemporary(folder, CutName(NameOf(target)));
 }
 
@@ -240,14 +283,37 @@ std::optional<PublishFailure> Publication::Sync() {
     if (m_temporary.empty()) return Fail(PublishProblem::kWrite, 0, m_target + ": nothing was begun");
     // Not every file system keeps them: the content is what counts.
     if (m_facts) (void)ApplyFacts();
-    if (::fsync(static_cast<int>(m_handle)) != 0)
-        return Fail(PublishProblem::kWrite, LastCode(),
-                    m_target + ": the file cannot be written to the disk");
+    return Synced(::fsync(static_cast<int>(m_handle)) == 0 ? 0 : LastCode());
+}
+
+std::optional<PublishFailure> Publication::Synced(std::uint32_t code) {
+    if (code != 0)
+        return Fail(PublishProblem::kWrite, code, m_target + ": the file cannot be written to the disk");
     m_isSynced = true;
     return std::nullopt;
 }
 
+void Publication::EndWriting() {
+    if (m_facts) (void)ApplyFacts();
+    (void)::sync_file_range(static_cast<int>(m_handle), 0, 0, SYNC_FILE_RANGE_WRITE);
+}
+
+std::vector<std::optional<PublishFailure>> Publication::SyncAll(const std::vector<Publication*>& files) {
+    std::vector<int> fds;
+    for (const Publication* file : files) fds.push_back(static_cast<int>(file->m_handle));
+    const std::vector<std::uint32_t> codes = SyncTogether(fds);
+    std::vector<std::optional<PublishFailure>> failures;
+    for (std::size_t i = 0; i < files.size(); ++i) failures.push_back(files[i]->Synced(codes[i]));
+    return failures;
+}
+
 std::optional<PublishFailure> Publication::Publish(const Check& check) {
+    if (auto failure = GiveName(check)) return failure;
+    SyncFolders({FolderOf(m_target)});
+    return std::nullopt;
+}
+
+std::optional<PublishFailure> Publication::GiveName(const Check& check) {
     if (!m_isSynced)
         if (auto failure = Sync()) return failure;
     // What cannot be set stays as it is for new files: the rights are no part of the output.
@@ -257,7 +323,6 @@ std::optional<PublishFailure> Publication::Publish(const Check& check) {
     if (auto failure = Rename()) return failure;
     m_temporary.clear();
     Discard();
-    SyncFolder(FolderOf(m_target));
     return std::nullopt;
 }
 

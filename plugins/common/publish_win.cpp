@@ -164,6 +164,8 @@ std::string WhyNoName(const std::string& path) {
     return WhyNotCalled(NameOf(path));
 }
 
+void SyncFolders(const std::vector<std::string>&) {}
+
 std::optional<PublishFailure> Publication::Fail(PublishProblem problem, std::uint32_t code,
                                                 const std::string& what) {
     Discard();
@@ -171,7 +173,8 @@ std::optional<PublishFailure> Publication::Fail(PublishProblem problem, std::uin
 }
 
 std::optional<PublishFailure> Publication::Begin(const std::string& target,
-                                                 const std::vector<std::string>& sources, bool overwrite) {
+                                                 const std::vector<std::string>& sources, bool overwrite,
+                                                 Cleaning cleaning) {
     Discard();
     m_target = target;
     m_overwrite = overwrite;
@@ -197,7 +200,7 @@ std::optional<PublishFailure> Publication::Begin(const std::string& target,
         return Fail(PublishProblem::kCreate, ERROR_FILENAME_EXCED_RANGE, target);
     }
     const std::string folder = FolderOf(target);
-    RemoveLeftTemporaries(folder);
+    if (cleaning == Cleaning::kDo) RemoveLeftTemporaries(folder);
     return CreateTemporary(folder, CutName(NameOf(target)));
 }
 
@@ -292,14 +295,30 @@ std::optional<PublishFailure> Publication::Sync() {
     if (m_temporary.empty()) return Fail(PublishProblem::kWrite, 0, m_target + ": nothing was begun");
     // Not every file system keeps them: the content is what counts.
     if (m_facts) (void)ApplyFacts();
-    if (!::FlushFileBuffers(HandleOf(m_handle)))
-        return Fail(PublishProblem::kWrite, ::GetLastError(),
-                    m_target + ": the file cannot be written to the disk");
+    return Synced(::FlushFileBuffers(HandleOf(m_handle)) ? 0 : ::GetLastError());
+}
+
+std::optional<PublishFailure> Publication::Synced(std::uint32_t code) {
+    if (code != 0)
+        return Fail(PublishProblem::kWrite, code, m_target + ": the file cannot be written to the disk");
     m_isSynced = true;
     return std::nullopt;
 }
 
+void Publication::EndWriting() {}
+
+std::vector<std::optional<PublishFailure>> Publication::SyncAll(const std::vector<Publication*>& files) {
+    std::vector<std::optional<PublishFailure>> failures;
+    for (Publication* file : files) failures.push_back(file->Sync());
+    return failures;
+}
+
+// A rename here is on the disk when it returns.
 std::optional<PublishFailure> Publication::Publish(const Check& check) {
+    return GiveName(check);
+}
+
+std::optional<PublishFailure> Publication::GiveName(const Check& check) {
     if (!m_isSynced)
         if (auto failure = Sync()) return failure;
     if (m_mode >= 0) CopyRights(NativePath(m_target), NativePath(m_temporary));

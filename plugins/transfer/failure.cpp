@@ -25,6 +25,12 @@ Failure TargetFailure(std::uint32_t code, const std::string& words, std::uint64_
     return {task::kErrorTargetUnwritable, code, words};
 }
 
+Failure PublicationFailure(const task::PublishFailure& failure, std::uint64_t size_bytes) {
+    const std::int32_t code = task::TaskErrorOf(failure.problem);
+    if (code != task::kErrorTargetUnwritable) return {code, failure.systemCode, failure.words};
+    return TargetFailure(failure.systemCode, failure.words, size_bytes);
+}
+
 std::string Md5Hex(const task::Md5Digest& digest) {
     return task::HexOf(digest.data(), digest.size());
 }

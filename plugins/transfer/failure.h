@@ -6,6 +6,7 @@
 #include <string>
 
 #include "plugin_common/digest.h"
+#include "plugin_common/publish.h"
 
 namespace rq::transfer {
 
@@ -22,6 +23,7 @@ inline const Failure kStopped{};
 // of their own; `words` have the path.
 Failure SourceFailure(const std::string& path, std::uint32_t code);
 Failure TargetFailure(std::uint32_t code, const std::string& words, std::uint64_t size_bytes);
+Failure PublicationFailure(const task::PublishFailure& failure, std::uint64_t size_bytes);
 
 std::string Md5Hex(const task::Md5Digest& digest);
 

@@ -61,7 +61,7 @@ Problem TransferWork::Settle(const Job& job, bool isSource, Remote::Settings& se
 // The size is looked at for the progress; a file that is missing is said before anything is done.
 void TransferWork::PlanUrl(std::size_t item) {
     const TransferItem& wanted = m_task.items[item];
-    Job job{wanted.source, wanted.target, NameOf(wanted.target), Kind::kFile, 0, item};
+    const Job job{wanted.source, wanted.target, NameOf(wanted.target), Kind::kFile, 0, item};
     Remote::Settings settings;
     if (Problem problem = Settle(job, true, settings)) return Note(std::move(*problem), item);
     settings.goOn = [this](std::uint64_t) { return Tell(0); };
@@ -73,25 +73,24 @@ void TransferWork::PlanUrl(std::size_t item) {
         if (problem->errorCode != 0) Note(std::move(*problem), item);
         return;
     }
-    job.planned_bytes = static_cast<std::uint64_t>(std::max<std::int64_t>(facts.size_bytes, 0));
-    PlanEntry(std::move(job));
+    m_items[item].kind = Kind::kFile;
+    m_items[item].size_bytes = static_cast<std::uint64_t>(std::max<std::int64_t>(facts.size_bytes, 0));
 }
 
-Problem TransferWork::Fetch(const Job& job) {
+Problem TransferWork::Fetch(Job& job) {
     if (Problem problem = CheckTarget(job.source, job.target)) return problem;
     Remote::Settings settings;
     if (Problem problem = Settle(job, true, settings)) return problem;
     Remote remote(std::move(settings));
-    task::Publication target;
-    if (const auto failure = target.Begin(job.target, {}, m_task.overwrite))
-        return FromPublication(*failure, job.planned_bytes);
+    auto target = std::make_unique<task::Publication>();
+    if (Problem problem = Begin(job, {}, job.planned_bytes, *target)) return problem;
     Passing passing(m_task.md5 || m_task.items[job.item].expected, m_task.sha256);
     bool isDigested = true;
     Remote::Sink sink;
     sink.begin = [&] { passing.Begin(); };
     sink.write = [&](std::uint64_t offset, const void* bytes, std::size_t count) {
         isDigested = isDigested && passing.Add(bytes, count);
-        return target.WriteAt(offset, bytes, count);
+        return target->WriteAt(offset, bytes, count);
     };
     std::uint64_t size_bytes = 0;
     if (Problem problem = remote.Download(sink, size_bytes)) {
@@ -101,14 +100,18 @@ Problem TransferWork::Fetch(const Job& job) {
     Digests digests;
     if (!passing.Finish(digests) || !isDigested) return NoDigest(job.source);
     if (Problem problem = CheckExpected(job, digests, nullptr)) return problem;
-    if (const std::uint32_t code = target.SetSize(size_bytes); code != 0)
+    if (const std::uint32_t code = target->SetSize(size_bytes); code != 0)
         return TargetFailure(code, job.target + ": " + task::SystemWords(code), size_bytes);
-    if (Problem problem = Publish(job, target, digests)) return problem;
-    Result(job, "copied", size_bytes, digests);
+    Pending pending{job};
+    pending.target = std::move(target);
+    pending.digests = digests;
+    pending.size_bytes = size_bytes;
+    Queue(std::move(pending));
+    job.isPending = true;
     return std::nullopt;
 }
 
-Problem TransferWork::Send(const Job& job) {
+Problem TransferWork::Send(Job& job) {
     Remote::Settings settings;
     if (Problem problem = Settle(job, false, settings)) return problem;
     task::InputFile source;
@@ -138,7 +141,7 @@ Problem TransferWork::Send(const Job& job) {
     return std::nullopt;
 }
 
-Problem TransferWork::ReadBack(const Job& job, Remote& remote, const Digests& digests) {
+Problem TransferWork::ReadBack(Job& job, Remote& remote, const Digests& digests) {
     Passing passing(true, false);
     Remote::Sink sink;
     sink.begin = [&] { passing.Begin(); };

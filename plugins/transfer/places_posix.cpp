@@ -8,8 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdio>
-#include <memory>
 
 namespace rq::transfer {
 namespace {
@@ -46,25 +44,49 @@ std::optional<Identity> IdentityOf(const std::string& path, bool follow) {
     return Identity{facts.st_dev, facts.st_ino};
 }
 
-std::uint32_t ListFolder(const std::string& path, std::vector<Seen>& entries,
-                         const std::function<bool()>& goOn) {
-    const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(path.c_str()), &::closedir);
-    if (!folder) return LastCode();
-    while (goOn()) {
+std::uint32_t FolderReader::Open(const std::string& path) {
+    Close();
+    m_folder = ::opendir(path.c_str());
+    return m_folder != nullptr ? 0 : LastCode();
+}
+
+std::uint32_t FolderReader::Next(std::vector<Seen>& entries, const std::function<bool()>& goOn) {
+    entries.clear();
+    auto* folder = static_cast<DIR*>(m_folder);
+    std::uint32_t code = 0;
+    while (folder != nullptr && entries.size() < kListed && goOn()) {
         errno = 0;
-        const dirent* entry = ::readdir(folder.get());
-        if (entry == nullptr && errno != 0) return LastCode();
-        if (entry == nullptr) break;
+        const dirent* entry = ::readdir(folder);
+        if (entry == nullptr) {
+            code = LastCode();
+            Close();
+            break;
+        }
         const std::string name = entry->d_name;
         if (name == "." || name == "..") continue;
         struct stat facts {};
-        const int result = ::fstatat(::dirfd(folder.get()), entry->d_name, &facts, AT_SYMLINK_NOFOLLOW);
+        const int result = ::fstatat(::dirfd(folder), entry->d_name, &facts, AT_SYMLINK_NOFOLLOW);
         if (result != 0 && errno == ENOENT) continue;  // removed meanwhile
         entries.push_back(result == 0 ? SeenOf(facts) : Seen{{}, Kind::kOther, 0, false, LastCode()});
         entries.back().name = name;
     }
     std::sort(entries.begin(), entries.end(), [](const Seen& a, const Seen& b) { return a.name < b.name; });
-    return 0;
+    return code;
+}
+
+void FolderReader::Close() {
+    if (m_folder != nullptr) ::closedir(static_cast<DIR*>(m_folder));
+    m_folder = nullptr;
+}
+
+std::string RealPath(const std::string& path) {
+    std::string rest;
+    for (std::string known = path; known != "/"; known = ParentOf(known)) {
+        char real[PATH_MAX];
+        if (::realpath(known.c_str(), real) != nullptr) return (real[1] == '\0' ? "" : real) + rest;
+        rest = "/" + NameOf(known) + rest;
+    }
+    return rest.empty() ? "/" : rest;
 }
 
 std::string ParentOf(const std::string& path) {
@@ -76,8 +98,9 @@ std::string NameOf(const std::string& path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-std::uint32_t MakeFolder(const std::string& path) {
-    if (::mkdir(path.c_str(), 0777) == 0) return 0;
+std::uint32_t MakeFolder(const std::string& path, bool& made) {
+    made = ::mkdir(path.c_str(), 0777) == 0;
+    if (made) return 0;
     const std::uint32_t code = LastCode();
     struct stat facts {};
     return code == EEXIST && ::stat(path.c_str(), &facts) == 0 && S_ISDIR(facts.st_mode) ? 0 : code;
@@ -105,13 +128,6 @@ std::uint32_t RemoveFile(const std::string& path) {
 
 std::uint32_t RemoveFolder(const std::string& path) {
     return ::rmdir(path.c_str()) == 0 ? 0 : LastCode();
-}
-
-void SyncFolder(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    ::fsync(fd);
-    ::close(fd);
 }
 
 bool OnSameFileSystem(const std::string& path, const std::string& other) {

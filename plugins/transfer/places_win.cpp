@@ -38,6 +38,12 @@ Seen SeenOf(DWORD attributes, DWORD tag, DWORD sizeHigh, DWORD sizeLow) {
     return seen;
 }
 
+Seen EntryOf(const WIN32_FIND_DATAW& entry) {
+    Seen seen = SeenOf(entry.dwFileAttributes, entry.dwReserved0, entry.nFileSizeHigh, entry.nFileSizeLow);
+    seen.name = task::Utf8Of(entry.cFileName);
+    return seen;
+}
+
 }  // namespace
 
 std::uint32_t LookAt(const std::string& path, bool follow, Seen& seen) {
@@ -74,25 +80,45 @@ std::optional<Identity> IdentityOf(const std::string& path, bool follow) {
                     (std::uint64_t{facts.nFileIndexHigh} << 32) | facts.nFileIndexLow};
 }
 
-std::uint32_t ListFolder(const std::string& path, std::vector<Seen>& entries,
-                         const std::function<bool()>& goOn) {
+std::uint32_t FolderReader::Open(const std::string& path) {
+    Close();
     WIN32_FIND_DATAW entry{};
     const HANDLE found = ::FindFirstFileW(task::NativePath(task::PathIn(path, "*")).c_str(), &entry);
     if (found == INVALID_HANDLE_VALUE) return ::GetLastError() == ERROR_FILE_NOT_FOUND ? 0 : ::GetLastError();
+    m_folder = found;
+    m_first = EntryOf(entry);
+    return 0;
+}
+
+std::uint32_t FolderReader::Next(std::vector<Seen>& entries, const std::function<bool()>& goOn) {
+    entries.clear();
     DWORD code = ERROR_NO_MORE_FILES;
-    for (bool isThere = true; isThere && goOn();) {
-        const std::string name = task::Utf8Of(entry.cFileName);
-        if (name != "." && name != "..") {
-            entries.push_back(
-                SeenOf(entry.dwFileAttributes, entry.dwReserved0, entry.nFileSizeHigh, entry.nFileSizeLow));
-            entries.back().name = name;
+    while (m_folder != nullptr && entries.size() < kListed && goOn()) {
+        WIN32_FIND_DATAW entry{};
+        Seen seen;
+        if (m_first) {
+            seen = *std::exchange(m_first, std::nullopt);
+        } else if (::FindNextFileW(m_folder, &entry)) {
+            seen = EntryOf(entry);
+        } else {
+            code = ::GetLastError();
+            Close();
+            break;
         }
-        isThere = ::FindNextFileW(found, &entry);
-        if (!isThere) code = ::GetLastError();
+        if (seen.name != "." && seen.name != "..") entries.push_back(std::move(seen));
     }
-    ::FindClose(found);
     std::sort(entries.begin(), entries.end(), [](const Seen& a, const Seen& b) { return a.name < b.name; });
     return code == ERROR_NO_MORE_FILES ? 0 : code;
+}
+
+void FolderReader::Close() {
+    if (m_folder != nullptr) ::FindClose(m_folder);
+    m_folder = nullptr;
+    m_first.reset();
+}
+
+std::string RealPath(const std::string& path) {
+    return path;
 }
 
 std::string ParentOf(const std::string& path) {
@@ -105,8 +131,9 @@ std::string NameOf(const std::string& path) {
     return path.substr(path.find_last_of("\\/") + 1);
 }
 
-std::uint32_t MakeFolder(const std::string& path) {
-    if (::CreateDirectoryW(task::NativePath(path).c_str(), nullptr)) return 0;
+std::uint32_t MakeFolder(const std::string& path, bool& made) {
+    made = ::CreateDirectoryW(task::NativePath(path).c_str(), nullptr) != FALSE;
+    if (made) return 0;
     const DWORD code = ::GetLastError();
     const DWORD attributes = ::GetFileAttributesW(task::NativePath(path).c_str());
     return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? 0 : code;
@@ -131,8 +158,6 @@ std::uint32_t RemoveFile(const std::string& path) {
 std::uint32_t RemoveFolder(const std::string& path) {
     return ::RemoveDirectoryW(task::NativePath(path).c_str()) ? 0 : ::GetLastError();
 }
-
-void SyncFolder(const std::string&) {}
 
 bool OnSameFileSystem(const std::string& path, const std::string& other) {
     const Handle first(path, 0);

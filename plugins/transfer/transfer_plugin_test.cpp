@@ -4,6 +4,7 @@
 #include "copy_stream.h"
 #include "places.h"
 #include "transfer_test_folder.h"
+#include "transfer_work.h"
 
 namespace rq::transfer {
 namespace {
@@ -205,7 +206,7 @@ TEST_F(TransferTest, ASourceIsNotOverwrittenByItsNeighbour) {
     Write("b/x", "X");
     for (const char* mode : {"", kMove}) {
         Do(Text(ItemOf(PathOf("b"), m_dir.Utf8()), mode + Flags({"Overwrite"})));
-        ExpectFailure(0x84100001, "x: the target is a source of this task: ");
+        ExpectFailure(0x84100001, "b: the target is a source of this task: ");
         EXPECT_EQ(Further().rfind("0 of 2 files done\n", 0), 0u) << Further();
         EXPECT_EQ(Read("b/b/x"), "BB");
         EXPECT_EQ(Read("b/x"), "X");
@@ -433,12 +434,56 @@ TEST_F(TransferTest, ACancelDuringTheSyncPublishesNothing) {
 
 TEST_F(TransferTest, AListOfAFolderCanBeEnded) {
     for (const char* name : {"a", "b", "c", "d"}) Write(name, "");
+    FolderReader reader;
+    ASSERT_EQ(reader.Open(m_dir.Utf8()), 0u);
     std::vector<Seen> entries;
     int asked = 0;
-    EXPECT_EQ(ListFolder(m_dir.Utf8(), entries, [&] { return ++asked < 5; }), 0u);
+    EXPECT_EQ(reader.Next(entries, [&] { return ++asked < 5; }), 0u);
     EXPECT_LE(entries.size(), 4u);
     EXPECT_GE(entries.size(), 2u);
     EXPECT_EQ(asked, 5);
+}
+
+// Of several small files nothing is seen until all of them are synced, and then each is whole.
+TEST_F(TransferTest, SmallFilesAreSyncedAndNamedTogether) {
+    constexpr std::size_t kFiles = kBatchFiles * 2 + 3;
+    const auto name = [](std::size_t i) { return "sub" + std::to_string(i % 3) + "/" + std::to_string(i); };
+    for (std::size_t i = 0; i < kFiles; ++i) Write("tree/" + name(i), "file " + std::to_string(i));
+    std::size_t together = 0;
+    m_onSignOfLife = [&] {
+        std::size_t half = 0;
+        for (std::size_t sub = 0; sub < 3; ++sub) {
+            const std::string folder = "out/sub" + std::to_string(sub);
+            if (!Exists(folder)) continue;
+            for (const std::string& entry : Names(folder)) half += task::IsTemporaryName(entry) ? 1 : 0;
+        }
+        together = std::max(together, half);
+    };
+    Write("out/sub1/" + std::to_string(1), "there");  // one that fails among them
+    Do(Text(Item("tree", "out"), Flags({"MD5", "Verify"})));
+    ExpectFailure(0x84100000, "the target exists already");
+    EXPECT_GT(together, 8u);
+    EXPECT_LE(together, kBatchFiles);
+    for (std::size_t i = 0; i < kFiles; ++i) {
+        if (i != 1) {
+            EXPECT_EQ(Read("out/" + name(i)), "file " + std::to_string(i));
+        }
+    }
+    EXPECT_EQ(m_outputs.size(), kFiles - 1);
+    EXPECT_EQ(m_compared.size(), kFiles - 1);
+    EXPECT_EQ(Further().rfind("258 of 259 files done\n", 0), 0u) << Further();
+    ExpectWholeProgress();
+}
+
+// A folder whose entry would be filled into itself, again and again.
+TEST_F(TransferTest, AFolderIsNotFilledFromWhatItGets) {
+    Write("b/b/x", "BB");
+    for (const char* mode : {"", kMove}) {
+        Do(Text(ItemOf(PathOf("b"), m_dir.Utf8()), mode));
+        ExpectFailure(0x84100001, "b: the target is a source of this task: ");
+        EXPECT_EQ(Names(), Strings{"b"});
+        EXPECT_EQ(Names("b"), Strings{"b"});
+    }
 }
 
 TEST_F(TransferTest, KeepsToItsRate) {

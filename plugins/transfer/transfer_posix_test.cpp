@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <set>
 
+#include "places.h"
 #include "transfer_test_folder.h"
 
 namespace rq::transfer {
@@ -200,6 +202,41 @@ TEST_F(TransferTest, OthersReadTheManifests) {
                        {"--strict", "-c", std::string("copy.") + ending});
         EXPECT_EQ(sum.ExitCode(), 0) << sum.Output() << sum.Errors();
     }
+}
+
+// In parts, so that a large folder takes no more memory than a small one.
+TEST_F(TransferTest, ALargeFolderIsReadInParts) {
+    const std::size_t files = FolderReader::kListed * 2 + 7;
+    fs::create_directory(At("many"));
+    for (std::size_t i = 0; i < files; ++i) std::ofstream(At("many/" + std::to_string(i)));
+    FolderReader reader;
+    ASSERT_EQ(reader.Open(PathOf("many")), 0u);
+    std::set<std::string> names;
+    std::vector<Seen> entries;
+    int parts = 0;
+    for (;;) {
+        EXPECT_EQ(reader.Next(entries, [] { return true; }), 0u);
+        if (entries.empty()) break;
+        ++parts;
+        EXPECT_LE(entries.size(), FolderReader::kListed);
+        for (std::size_t i = 1; i < entries.size(); ++i) EXPECT_LT(entries[i - 1].name, entries[i].name);
+        for (const Seen& entry : entries) names.insert(entry.name);
+    }
+    EXPECT_EQ(parts, 3);
+    EXPECT_EQ(names.size(), files);
+}
+
+// The work for each item does not grow with the number of items.
+TEST_F(TransferTest, ManyItemsTakeTimeInProportion) {
+    Write("a", "abc");
+    Write("b", "there");
+    std::string items;
+    for (int i = 0; i < 80'000; ++i) items += Item("a", "b");
+    items += Item("a", "c");
+    const auto begin = std::chrono::steady_clock::now();
+    Do(Text(items));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
+    EXPECT_EQ(Further().rfind("1 of 80001 files done\n", 0), 0u) << Further().substr(0, 80);
 }
 
 // The whole size of a large file never lies in memory.

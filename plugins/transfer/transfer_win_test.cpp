@@ -91,7 +91,9 @@ TEST_F(TransferTest, TheRootOfADriveKeepsItsSeparator) {
         EXPECT_EQ(task.items[0].source, path);
     }
     std::vector<Seen> entries;
-    EXPECT_EQ(ListFolder("C:\\", entries, [] { return true; }), 0u);
+    FolderReader reader;
+    EXPECT_EQ(reader.Open("C:\\"), 0u);
+    EXPECT_EQ(reader.Next(entries, [] { return true; }), 0u);
     EXPECT_FALSE(entries.empty());
 }
 

@@ -1,17 +1,24 @@
-// Does one transfer: plans which files there are, and brings one after the other to its place. A file that
-// fails does not keep the others from being transferred. Lives as long as one perform call, on its thread;
-// copy_stream has threads of its own for each file, and a sync has one.
+// Does one transfer. First everything is looked at once: how many files and bytes there are, and whether a
+// target would be a source of the task (survey.cpp). Then the items are walked again, and each file is
+// brought to its place: many small ones are synced and named together (batch.cpp). No list of the files is
+// kept, so that memory does not grow with their number. A file that fails does not keep the others from being
+// transferred. Lives as long as one perform call, on its thread; copy_stream has threads of its own for each
+// file, and what waits for the disk has one.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <future>
+#include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "copy_stream.h"
 #include "failure.h"
+#include "manifest.h"
 #include "places.h"
 #include "plugin_common/publish.h"
 #include "remote.h"
@@ -38,6 +45,10 @@ constexpr std::chrono::seconds kSync{600};
 constexpr std::size_t kMaxFurtherText_bytes = 64u << 10;
 // More results than this are not told: the report would be larger than what it is about.
 constexpr std::size_t kMaxResults = 10'000;
+// A batch is synced and named when it has so many files, or bytes, or is so old.
+constexpr std::size_t kBatchFiles = 128;
+constexpr std::uint64_t kBatch_bytes = 16u << 20;
+constexpr std::chrono::seconds kBatchAge{2};
 
 class TransferWork {
   public:
@@ -45,6 +56,12 @@ class TransferWork {
     plugin::Outcome Do();
 
   private:
+    // One that is being filled, or an item's beginning.
+    struct Folder {
+        std::shared_ptr<Folder> above;
+        bool wasMade = false;
+        bool hasFailed = false;  // something in it, however deep
+    };
     struct Job {
         std::string source;
         std::string target;
@@ -52,49 +69,102 @@ class TransferWork {
         Kind kind = Kind::kFile;
         std::uint64_t planned_bytes = 0;
         std::size_t item = 0;
-        std::uint32_t code = 0;  // why it cannot be looked at
+        std::uint32_t code = 0;            // why it cannot be looked at
+        std::shared_ptr<Folder> folder{};  // it lies in; of a folder that is done itself
+        bool isCompared = false;           // has its entry in the first list
+        bool isPending = false;            // in the batch
     };
-    struct Line {
-        std::string name;
-        Digests digests;
+    // What waits for its batch: a file that is written, a link that is made, a folder that is filled.
+    struct Pending {
+        Job job;
+        std::unique_ptr<task::InputFile> source{};  // of a move
+        std::unique_ptr<task::Publication> target{};
+        Digests digests{};
+        std::uint64_t size_bytes = 0;
+        bool isNamed = false;
+        Problem problem{};
+    };
+    struct ItemState {
+        Kind kind = Kind::kAbsent;  // absent: there is nothing to do
+        std::uint64_t size_bytes = 0;
+        std::size_t files = 0;
+        std::uint64_t planned_bytes = 0;  // with all that is in it
+        bool isRefused = false;
+        bool hasFailed = false;
+        bool wasListed = true;
+    };
+    // A source as the task names it.
+    struct Root {
+        Identity identity;
+        std::size_t item;
+        bool isFolder;
+        bool operator<(const Root& other) const { return identity < other.identity; }
+    };
+    // Where a target lies: in whose source folder, if in any.
+    struct Where {
+        const Root* inside = nullptr;
+        bool isInOwn = false;
     };
 
-    // What there is to do.
+    // What there is to do; survey.cpp.
     void Plan(std::size_t item);
-    void PlanFolder(const std::string& source, const std::string& target, const std::string& name,
-                    std::size_t item);
-    void PlanEntry(Job job);
-    // Items that would write over sources of this task; collisions.cpp.
-    void RefuseCollisions();
+    void FindRoots();
+    void Survey(std::size_t item);
+    void SurveyFolder(std::size_t item, const std::string& source, const std::string& target, Where where);
+    void SurveyFile(std::size_t item, const std::string& source, const std::string& target, Where where);
+    void SurveyTarget(std::size_t item, const std::string& source, const std::string& target,
+                      const Where& where);
+    void Locate(std::size_t item, const std::string& folder, Where& where) const;
+    Where LocateAll(std::size_t item, const std::string& path) const;
+    void RefuseCollision(std::size_t item, const std::string& target, const std::string& source);
+    // Calls `visit` with what is in the folder, but what another transfer writes there.
+    std::uint32_t EachEntry(const std::string& folder, const std::function<void(const Seen&)>& visit);
 
     void DoItem(std::size_t item);
     bool MoveWholeFolder(std::size_t item);
-    Problem DoJob(const Job& job);
-    Problem DoLink(const Job& job);
-    Problem DoFile(const Job& job);
+    void CompareMoved(const std::string& source, const std::string& target, std::size_t item);
+    void DoEntry(Job job);
+    void DoFolder(Job job);
+    Problem DoJob(Job& job);
+    Problem DoLink(Job& job);
+    Problem DoFile(Job& job);
     Problem CheckTarget(const std::string& source, const std::string& target) const;
     // False in `moved` when it lies on another file system.
-    Problem MoveByName(const Job& job, bool& moved);
-    Problem Copy(const Job& job);
+    Problem MoveByName(Job& job, bool& moved);
+    Problem Copy(Job& job);
+    // A folder that was cleaned of leftovers last is not cleaned again.
+    task::Publication::Cleaning CleaningOf(const std::string& folder);
+    // Creates the temporary of a file's target.
+    Problem Begin(const Job& job, const std::vector<std::string>& sources, std::uint64_t size_bytes,
+                  task::Publication& target);
     // From and to URLs; fetch.cpp.
     void PlanUrl(std::size_t item);
     Problem Settle(const Job& job, bool isSource, Remote::Settings& settings);
-    Problem Fetch(const Job& job);
-    Problem Send(const Job& job);
-    Problem ReadBack(const Job& job, Remote& remote, const Digests& digests);
+    Problem Fetch(Job& job);
+    Problem Send(Job& job);
+    Problem ReadBack(Job& job, Remote& remote, const Digests& digests);
     Problem Pass(const Job& job, task::InputFile& source, task::Publication* target, Digests& digests);
-    Problem Publish(const Job& job, task::Publication& target, const Digests& digests);
-    Problem ReadBack(const Job& job, const task::Publication& target, const Digests& digests);
     Problem CheckSource(const Job& job, const task::InputFile& source) const;
-    Problem CheckExpected(const Job& job, const Digests& digests, const task::Md5Digest* found);
-    Problem WriteManifest(std::size_t item, const std::string& ending);
-    Problem FromPublication(const task::PublishFailure& failure, std::uint64_t size_bytes) const;
-    void FinishFolders(std::size_t item);
+    Problem CheckExpected(Job& job, const Digests& digests, const task::Md5Digest* found);
 
-    void Result(const Job& job, const char* how, std::uint64_t size_bytes, const Digests& digests);
+    // The batch; batch.cpp.
+    void Queue(Pending pending);
+    bool IsBatchFull() const;
+    void Flush();
+    void SyncBatch();
+    void NameBatch();
+    void FinishFolders();
+    void EndBatch();
+    void SyncChanged();
+    Problem RemoveSource(Pending& pending);
+    Problem ReadBack(Pending& pending);
+
+    void Result(Job& job, const char* how, std::uint64_t size_bytes, const Digests& digests);
     // The entry of a file in the first list: its digests, or null for both when nothing is compared.
-    void Compared(const Job& job, const task::Md5Digest* first, const task::Md5Digest* second);
+    void Compared(Job& job, const task::Md5Digest* first, const task::Md5Digest* second);
     void Note(Failure failure, std::size_t item);
+    void Note(Failure failure, const Job& job);
+    static void MarkFailed(std::shared_ptr<Folder> folder);
     bool WantsBytes(std::size_t item) const;
     bool Stopped() const { return m_run.Stop() != RQ_STOP_NONE; }
     bool Tell(std::uint64_t done_bytes);
@@ -109,10 +179,15 @@ class TransferWork {
     plugin::Run& m_run;
     const plugin::Host& m_host;
     RateLimit m_limit;
-    std::vector<Job> m_jobs;
-    std::vector<std::vector<Line>> m_lines;  // of each item's manifest
-    std::vector<bool> m_itemFailed;
-    std::vector<bool> m_itemRefused;  // nothing of it is done
+    std::vector<ItemState> m_items;
+    std::vector<Root> m_roots;           // in order
+    std::optional<Manifest> m_manifest;  // of the item that is done
+    std::vector<Pending> m_pending;
+    std::uint64_t m_pending_bytes = 0;
+    std::chrono::steady_clock::time_point m_pendingSince;
+    std::set<std::string> m_changedFolders;  // whose names are not synced yet
+    std::string m_cleanedFolder;             // of leftovers
+    std::size_t m_files = 0;
     std::uint64_t m_total_bytes = 0;
     std::uint64_t m_base_bytes = 0;  // of the jobs that are done with
     std::int64_t m_told_bytes = 0;
@@ -120,7 +195,6 @@ class TransferWork {
     std::size_t m_done = 0;
     std::size_t m_results = 0;
     std::size_t m_comparisons = 0;
-    const Job* m_compared = nullptr;  // the last job that has its entry in the first list
     std::optional<Failure> m_first;
     std::string m_failures;
     std::size_t m_unlisted = 0;
