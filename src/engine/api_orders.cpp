@@ -37,6 +37,7 @@ ApiResponse Api::GiveOrder(const ApiRequest& request, const TaskRow& task, State
     }
     const auto outcome = m_host.GiveOrder(task.key, order, text);
     if (!outcome) return MakeError(500, "store", outcome.error().message);
+    if (outcome->ending) return MakeError(503, "ending", "the engine is ending; ask the next one");
     if (outcome->refused) return MakeError(409, "wrong-state", outcome->message);
     return Told(task.id, *outcome);
 }

@@ -62,6 +62,19 @@ TEST_F(EngineTest, AWorkerThatEndsInOrderAndInStatus3FailsItsTaskWithoutAnother)
     EXPECT_EQ(task["state"], "failed");
     EXPECT_EQ(task["reason"], "the worker ended in good order and in status 3, without a final status");
     EXPECT_EQ(task["attempts"], 1);
+    // Whatever it is, it comes behind the perform call. None of them is a pause.
+    for (const std::string status : {"7", "1", "42"}) {
+        const auto other = Submit("connect\nstatus 2\nstatus 3\nstatus " + status + "\nawait 4014\nbye\n");
+        EXPECT_EQ(Ended(other)["reason"],
+                  "the worker ended in good order and in status " + status + ", without a final status");
+        const auto events = EventsUntil(other, "worker-exited");
+        EXPECT_EQ(Count(events, "order"), 1);
+        EXPECT_EQ(std::count_if(events.begin(), events.end(),
+                                [](const json& event) {
+                                    return event["kind"] == "state" && event["data"]["state"] == "paused";
+                                }),
+                  0);
+    }
     EXPECT_EQ(Ended(Submit("connect\nbye\n"))["reason"],
               "the worker ended in good order before its task began");
     // A package worker whose plug-in cannot be initialised does not even connect.
@@ -89,6 +102,27 @@ TEST_F(EngineTest, SuspendAndResumeAreTheWorkersToAnswer) {
     const auto events = EventsUntil(id, "worker-exited");
     EXPECT_EQ(Count(events, "asked"), 2);
     EXPECT_EQ(Count(events, "order"), 4);  // 4004, 4006, 4002, 4014
+}
+
+TEST_F(EngineTest, ACancelReachesAWorkerFromItsWelcomeOnAndOtherOrdersFromStatus3On) {
+    Start();
+    const auto id = Submit("connect\nawait 4002\nreply 4003\nnotice job\nbye\n");
+    EventsUntil(id, "connected");
+    for (const char* order : {"suspend", "resume", "finish"})
+        EXPECT_EQ(Order(id, order)["error"]["code"], "wrong-state") << order;
+    EXPECT_EQ(Ask("POST", "/api/v1/tasks/" + id + "/update", {{"text", "x"}})["error"]["code"],
+              "wrong-state");
+    EXPECT_EQ(Order(id, "cancel")["result"], "requested");
+    EXPECT_EQ(Ended(id)["state"], "cancelled");
+    // Of one that was started by hand, whose task runs from its connection on, none waits for its notice.
+    LinkClient worker;
+    ASSERT_TRUE(worker.Connect(m_engine->LinkPort()));
+    ASSERT_EQ(worker.Greet(m_engine->Token(), ""), 0u);
+    const std::string other = Ask("GET", "/api/v1/tasks?limit=1")["tasks"][0]["id"];
+    EXPECT_EQ(Order(other, "suspend")["result"], "requested");
+    EXPECT_EQ(worker.WaitOrder()->id, std::uint32_t{TCP_TASK_SUSPEND_ID});
+    worker.SendFrame({0, 0, link::kByeId, {}});
+    worker.WaitClose();
 }
 
 TEST_F(EngineTest, FinishStopsAndKeeps) {

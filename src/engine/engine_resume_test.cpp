@@ -1,58 +1,14 @@
 // Sessions that outlive their connection, and attempts that outlive the engine.
 #include <boost/asio/ip/tcp.hpp>
 
-#include "engine/engine_fixture.h"
-#include "engine/sqlite.h"
+#include "engine/resume_fixture.h"
 #include "link/spool_file.h"
-#include "platform/found_process.h"
 
 namespace rq::engine {
 namespace {
 
 namespace fs = std::filesystem;
 using link::kRefuseSession;
-
-class ResumeTest : public EngineTest {
-  protected:
-    ResumeTest() {
-        m_settings.resumeWindow = 60s;
-        m_settings.linkGrace = 200ms;
-        m_settings.heartbeatInterval = 1h;
-        m_settings.endGrace = 300ms;
-    }
-    // As an update of the engine does it; what is changed in between is seen by the new one.
-    void Restart(const std::function<void()>& between = {}) {
-        Stop(Engine::End::LeaveWorkers);
-        if (between) between();
-        Start();
-    }
-    // A worker that was started by hand, in this process; the task that was made for it.
-    std::string Begin(LinkClient& worker, std::uint64_t process = platform::CurrentProcessId()) {
-        worker.SetProcess(process);
-        EXPECT_TRUE(worker.Connect(m_engine->LinkPort()));
-        EXPECT_EQ(worker.Greet(m_engine->Token(), ""), 0u);
-        return Ask("GET", "/api/v1/tasks?limit=1")["tasks"][0]["id"];
-    }
-    std::optional<std::uint32_t> Resume(LinkClient& worker) {
-        return worker.Resume(m_engine->LinkPort(), m_engine->Token());
-    }
-    std::uint64_t ProcessOf(const std::string& id) { return Show(id)["attempt_list"][0]["pid"]; }
-    // So that the next engine finds nothing of it.
-    void EndWorker(std::uint64_t process) {
-        kit::EndProcess(process);
-        EXPECT_TRUE(kit::WaitUntil([&] { return platform::ProcessMark(process).empty(); }));
-    }
-    std::vector<std::string> FilesIn(const char* folder) {
-        std::vector<std::string> names;
-        for (const auto& entry : fs::directory_iterator(Data(folder)))
-            names.push_back(Utf8FromPath(entry.path().filename()));
-        return names;
-    }
-    void Change(const char* sql) {
-        auto database = Database::Open(Utf8FromPath(Data("store.db"))).value();
-        ASSERT_TRUE(database->Execute(sql)) << database->TakeError().message;
-    }
-};
 
 TEST_F(ResumeTest, ASessionGoesOnWhereItsConnectionBroke) {
     Start();
@@ -94,6 +50,52 @@ TEST_F(ResumeTest, ASessionGoesOnWhereItsConnectionBroke) {
     const auto events = EventsUntil(id, "resumed");
     EXPECT_EQ(Count(events, "connected"), 1);
     EXPECT_EQ(Count(events, "disconnected"), 0);
+}
+
+TEST_F(ResumeTest, AnOrderToEndIsKeptHoweverManyWait) {
+    m_settings.durability = Durability::Process;
+    m_settings.cancelGrace = 1h;
+    Start();
+    LinkClient worker;
+    const auto id = Begin(worker);
+    ASSERT_TRUE(worker.WaitAck(worker.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskRunning))));
+    worker.Close();
+    EventsUntil(id, "interrupted");
+    json answer;
+    int kept = 0;
+    for (; kept <= 1000; ++kept) {
+        answer = Ask("POST", "/api/v1/tasks/" + id + "/update", {{"text", std::to_string(kept)}});
+        if (!answer.contains("result")) break;
+    }
+    EXPECT_EQ(kept, 1000);
+    EXPECT_EQ(answer["error"]["code"], "wrong-state");
+    EXPECT_EQ(Order(id, "finish")["result"], "requested");
+    EXPECT_EQ(Order(id, "cancel")["result"], "requested");
+    ASSERT_EQ(Resume(worker), 0u);
+    std::uint32_t last = 0;
+    for (int i = 0; i < 1002; ++i) {
+        const auto order = worker.WaitOrder();
+        ASSERT_TRUE(order) << i;
+        last = order->id;
+    }
+    EXPECT_EQ(last, std::uint32_t{TCP_TASK_CANCEL_ID});
+}
+
+// Its tasks are the next engine's: what it says of them now would not be so.
+TEST_F(ResumeTest, NoOrderIsTakenWhenTheTasksHaveBeenHandedOn) {
+    Start();
+    LinkClient worker;
+    const auto id = Begin(worker);
+    ASSERT_TRUE(worker.WaitAck(worker.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskRunning))));
+    EXPECT_EQ(Order(id, "suspend")["result"], "requested");
+    m_engine->RequestEnd(Engine::End::LeaveWorkers);
+    for (;;) {
+        const auto answer = m_http->Send("POST", "/api/v1/tasks/" + id + "/resume", "");
+        if (!answer) break;
+        if (answer->status == 200) continue;
+        EXPECT_EQ(answer->status, 503) << answer->body;
+    }
+    Stop();
 }
 
 TEST_F(ResumeTest, WhatWasSentTwiceCountsOnce) {
@@ -393,8 +395,10 @@ TEST_F(ResumeTest, AWorkerWhoseStartWasNotRecordedIsTakenWhenItConnects) {
     Start();
     const auto id = Submit("sleep 1500\nconnect\nstatus 3\nfinal 0\nbye\n");
     EventsUntil(id, "worker-started");
+    const json output = Show(id)["attempt_list"][0]["output"];
     Restart([&] { Change("UPDATE attempts SET pid = NULL, process_mark = '', output = ''"); });
     EXPECT_EQ(Ended(id)["state"], "finished");
+    EXPECT_EQ(Show(id)["attempt_list"][0]["output"], output);
     EXPECT_TRUE(kit::WaitUntil([&] { return FilesIn("params").empty(); }));
     // And given up when it does not.
     m_settings.connectLimit = 300ms;

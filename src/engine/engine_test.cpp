@@ -204,6 +204,7 @@ TEST_F(EngineTest, WrongTokensVersionsAndAttemptsAreRefused) {
     };
     EXPECT_EQ(greet("wrong", "", 1), link::kRefuseToken);
     EXPECT_EQ(greet("", "", 1), link::kRefuseToken);
+    EXPECT_TRUE(kit::WaitForText(Data("logs") / "engine.log", "RQ_ENGINE_TOKEN")) << "says which is wanted";
     EXPECT_EQ(greet(m_engine->Token(), "unknown", 1), link::kRefuseAttempt);
     EXPECT_EQ(greet(m_engine->Token(), "", 2), link::kRefuseVersion);
 }

@@ -132,6 +132,10 @@ std::string Launcher::NameOf(const Claim& claim) const {
     return {};
 }
 
+std::string Launcher::OutputOf(const std::string& name) const {
+    return name.empty() ? name : Under(OutputFolder(m_settings), name + ".out");
+}
+
 std::size_t Launcher::Running() const {
     return static_cast<std::size_t>(std::count_if(m_workers.begin(), m_workers.end(),
                                                   [](const auto& entry) { return entry.second.isOurs; }));

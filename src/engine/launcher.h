@@ -60,6 +60,8 @@ class Launcher {
     std::optional<std::uint64_t> FindStarted(const std::string& token) const;
     // The name of the files that were made for the attempt, when the store does not know it; empty: none.
     std::string NameOf(const Claim& claim) const;
+    // Where what the worker with this name writes to its streams is kept; empty without a name.
+    std::string OutputOf(const std::string& name) const;
     // The worker and whatever it started. Nothing happens when it has ended, is not ours to end, or cannot be
     // looked at now.
     void KillTree(const std::string& token);

@@ -164,7 +164,7 @@ std::chrono::milliseconds Scheduler::BeatLimit() const {
 // ---- orders ----
 
 void Scheduler::SendCancel(Run& run) {
-    if (run.cancelSent || !IsReachable(run)) return;
+    if (run.cancelSent || !IsReachable(run, true)) return;
     run.cancelSent = run.told = true;
     SendCommand(run, TCP_TASK_CANCEL_ID, "cancel");
     Arm(run, m_settings.cancelGrace, [this](Run& late) {
@@ -195,12 +195,14 @@ void Scheduler::SendCommand(Run& run, std::uint32_t id, const std::string& text)
 
 void Scheduler::SendEnd(Run& run) {
     run.told = true;
+    // One that has ended keeps the deadline for what is left to record.
+    if (run.exit) return;
     Arm(run, m_settings.destroyGrace, [this](Run& late) {
         Kill(late, "no-exit",
              "the worker did not end within " + DurationText(m_settings.destroyGrace) +
                  " of the order to exit");
     });
-    if (!IsReachable(run)) return;
+    if (!IsReachable(run, true)) return;
     // A package worker keeps waiting for tasks whatever 4014 says; the finish order ends it.
     if (IsPackageType(run.claim.type)) {
         SendCommand(run, TCP_TASK_FINISH_ID, "finish");

@@ -89,6 +89,7 @@ class Scheduler final : public SessionHost {
         std::string worker;  // the token that its process has: that of its first attempt
         bool external = false;
         bool connected = false;  // has been, at least
+        bool performs = false;   // has said so, with status 3
         bool final = false;      // a final status is committed
         bool cancelSent = false;
         bool pauseSent = false;   // and neither answered nor taken back
@@ -177,7 +178,8 @@ class Scheduler final : public SessionHost {
                                                            const std::shared_ptr<Session>& session);
     link::Welcome WelcomeFor(const Run& run) const;
     // Whether an order given now reaches the worker, at once or when it is back.
-    static bool IsReachable(const Run& run);
+    // An order that ends it is kept whatever waits for it already.
+    static bool IsReachable(const Run& run, bool toEnd = false);
     void Give(Run& run, std::uint32_t id, const link::Order& order);
     // The connection broke, and may be followed by another one.
     void Interrupt(Run& run, SessionMemory memory, const std::string& why, bool isAtFault);
@@ -191,6 +193,8 @@ class Scheduler final : public SessionHost {
     void GiveStanding(Run& run, const OpenAttempt& attempt);
     // Of an attempt whose process the last engine did not live to record.
     void SearchStarted(Run& run);
+    // The same when it is there: its start is recorded now.
+    void NoteFound(Run& run);
     // What the worker left in the spool counts. False: it could not be committed.
     bool TakeSpool(Run& run);
     // Of attempts that have ended already.
@@ -248,7 +252,7 @@ class Scheduler final : public SessionHost {
     Result<OrderOutcome> Update(std::int64_t task, const std::string& by, const std::string& text);
     Result<OrderOutcome> Delete(std::int64_t task);
     // The worker that an order can be sent to; null when there is none.
-    Run* Listening(std::int64_t task);
+    Run* Listening(std::int64_t task, bool toEnd = false);
     std::set<std::int64_t> BusyTasks() const;
     // Whether no stop keeps the type from being started.
     bool IsReleased(std::int32_t type, const std::vector<TypeStop>& stops) const;

@@ -44,6 +44,12 @@ OrderOutcome Unchanged(const TaskRow& task, const std::string& result, const std
 
 Result<OrderOutcome> Scheduler::Order(std::int64_t task, StateEvent order, const std::string& by,
                                       const std::string& text) {
+    // Its attempts are the next engine's already.
+    if (m_left) {
+        OrderOutcome outcome;
+        outcome.ending = true;
+        return outcome;
+    }
     switch (order) {
         case StateEvent::Cancel:
             return Cancel(task, by);
@@ -70,9 +76,9 @@ Result<OrderOutcome> Scheduler::Order(std::int64_t task, StateEvent order, const
     }
 }
 
-Scheduler::Run* Scheduler::Listening(std::int64_t task) {
+Scheduler::Run* Scheduler::Listening(std::int64_t task, bool toEnd) {
     Run* run = FindTask(task);
-    return run != nullptr && IsReachable(*run) && !run->final && !run->exit ? run : nullptr;
+    return run != nullptr && IsReachable(*run, toEnd) && !run->final && !run->exit ? run : nullptr;
 }
 
 Result<OrderOutcome> Scheduler::Cancel(std::int64_t task, const std::string& by) {
@@ -135,7 +141,7 @@ Result<OrderOutcome> Scheduler::Resume(std::int64_t task, const std::string& by)
 Result<OrderOutcome> Scheduler::FinishTask(std::int64_t task, const std::string& by) {
     const auto row = m_store.Task(task);
     if (!row) return row.error();
-    Run* run = Listening(task);
+    Run* run = Listening(task, true);
     if (run == nullptr && *row && ((*row)->state == TaskState::Running || (*row)->state == TaskState::Paused))
         return Deaf(**row);
     auto outcome = m_store.FinishTask(task, by);

@@ -61,7 +61,11 @@ std::variant<link::Welcome, link::Refuse> Scheduler::Admit(const link::Hello& he
     using link::Refuse;
     if (hello.protocolVersion != link::kProtocolVersion)
         return Refuse{link::kRefuseVersion, "this engine speaks version 1"};
-    if (!SameSecret(hello.token, m_linkToken)) return Refuse{link::kRefuseToken, "wrong token"};
+    if (!SameSecret(hello.token, m_linkToken))
+        return Refuse{
+            link::kRefuseToken,
+            "wrong token; RQ_ENGINE_TOKEN is to be what stands in engine.token in the engine's data "
+            "folder"};
     if (m_left) return Refuse{link::kRefuseEnding, "the engine is ending"};
     if (hello.resumeSessionId != 0) return AdmitResumed(hello, session);
     Run* run = hello.attempt.empty() ? nullptr : Find(hello.attempt);
@@ -156,8 +160,10 @@ std::variant<link::Welcome, link::Refuse> Scheduler::Welcome(Run& run, const lin
     run.processId = hello.processId;
     run.processMark = mark;
     // One whose start the last engine did not live to record.
-    if (!run.external && !m_launcher.Has(run.worker))
+    if (!run.external && !m_launcher.Has(run.worker)) {
         m_launcher.TakeOver(run.worker, run.life.name, run.processId, run.processMark);
+        NoteFound(run);
+    }
     // A worker started by hand announces itself by connecting; there is no start of ours to follow.
     if (run.external) Report(m_store.Status(run.claim.token, kTaskRunning), "a connection");
     run.lastRecord = SystemClock().Steady();
@@ -171,8 +177,12 @@ bool Scheduler::OnRecord(Session& session, std::uint32_t id, const link::WorkerR
     Run* run = FindSession(session.Id());
     if (run == nullptr) return true;
     run->lastRecord = SystemClock().Steady();
-    m_store.BeginRecord(run->worker, session.Taking());
+    // Of several entries the first must not keep the number for one that cannot be committed.
+    const auto* state = std::get_if<EngineStateMessage>(&record);
+    const bool isOne = state == nullptr || state->entries.size() == 1;
+    m_store.BeginRecord(run->worker, isOne ? session.Taking() : 0);
     const bool taken = TakeRecord(*run, id, record, session.IsRepeat());
+    if (!isOne) m_store.BeginRecord(run->worker, session.Taking());
     // A final status that could not be committed is not here.
     if (!taken) m_store.BeginRecord({}, 0);
     Report(m_store.EndRecord(), "a record's number");
@@ -240,9 +250,11 @@ bool Scheduler::TakeState(Run& run, const EngineStateMessage& message, bool repe
             taken = TakeFinal(run, entry) && taken;
             continue;
         }
-        // Said once for each task, before its perform call: a second time after it, by a plug-in that
-        // returned without a final status. Such a worker would wait a minute for its order to exit.
-        if (entry.status == kTaskRunning && run.lastStatus == kTaskRunning && !run.external) SendEnd(run);
+        // Between status 3, which comes before the perform call, and its return a worker says nothing: what
+        // comes then is of a plug-in that returned without a final status. Such a worker would wait a minute
+        // for its order to exit.
+        if (run.performs && !IsPackageType(static_cast<std::int32_t>(entry.taskType))) SendEnd(run);
+        run.performs = run.performs || entry.status == kTaskRunning;
         run.lastStatus = entry.status;
         Report(m_store.Status(run.claim.token, entry.status), "a status");
     }

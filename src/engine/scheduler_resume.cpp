@@ -86,8 +86,8 @@ std::variant<link::Welcome, link::Refuse> Scheduler::AdmitResumed(const link::He
 
 // ---- between two connections ----
 
-bool Scheduler::IsReachable(const Run& run) {
-    return run.session || (run.away && run.away->orders.size() < kMaxKept);
+bool Scheduler::IsReachable(const Run& run, bool toEnd) {
+    return run.session || (run.away && (toEnd || run.away->orders.size() < kMaxKept));
 }
 
 void Scheduler::Give(Run& run, std::uint32_t id, const link::Order& order) {
@@ -196,6 +196,8 @@ void Scheduler::TakeOver(const OpenAttempt& attempt, std::vector<std::string>& g
     run.pauseSent = attempt.asked == TCP_TASK_SUSPEND_ID;
     run.resumeSent = attempt.asked == TCP_TASK_RESUME_ID;
     if (attempt.started) run.lastStatus = kTaskRunning;
+    // The task of one that was started by hand runs from its connection on.
+    run.performs = attempt.started && !attempt.external;
     if (attempt.started) run.turn.Begin();
     if (run.final) run.turn.End();
     if (IsPackage(run)) TakeOverPackage(run);
@@ -270,10 +272,18 @@ void Scheduler::SearchStarted(Run& run) {
     }
     if (m_launcher.TakeOver(run.claim.token, run.life.name, *found, platform::ProcessMark(*found))) {
         m_log.Info(run.claim.id + ": worker " + std::to_string(*found) + " was found");
-        run.processId = run.life.processId = *found;
+        run.processId = *found;
+        NoteFound(run);
     }
     // Windows makes a process before it runs, so this one may never do: its start does not count then.
     AwaitConnection(run, true);
+}
+
+void Scheduler::NoteFound(Run& run) {
+    run.life.processId = run.processId;
+    Report(m_store.WorkerStarted(run.worker, run.processId, m_launcher.OutputOf(run.life.name),
+                                 platform::ProcessMark(run.processId), run.beatLimit.count()),
+           "a start");
 }
 
 // Those that were not answered when the last engine ended. Nobody knows whether the worker has got them; all
@@ -331,9 +341,17 @@ void Scheduler::SweepSpool() {
             continue;
         }
         const auto& status = *read;
-        if (status && !TakeTwinRecord(attempt, status->message))
+        const auto isKnown = m_store.Knows(attempt);
+        if (status && isKnown && !*isKnown) {
             m_log.Warn("the final status of attempt " + attempt +
                        " in the spool belongs to none that is known");
+            m_spool.GiveUp(attempt);
+            continue;
+        }
+        if (status && (!isKnown || !TakeTwinRecord(attempt, status->message))) {
+            m_log.Warn("the final status of attempt " + attempt + " in the spool cannot be recorded now");
+            continue;
+        }
         m_spool.Remove(attempt);
     }
 }

@@ -186,7 +186,11 @@ bool Session::TakeNumbered(const link::Frame& frame) {
         final = state != nullptr && link::IsFinalState(*state);
         m_taking = final || !m_ackHeld ? frame.seq : 0;
         m_isRepeat = final && link::IsMarkedRepeat(frame.body);
-        const bool taken = m_host.OnRecord(*this, frame.id, *record);
+        // Behind a final status that is not committed the worker sends all again when it comes back.
+        const bool isDone = !final && frame.seq <= m_memory.done;
+        if (isDone) m_host.OnOtherFrame(*this);
+        const bool taken = isDone || m_host.OnRecord(*this, frame.id, *record);
+        m_memory.done = std::max(m_memory.done, frame.seq);
         if (m_state == State::Closed) return false;
         if (final) m_ackHeld = !taken;
         has = !m_ackHeld;

@@ -20,6 +20,7 @@ struct SessionMemory {
     };
 
     std::uint64_t has = 0;           // highest seq of the worker's that the engine has
+    std::uint64_t done = 0;          // the same, with those behind a final status that is not committed
     std::uint64_t sent = 0;          // seq of our latest numbered frame
     bool knowsSent = true;           // false: an earlier run of the engine sent frames, nobody knows how many
     std::uint64_t acknowledged = 0;  // highest of ours that the worker has

@@ -31,7 +31,7 @@ inline constexpr TaskState kTaskStates[] = {TaskState::Queued, TaskState::Starti
 enum class StateEvent {
     Claimed,         // a new attempt is made
     SaysRunning,     // 4009 with status 3, or 4007
-    SaysPaused,      // 4009 with status 7, or 4005
+    SaysPaused,      // 4005
     SaysFinished,    // final status 0
     SaysError,       // final status 4
     SaysErrorAgain,  // the same, and the policy grants another attempt

@@ -150,6 +150,8 @@ class Store {
     Result<void> Closed(const std::string& token);
     // Those that are not closed, oldest first.
     Result<std::vector<OpenAttempt>> OpenAttempts();
+    // Whether there is an attempt with this token.
+    Result<bool> Knows(const std::string& token);
     // The port on which workers were told to find the engine; 0: never.
     Result<std::uint16_t> LinkPort();
     Result<void> RememberLinkPort(std::uint16_t port);

@@ -126,7 +126,6 @@ Result<void> Store::Status(const std::string& token, std::uint32_t status) {
     return ForHolder(token, Transaction::Sync::Relaxed, [&](const Holder& holder) {
         AddEvent(holder.task, holder.attempt, "status", StatusEventJson(status));
         if (status == kTaskRunning) Report(holder, StateEvent::SaysRunning);
-        if (status == kTaskPaused) Report(holder, StateEvent::SaysPaused);
     });
 }
 

@@ -134,6 +134,12 @@ Result<std::vector<OpenAttempt>> Store::OpenAttempts() {
     return attempts;
 }
 
+Result<bool> Store::Knows(const std::string& token) {
+    const bool isKnown = Find(token).has_value();
+    if (auto ok = Checked(); !ok) return ok.error();
+    return isKnown;
+}
+
 Result<std::uint16_t> Store::LinkPort() {
     std::uint16_t port = 0;
     {

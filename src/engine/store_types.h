@@ -98,6 +98,7 @@ enum class FinishOutcome { Committed, Repeat, Late };
 // What an order to a task did.
 struct OrderOutcome {
     bool refused = false;                 // by the task's state; the message says which
+    bool ending = false;                  // the engine is ending, and has handed its tasks on
     bool changed = false;                 // false: nothing was left to do
     bool send = false;                    // the task's worker is to be told
     std::string result;                   // a word for programs

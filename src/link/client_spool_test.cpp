@@ -122,6 +122,26 @@ TEST_P(EngineClientSpool, AFolderThatCannotBeWrittenIsALineInTheLog) {
     EXPECT_TRUE(test.handler.All().empty());
 }
 
+TEST_P(EngineClientSpool, WhatCouldNotBeKeptIsTriedAgainAtTheEnd) {
+    std::filesystem::remove(m_folder.Path() / "spool");
+    kit::ScriptedEngine engine(m_engineOptions);
+    m_options.finalWait = 20ms;
+    std::thread later;
+    {
+        TestClient test(m_options, WideFromPath(m_log));
+        ASSERT_EQ(test.Connect(engine.Port()), 1u);
+        engine.HoldFinals(true);
+        EXPECT_FALSE(test.SendState(kTaskFinished));
+        EXPECT_TRUE(WaitForLog("a final status is not kept: create "));
+        later = std::thread([this] {
+            std::this_thread::sleep_for(500ms);
+            std::filesystem::create_directory(m_folder.Path() / "spool");
+        });
+    }
+    later.join();
+    EXPECT_EQ(Names(), std::vector<std::string>{"named.final"});
+}
+
 TEST_P(EngineClientSpool, AnAttemptThatIsNoNameWritesNothing) {
     for (const char* attempt : {"../named", "a/b", "named.x"}) {
         m_engineOptions.welcome.attempt = attempt;

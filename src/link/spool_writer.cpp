@@ -17,6 +17,8 @@ namespace {
 
 // The wait ends by its token; the length only bounds one round.
 constexpr std::chrono::minutes kIdleWait{60};
+// Between two tries at the end: a disk gets room, a folder comes back.
+constexpr std::chrono::milliseconds kTryAgain{200};
 
 struct Place {
     std::uint64_t session = 0;  // counted here
@@ -38,7 +40,8 @@ struct Job {
 
 // Shared with the thread, which may outlive the writer.
 struct SpoolWriter::State {
-    State(Clock& clock, Tell told) : signal(clock), ended(clock), tell(std::move(told)) {}
+    State(Clock& timesFrom, Tell told)
+        : clock(timesFrom), signal(clock), ended(clock), tell(std::move(told)) {}
 
     void Run();
     std::optional<Job> Next();
@@ -49,12 +52,16 @@ struct SpoolWriter::State {
     void Say(bool isProblem, const std::string& line) noexcept;
     bool Fails(const std::string& why);
 
+    Clock& clock;
     Signal signal;  // something is to be done
     Place place RQ_GUARDED_BY(signal);
     Job wanted RQ_GUARDED_BY(signal);              // to be written, while it has a body
     std::uint64_t held RQ_GUARDED_BY(signal) = 0;  // what this session's file holds
     std::uint64_t acknowledged RQ_GUARDED_BY(signal) = 0;
+    Job failed RQ_GUARDED_BY(signal);  // could not be written: tried again at the end
     bool isEnding RQ_GUARDED_BY(signal) = false;
+    bool isLate RQ_GUARDED_BY(signal) = false;  // it was tried again
+    SteadyTime end RQ_GUARDED_BY(signal);
 
     Signal ended;
     bool hasEnded RQ_GUARDED_BY(ended) = false;
@@ -113,6 +120,7 @@ void SpoolWriter::Finish(std::chrono::milliseconds patience) {
     {
         Signal::Hold hold(state->signal);
         state->isEnding = true;
+        state->end = m_clock.Steady() + patience - 2 * kTryAgain;
         state->signal.Notify(hold);
     }
     bool hasEnded = false;
@@ -142,6 +150,7 @@ void SpoolWriter::State::Run() {
             Say(true, "no memory to keep a final status");
         }
         Signal::Hold hold(signal);
+        if (job->body) failed = isDone || !IsSpoolAttempt(job->place.attempt) ? Job{} : *job;
         if (isDone && job->place.session == place.session) held = job->seq;
     }
     Signal::Hold hold(ended);
@@ -154,7 +163,13 @@ std::optional<Job> SpoolWriter::State::Next() {
     Signal::Hold hold(signal);
     for (;;) {
         if (std::optional<Job> job = Due()) return job;
-        if (isEnding) return std::nullopt;
+        if (isEnding) {
+            if (isLate) signal.WaitFor(hold, kTryAgain);
+            const bool isHere = failed.place.session == place.session && failed.seq <= acknowledged;
+            if (!failed.body || isHere || clock.Steady() >= end) return std::nullopt;
+            isLate = true;
+            return std::exchange(failed, Job{});
+        }
         signal.WaitFor(hold, kIdleWait);
     }
 }

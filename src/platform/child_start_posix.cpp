@@ -6,6 +6,8 @@
 
 #include <cerrno>
 
+#include "platform/file_limit_posix.h"
+
 namespace rq::platform {
 
 namespace {
@@ -55,6 +57,7 @@ void RunChildSteps(const ChildSteps& steps, int report) {
     if (steps.directory != nullptr && ::chdir(steps.directory) != 0)
         Report(report, ChildFailure::Step::Directory);
     KeepDescriptorsOut();
+    RestoreFileLimit();
     ::execve(steps.program, steps.arguments.data(), steps.environment.data());
     Report(report, ChildFailure::Step::Exec);
 }

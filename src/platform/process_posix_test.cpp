@@ -2,12 +2,14 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "kit/files.h"
 #include "kit/temp_dir.h"
+#include "platform/file_limit.h"
 #include "platform/found_process.h"
 #include "platform/process.h"
 #include "platform/process_tree.h"
@@ -46,6 +48,25 @@ TEST(ProcessOnLinux, DescriptorsStayWithTheParent) {
     ::close(pair[0]);
     ::close(pair[1]);
     ::close(file);
+}
+
+TEST(ProcessOnLinux, ARaisedLimitOfFilesStaysWithTheParent) {
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit low{std::min<rlim_t>(before.rlim_max, 200), before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    RaiseFileLimit();
+    RaiseFileLimit();
+    const TempDir dir;
+    ProcessSpec spec;
+    spec.program = "/bin/sh";
+    spec.arguments = {"-c", "ulimit -Sn"};
+    SendOutputTo(spec, dir.Utf8("out"));
+    auto child = ChildProcess::Start(spec);
+    setrlimit(RLIMIT_NOFILE, &before);
+    ASSERT_NE(child, nullptr);
+    ASSERT_TRUE(child->Wait(kLong));
+    EXPECT_EQ(kit::ReadBytes(dir.Path() / "out"), std::to_string(low.rlim_cur) + "\n");
 }
 
 TEST(ProcessOnLinux, AFoundProcessIsEndedWithItsTree) {

@@ -206,6 +206,20 @@ TEST_F(Patrol, PausedTaskNeverStalls) {
     EXPECT_EQ(Stalls().size(), 1u);
 }
 
+// Of the statuses that alone: another one, a final one too, is of a task that goes on.
+TEST_F(Patrol, EveryOtherStatusStalls) {
+    for (const std::uint32_t status : {0u, 3u, 4u, 5u}) {
+        m_core.script.SetPercent(30);
+        m_core.script.SetStatus(status);
+        ExpectUpdate(-1h);
+        const std::size_t before = Stalls().size();
+        Start();
+        Round();
+        LastRound();
+        EXPECT_EQ(Stalls().size(), before + 1) << status;
+    }
+}
+
 // It is the task's status that counts, not the worker's flag.
 TEST_F(Patrol, PausedFlagAloneDoesNotHoldThePatrolBack) {
     m_core.script.SetPercent(30);

@@ -82,7 +82,16 @@ TEST_F(Progress, StandardOutputLines) {
     });
     Start();
     Round();
-    EXPECT_EQ(m_core.journal.Console(), "Process=12.3457\nAverateSpeed=0.1\n");
+    const std::string lines = "Process=12.3457\nAverateSpeed=0.1\n";
+    EXPECT_EQ(m_core.journal.Console(), lines);
+    // Each round, whether anything is sent or not.
+    m_core.paused = true;
+    Round();
+    m_core.disconnected = true;
+    m_core.script.SetStatus(kTaskFinished);
+    Round();
+    EXPECT_EQ(m_core.journal.Console(), lines + lines + lines);
+    EXPECT_EQ(Reports().size(), 1u);
 }
 
 TEST_F(Progress, StandardOutputAtTheEndsOfTheRange) {
@@ -107,6 +116,9 @@ TEST_F(Progress, AboveHundredIsLoggedAndSentAsHundred) {
     EXPECT_EQ(m_core.journal.LogLines(), std::vector<std::string>{line});
     Round();  // logged each round, sent once
     EXPECT_EQ(m_core.journal.Count(line), 2u);
+    m_core.paused = m_core.disconnected = true;
+    Round();
+    EXPECT_EQ(m_core.journal.Count(line), 3u);
     EXPECT_EQ(Reports().size(), 1u);
 }
 

@@ -235,6 +235,13 @@ TEST_F(StatusReport, TheSameMessageIsRepeated) {
     }
 }
 
+TEST_F(StatusReport, LossDuringTheFirstTryLeavesItTheOnlyOne) {
+    m_core.failures = 1'000'000;
+    m_core.onSend = [this](std::uint32_t) { m_core.disconnected = true; };
+    EXPECT_EQ(ReportStatus(m_core, 4), 0);
+    EXPECT_EQ(m_core.sent.All().size(), 1u);
+}
+
 TEST_F(StatusReport, LossOfTheServerEndsTheRepeats) {
     m_core.failures = 1'000'000;
     std::thread reporter([this] { EXPECT_EQ(ReportStatus(m_core, 4), 0); });

@@ -1,9 +1,12 @@
 #include "util/file_text.h"
 
 #include <cstdint>
+#include <filesystem>
 #include <new>
 #include <optional>
+#include <system_error>
 
+#include "base/paths.h"
 #include "base/text.h"
 #include "platform/codepage.h"
 #include "platform/files.h"
@@ -97,6 +100,13 @@ namespace KWOVL_UTILITY {
 
 void OVLReadFileToString(std::string path, std::wstring& text) {
     try {
+        // A pipe may never end, or never begin.
+        std::error_code unknown;
+        if (std::filesystem::is_other(rq::PathFromUtf8(path), unknown)) {
+            rq::Log(4, "The file \"" + path +
+                           "\" is not used: it is a pipe or a device. Give the path of a text file.");
+            return;
+        }
         rq::platform::OsError error;
         const auto bytes = rq::platform::ReadWholeFile(path, &error, rq::kLargestTextFile_bytes);
         if (!bytes) {

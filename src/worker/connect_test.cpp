@@ -152,9 +152,16 @@ TEST_F(Connect, LateServerIsJoinedOnTheFirstAttemptAfterItComesUp) {
     }
     init.join();
     EXPECT_EQ(m_journal.Count("client.Connect 127.0.0.1:8083"), 5u);
-    EXPECT_EQ(m_journal.Console(),
-              "sessionID="
-              "4294967295\n通信服务端没有启动\n通信服务端没有启动\n通信服务端没有启动\n通信服务端没有启动\n");
+    // Each line comes before the call that it tells of.
+    std::vector<std::string> order{"client.Connect 127.0.0.1:8083", "console sessionID=4294967295\n"};
+    for (int i = 0; i < 4; ++i) {
+        order.push_back("console 通信服务端没有启动\n");
+        order.push_back("client.Connect 127.0.0.1:8083");
+    }
+    EXPECT_EQ(m_journal.EntriesThat([](const std::string& entry) {
+        return entry.starts_with("client.Connect") || entry.starts_with("console");
+    }),
+              order);
     EXPECT_EQ(m_journal.Count("client created"), 1u);
     EXPECT_EQ(m_journal.Count("client.Initialize"), 1u);
     // One line tells where the reasons stand.
@@ -162,6 +169,18 @@ TEST_F(Connect, LateServerIsJoinedOnTheFirstAttemptAfterItComesUp) {
                                                                NarrowUtf8(m_engine.setup.logFile) +
                                                                " says why. It is tried again each second."));
     EXPECT_EQ(m_journal.LogLines().size(), 3u);
+}
+
+TEST_F(Connect, NoHeartbeatIsSentBeforeThereIsAConnection) {
+    m_engine.connectResults.assign(60, kNoSession);
+    MakeCore();
+    std::thread init([this] { EXPECT_EQ(InitCore(), 0); });
+    for (int i = 0; i < 60; ++i) {
+        ASSERT_TRUE(m_clock.WaitForWaiters(1));
+        m_clock.Advance(1000ms);
+    }
+    init.join();
+    EXPECT_TRUE(m_engine.sent.All().empty());
 }
 
 TEST_F(Connect, AWorkerThatAnEngineStartedLooksForOneNoLongerThanItSays) {

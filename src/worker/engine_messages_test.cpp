@@ -234,15 +234,26 @@ TEST_F(Orders, TextOfTenMegabytes) {
     EXPECT_EQ(m_journal.Count("runner.UpdateTask " + text), 1u);
 }
 
+// Whoever sends meanwhile is not held up.
 TEST_F(Orders, RunnerIsCalledOutsideTheSendLock) {
-    m_script.onClose = [this](std::uint32_t) {
+    const auto send = [this] {
         std::thread([this] {
             const HeartbeatRecord record;
-            EXPECT_TRUE(m_core->Send(TCP_WORKER_HEARTBEAT_ID, &record));
+            m_core->Send(TCP_WORKER_HEARTBEAT_ID, &record);
         }).join();
     };
-    m_engine.DeliverCommand(TCP_TASK_CANCEL_ID);
-    EXPECT_EQ(m_engine.sent.All().size(), 2u);
+    m_script.onClose = [send](std::uint32_t) { send(); };
+    m_script.onSuspend = m_script.onResume = m_script.onUpdate = send;
+    std::size_t calls = 0;
+    for (const std::uint32_t id : {4002u, 4004u, 4006u, 4015u, 4019u, 12306u}) {
+        if (id == TCP_TASK_UPDATE_ID)
+            m_engine.DeliverText(id, "<t/>");
+        else if (id == TCP_SERVER_DISCONNECT_ID)
+            m_engine.DeliverLoss();
+        else
+            m_engine.DeliverCommand(id);
+        EXPECT_EQ(m_engine.sent.WithId(TCP_WORKER_HEARTBEAT_ID).size(), ++calls) << id;
+    }
 }
 
 TEST_F(Orders, AnExceptionEndsItsOrderAloneAndIsLogged) {
@@ -297,6 +308,18 @@ TEST_P(EndingOrder, ClearsTheWorkingFlag) {
     Hold();
     Deliver(GetParam());
     EXPECT_FALSE(m_core->IsWorking());
+}
+
+// What is to be closed is closed first: whoever sees a cleared flag may rely on it.
+TEST_P(EndingOrder, ClosesBeforeItClearsTheFlags) {
+    const auto seen = std::make_shared<std::vector<std::pair<bool, bool>>>();
+    m_script.onClose = [this, seen](std::uint32_t) {
+        seen->emplace_back(m_core->IsWorking(), m_core->HeartbeatShouldStop());
+    };
+    Hold();
+    Deliver(GetParam());
+    ASSERT_EQ(seen->size(), 1u);
+    EXPECT_EQ(seen->front(), std::pair(true, false));
 }
 
 INSTANTIATE_TEST_SUITE_P(Ids, EndingOrder, ::testing::Values(4002, 4019, 12306));

@@ -60,6 +60,20 @@ TEST_F(Init, OrderForOrdinaryTypes) {
     EXPECT_EQ(m_core->ProcessIdText(), std::to_string(platform::CurrentProcessId()));
 }
 
+TEST_F(Init, TheSupervisionCallbackIsKeptAndNeverCalled) {
+    static std::atomic<int> calls;
+    calls = 0;
+    m_start.supervisionCallback = [](std::uint32_t, std::uint64_t, std::uint64_t) {
+        ++calls;
+        return std::uint64_t{0};
+    };
+    InitCore();
+    StartWork();
+    ASSERT_TRUE(m_engine.sent.WaitFor(TCP_WORKER_STATE_ID, 2));
+    End();
+    EXPECT_EQ(calls, 0);
+}
+
 TEST_F(Init, OrderForPackageTypes) {
     for (const std::int32_t type : {14, 23}) {
         m_start.taskType = type;
@@ -102,6 +116,7 @@ TEST_F(Init, RunnerGetsTextParametersAndType) {
     m_script.With([](RunnerAnswers& answers) {
         EXPECT_EQ(answers.start.parameterText, "<task/>");
         EXPECT_EQ(answers.start.parameters.value03, 77);
+        EXPECT_EQ(answers.start.parameters.nextServerIndex, 0) << "as they were read, before a connection";
         EXPECT_EQ(answers.start.workerType, 4);
     });
 }
@@ -117,6 +132,7 @@ TEST_F(Init, FailingRunnerOfAPackageMakesNoConnection) {
                                             Line(4, "RQ_TASK_PACKAGE WorkRunner Init False!")}))
             << type;
         EXPECT_TRUE(m_core->HeartbeatShouldStop());
+        EXPECT_FALSE(m_core->IsDisconnected());
         End();
     }
 }
