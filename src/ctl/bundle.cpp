@@ -133,7 +133,7 @@ std::string TokenOf(const std::string& dataFolder) {
 
 }  // namespace
 
-Outcome<int> Bundle(EngineAccess& engine, const std::string& id, const std::string& file) {
+Outcome<int> Bundle(EngineAccess& engine, const std::string& id, const std::string& file, bool asJson) {
     const std::string path = "/api/v1/tasks/" + EncodeSegment(id);
     const auto task = engine.Get(path);
     if (!task) return task.error();
@@ -157,7 +157,7 @@ Outcome<int> Bundle(EngineAccess& engine, const std::string& id, const std::stri
     platform::OsError error;
     if (!platform::CreatePrivateFile(target, *archive, &error))
         return Failure(kExitFailed, "the bundle cannot be written: " + error.message);
-    Print(target + "\n");
+    Print(asJson ? json{{"file", target}, {"bytes", archive->size()}}.dump(2) + "\n" : target + "\n");
     return kExitFinished;
 }
 

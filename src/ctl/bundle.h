@@ -10,6 +10,6 @@
 namespace rq::ctl {
 
 // `file` is made; empty: "<id>-bundle.tar.gz" in the current folder.
-Outcome<int> Bundle(EngineAccess& engine, const std::string& id, const std::string& file);
+Outcome<int> Bundle(EngineAccess& engine, const std::string& id, const std::string& file, bool asJson);
 
 }  // namespace rq::ctl

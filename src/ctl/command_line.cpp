@@ -38,6 +38,8 @@ void AddSubmitOptions(CLI::App* command, CommandLine& line) {
     AddRunOptions(command, line.run);
     command->add_flag("--wait", line.wait, "Wait for the end and print the result");
     command->add_flag("--watch", line.watch, "The same, with a progress bar");
+    command->add_flag("--json", line.json,
+                      "The answer as JSON; with --wait or --watch then a line for each change");
 }
 
 // The values' texts go into the task as they are; the plug-in says what is wrong with them.
@@ -185,8 +187,10 @@ void AddCommands(CLI::App& app, CommandLine& line) {
     bundle->add_option("id", line.id, "Task ID")->required();
     bundle->add_option("--output", line.file, "File to make; otherwise ID-bundle.tar.gz here")
         ->type_name("FILE");
+    bundle->add_flag("--json", line.json, "The answer as JSON");
     auto* backup = app.add_subcommand("backup", "Copy the engine's store while it runs");
     backup->add_option("file", line.file, "File to make")->required()->type_name("FILE");
+    backup->add_flag("--json", line.json, "The answer as JSON");
     auto* path = app.add_subcommand("path", "Paths of task texts on the engine's node");
     path->require_subcommand(1);
     path->fallthrough();
@@ -223,6 +227,7 @@ void AddCommands(CLI::App& app, CommandLine& line) {
     auto* shutdown = app.add_subcommand(
         "shutdown", "End the engine in good order; its workers go on, and wait for the next one for a while");
     shutdown->add_flag("--cancel", line.cancel, "Cancel what runs, and end the workers with the engine");
+    shutdown->add_flag("--json", line.json, "The answer as JSON");
     for (auto* command :
          {list, show, watch, explain, completion, bundle, backup, gc, path, errorName, replay, shutdown})
         command->fallthrough();

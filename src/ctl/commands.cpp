@@ -12,6 +12,7 @@
 #include "ctl/file_argument.h"
 #include "ctl/md5_task.h"
 #include "ctl/output.h"
+#include "ctl/watch_table.h"
 #include "platform/files.h"
 #include "platform/identity.h"
 
@@ -99,6 +100,10 @@ Outcome<int> Submit(const std::string& dataFolder, const std::string& type, cons
     const auto answer = (*engine)->Post("/api/v1/tasks", sent);
     if (!answer) return answer.error();
     const std::string id = answer->value("id", "");
+    if (options.json) {
+        Print(Dump(*answer, options.follow ? -1 : 2));
+        return options.follow ? WatchTasks(**engine, {id}, true) : Outcome<int>(kExitFinished);
+    }
     if (answer->value("repeated", false))
         std::fprintf(stderr, "rqctl: %s has this key already; no task was made\n", id.c_str());
     if (options.follow) return WatchTask(**engine, id, *options.follow, work_bytes);
@@ -262,7 +267,7 @@ Outcome<int> DrainOrUndrain(EngineAccess& engine, const std::string& order, cons
     return Tell(engine.Post("/api/v1/" + order, body), asJson);
 }
 
-Outcome<int> Shutdown(EngineAccess& engine, bool cancel) {
+Outcome<int> Shutdown(EngineAccess& engine, bool cancel, bool asJson) {
     const auto answer = engine.Post("/api/v1/shutdown", cancel ? R"({"cancel":true})" : "");
     if (!answer) return answer.error();
     const auto file = PathFromUtf8(engine.DataFolder()) / "engine.json";
@@ -274,7 +279,7 @@ Outcome<int> Shutdown(EngineAccess& engine, bool cancel) {
                                             std::to_string(kShutdownLimit.count()) + " s; it still tries");
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    Print("the engine has ended\n");
+    Print(asJson ? Dump(*answer, 2) : "the engine has ended\n");
     return kExitFinished;
 }
 

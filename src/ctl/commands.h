@@ -25,6 +25,7 @@ struct SubmitOptions {
     std::string name;
     RunFields run = {};
     std::optional<Follow> follow;  // nothing: print the ID and go
+    bool json = false;
 };
 
 struct ListOptions {
@@ -68,13 +69,13 @@ Outcome<int> Explain(EngineAccess& engine, const std::string& id, bool asJson);
 Outcome<int> DrainOrUndrain(EngineAccess& engine, const std::string& order, const std::string& type,
                             bool json);
 // `file` is made absolute; the engine makes it.
-Outcome<int> Backup(EngineAccess& engine, const std::string& file);
+Outcome<int> Backup(EngineAccess& engine, const std::string& file, bool asJson);
 // What becomes of a path in a task text on the engine's node. kExitFailed when it cannot be reached.
 Outcome<int> TestPath(EngineAccess& engine, const std::string& path, bool asJson);
 Outcome<int> CollectGarbage(EngineAccess& engine, bool asJson);
 // Returns when the engine has ended. `cancel`: its tasks are cancelled and its workers ended; else those go
 // on.
-Outcome<int> Shutdown(EngineAccess& engine, bool cancel);
+Outcome<int> Shutdown(EngineAccess& engine, bool cancel, bool asJson);
 
 // ---- their texts; pure ----
 std::string ListTable(const nlohmann::json& tasks);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 
 #include "base/paths.h"
 #include "ctl/bundle.h"
@@ -24,6 +25,7 @@ Outcome<int> RunSubmit(const CLI::App& submit, const CommandLine& line) {
     SubmitOptions options;
     options.name = line.name;
     options.run = line.run;
+    options.json = line.json;
     if (line.watch)
         options.follow = Follow::WithProgress;
     else if (line.wait)
@@ -104,15 +106,22 @@ Outcome<int> Run(const CLI::App& app, const CommandLine& line) {
     for (const char* order : {"drain", "undrain"}) {
         if (app.got_subcommand(order)) return DrainOrUndrain(**engine, order, line.type, line.json);
     }
-    if (app.got_subcommand("bundle")) return Bundle(**engine, line.id, line.file);
-    if (app.got_subcommand("backup")) return Backup(**engine, line.file);
+    if (app.got_subcommand("bundle")) return Bundle(**engine, line.id, line.file, line.json);
+    if (app.got_subcommand("backup")) return Backup(**engine, line.file, line.json);
     if (app.got_subcommand("path")) return TestPath(**engine, line.file, line.json);
     if (app.got_subcommand("gc")) return CollectGarbage(**engine, line.json);
-    return Shutdown(**engine, line.cancel);
+    return Shutdown(**engine, line.cancel, line.json);
 }
 
-int Conclude(const Outcome<int>& result) {
+int Conclude(const Outcome<int>& result, bool asJson) {
     if (!result) {
+        if (asJson) {
+            const nlohmann::json error = {{"message", result.error().message},
+                                          {"exit_code", result.error().exitCode}};
+            Print(nlohmann::json{{"error", error}}.dump(2, ' ', false,
+                                                        nlohmann::json::error_handler_t::replace) +
+                  "\n");
+        }
         std::fprintf(stderr, "rqctl: %s\n", result.error().message.c_str());
         return result.error().exitCode;
     }
@@ -142,5 +151,5 @@ int main(int argc, char** argv) {
     }
     std::error_code ignored;
     line.dataFolder = rq::Utf8FromPath(std::filesystem::absolute(rq::PathFromUtf8(line.dataFolder), ignored));
-    return Conclude(Run(app, line));
+    return Conclude(Run(app, line), line.json || line.list.json || line.show.json);
 }

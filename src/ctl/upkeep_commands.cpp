@@ -9,12 +9,16 @@ namespace rq::ctl {
 
 using nlohmann::json;
 
-Outcome<int> Backup(EngineAccess& engine, const std::string& file) {
+Outcome<int> Backup(EngineAccess& engine, const std::string& file, bool asJson) {
     if (file.empty()) return Failure(kExitUsage, "backup: the file name is empty; is a variable not set?");
     std::error_code ignored;
     const auto path = std::filesystem::absolute(PathFromUtf8(file), ignored).lexically_normal();
     const auto answer = engine.Post("/api/v1/backup", json({{"file", Utf8FromPath(path)}}).dump());
     if (!answer) return answer.error();
+    if (asJson) {
+        Print(answer->dump(2) + "\n");
+        return kExitFinished;
+    }
     Print(answer->value("file", "") + " " + std::to_string(answer->value("bytes", std::uint64_t{0})) +
           " bytes\n");
     return kExitFinished;

@@ -97,6 +97,15 @@ TEST(ConfigFile, RetryPoliciesAreForAllTypesAndForOne) {
     EXPECT_EQ(read.retry.For(7).attempts, 1);
 }
 
+TEST(ConfigFile, WhatIsPrintedAllowsRepetitionsWhereTheFileDid) {
+    EngineSettings settings, read;
+    ASSERT_TRUE(ApplyConfig("[retry.tf]\nonly_untouched = false\n", "f", settings));
+    EXPECT_FALSE(settings.retry.For(0).onlyUntouched);
+    ASSERT_TRUE(ApplyConfig(ConfigText(settings), "f", read));
+    EXPECT_FALSE(read.retry.For(0).onlyUntouched);
+    EXPECT_TRUE(read.retry.For(7).onlyUntouched);
+}
+
 TEST(ConfigFile, ANodeHasLimitsOfItsOwn) {
     kit::TempDir folder;
     EngineSettings settings;

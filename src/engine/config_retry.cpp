@@ -128,7 +128,9 @@ std::string PolicyTables(const RetryRules& rules) {
                 "done twice.\n";
         for (const auto& key : PolicyKeys()) {
             const std::string shown = key.show(policy);
-            if (shown != key.show(rules.standard)) text += std::string(key.name) + " = " + shown + "\n";
+            // Of single types alone: a type that has none in the file may have it by default.
+            if (key.name == std::string_view("only_untouched") || shown != key.show(rules.standard))
+                text += std::string(key.name) + " = " + shown + "\n";
         }
     }
     return text;

@@ -55,7 +55,7 @@ std::string SettingOf(const std::string& rule) {
                      {"ignored-cancel", "cancel_s in [limits]"},
                      {"ignored-finish", "finish_s in [limits]"},
                      {"no-exit", "destroy_s in [limits]"},
-                     {"connection-lost", "link_grace_s in [limits]"},
+                     {"connection-lost", "resume_s and link_grace_s in [limits]"},
                      {"engine-end", "end_s in [limits]"},
                      {"no-heartbeat", "the heartbeat interval in the stage's actor.xml"}};
     for (const auto& one : kSettings) {

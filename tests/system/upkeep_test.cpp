@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "base/paths.h"
 #include "kit/os.h"
 #include "node.h"
@@ -36,6 +38,39 @@ TEST(Upkeep, TheConfigurationIsReadPrintedAndChecked) {
     EXPECT_EQ(refused.code, 2);
     EXPECT_THAT(refused.errors, HasSubstr("engine.toml:3: \"max_wrokers\" is not a key of [engine]"));
     EXPECT_EQ(RunEngine(node, {"--config", node.Folder().Utf8("none.toml")}).code, 2);
+}
+
+TEST(Upkeep, EveryAnswerIsJsonWhenAskedFor) {
+    Node node;
+    const std::string film = Utf8FromPath(node.Folder().Write("film.bin", "content"));
+    const auto ask = [&](std::vector<std::string> arguments, int code) {
+        arguments.emplace_back("--json");
+        const Outcome answer = node.Ctl(arguments);
+        EXPECT_EQ(answer.code, code) << arguments[0] << ": " << answer.errors;
+        return nlohmann::json::parse(answer.output);
+    };
+    EXPECT_EQ(ask({"submit", "md5", film}, 0)["id"], "t1");
+    const Outcome waited = node.Ctl({"submit", "md5", film, "--wait", "--json"});
+    EXPECT_EQ(waited.code, 0) << waited.errors;
+    std::istringstream lines(waited.output);
+    std::string line, last;
+    ASSERT_TRUE(std::getline(lines, line));
+    EXPECT_EQ(nlohmann::json::parse(line)["id"], "t2");
+    while (std::getline(lines, line)) last = line;
+    EXPECT_EQ(nlohmann::json::parse(last)["state"], "finished");
+    node.WaitForEnd("t1");
+    const std::string copy = Utf8FromPath(node.Folder().Path() / "copy.db");
+    EXPECT_GT(ask({"backup", copy}, 0)["bytes"], 0);
+    const std::string bundle = Utf8FromPath(node.Folder().Path() / "b.tar.gz");
+    const auto bundled = ask({"bundle", "t1", "--output", bundle}, 0);
+    EXPECT_EQ(bundled["file"], bundle);
+    EXPECT_EQ(bundled["bytes"], fs::file_size(PathFromUtf8(bundle)));
+    const auto refused = ask({"suspend", "t1"}, 5)["error"];
+    EXPECT_EQ(refused["exit_code"], 5);
+    EXPECT_THAT(refused["message"].get<std::string>(), HasSubstr("t1 is finished"));
+    EXPECT_EQ(ask({"show", "t9"}, 1)["error"]["exit_code"], 1);
+    EXPECT_TRUE(ask({"shutdown"}, 0).is_object());
+    EXPECT_EQ(node.Engine().ExitCode(std::chrono::seconds(60)), 0);
 }
 
 TEST(Upkeep, ABackupMadeWhileTheEngineRunsIsAStore) {
