@@ -97,7 +97,8 @@ bool InputFile::Look(Facts& facts) const {
 FileFacts InputFile::FactsToKeep() const {
     struct stat now {};
     if (::fstat(static_cast<int>(m_handle), &now) != 0) return {m_before.modified_ns, 0644};
-    return {m_before.modified_ns, now.st_mode & 07777u};
+    // Not the set-ID bits: the copy has another owner.
+    return {m_before.modified_ns, now.st_mode & 0777u};
 }
 
 bool InputFile::MayHaveHoles() const {

@@ -83,6 +83,8 @@ class Publication {
     std::uint32_t SetSize(std::uint64_t size_bytes);
     // The target gets the source's time of modification, and its access rights (on Windows its attributes).
     void TakeFactsOf(const InputFile& source);
+    // Nobody else may read the file that is written until it has the facts of its source.
+    void KeepPrivate();
     std::uint64_t SizeBytes() const { return m_sizeBytes; }
     // For libraries that read or write by name.
     const std::string& TemporaryPath() const { return m_temporary; }

@@ -175,7 +175,7 @@ std::optional<PublishFailure> Publication::Begin(const std::string& target,
         if (!S_ISREG(facts.st_mode) && !S_ISLNK(facts.st_mode))
             return Fail(PublishProblem::kTargetExists, 0,
                         target + ": the target exists and is no plain file; it is not overwritten");
-        if (S_ISREG(facts.st_mode)) m_mode = facts.st_mode & 07777;
+        if (S_ISREG(facts.st_mode)) m_mode = facts.st_mode & 0777;
     } else if (errno == ENAMETOOLONG) {
         return Fail(PublishProblem::kCreate, ENAMETOOLONG, target);
     }
@@ -269,6 +269,10 @@ std::uint32_t Publication::SetSize(std::uint64_t size_bytes) {
 
 void Publication::TakeFactsOf(const InputFile& source) {
     m_facts = source.FactsToKeep();
+}
+
+void Publication::KeepPrivate() {
+    (void)::fchmod(static_cast<int>(m_handle), 0600);
 }
 
 std::uint32_t Publication::ApplyFacts() {

@@ -13,6 +13,27 @@ namespace {
 namespace fs = std::filesystem;
 using PublishOnLinux = PublishTest;
 
+TEST_F(PublishOnLinux, AFileThatIsKeptPrivateIsUntilItGetsItsRights) {
+    Write("source", "abc");
+    fs::permissions(Path("source"), fs::perms(0640));
+    InputFile input;
+    ASSERT_EQ(input.Open(PathOf("source")), 0u);
+    Publication publication;
+    ASSERT_FALSE(publication.Begin(PathOf("out"), {PathOf("source")}, false));
+    publication.KeepPrivate();
+    int found = 0;
+    for (const auto& entry : fs::directory_iterator(Path(""))) {
+        if (entry.path().extension() != ".rqpart") continue;
+        ++found;
+        EXPECT_EQ(entry.status().permissions(), fs::perms(0600));
+    }
+    EXPECT_EQ(found, 1);
+    publication.WriteAt(0, "abc", 3);
+    publication.TakeFactsOf(input);
+    ASSERT_FALSE(publication.Publish(Agree));
+    EXPECT_EQ(fs::status(Path("out")).permissions(), fs::perms(0640));
+}
+
 TEST_F(PublishOnLinux, OverwritingReplacesALinkAndNotWhatItLeadsTo) {
     Write("other", "kept");
     fs::create_symlink("other", PathOf("out"));

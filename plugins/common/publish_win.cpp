@@ -275,6 +275,8 @@ std::uint32_t Publication::SetSize(std::uint64_t size_bytes) {
     return 0;
 }
 
+void Publication::KeepPrivate() {}  // its folder's access list holds
+
 void Publication::TakeFactsOf(const InputFile& source) {
     m_facts = source.FactsToKeep();
 }

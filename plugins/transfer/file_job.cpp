@@ -99,6 +99,7 @@ Problem TransferWork::Copy(Job& job) {
     const std::uint64_t size_bytes = source->Size();
     auto target = std::make_unique<task::Publication>();
     if (Problem problem = Begin(job, {job.source}, size_bytes, *target)) return problem;
+    target->KeepPrivate();
     if (source->MayHaveHoles()) (void)target->MakeSparse();  // without it the holes take room
     Digests digests;
     if (Problem problem = Pass(job, *source, target.get(), digests)) return problem;

@@ -109,7 +109,7 @@ std::uint32_t MakeFolder(const std::string& path, bool& made) {
 void CopyFolderFacts(const std::string& from, const std::string& to) {
     struct stat facts {};
     if (::stat(from.c_str(), &facts) != 0) return;
-    (void)::chmod(to.c_str(), facts.st_mode & 07777);
+    (void)::chmod(to.c_str(), facts.st_mode & 01777);  // not the set-ID bits: it has another owner
     const timespec times[2] = {{0, UTIME_OMIT}, facts.st_mtim};
     (void)::utimensat(AT_FDCWD, to.c_str(), times, 0);
 }

@@ -110,6 +110,18 @@ TEST_F(TransferTest, KeepsHolesAndRights) {
     }
 }
 
+TEST_F(TransferTest, KeepsNoSetIdBits) {
+    Write("tree/a", "abc");
+    ASSERT_EQ(::chmod(At("tree/a").c_str(), 06755), 0);
+    ASSERT_EQ(::chmod(At("tree").c_str(), 06755), 0);
+    ASSERT_EQ(Do(Text(Item("tree", "copy"))), RQ_STATUS_FINISHED) << Detail();
+    struct stat target {};
+    ASSERT_EQ(::stat(At("copy/a").c_str(), &target), 0);
+    EXPECT_EQ(target.st_mode & 07777u, 0755u);
+    ASSERT_EQ(::stat(At("copy").c_str(), &target), 0);
+    EXPECT_EQ(target.st_mode & 07777u, 0755u);
+}
+
 TEST_F(TransferTest, KeepsTimesAndRightsOfFolders) {
     Write("tree/sub/a", "abc");
     fs::last_write_time(At("tree/sub"), fs::last_write_time(At("tree/sub")) - std::chrono::hours(100));

@@ -13,8 +13,8 @@
 //   };
 //   RQ_PLUGIN(Copy)      // once, in one source file
 //
-// Threads: Analyse, Perform, Init and Release are called on the worker's main thread, Update on its link
-// thread while Perform runs; Host from any thread.
+// Threads: Analyse, Perform, Init and Release are called on the worker's main thread. For a task's new text its
+// link thread calls Update while Perform runs, and Analyse else. Host from any thread.
 #ifndef RQWORKER_PLUGIN_HPP
 #define RQWORKER_PLUGIN_HPP
 
