@@ -40,8 +40,8 @@ fs::path Tidy(const fs::path& path) {
     return tidy;
 }
 
-// The absolute form of a name that a task text can hold.
-Result<fs::path> AbsolutePath(const std::string& name) {
+// What a task text can hold.
+Result<void> Writable(const std::string& name) {
     if (name.empty()) return Fail("an empty file name");
     if (!IsValidUtf8(name))
         return Fail(RepairUtf8(name) + ": the file name is not UTF-8; rename the file, or give a link to it");
@@ -50,6 +50,12 @@ Result<fs::path> AbsolutePath(const std::string& name) {
             RepairUtf8(name) +
             ": the file name has a control character that a task text cannot hold; rename the file, or "
             "give a link to it");
+    return {};
+}
+
+// The absolute form of a name that a task text can hold.
+Result<fs::path> AbsolutePath(const std::string& name) {
+    if (auto writable = Writable(name); !writable) return writable.error();
     std::error_code code;
     // On Windows with its own separators only, whatever was typed: the path also stands in results.
     fs::path path = Tidy(fs::absolute(PathFromUtf8(name), code)).make_preferred();
@@ -62,7 +68,18 @@ Result<fs::path> AbsolutePath(const std::string& name) {
 
 }  // namespace
 
+bool IsOfAnotherSystem(const std::string& name) {
+    std::error_code code;
+    if (!Writable(name) || fs::exists(PathFromUtf8(name), code)) return false;
+    if (fs::path::preferred_separator != '/') return name[0] == '/' && name.substr(0, 2) != "//";
+    const auto isLetter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+    const bool isDrive =
+        name.size() > 2 && isLetter(name[0]) && name[1] == ':' && (name[2] == '\\' || name[2] == '/');
+    return isDrive || name.substr(0, 2) == "\\\\";
+}
+
 Result<std::string> ExistingFile(const std::string& name) {
+    if (IsOfAnotherSystem(name)) return name;
     const auto path = AbsolutePath(name);
     if (!path) return path.error();
     std::error_code code;
@@ -91,6 +108,7 @@ Result<std::string> ExistingFolder(const std::string& name) {
 }
 
 Result<std::string> NewFile(const std::string& name, bool overwrite) {
+    if (IsOfAnotherSystem(name)) return name;
     // As it was given: made absolute, it has lost what is wrong with it.
     const std::string last = Utf8FromPath(PathFromUtf8(RepairUtf8(name)).filename());
     const bool isFolder = last == "." || last == "..";

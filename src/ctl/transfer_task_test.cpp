@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <vector>
 
 #include "base/paths.h"
 #include "kit/temp_dir.h"
@@ -31,6 +32,24 @@ TEST(TransferTaskXml, SaysWhatWasSaid) {
         "  <Manifest>true</Manifest>\n  <RateLimit_kBps>12</RateLimit_kBps>\n"
         "  <Items><Item><Source>/a &amp; b</Source><Target>/c</Target><MD5>ab</MD5>"
         "<Credentials>own</Credentials></Item></Items>\n</TransferTask>\n");
+}
+
+TEST(PrepareTransfer, LeavesPathsOfAnotherSystem) {
+    const bool isWindows = std::filesystem::path::preferred_separator != '/';
+    TransferOptions options;
+    for (const char* name : isWindows ? std::vector{"/mnt/none/a", "/a"}
+                                      : std::vector{"Z:\\media\\a", "z:/a", "\\\\server\\share\\a"}) {
+        options.source = options.target = name;
+        const auto prepared = PrepareTransfer(options);
+        ASSERT_TRUE(prepared) << name;
+        EXPECT_EQ(prepared->source, name);
+        EXPECT_EQ(prepared->target, name);
+    }
+    for (const char* name :
+         isWindows ? std::vector{"Z:\\none\\a", "//none/a"} : std::vector{"/none/a", "Z:", "Z:a", "\\a"}) {
+        options.source = name;
+        EXPECT_FALSE(PrepareTransfer(options)) << name;
+    }
 }
 
 TEST(PrepareTransfer, MakesPathsAbsoluteAndLeavesUrls) {
