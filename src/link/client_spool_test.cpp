@@ -209,8 +209,7 @@ TEST_P(EngineClientSpoolAndResume, TheNewestWelcomesFolderCounts) {
     std::thread sender([&] { EXPECT_TRUE(test.SendState(kTaskFinished)); });
     EXPECT_TRUE(engine.WaitForFrame(TCP_WORKER_STATE_ID));
     engine.ChangeSpoolFolder(m_folder.Utf8("other"));
-    engine.ResetConnection();
-    EXPECT_EQ(WaitForFile(), 1u);
+    engine.ResetConnection();  // the file may be in the first folder, too: nobody waits for that
     const std::filesystem::path other = m_folder.Path() / "other" / "named.final";
     EXPECT_TRUE(kit::WaitUntil([&] { return std::filesystem::exists(other); }));
     engine.AcknowledgeAll();

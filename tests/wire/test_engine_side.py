@@ -217,13 +217,21 @@ class TypicalTask(EngineCase):
 
     def test_suspended_and_odd_numbers(self):
         link = self.worker()
-        link.send(peer.ID_STATE, status(7))
-        self.wait_for_task(link, lambda task: task["state"] == "paused")
-        link.send(peer.ID_STATE, status(3))
-        self.wait_for_task(link, lambda task: task["state"] == "running")
+        for order, id, state in (("suspend", peer.ID_SUSPEND, "paused"), ("resume", peer.ID_RESUME, "running")):
+            engine.ask("POST", "/tasks/%s/%s" % (self.task_of(link), order))
+            link.wait_for(id)
+            link.send(id + 1, {"version": "1.0", "guid": GUID, "task_id": "T-1", "result_code": "0",
+                               "message": b"done"})
+            self.wait_for_task(link, lambda task: task["state"] == state)
         for speed in (float("inf"), float("-inf"), float("nan")):
             link.wait_for_ack(link.send(peer.ID_PROGRESS, record({"percent": 7, "speed": speed}, "process")))
         self.wait_for_task(link, lambda task: task["percent"] == 7)  # the answer is JSON all the same
+
+    def test_a_status_behind_the_perform_call(self):
+        link = self.worker()
+        link.send(peer.ID_STATE, status(7))
+        link.wait_for(peer.ID_EXIT)
+        self.wait_for_task(link, lambda task: task["state"] == "running")  # until the worker has ended
 
     def test_equal_task_ids(self):
         one, other = self.worker("same"), self.worker("same")
