@@ -14,6 +14,7 @@
 #include "ctl/http_client.h"
 #include "engine/engine.h"
 #include "engine/link_client.h"
+#include "engine/sqlite.h"
 #include "kit/files.h"
 #include "kit/os.h"
 #include "kit/temp_dir.h"
@@ -123,6 +124,11 @@ class EngineTest : public testing::Test {
     static int Count(const std::vector<json>& events, const std::string& kind) {
         return static_cast<int>(std::count_if(events.begin(), events.end(),
                                               [&](const json& event) { return event["kind"] == kind; }));
+    }
+    // Of the store, behind the engine's back.
+    void Change(const char* sql) {
+        auto database = Database::Open(Utf8FromPath(Data("store.db"))).value();
+        ASSERT_TRUE(database->Execute(sql)) << database->TakeError().message;
     }
     std::filesystem::path Data(const char* name) { return PathFromUtf8(m_settings.dataFolder) / name; }
 

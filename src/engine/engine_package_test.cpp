@@ -1,49 +1,8 @@
-// Package workers in the whole engine: kept, fed, and told apart. All tasks have the same task ID.
-#include "engine/engine_fixture.h"
+// Package workers in the whole engine: kept, fed, and told apart.
+#include "engine/engine_package_fixture.h"
 
 namespace rq::engine {
 namespace {
-
-class PackageTest : public EngineTest {
-  protected:
-    PackageTest() {
-        m_settings.maxWorkers = 1;
-        m_settings.packageIdle = 30s;
-    }
-    // Does the lines, as the first task of its worker and as a later one.
-    std::string SubmitPackage(const std::string& lines, const json& fields = json::object()) {
-        const std::string text = "first connect\nfirst notice job\n" + lines + "first serve\nfirst bye\n";
-        json body = {{"type", 14}, {"text", text}};
-        body.update(fields);
-        return Ask("POST", "/api/v1/tasks", body).value("id", "");
-    }
-    // The first rule that holds it.
-    std::string RuleOf(const std::string& id) {
-        const json waits = Show(id)["waits"];
-        return waits.empty() ? "" : waits[0].value("rule", "");
-    }
-    json ProcessOf(const std::string& id) { return Show(id)["attempt_list"][0]["pid"]; }
-    std::string StateOf(const std::string& id) { return Show(id)["state"]; }
-    // The first runs and waits for the order to go on, the second waits in the worker's list.
-    void SubmitTwo(const std::string& first, const std::string& second) {
-        m_first = SubmitPackage("status 3\n" + first);
-        m_second = SubmitPackage(second);
-        AwaitState(m_first, "running");
-        EventsUntil(m_second, "added");
-    }
-    // The second has been put back, and done by a worker of its own.
-    void ExpectDoneAnew() {
-        AwaitState(m_second, "finished");
-        const json task = Show(m_second);
-        EXPECT_EQ(task["attempts"], 2);
-        EXPECT_EQ(task["attempt_list"][0]["state"], "cancelled");
-        EXPECT_EQ(task["attempt_list"][0]["reason"].get<std::string>().find("not begun: "), 0u);
-        EXPECT_TRUE(task["attempt_list"][1]["worker_of"].is_null());
-        EXPECT_NE(task["attempt_list"][1]["pid"], task["attempt_list"][0]["pid"]);
-    }
-
-    std::string m_first, m_second;
-};
 
 TEST_F(PackageTest, ManyTasksInARowShareAWorkerInTheirOrder) {
     Start();
@@ -129,52 +88,6 @@ TEST_F(PackageTest, OneWaitsInTheListAndSaysSo) {
     EXPECT_EQ(StateOf(m_second), "finished");
 }
 
-TEST_F(PackageTest, AWorkerThatDiesLosesItsTaskAndTheOtherBeginsAnew) {
-    Start();
-    SubmitTwo("await 4006\nkilled\n", "status 3\nfinal 0\n");
-    const auto third = SubmitPackage("status 3\nfinal 0\n");
-    Order(m_first, "suspend");
-    Order(m_first, "resume");
-    ExpectDoneAnew();
-    EXPECT_EQ(StateOf(m_first), "lost");
-    AwaitState(third, "finished");
-    EXPECT_EQ(Show(third)["attempt_list"][0]["worker_of"]["task"], m_second);
-}
-
-TEST_F(PackageTest, AWorkerThatDiesBetweenTwoTasksCostsNothing) {
-    Start();
-    const auto first = SubmitPackage("status 3\nfinal 0\nfirst sleep 100\nfirst killed\n");
-    EXPECT_EQ(Ended(first)["state"], "finished");
-    const auto second = SubmitPackage("status 3\nfinal 0\n");
-    AwaitState(second, "finished");
-    EXPECT_EQ(Show(second)["attempts"], 1);
-}
-
-TEST_F(PackageTest, OneThatMayHaveBegunIsLost) {
-    Start();
-    SubmitTwo("await 4006\nfinal 0\nkilled\n", "status 3\nfinal 0\n");
-    Order(m_first, "suspend");
-    Order(m_first, "resume");
-    AwaitState(m_second, "lost");
-    EXPECT_EQ(StateOf(m_first), "finished");
-}
-
-TEST_F(PackageTest, ACancelOfTheTaskInHandEndsTheWorkerAndPutsTheOtherBack) {
-    Start();
-    SubmitTwo("await 4002\nreply 4003\nfinal 5\n", "status 3\nfinal 0\n");
-    EXPECT_EQ(Order(m_first, "cancel")["result"], "requested");
-    ExpectDoneAnew();
-    EXPECT_EQ(StateOf(m_first), "cancelled");
-}
-
-TEST_F(PackageTest, AFinishOfTheTaskInHandDoesTheSame) {
-    Start();
-    SubmitTwo("await 4019\nreply 4020\nfinal 0\n", "status 3\nfinal 0\n");
-    EXPECT_EQ(Order(m_first, "finish")["result"], "requested");
-    ExpectDoneAnew();
-    EXPECT_EQ(StateOf(m_first), "finished");
-}
-
 // The order was for the first and reaches the worker when it has begun the second.
 TEST_F(PackageTest, AStopThatCrossesTheEndOfItsTaskDoesNotCountForTheNext) {
     AllowAttempts(2);
@@ -203,38 +116,6 @@ TEST_F(PackageTest, ACancelOfTheOneInTheListEndsTheWorkerAtItsTurn) {
     AwaitState(third, "finished");
     const std::string output = Show(m_second)["attempt_list"][0]["output"];
     EXPECT_EQ(kit::ReadText(PathFromUtf8(output)).find("begun"), std::string::npos);
-}
-
-TEST_F(PackageTest, AStallEndsTheWorkerAndPutsTheOtherBack) {
-    Start();
-    SubmitTwo("await 4006\nstall\nfinal 5\n", "status 3\nfinal 0\n");
-    Order(m_first, "suspend");
-    Order(m_first, "resume");
-    ExpectDoneAnew();
-    EXPECT_EQ(StateOf(m_first), "failed");
-    EXPECT_EQ(Show(m_first)["attempt_list"][0]["error"]["code"], 6);
-    EXPECT_EQ(Count(EventsUntil(m_first, "late-status"), "late-status"), 1);
-}
-
-// Its plug-in gives up without a status of its own: that is not the next task's beginning.
-TEST_F(PackageTest, AStalledTaskThatReturnsInStatus3IsNotTheNextOne) {
-    Start();
-    SubmitTwo("await 4006\nstall\nstatus 3\n", "status 3\nfinal 0\n");
-    Order(m_first, "suspend");
-    Order(m_first, "resume");
-    ExpectDoneAnew();
-    EXPECT_EQ(StateOf(m_first), "failed");
-}
-
-TEST_F(PackageTest, AStallReportThatComesBehindTheEndIsTheEndedTasks) {
-    Start();
-    SubmitTwo("await 4006\nfinal 0\nstall\ngoes-on\n", "status 3\nfinal 0\n");
-    Order(m_first, "suspend");
-    Order(m_first, "resume");
-    AwaitState(m_second, "finished");
-    EXPECT_EQ(StateOf(m_first), "finished");
-    EXPECT_EQ(Count(EventsUntil(m_first, "late-status"), "late-status"), 1);
-    EXPECT_EQ(Show(m_second)["attempts"], 1);
 }
 
 TEST_F(PackageTest, ARepeatIsTheEndedTasksAndAnEqualRefusalTheNextOnes) {
@@ -384,45 +265,60 @@ TEST_F(PackageTest, AWorkerThatWaitsIsWatched) {
     EXPECT_EQ(Ended(id)["state"], "finished");
 }
 
-TEST_F(PackageTest, AnOrderlyEndEndsAWorkerThatWaitsAndPutsBackWhatIsInAList) {
+// It would be the next task's that the worker performs: it may look at the new text when it has looked at
+// that one's.
+TEST_F(PackageTest, ANewTextIsNotGivenToAWorkerThatHasTheNextTaskInItsList) {
+    AllowAttempts(2);
     Start();
-    const auto idle = SubmitPackage("status 3\nfinal 0\n");
-    AwaitState(idle, "finished");
-    Stop();
-    Start();
-    EXPECT_EQ(Show(idle)["attempt_list"][0]["exit"], json::parse(R"({"code":0})"));
-    SubmitTwo("await 4002\nfinal 5\n", "status 3\nfinal 0\n");
-    Stop();
-    Start();
+    SubmitTwo("await 4006\nfinal 4\n", "status 3\nfinal 0\n");
+    const json text = {{"text", "first connect\nstatus 3\nprint anew\nfinal 0\nfirst bye\n"}};
+    const json answer = Ask("POST", "/api/v1/tasks/" + m_first + "/update", text);
+    EXPECT_EQ(answer["result"], "kept") << answer;
+    EXPECT_EQ(answer["changed"], true);
+    EXPECT_EQ(Ask("POST", "/api/v1/tasks/" + m_first + "/update", text)["changed"], false);
+    Order(m_first, "suspend");
+    Order(m_first, "resume");
     AwaitState(m_second, "finished");
-    EXPECT_EQ(StateOf(m_first), "cancelled");
-    EXPECT_EQ(Show(m_second)["attempt_list"][0]["state"], "cancelled");
+    for (const auto& event : EventsUntil(m_first, "final"))
+        EXPECT_NE(event["data"].value("id", 0u), std::uint32_t{TCP_TASK_UPDATE_ID}) << event;
+    EXPECT_EQ(Order(m_first, "retry")["result"], "queued");
+    EventsUntil(m_first, [](const json& event) { return event["kind"] == "final" && event["attempt"] == 2; });
+    EXPECT_EQ(StateOf(m_first), "finished");
 }
 
-TEST_F(PackageTest, AnEngineThatGoesLosesTheTaskInHandAndPutsTheOtherBack) {
-    m_settings.resumeWindow = 1s;
-    m_settings.linkGrace = 1s;
+TEST_F(PackageTest, NothingIsListedWhileANewTextIsUnanswered) {
     Start();
-    SubmitTwo("await 4006\nfinal 0\n", "status 3\nfinal 0\n");
-    Stop(Engine::End::LeaveWorkers);
-    Start();
-    ExpectDoneAnew();
-    EXPECT_EQ(StateOf(m_first), "lost");
+    const auto first =
+        SubmitPackage("status 3\nawait 4015\nawait 4015\nreply 4016\nreply 4016\nawait 4006\nfinal 0\n");
+    AwaitState(first, "running");
+    const auto update = [&](const char* text) {
+        return Ask("POST", "/api/v1/tasks/" + first + "/update", {{"text", text}})["result"];
+    };
+    EXPECT_EQ(update("<new/>"), "requested");
+    const auto second = SubmitPackage("status 3\nfinal 0\n");
+    EXPECT_EQ(StateOf(second), "queued");
+    EXPECT_EQ(update("<newer/>"), "requested");
+    EventsUntil(second, "added");
+    Order(first, "suspend");
+    Order(first, "resume");
+    AwaitState(second, "finished");
+    EXPECT_EQ(ProcessOf(second), ProcessOf(first));
 }
 
-// The first one's end is not the end of what the worker had.
-TEST_F(PackageTest, TheNextEngineKnowsWhichTaskWasInHand) {
-    m_settings.resumeWindow = 1s;
-    m_settings.linkGrace = 1s;
+// Its type is known from its first status.
+TEST_F(PackageTest, OneThatWasStartedByHandIsToldToFinish) {
     Start();
-    const auto before = SubmitPackage("status 3\nfinal 0\n");
-    AwaitState(before, "finished");
-    SubmitTwo("await 4006\nfinal 0\n", "status 3\nfinal 0\n");
-    Stop(Engine::End::LeaveWorkers);
-    Start();
-    ExpectDoneAnew();
-    EXPECT_EQ(StateOf(m_first), "lost");
-    EXPECT_EQ(StateOf(before), "finished");
+    LinkClient worker;
+    ASSERT_TRUE(worker.Connect(m_engine->LinkPort()));
+    ASSERT_EQ(worker.Greet(m_engine->Token(), ""), 0u);
+    auto message = StateMessage(kTaskRunning);
+    message.entries[0].taskType = 14;
+    worker.Send(TCP_WORKER_STATE_ID, message);
+    message.entries[0].status = kTaskFinished;
+    EXPECT_TRUE(worker.WaitAck(worker.Send(TCP_WORKER_STATE_ID, message)));
+    const auto order = worker.WaitOrder();
+    ASSERT_TRUE(order);
+    EXPECT_EQ(order->id, std::uint32_t{TCP_TASK_FINISH_ID});
 }
 
 }  // namespace

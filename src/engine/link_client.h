@@ -117,6 +117,7 @@ class LinkClient {
     std::uint32_t SessionId() const { return m_welcome.sessionId; }
     const link::Welcome& Welcome() const { return m_welcome; }
     std::uint64_t Acked() const { return m_acked; }
+    std::uint64_t Sent() const { return m_sent; }
     // Of the HELLOs from now on.
     void SetProcess(std::uint64_t id) { m_process = id; }
 

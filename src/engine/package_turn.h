@@ -47,7 +47,7 @@ class PackageTurn {
 };
 
 // The status by which a worker's patrol ends a task that stalls. The worker has set its stop flag before it
-// sends this: when the task had not ended before, no further one begins.
+// sends this, and joins the patrol before it looks at the next text: no further one begins.
 bool IsStallReport(const TaskStatusEntry& entry);
 
 }  // namespace rq::engine

@@ -3,7 +3,6 @@
 #pragma once
 
 #include "engine/engine_fixture.h"
-#include "engine/sqlite.h"
 #include "platform/found_process.h"
 
 namespace rq::engine {
@@ -43,10 +42,6 @@ class ResumeTest : public EngineTest {
         for (const auto& entry : std::filesystem::directory_iterator(Data(folder)))
             names.push_back(Utf8FromPath(entry.path().filename()));
         return names;
-    }
-    void Change(const char* sql) {
-        auto database = Database::Open(Utf8FromPath(Data("store.db"))).value();
-        ASSERT_TRUE(database->Execute(sql)) << database->TakeError().message;
     }
 };
 

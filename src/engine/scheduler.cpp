@@ -165,7 +165,8 @@ std::chrono::milliseconds Scheduler::BeatLimit() const {
 
 void Scheduler::SendCancel(Run& run) {
     if (run.cancelSent || !IsReachable(run, true)) return;
-    run.cancelSent = run.told = true;
+    run.cancelSent = true;
+    NoteTold(run);
     SendCommand(run, TCP_TASK_CANCEL_ID, "cancel");
     Arm(run, m_settings.cancelGrace, [this](Run& late) {
         Kill(
@@ -175,7 +176,7 @@ void Scheduler::SendCancel(Run& run) {
 }
 
 void Scheduler::SendFinish(Run& run) {
-    run.told = true;
+    NoteTold(run);
     SendCommand(run, TCP_TASK_FINISH_ID, "finish");
     Arm(run, m_settings.finishGrace, [this](Run& late) {
         Kill(
@@ -194,7 +195,7 @@ void Scheduler::SendCommand(Run& run, std::uint32_t id, const std::string& text)
 }
 
 void Scheduler::SendEnd(Run& run) {
-    run.told = true;
+    NoteTold(run);
     // One that has ended keeps the deadline for what is left to record.
     if (run.exit) return;
     Arm(run, m_settings.destroyGrace, [this](Run& late) {
@@ -298,7 +299,6 @@ void Scheduler::Settle(Run& run) {
         done = m_store.Exited(token, *run.exit, IsPackage(run) ? run.first : 0);
         run.exitNoted = bool(done);
     }
-    if (done) done = PutNextBack(run);
     if (done && !TakeSpool(run)) done = Fail("the final status in the spool could not be committed");
     if (done && IsPackage(run)) done = SettlePackage(run);
     if (done && !run.final)

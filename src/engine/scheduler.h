@@ -95,6 +95,7 @@ class Scheduler final : public SessionHost {
         bool pauseSent = false;   // and neither answered nor taken back
         bool resumeSent = false;  // the same
         bool saidBye = false;
+        std::uint64_t has = 0;  // of the worker's numbers, when its session had ended
         bool exitNoted = false;
         bool isUndone = false;  // it never had a process
         int spoolTries = 0;
@@ -128,17 +129,20 @@ class Scheduler final : public SessionHost {
         std::deque<Asked> asked;
 
         // Of a package worker.
-        std::int64_t first = 0;      // its first attempt
-        std::int64_t firstTask = 0;  // and whose that is
-        std::optional<Claim> next;   // in its list, behind the one in hand
-        bool nextCancelled = false;  // told to stop when its turn comes
-        std::string earlier;         // the attempt before the one in hand
+        std::int64_t first = 0;          // its first attempt
+        std::int64_t firstTask = 0;      // and whose that is
+        std::optional<Claim> next;       // in its list, behind the one in hand
+        bool nextCancelled = false;      // told to stop when its turn comes
+        std::vector<OpenAttempt> added;  // by an earlier run of the engine: their orders may not have arrived
+        std::string earlier;             // the attempt before the one in hand
         PackageTurn turn;
-        bool heard = false;      // Hear
-        bool told = false;       // to stop: it gets no further task
-        bool stalled = false;    // it begins no further task
-        bool unsure = false;     // it may have begun more than it said
-        bool paused = false;     // the latest of suspend and resume was suspend
+        bool heard = false;    // Hear
+        bool told = false;     // to stop: it gets no further task
+        bool stalled = false;  // it begins no further task
+        bool unsure = false;   // it may have begun more than it said
+        bool heldBack =
+            false;            // it waited for an acknowledgement that it never got: it has begun nothing more
+        bool paused = false;  // the latest of suspend and resume was suspend
         bool disturbed = false;  // the one in hand may have got an order to stop that was for the one before
 
         explicit Run(boost::asio::io_context& io) : awayTimer(io), timer(io), beat(io) {}
@@ -189,7 +193,8 @@ class Scheduler final : public SessionHost {
     void GiveUp(Run& run, const std::string& why);
     void AwaitResumption(Run& run, const std::string& why);
     void TakeOver(const OpenAttempt& attempt, std::vector<std::string>& gone);
-    void AwaitTakenOver(Run& run, const OpenAttempt& attempt);
+    // `attempt` is the one that its worker was started for.
+    void AwaitTakenOver(Run& run, const OpenAttempt& attempt, const OpenAttempt& inHand);
     void GiveStanding(Run& run, const OpenAttempt& attempt);
     // Of an attempt whose process the last engine did not live to record.
     void SearchStarted(Run& run);
@@ -205,11 +210,13 @@ class Scheduler final : public SessionHost {
     bool TakeState(Run& run, const EngineStateMessage& message, bool repeated);
     bool TakeFinal(Run& run, const TaskStatusEntry& entry);
 
-    // ---- package workers (scheduler_package.cpp) ----
+    // ---- package workers (scheduler_package.cpp, scheduler_package_end.cpp) ----
     static bool IsPackage(const Run& run);
     // It waits for a task.
     static bool IsKept(const Run& run);
     bool TakesTasks(const Run& run) const;
+    // For a task in its list, behind the one in hand.
+    static bool HasRoomBehind(const Run& run);
     // The worker that gets the next task of the type: one that waits, or while no slot is free one that
     // works.
     Run* PlaceFor(std::int32_t type, bool slotFree);
@@ -224,19 +231,25 @@ class Scheduler final : public SessionHost {
     void Hear(Run& run);
     bool TakePackageState(Run& run, const TaskStatusEntry& entry, bool repeated);
     bool TakeFurtherFinal(Run& run, const std::string& token, const TaskStatusEntry& entry);
+    void NoteStall(Run& run);
     bool EndPackageTask(Run& run, const TaskStatusEntry& entry, bool final);
     void AfterPackageTask(Run& run, bool cancelNext);
-    void SendOwnText(Run& run);
     void Rest(Run& run);
     static std::string DisturbedText();
     // The worker in whose list the task waits.
     Run* FindListed(std::int64_t task);
-    // What becomes of a worker's tasks that it has not begun.
-    Result<void> PutNextBack(Run& run);
+    // What becomes of a worker's tasks that it had not begun, as far as it said.
     Result<void> SettlePackage(Run& run);
+    Result<void> SettleUnbegun(Run& run, const std::string& token);
+    bool TakePackageSpool(Run& run, const link::SpooledStatus& status);
     static std::string WhyEnded(const Run& run);
     // Of an earlier run of the engine.
-    void TakeOverPackage(Run& run);
+    // `inHand` becomes the attempt that the worker has in hand, or the last one.
+    void TakeOverPackage(Run& run, OpenAttempt& inHand);
+    // Before the session goes on: orders for tasks that the worker has not got are given again.
+    Result<void> AddAgain(Run& run, SessionMemory& memory, std::uint64_t received);
+    // It is told to stop.
+    void NoteTold(Run& run);
 
     static FinalStatus FinalOf(const TaskStatusEntry& entry);
     void TakeReply(Run& run, std::uint32_t id, const TaskCommandReply& reply);

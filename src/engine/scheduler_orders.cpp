@@ -155,7 +155,9 @@ Result<OrderOutcome> Scheduler::Update(std::int64_t task, const std::string& by,
     Run* run = Listening(task);
     if (run == nullptr && *row && ((*row)->state == TaskState::Running || (*row)->state == TaskState::Paused))
         return Deaf(**row);
-    auto outcome = m_store.Update(task, by, text);
+    // The text could take the place of the next task's, when that is analysed before the worker looks at it.
+    const bool isAlone = run == nullptr || !run->next;
+    auto outcome = m_store.Update(task, by, text, isAlone);
     if (!outcome || !outcome->send) return outcome;
     Give(*run, TCP_TASK_UPDATE_ID, link::TaskTextOrder{m_settings.paths.Apply(text), 0});
     run->asked.push_back({TCP_TASK_UPDATE_REPLY_ID, run->claim.token});

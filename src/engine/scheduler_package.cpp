@@ -20,7 +20,15 @@ bool Scheduler::IsKept(const Run& run) {
 
 bool Scheduler::TakesTasks(const Run& run) const {
     return IsPackage(run) && run.heard && run.session && !run.told && !run.stalled && !run.paused &&
-           !run.next && !run.exit && run.killReason.empty() && !m_ending;
+           !run.next && !run.exit && run.killReason.empty() && !m_ending && (run.final || HasRoomBehind(run));
+}
+
+bool Scheduler::HasRoomBehind(const Run& run) {
+    // Before the next text is in the list, the worker must have looked at a new text of the one in hand. What
+    // has cost a worker already may cost another one, and what is in its list with it.
+    return run.claim.number == 1 &&
+           std::none_of(run.asked.begin(), run.asked.end(),
+                        [](const Run::Asked& one) { return one.replyId == TCP_TASK_UPDATE_REPLY_ID; });
 }
 
 Scheduler::Run* Scheduler::PlaceFor(std::int32_t type, bool slotFree) {
@@ -55,7 +63,7 @@ void Scheduler::MakeRoom() {
 }
 
 SharedWorker Scheduler::Shared(const Run& run) {
-    return {run.first, run.claim.attempt, run.claim.id, IsKept(run)};
+    return {run.first, run.claim.attempt, run.claim.id, IsKept(run), run.session->Memory().sent + 1};
 }
 
 void Scheduler::Feed(Run& run, Claim claim) {
@@ -120,7 +128,16 @@ bool Scheduler::TakeFurtherFinal(Run& run, const std::string& token, const TaskS
     const auto outcome = m_store.Finish(token, FinalOf(entry));
     if (!outcome)
         m_log.Warn(run.claim.id + ": a final status could not be committed: " + outcome.error().message);
+    if (outcome && IsStallReport(entry)) NoteStall(run);
     return outcome.has_value();
+}
+
+// The task had ended all the same; the worker begins none any more.
+void Scheduler::NoteStall(Run& run) {
+    if (std::exchange(run.stalled, true) || run.told) return;
+    boost::asio::post(m_io, [this, worker = run.worker] {
+        if (Run* leaving = Find(worker)) AfterPackageTask(*leaving, false);
+    });
 }
 
 bool Scheduler::EndPackageTask(Run& run, const TaskStatusEntry& entry, bool final) {
@@ -147,11 +164,12 @@ bool Scheduler::EndPackageTask(Run& run, const TaskStatusEntry& entry, bool fina
     if (!done) {
         m_log.Warn(run.claim.id + ": its end could not be committed: " + done.error().message);
         run.turn.Hold();
-        // Only a final status is said again.
-        if (!final) {
-            run.unsure = true;
+        // Of the others each is said once, and the worker goes on.
+        const bool isRepeated = entry.status == kTaskFinished || entry.status == kTaskError;
+        run.unsure = run.unsure || !isRepeated;
+        // One that was told to stop does so.
+        if (!final || (!isRepeated && !run.told))
             Kill(run, "store-failure", "the end of a task could not be recorded: " + done.error().message);
-        }
         return !final;
     }
     m_log.Info(run.claim.id + ": ended in status " + std::to_string(entry.status));
@@ -160,24 +178,20 @@ bool Scheduler::EndPackageTask(Run& run, const TaskStatusEntry& entry, bool fina
     run.stalled = run.stalled || stalled;
     const bool wasPaused = std::exchange(run.paused, false);
     const bool cancelNext = run.nextCancelled;
-    const bool crossed = std::any_of(run.asked.begin(), run.asked.end(), [](const Run::Asked& one) {
-        return one.replyId == TCP_TASK_UPDATE_REPLY_ID;
-    });
     if (!next.empty()) TurnToNext(run);
     // After the acknowledgement has gone out.
-    boost::asio::post(m_io, [this, worker = run.worker, wasPaused, cancelNext, crossed] {
+    boost::asio::post(m_io, [this, worker = run.worker, wasPaused, cancelNext] {
         Run* ended = Find(worker);
         if (ended == nullptr) return;
         // The pause is the worker's, not the task's.
-        if (wasPaused && ended->session) SendCommand(*ended, TCP_TASK_RESUME_ID, "resume");
-        // A new text for the task that ended may reach this one.
-        if (crossed && !ended->final) SendOwnText(*ended);
+        if (wasPaused) SendCommand(*ended, TCP_TASK_RESUME_ID, "resume");
         AfterPackageTask(*ended, cancelNext);
     });
     return true;
 }
 
 void Scheduler::AfterPackageTask(Run& run, bool cancelNext) {
+    if (run.exit || !run.killReason.empty()) return;
     if (run.stalled || run.told) return SendEnd(run);
     if (cancelNext) return SendCancel(run);
     const std::string worker = run.worker;
@@ -185,25 +199,9 @@ void Scheduler::AfterPackageTask(Run& run, bool cancelNext) {
     if (Run* idle = Find(worker); idle != nullptr && IsKept(*idle)) Rest(*idle);
 }
 
-// The worker ends with its connection, since that cannot be resumed; this is who loses what.
-void Scheduler::TakeOverPackage(Run& run) {
+void Scheduler::NoteTold(Run& run) {
     run.told = true;
-    const auto shared = m_store.OpenOfWorker(run.first);
-    if (!shared) return Report(shared.error(), "a take-over");
-    for (const auto& [claim, reached, begun] : *shared) {
-        run.next = claim;
-        if (!run.final && !reached) continue;
-        TurnToNext(run);
-        run.disturbed = false;
-        if (begun) run.turn.Begin();
-    }
-}
-
-void Scheduler::SendOwnText(Run& run) {
-    const auto details = m_store.Details(run.claim.task);
-    if (!details || !*details || !run.session) return;
-    Give(run, TCP_TASK_UPDATE_ID, link::TaskTextOrder{m_settings.paths.Apply((*details)->text), 0});
-    run.asked.push_back({TCP_TASK_UPDATE_REPLY_ID, run.claim.token});
+    if (IsPackage(run)) Report(m_store.Told(run.worker, run.claim.attempt), "an order");
 }
 
 void Scheduler::Rest(Run& run) {
@@ -211,53 +209,11 @@ void Scheduler::Rest(Run& run) {
     Arm(run, m_settings.packageIdle, [this](Run& idle) { SendEnd(idle); });
 }
 
-std::string Scheduler::DisturbedText() {
-    return "its worker was told to stop for the task before it";
-}
-
 Scheduler::Run* Scheduler::FindListed(std::int64_t task) {
     for (const auto& [worker, run] : m_runs) {
         if (run->next && run->next->task == task) return run.get();
     }
     return nullptr;
-}
-
-namespace {
-
-std::string NotBegun(const std::string& why) {
-    return "not begun: its worker ended before its turn (" + why + ")";
-}
-
-}  // namespace
-
-std::string Scheduler::WhyEnded(const Run& run) {
-    if (!run.killReason.empty()) return run.killReason;
-    return run.exit ? ExitText(*run.exit) : "its connection ended";
-}
-
-Result<void> Scheduler::PutNextBack(Run& run) {
-    const std::string why = WhyEnded(run);
-    if (run.next) {
-        auto back =
-            run.unsure ? m_store.Lost(run.next->token, why) : m_store.PutBack(run.next->token, NotBegun(why));
-        if (!back) return back;
-        run.next.reset();
-    }
-    return {};
-}
-
-Result<void> Scheduler::SettlePackage(Run& run) {
-    if (run.final) return {};
-    // Its goodbye comes behind everything that it had to say.
-    if (run.turn.IsAwaited() && run.saidBye) {
-        auto back = m_store.PutBack(run.claim.token, NotBegun(WhyEnded(run)));
-        if (back) run.final = true;
-        return back;
-    }
-    if (!run.disturbed) return {};
-    auto lost = m_store.Lost(run.claim.token, DisturbedText());
-    if (lost) run.final = true;
-    return lost;
 }
 
 }  // namespace rq::engine

@@ -120,8 +120,13 @@ bool Scheduler::TakeTwinRecord(const std::string& token, const link::WorkerRecor
     if (state == nullptr) return true;
     bool taken = true;
     for (const auto& entry : state->entries) {
-        if (link::IsFinalTaskStatus(entry.status))
-            taken = m_store.Finish(token, FinalOf(entry)).has_value() && taken;
+        if (!link::IsFinalTaskStatus(entry.status)) continue;
+        // Of a worker that several attempts shared nobody knows any more whose it is.
+        const auto shared = m_store.IsShared(token);
+        if (shared && *shared)
+            m_log.Warn("a late final status may be of any task that the worker of attempt " + token + " had");
+        else
+            taken = shared && m_store.Finish(token, FinalOf(entry)) && taken;
     }
     return taken;
 }
@@ -147,8 +152,7 @@ std::variant<link::Welcome, link::Refuse> Scheduler::Welcome(Run& run, const lin
         run.away.reset();
     }
     run.sessionId = sessionId;
-    // What a package worker has in its list is not known to another engine.
-    run.resumable = m_settings.resumeWindow.count() != 0 && !IsPackageType(run.claim.type);
+    run.resumable = m_settings.resumeWindow.count() != 0;
     const link::Welcome welcome = WelcomeFor(run);
     m_sessions[welcome.sessionId] = run.worker;
     run.session = session;
@@ -222,6 +226,8 @@ void Scheduler::TakeReply(Run& run, std::uint32_t id, const TaskCommandReply& re
         token = asked->token;
         run.asked.erase(run.asked.begin(), asked + 1);
     }
+    // It may take one more into its list now.
+    if (IsPackage(run)) boost::asio::post(m_io, [this] { Pump(); });
     if (token == run.claim.token && id == TCP_TASK_SUSPEND_REPLY_ID) run.pauseSent = false;
     if (token == run.claim.token && id == TCP_TASK_RESUME_REPLY_ID) run.resumeSent = false;
     Report(m_store.Reply(token, id, ReplyEventJson(id, reply.resultCode, ReplyText(reply.message))),
@@ -244,8 +250,10 @@ bool Scheduler::TakeState(Run& run, const EngineStateMessage& message, bool repe
             taken = TakePackageState(run, entry, repeated) && taken;
             continue;
         }
-        if (run.external)
-            Report(m_store.TypeSeen(run.claim.token, static_cast<std::int32_t>(entry.taskType)), "a type");
+        if (run.external) {
+            run.claim.type = static_cast<std::int32_t>(entry.taskType);
+            Report(m_store.TypeSeen(run.claim.token, run.claim.type), "a type");
+        }
         if (link::IsFinalTaskStatus(entry.status)) {
             taken = TakeFinal(run, entry) && taken;
             continue;
@@ -286,12 +294,13 @@ void Scheduler::OnSessionEnd(Session& session, const std::string& why) {
     if (run == nullptr) return;
     const bool kept = IsKept(*run);
     run->session = nullptr;
-    run->told = true;
+    run->has = session.Memory().has;
     run->saidBye = session.SaidBye();
     if (run->resumable && !run->saidBye && !run->exit && run->killReason.empty()) {
         Interrupt(*run, session.Memory(), why, session.IsAtFault());
         return;
     }
+    run->told = true;
     m_sessions.erase(session.Id());
     Report(m_store.Disconnected(run->claim.token, run->worker, RepairUtf8(why), run->saidBye), "a loss");
     if (run->external || run->exit) {

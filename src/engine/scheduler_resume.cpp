@@ -68,6 +68,10 @@ std::variant<link::Welcome, link::Refuse> Scheduler::AdmitResumed(const link::He
             return refuse("nothing gets through");
         }
     }
+    if (!memory.knowsSent) {
+        if (auto done = AddAgain(*run, memory, hello.resumeReceived); !done)
+            return link::Refuse{link::kRefuseEnding, "not now: " + done.error().message};
+    }
     run->away.reset();
     run->awayTimer.cancel();
     memory.ContinueFrom(hello.resumeReceived);
@@ -81,6 +85,7 @@ std::variant<link::Welcome, link::Refuse> Scheduler::AdmitResumed(const link::He
     Report(m_store.Resumed(run->claim.token, hello.processId), "a resumption");
     if (!run->isInVain) run->lastRecord = SystemClock().Steady();
     if (!run->final || IsKept(*run)) WatchHeartbeat(*run);
+    if (IsPackage(*run)) boost::asio::post(m_io, [this] { Pump(); });
     return WelcomeFor(*run);
 }
 
@@ -139,7 +144,7 @@ void Scheduler::AwaitResumption(Run& run, const std::string& why) {
     run.awayTimer.async_wait([this, token = run.worker, why](const boost::system::error_code& error) {
         Run* late = error ? nullptr : Find(token);
         // After a final status another deadline ends it, and it keeps that status.
-        if (late == nullptr || !late->away || (late->final && !late->external)) return;
+        if (late == nullptr || !late->away || (late->final && !late->external && !IsKept(*late))) return;
         GiveUp(*late, why);
     });
 }
@@ -190,26 +195,30 @@ void Scheduler::TakeOver(const OpenAttempt& attempt, std::vector<std::string>& g
     run.firstTask = attempt.claim.task;
     run.external = attempt.external;
     run.connected = attempt.session.has_value();
+    run.has = attempt.workerSeq;
     run.final = !IsActive(attempt.state);
     run.saidBye = attempt.saidBye;
     run.reportedTask = attempt.reportedTask;
-    run.pauseSent = attempt.asked == TCP_TASK_SUSPEND_ID;
-    run.resumeSent = attempt.asked == TCP_TASK_RESUME_ID;
     if (attempt.started) run.lastStatus = kTaskRunning;
     // The task of one that was started by hand runs from its connection on.
     run.performs = attempt.started && !attempt.external;
     if (attempt.started) run.turn.Begin();
     if (run.final) run.turn.End();
-    if (IsPackage(run)) TakeOverPackage(run);
+    OpenAttempt inHand = attempt;
+    if (IsPackage(run)) TakeOverPackage(run, inHand);
+    run.pauseSent = inHand.asked == TCP_TASK_SUSPEND_ID;
+    run.resumeSent = inHand.asked == TCP_TASK_RESUME_ID;
     run.processId = attempt.processId.value_or(0);
     run.processMark = attempt.processMark;
     if (!run.external) {
         const std::string name = NameOfOutput(attempt.output);
-        run.life = {name.empty() ? m_launcher.NameOf(run.claim) : name, run.processId, attempt.created_us, 0};
+        run.life = {name.empty() ? m_launcher.NameOf(attempt.claim) : name, run.processId, attempt.created_us,
+                    0};
         // Those of its interval, not of what the stage says now.
         run.beatLimit = attempt.silence_ms != 0 ? std::chrono::milliseconds(attempt.silence_ms) : BeatLimit();
     }
-    Report(m_store.Interrupted(token, "the engine ended while this attempt was open"), "a take-over");
+    Report(m_store.Interrupted(run.claim.token, "the engine ended while this attempt was open"),
+           "a take-over");
     // Of one that was started by hand, and has no mark, nobody knows what its number stands for.
     const bool isThere =
         attempt.exit || (run.external && run.saidBye) ? false
@@ -217,7 +226,7 @@ void Scheduler::TakeOver(const OpenAttempt& attempt, std::vector<std::string>& g
         : run.external ? run.processMark.empty() || m_launcher.Watch(token, run.processId, run.processMark)
                        : m_launcher.TakeOver(token, run.life.name, run.processId, run.processMark);
     if (isThere) {
-        AwaitTakenOver(run, attempt);
+        AwaitTakenOver(run, attempt, inHand);
         return;
     }
     if (!run.external) m_launcher.EndLeftTree(token, run.processId);
@@ -225,7 +234,7 @@ void Scheduler::TakeOver(const OpenAttempt& attempt, std::vector<std::string>& g
     gone.push_back(token);
 }
 
-void Scheduler::AwaitTakenOver(Run& run, const OpenAttempt& attempt) {
+void Scheduler::AwaitTakenOver(Run& run, const OpenAttempt& attempt, const OpenAttempt& inHand) {
     m_log.Info(run.claim.id + ": " +
                (run.processId == 0 ? std::string("its worker may have been started")
                                    : "worker " + std::to_string(run.processId) +
@@ -236,14 +245,14 @@ void Scheduler::AwaitTakenOver(Run& run, const OpenAttempt& attempt) {
     if (attempt.session) {
         run.sessionId = *attempt.session;
         // Its own engine may have promised more than this one does.
-        run.resumable = !IsPackageType(run.claim.type);
+        run.resumable = true;
         m_sessions[run.sessionId] = run.worker;
         run.away.emplace();
         run.away->has = attempt.workerSeq;
         run.away->knowsSent = false;
         run.lostAt = SystemClock().Steady();
         AwaitResumption(run, "the engine ended");
-        GiveStanding(run, attempt);
+        GiveStanding(run, inHand);
         return;
     }
     AwaitConnection(run);
@@ -289,7 +298,12 @@ void Scheduler::NoteFound(Run& run) {
 // Those that were not answered when the last engine ended. Nobody knows whether the worker has got them; all
 // of them may come twice.
 void Scheduler::GiveStanding(Run& run, const OpenAttempt& attempt) {
-    if (run.final) {
+    // An end of its task may have left it paused.
+    if (IsPackage(run) && !run.told && (run.final || run.turn.IsAwaited()))
+        SendCommand(run, TCP_TASK_RESUME_ID, "resume");
+    if (IsKept(run) && !run.stalled) {
+        Rest(run);
+    } else if (run.final || run.disturbed) {
         SendEnd(run);
     } else if (attempt.cancelRequested) {
         SendCancel(run);
@@ -297,9 +311,11 @@ void Scheduler::GiveStanding(Run& run, const OpenAttempt& attempt) {
         SendFinish(run);
     } else {
         if (attempt.textAsked) {
-            if (const auto details = m_store.Details(run.claim.task); details && *details)
+            if (const auto details = m_store.Details(run.claim.task); details && *details) {
                 Give(run, TCP_TASK_UPDATE_ID,
                      link::TaskTextOrder{m_settings.paths.Apply((*details)->text), 0});
+                run.asked.push_back({TCP_TASK_UPDATE_REPLY_ID, run.claim.token});
+            }
         }
         if (run.pauseSent) SendCommand(run, TCP_TASK_SUSPEND_ID, "suspend");
         if (run.resumeSent) SendCommand(run, TCP_TASK_RESUME_ID, "resume");
@@ -322,12 +338,10 @@ bool Scheduler::TakeSpool(Run& run) {
     const auto& status = *read;
     if (!status) return true;
     m_log.Info(run.claim.id + ": its worker left a final status in the spool");
+    if (IsPackage(run)) return TakePackageSpool(run, *status);
     bool taken = true;
     for (const auto& entry : status->message.entries) {
-        if (!link::IsFinalTaskStatus(entry.status)) continue;
-        // The newest that was not acknowledged: of the task in hand, or, when that has not begun, of the one
-        // before.
-        taken = (IsPackage(run) ? TakePackageState(run, entry, true) : TakeFinal(run, entry)) && taken;
+        if (link::IsFinalTaskStatus(entry.status)) taken = TakeFinal(run, entry) && taken;
     }
     return taken;
 }

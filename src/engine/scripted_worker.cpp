@@ -9,11 +9,14 @@
 //   text of a 4015 goes into the next final status); reply ID answers one bye | close        ends the
 //   connection in good order, or just so print TEXT | sleep MS | hang | exit CODE | killed
 //   lose               waits for the end of the connection; resume does the same and continues the session
-//   spool N            leaves this final status in the spool
+//   spool N            leaves this final status in the spool, as the next frame; spool N late: a frame that
+//   is no
+//                      status is missing before it; spool N unheard: one that is; spool N had: it was sent
 //   environment NAME   its value goes into the next final status
 //   in N LINE          does the line in attempt N alone
 //   first LINE         does the line in the worker's first task alone
 //   serve              does the lines of the add orders' texts, one text after the other, until told to stop
+//   resumes            from now on serve continues the session when its connection ends
 //   stall              status 4 of the patrol; then serve does nothing any more
 //   goes-on            it does
 //   stops              it does not
@@ -47,7 +50,9 @@ struct Script {
     std::deque<std::string> texts;  // of add orders
     bool serving = false;
     bool stopped = false;
+    bool resumes = false;
     std::string lastFinal;  // its body
+    std::uint64_t lastStatus = 0;
 
     std::string Environment(const char* name) { return platform::GetEnvironment(name).value_or(""); }
 
@@ -90,12 +95,14 @@ struct Script {
         }
         return false;
     }
-    void Spool(std::uint32_t status) {
+    void Spool(std::uint32_t status, const std::string& what) {
+        const auto seq = link->Sent() + (what == "had" ? 0 : what.empty() ? 1 : 2);
+        const auto previous = what == "unheard" ? seq - 1 : lastStatus;
         const auto& welcome = link->Welcome();
         const auto body = link::EncodeWorkerRecord(TCP_WORKER_STATE_ID, StateMessage(status));
         platform::ReplaceWholeFile(
             Utf8FromPath(PathFromUtf8(welcome.spoolFolder) / (welcome.attempt + ".final")),
-            link::EncodeSpoolFile(1000, body.value()), false);
+            link::EncodeSpoolFile(seq, body.value(), previous), false);
     }
 
     // The next order that is no add order; of those the texts are kept.
@@ -115,6 +122,7 @@ struct Script {
         while (!stopped) {
             if (texts.empty()) {
                 const auto order = NextOrder(true);
+                if (!order && resumes && Resume()) continue;
                 if (!order) return false;
                 if (order->id != TCP_TASK_ADD_ID) Answer(order->id + 1);
                 continue;
@@ -170,7 +178,7 @@ struct Script {
             link->Send(TCP_WORKER_SEND_ID, TaskNotice{"1.0", "guid-1", text});
         } else if (verb == "status") {
             rest >> number;
-            link->Send(TCP_WORKER_STATE_ID, StateMessage(static_cast<std::uint32_t>(number)));
+            lastStatus = link->Send(TCP_WORKER_STATE_ID, StateMessage(static_cast<std::uint32_t>(number)));
         } else if (verb == "progress") {
             rest >> number >> second;
             const auto seq = link->Send(TCP_WORKER_PROGRESS_ID, ProgressMessage(static_cast<float>(number),
@@ -191,6 +199,8 @@ struct Script {
         } else if (verb == "reply") {
             rest >> number;
             Answer(static_cast<std::uint32_t>(number));
+        } else if (verb == "resumes") {
+            resumes = true;
         } else if (verb == "stall") {
             Stall();
         } else if (verb == "goes-on" || verb == "stops") {
@@ -209,8 +219,8 @@ struct Script {
         } else if (verb == "resume") {
             return Resume();
         } else if (verb == "spool") {
-            rest >> number;
-            Spool(static_cast<std::uint32_t>(number));
+            rest >> number >> text;
+            Spool(static_cast<std::uint32_t>(number), text);
         } else if (verb == "environment") {
             rest >> text;
             furtherText = Environment(text.c_str());

@@ -11,7 +11,6 @@
 #include <functional>
 #include <memory>
 #include <set>
-#include <tuple>
 
 #include "base/result.h"
 #include "engine/metrics.h"
@@ -23,7 +22,7 @@
 namespace rq::engine {
 
 // Newest schema that this program knows.
-inline constexpr int kSchemaVersion = 8;
+inline constexpr int kSchemaVersion = 9;
 
 class Store {
   public:
@@ -80,7 +79,9 @@ class Store {
     // Finishing; the caller sends the order.
     Result<OrderOutcome> FinishTask(std::int64_t task, const std::string& by);
     // Another text, for this attempt (the caller sends it) and for every later one.
-    Result<OrderOutcome> Update(std::int64_t task, const std::string& by, const std::string& text);
+    // `toWorker`: a worker that has the task is told; else the text is for a further attempt.
+    Result<OrderOutcome> Update(std::int64_t task, const std::string& by, const std::string& text,
+                                bool toWorker = true);
     // An ended task is queued again, with as many attempts as a new one.
     Result<OrderOutcome> Retry(std::int64_t task, const std::string& by);
     Result<OrderOutcome> SetPriority(std::int64_t task, const std::string& by, std::int32_t priority);
@@ -130,10 +131,16 @@ class Store {
     Result<void> Begun(const std::string& token, const std::string& taskId);
     // The worker that had the task in its list has certainly not begun it. The task is queued again, and has
     // spent no attempt; or it is cancelled, when that was asked for.
-    // Those of its other attempts that have not ended, oldest first: whether the worker may have begun it,
-    // and whether it has.
-    Result<std::vector<std::tuple<Claim, bool, bool>>> OpenOfWorker(std::int64_t first);
     Result<void> PutBack(const std::string& token, const std::string& reason);
+    // Of the attempts that share the worker, oldest first: the last one that has ended, and those that have
+    // not.
+    Result<std::vector<OpenAttempt>> OpenOfWorker(std::int64_t first);
+    // Whether further attempts had the worker of the one with this token.
+    Result<bool> IsShared(const std::string& token);
+    // The order that brings the attempt's text gets another number, since the worker has not got it.
+    Result<void> AddedAgain(const std::string& token, std::uint64_t seq);
+    // The worker with this token is told to stop, for this attempt; the first time counts.
+    Result<void> Told(const std::string& worker, std::int64_t attempt);
     // Of all attempts that shared the worker, when `first` is the one that it was started for.
     Result<void> Exited(const std::string& token, const WorkerExit& exit, std::int64_t first = 0);
 

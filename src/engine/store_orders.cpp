@@ -154,7 +154,8 @@ Result<OrderOutcome> Store::Resume(std::int64_t task, const std::string& by) {
     });
 }
 
-Result<OrderOutcome> Store::Update(std::int64_t task, const std::string& by, const std::string& text) {
+Result<OrderOutcome> Store::Update(std::int64_t task, const std::string& by, const std::string& text,
+                                   bool toWorker) {
     return ForOrder(task, StateEvent::Update, [&](const Ordered& ordered, OrderOutcome& outcome) {
         if (ordered.text == text) {
             Tell(outcome, false, "unchanged", ordered.id + " has this text already");
@@ -170,6 +171,13 @@ Result<OrderOutcome> Store::Update(std::int64_t task, const std::string& by, con
         AddEvent(task, ordered.attempt, "asked", AskedEventJson(StateEvent::Update, by));
         if (ordered.state == TaskState::Queued) {
             Tell(outcome, true, "updated", ordered.id + " has the new text");
+            return;
+        }
+        if (!toWorker) {
+            Tell(outcome, true, "kept",
+                 ordered.id +
+                     " keeps the new text for a further attempt: another task waits in the list of its "
+                     "worker, which the text could reach");
             return;
         }
         m_database->Prepare("UPDATE attempts SET text_asked = text_asked + 1 WHERE id = ?1")

@@ -215,6 +215,18 @@ TEST_F(StoreOrdersTest, ANewTextIsForThisAttemptAndLaterOnes) {
     EXPECT_TRUE(m_store->Update(claim.task, "api", "<D/>").value().refused);
 }
 
+TEST_F(StoreOrdersTest, ANewTextThatItsWorkerMustNotSeeIsForLaterAttemptsAlone) {
+    const Claim claim = Running();
+    const auto outcome = m_store->Update(claim.task, "api", "<B/>", false).value();
+    EXPECT_EQ(outcome.result, "kept");
+    EXPECT_TRUE(outcome.changed);
+    EXPECT_FALSE(outcome.send);
+    EXPECT_FALSE(m_store->OpenAttempts().value().at(0).textAsked);
+    ASSERT_TRUE(m_store->Lost(claim.token, "gone"));
+    m_now += 10 * kSecond_us;
+    EXPECT_EQ(Claimed().text, "<B/>");
+}
+
 TEST_F(StoreOrdersTest, RetryQueuesWhatEndedBadly) {
     const Claim claim = Running();
     EXPECT_EQ(m_store->Retry(claim.task, "api").value().result, "not-ended");

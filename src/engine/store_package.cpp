@@ -8,7 +8,7 @@ namespace rq::engine {
 void Store::Join(const Claim& claim, const SharedWorker& worker) {
     m_database
         ->Prepare(
-            "UPDATE attempts SET worker = ?1, is_open = 0, session = w.session, pid = w.pid, "
+            "UPDATE attempts SET worker = ?1, add_seq = ?4, is_open = 0, session = w.session, pid = w.pid, "
             "worker_version = w.worker_version, worker_guid = w.worker_guid, output = w.output "
             "FROM (SELECT session, pid, worker_version, worker_guid, output FROM attempts WHERE id = ?2) AS "
             "w "
@@ -16,6 +16,7 @@ void Store::Join(const Claim& claim, const SharedWorker& worker) {
         .Bind(worker.first)
         .Bind(worker.latest)
         .Bind(claim.attempt)
+        .Bind(static_cast<std::int64_t>(worker.addSeq))
         .Run();
     if (worker.idle) SetReached(claim.token);
     AddEvent(claim.task, claim.attempt, "added", AddedEventJson(worker.task));
@@ -61,28 +62,33 @@ Result<void> Store::PutBack(const std::string& token, const std::string& reason)
     });
 }
 
-Result<std::vector<std::tuple<Claim, bool, bool>>> Store::OpenOfWorker(std::int64_t first) {
-    std::vector<std::tuple<Claim, bool, bool>> open;
+Result<bool> Store::IsShared(const std::string& token) {
+    bool shared = false;
     {
         Statement row = m_database->Prepare(
-            "SELECT a.task, a.id, a.number, t.type, t.public_id, a.token, a.connected_us IS NOT NULL, "
-            "a.started_us IS NOT NULL FROM attempts a JOIN tasks t ON t.id = a.task WHERE a.worker = ?1 "
-            "AND a.state IN ('starting', 'running', 'paused', 'finishing') ORDER BY a.id");
-        row.Bind(first);
-        while (row.Row()) {
-            Claim claim;
-            claim.task = row.Number();
-            claim.attempt = row.Number();
-            claim.number = static_cast<std::int32_t>(row.Number());
-            claim.type = static_cast<std::int32_t>(row.Number());
-            claim.id = row.Text();
-            claim.token = row.Text();
-            const bool reached = row.Number() != 0;
-            open.emplace_back(std::move(claim), reached, row.Number() != 0);
-        }
+            "SELECT 1 FROM attempts WHERE worker = (SELECT id FROM attempts WHERE token = ?1) LIMIT 1");
+        shared = row.Bind(token).Row();
     }
     if (auto ok = Checked(); !ok) return ok.error();
-    return open;
+    return shared;
+}
+
+Result<void> Store::AddedAgain(const std::string& token, std::uint64_t seq) {
+    return ForHolder(token, Transaction::Sync::Relaxed, [&](const Holder& holder) {
+        m_database->Prepare("UPDATE attempts SET add_seq = ?1 WHERE id = ?2")
+            .Bind(static_cast<std::int64_t>(seq))
+            .Bind(holder.attempt)
+            .Run();
+    });
+}
+
+Result<void> Store::Told(const std::string& worker, std::int64_t attempt) {
+    return ForHolder(worker, Transaction::Sync::Relaxed, [&](const Holder& holder) {
+        m_database->Prepare("UPDATE attempts SET told = coalesce(told, ?1) WHERE id = ?2")
+            .Bind(attempt)
+            .Bind(holder.attempt)
+            .Run();
+    });
 }
 
 }  // namespace rq::engine

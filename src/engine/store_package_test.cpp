@@ -31,7 +31,7 @@ class StorePackageTest : public testing::Test {
         return m_store
             ->ClaimNext({}, {},
                         [&] {
-                            return SharedWorker{first.attempt, latest.attempt, latest.id, idle};
+                            return SharedWorker{first.attempt, latest.attempt, latest.id, idle, 9};
                         })
             .value()
             .value();
@@ -135,20 +135,50 @@ TEST_F(StorePackageTest, TheNextEngineFindsWhatHasNotEnded) {
     const Claim second = Added(first, first);
     auto open = m_store->OpenOfWorker(first.attempt).value();
     ASSERT_EQ(open.size(), 1u);
-    EXPECT_EQ(std::get<0>(open[0]).token, second.token);
-    EXPECT_EQ(std::get<0>(open[0]).id, "t2");
-    EXPECT_FALSE(std::get<1>(open[0]));
+    EXPECT_EQ(open[0].claim.token, second.token);
+    EXPECT_EQ(open[0].claim.id, "t2");
+    EXPECT_FALSE(open[0].reached);
+    EXPECT_EQ(open[0].addSeq, 9u);
+    ASSERT_TRUE(m_store->AddedAgain(second.token, 4));
+    EXPECT_EQ(m_store->OpenOfWorker(first.attempt).value()[0].addSeq, 4u);
     ASSERT_TRUE(m_store->Finish(first.token, Final(kTaskFinished), second.token));
     const Claim third = Added(first, second);
     open = m_store->OpenOfWorker(first.attempt).value();
     ASSERT_EQ(open.size(), 2u);
-    EXPECT_TRUE(std::get<1>(open[0]));
-    EXPECT_FALSE(std::get<2>(open[0]));
-    EXPECT_FALSE(std::get<1>(open[1]));
+    EXPECT_TRUE(open[0].reached);
+    EXPECT_FALSE(open[0].started);
+    EXPECT_FALSE(open[1].reached);
     ASSERT_TRUE(m_store->Begun(second.token, "id"));
-    EXPECT_TRUE(std::get<2>(m_store->OpenOfWorker(first.attempt).value()[0]));
+    EXPECT_TRUE(m_store->OpenOfWorker(first.attempt).value()[0].started);
     ASSERT_TRUE(m_store->Finish(second.token, Final(kTaskFinished), third.token));
-    EXPECT_EQ(m_store->OpenOfWorker(first.attempt).value().size(), 1u);
+    // The last one that has ended is who repeats of a status belong to.
+    open = m_store->OpenOfWorker(first.attempt).value();
+    ASSERT_EQ(open.size(), 2u);
+    EXPECT_EQ(open[0].state, AttemptState::Finished);
+    EXPECT_EQ(open[1].claim.token, third.token);
+    FinalStatus stalled = Final(kTaskError);
+    stalled.detailErrorCode = 0x80000001;
+    stalled.errorCode = 6;
+    ASSERT_TRUE(m_store->Finish(third.token, stalled));
+    open = m_store->OpenOfWorker(first.attempt).value();
+    ASSERT_EQ(open.size(), 1u);
+    EXPECT_TRUE(open[0].stalled);
+}
+
+TEST_F(StorePackageTest, AWorkerIsSharedFromItsSecondTaskOn) {
+    const Claim first = First();
+    EXPECT_FALSE(m_store->IsShared(first.token).value());
+    Added(first, first);
+    EXPECT_TRUE(m_store->IsShared(first.token).value());
+    EXPECT_FALSE(m_store->IsShared("unknown").value());
+}
+
+TEST_F(StorePackageTest, TheFirstTaskForWhichAWorkerIsToldToStopIsKept) {
+    const Claim first = First();
+    EXPECT_FALSE(m_store->OpenAttempts().value()[0].told);
+    ASSERT_TRUE(m_store->Told(first.token, 5));
+    ASSERT_TRUE(m_store->Told(first.token, 6));
+    EXPECT_EQ(m_store->OpenAttempts().value()[0].told, 5);
 }
 
 TEST_F(StorePackageTest, TheOutputOfASharedWorkerGoesWithTheLastOfItsTasks) {

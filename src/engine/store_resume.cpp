@@ -90,45 +90,76 @@ Result<void> Store::Closed(const std::string& token) {
     return transaction.Commit();
 }
 
+namespace {
+
+constexpr const char* kOpenAttempt =
+    "SELECT a.task, a.id, a.number, t.type, t.public_id, a.token, a.state, t.origin = 'external', "
+    "t.cancel_us IS NOT NULL, a.started_us IS NOT NULL, a.session, a.pid, a.process_mark, a.output, "
+    "a.reported_task, a.created_us, a.worker_seq, a.asked, a.text_asked, a.connected_us IS NOT NULL, "
+    "a.detail_code = 0x80000001 AND a.error_code = 6, a.add_seq, a.told, "
+    "a.silence_ms, a.said_bye, a.exited_us IS NOT NULL, a.exit_code, a.exit_signal "
+    "FROM attempts a JOIN tasks t ON t.id = a.task WHERE ";
+
+std::vector<OpenAttempt> ReadOpenAttempts(Statement& row) {
+    std::vector<OpenAttempt> attempts;
+    while (row.Row()) {
+        OpenAttempt& attempt = attempts.emplace_back();
+        attempt.claim.task = row.Number();
+        attempt.claim.attempt = row.Number();
+        attempt.claim.number = static_cast<std::int32_t>(row.Number());
+        attempt.claim.type = static_cast<std::int32_t>(row.Number());
+        attempt.claim.id = row.Text();
+        attempt.claim.token = row.Text();
+        attempt.state = TaskStateOf(row.Text()).value_or(AttemptState::Lost);
+        attempt.external = row.Number() != 0;
+        attempt.cancelRequested = row.Number() != 0;
+        attempt.started = row.Number() != 0;
+        if (const auto session = row.OptionalNumber()) attempt.session = static_cast<std::uint32_t>(*session);
+        if (const auto process = row.OptionalNumber())
+            attempt.processId = static_cast<std::uint64_t>(*process);
+        attempt.processMark = row.Text();
+        attempt.output = row.Text();
+        attempt.reportedTask = row.Text();
+        attempt.created_us = row.Number();
+        attempt.workerSeq = static_cast<std::uint64_t>(row.Number());
+        attempt.asked = static_cast<std::uint32_t>(row.Number());
+        attempt.textAsked = row.Number() != 0;
+        attempt.reached = row.Number() != 0;
+        attempt.stalled = row.Number() != 0;
+        if (const auto seq = row.OptionalNumber()) attempt.addSeq = static_cast<std::uint64_t>(*seq);
+        attempt.told = row.OptionalNumber();
+        attempt.silence_ms = row.Number();
+        attempt.saidBye = row.Number() != 0;
+        const bool exited = row.Number() != 0;
+        const auto code = row.OptionalNumber();
+        const auto signal = row.OptionalNumber();
+        if (exited) attempt.exit = ExitOf(code, signal);
+    }
+    return attempts;
+}
+
+}  // namespace
+
 Result<std::vector<OpenAttempt>> Store::OpenAttempts() {
     std::vector<OpenAttempt> attempts;
     {
-        Statement row = m_database->Prepare(
-            "SELECT a.task, a.id, a.number, t.type, t.public_id, a.token, a.state, t.origin = 'external', "
-            "t.cancel_us IS NOT NULL, a.started_us IS NOT NULL, a.session, a.pid, a.process_mark, a.output, "
-            "a.reported_task, a.created_us, a.worker_seq, a.asked, a.text_asked, a.silence_ms, a.said_bye, "
-            "a.exited_us IS NOT NULL, a.exit_code, a.exit_signal "
-            "FROM attempts a JOIN tasks t ON t.id = a.task WHERE a.is_open = 1 ORDER BY a.id");
-        while (row.Row()) {
-            OpenAttempt& attempt = attempts.emplace_back();
-            attempt.claim.task = row.Number();
-            attempt.claim.attempt = row.Number();
-            attempt.claim.number = static_cast<std::int32_t>(row.Number());
-            attempt.claim.type = static_cast<std::int32_t>(row.Number());
-            attempt.claim.id = row.Text();
-            attempt.claim.token = row.Text();
-            attempt.state = TaskStateOf(row.Text()).value_or(AttemptState::Lost);
-            attempt.external = row.Number() != 0;
-            attempt.cancelRequested = row.Number() != 0;
-            attempt.started = row.Number() != 0;
-            if (const auto session = row.OptionalNumber())
-                attempt.session = static_cast<std::uint32_t>(*session);
-            if (const auto process = row.OptionalNumber())
-                attempt.processId = static_cast<std::uint64_t>(*process);
-            attempt.processMark = row.Text();
-            attempt.output = row.Text();
-            attempt.reportedTask = row.Text();
-            attempt.created_us = row.Number();
-            attempt.workerSeq = static_cast<std::uint64_t>(row.Number());
-            attempt.asked = static_cast<std::uint32_t>(row.Number());
-            attempt.textAsked = row.Number() != 0;
-            attempt.silence_ms = row.Number();
-            attempt.saidBye = row.Number() != 0;
-            const bool exited = row.Number() != 0;
-            const auto code = row.OptionalNumber();
-            const auto signal = row.OptionalNumber();
-            if (exited) attempt.exit = ExitOf(code, signal);
-        }
+        Statement row = m_database->Prepare(std::string(kOpenAttempt) + "a.is_open = 1 ORDER BY a.id");
+        attempts = ReadOpenAttempts(row);
+    }
+    if (auto ok = Checked(); !ok) return ok.error();
+    return attempts;
+}
+
+Result<std::vector<OpenAttempt>> Store::OpenOfWorker(std::int64_t first) {
+    std::vector<OpenAttempt> attempts;
+    {
+        constexpr const char* kIsActive = "state IN ('starting', 'running', 'paused', 'finishing')";
+        Statement row =
+            m_database->Prepare(std::string(kOpenAttempt) + "a.worker = ?1 AND (a." + kIsActive +
+                                " OR a.id = (SELECT max(id) FROM attempts WHERE worker = ?1 AND NOT " +
+                                kIsActive + ")) ORDER BY a.id");
+        row.Bind(first);
+        attempts = ReadOpenAttempts(row);
     }
     if (auto ok = Checked(); !ok) return ok.error();
     return attempts;

@@ -180,7 +180,16 @@ ALTER TABLE attempts ADD COLUMN said_bye INTEGER NOT NULL DEFAULT 0;
 PRAGMA user_version = 8;
 )sql";
 
-constexpr const char* kSteps[] = {kStep1, kStep2, kStep3, kStep4, kStep5, kStep6, kStep7, kStep8};
+// Of attempts that share a worker: the number of the order that brought the text; and, with the one that the
+// worker was started for, which of them it was first told to stop for.
+constexpr const char* kStep9 = R"sql(
+ALTER TABLE attempts ADD COLUMN add_seq INTEGER;
+ALTER TABLE attempts ADD COLUMN told INTEGER;
+
+PRAGMA user_version = 9;
+)sql";
+
+constexpr const char* kSteps[] = {kStep1, kStep2, kStep3, kStep4, kStep5, kStep6, kStep7, kStep8, kStep9};
 static_assert(std::size(kSteps) == kSchemaVersion);
 
 }  // namespace

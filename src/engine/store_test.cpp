@@ -400,7 +400,7 @@ void MakeOldStore(const std::string& path, int version) {
 }
 
 TEST_F(StoreTest, AStoreOfAnEarlierSchemaIsBroughtUpWithItsTasks) {
-    for (const int version : {1, 2, 3, 4, 5, 6, 7}) {
+    for (const int version : {1, 2, 3, 4, 5, 6, 7, 8}) {
         const std::string path = m_folder.Utf8("old" + std::to_string(version) + ".db");
         MakeOldStore(path, version);
         m_store = Store::Open(path, [this] { return m_now; }).value();

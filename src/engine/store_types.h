@@ -74,10 +74,11 @@ struct Claim {
 
 // A worker that takes one more task.
 struct SharedWorker {
-    std::int64_t first = 0;   // the attempt that it was started for
-    std::int64_t latest = 0;  // the one that it got last
-    std::string task;         // ID of the task of the latest
-    bool idle = false;        // it begins the task at once
+    std::int64_t first = 0;    // the attempt that it was started for
+    std::int64_t latest = 0;   // the one that it got last
+    std::string task;          // ID of the task of the latest
+    bool idle = false;         // it begins the task at once
+    std::uint64_t addSeq = 0;  // number of the order that will bring the task
 };
 
 // A 4009 entry with status 0, 4 or 5. `result` is JSON, empty when there is none.
@@ -241,6 +242,11 @@ struct OpenAttempt {
     std::int64_t silence_ms = 0;  // after which its worker is ended; 0: not known
     bool saidBye = false;         // the worker has closed its session
     std::optional<WorkerExit> exit;
+    // Of a package worker's.
+    bool reached = false;                 // the worker may have begun it
+    bool stalled = false;                 // ended by the worker's stall report
+    std::optional<std::uint64_t> addSeq;  // number of the order that brought it
+    std::optional<std::int64_t> told;     // of the first: the attempt for which the worker was told to stop
 };
 
 struct EventRow {

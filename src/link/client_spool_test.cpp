@@ -80,9 +80,39 @@ TEST_P(EngineClientSpool, AWaitThatHasRunOutLeavesAFileUntilTheAcknowledgement) 
     EXPECT_EQ(Names(), (std::vector<std::string>{"named.final"}));
     engine.SendRaw(*EncodeFrame({0, 2, kAckId, {}}));  // of the first and its repeat
     EXPECT_TRUE(kit::WaitUntil([this] { return SeqInFile() == 3; }));
+    EXPECT_EQ(DecodeSpoolFile(kit::ReadBytes(m_file)).value().previous, 2u);
     engine.AcknowledgeAll();
     EXPECT_TRUE(WaitUntilGone());
     EXPECT_TRUE(WaitForLog("named.final is removed, the status in it is acknowledged"));
+}
+
+// So that an engine sees whether it has missed one.
+TEST_P(EngineClientSpool, TheFileNamesTheStatusBeforeAndNoRepeatOfIt) {
+    kit::ScriptedEngine engine(m_engineOptions);
+    m_options.finalWait = 20ms;
+    TestClient test(m_options, WideFromPath(m_log));
+    ASSERT_EQ(test.Connect(engine.Port()), 1u);
+    engine.HoldFinals(true);
+    EXPECT_TRUE(test.SendState(kTaskRunning));
+    EXPECT_FALSE(test.SendState(kTaskError));
+    EXPECT_EQ(WaitForFile(), 2u);
+    auto status = DecodeSpoolFile(kit::ReadBytes(m_file));
+    ASSERT_TRUE(status);
+    EXPECT_EQ(status->previous, 1u);
+    EXPECT_FALSE(status->isRepeat);
+    EXPECT_FALSE(test.SendState(kTaskError));
+    EXPECT_FALSE(test.SendState(kTaskFinished));
+    engine.SendRaw(*EncodeFrame({0, 2, kAckId, {}}));
+    EXPECT_TRUE(kit::WaitUntil([this] { return SeqInFile() == 3; }));
+    status = DecodeSpoolFile(kit::ReadBytes(m_file));
+    ASSERT_TRUE(status);
+    EXPECT_TRUE(status->isRepeat);
+    EXPECT_EQ(status->previous, 2u);
+    engine.SendRaw(*EncodeFrame({0, 3, kAckId, {}}));
+    EXPECT_TRUE(kit::WaitUntil([this] { return SeqInFile() == 4; }));
+    EXPECT_EQ(DecodeSpoolFile(kit::ReadBytes(m_file)).value().previous, 2u);
+    engine.AcknowledgeAll();
+    EXPECT_TRUE(WaitUntilGone());
 }
 
 TEST_P(EngineClientSpool, ALossLeavesAFileForTheEngine) {

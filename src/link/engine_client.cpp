@@ -194,6 +194,7 @@ void EngineClient::OpenConnection(std::uint64_t attempt, const std::string& addr
         MutexLock lock(m_lock);
         m_session.reset();
         m_unacknowledged.clear();
+        m_lastStatus = 0;
         m_connectionNumber = attempt;
     }
     CloseConnection("a new attempt to connect");
@@ -445,8 +446,8 @@ bool EngineClient::SendMessage(std::uint32_t sessionId, std::uint32_t id, const 
     {
         MutexLock lock(m_lock);
         std::uint64_t seq = 0;
-        if (!unmarked.empty() && m_unanswered.Has(unmarked) && BodyFits(body->size() + kRepeatMark_bytes))
-            MarkRepeat(*body);
+        const bool isRepeat = !unmarked.empty() && m_unanswered.Has(unmarked);
+        if (isRepeat && BodyFits(body->size() + kRepeatMark_bytes)) MarkRepeat(*body);
         SpoolWriter::Body copy;
         if (m_session && m_session->SessionId() == sessionId) {
             if (isFinal && !m_session->SpoolFolder().empty())
@@ -456,8 +457,10 @@ bool EngineClient::SendMessage(std::uint32_t sessionId, std::uint32_t id, const 
             problem = "session " + std::to_string(sessionId) + " is not the open one";
         }
         if (seq != 0 && isFinal) m_finals.Add(seq, &wait);
+        const std::uint64_t previous = m_lastStatus;
+        if (seq != 0 && id == TCP_WORKER_STATE_ID && !isRepeat) m_lastStatus = seq;
         if (seq != 0 && copy) {
-            Remember(seq, std::move(copy));
+            Remember({seq, previous, std::move(copy)});
             if (m_session->CurrentState() == Session::State::Interrupted) SpoolFinal();
         }
     }

@@ -99,8 +99,14 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     bool DecideConnect(std::uint64_t attempt, std::uint32_t sessionId, std::string reason);
     Result<std::string> ShortenFinal(const EngineStateMessage& message, std::size_t size_bytes);
     bool Refused(std::uint32_t id, const std::string& problem);
+    // A final status, until it is acknowledged; only where the engine has named a folder for it.
+    struct Final {
+        std::uint64_t seq = 0;
+        std::uint64_t previous = 0;  // the status before it
+        SpoolWriter::Body body;
+    };
     // To be kept when it is not acknowledged in time.
-    void Remember(std::uint64_t seq, SpoolWriter::Body body) RQ_REQUIRES(m_lock);
+    void Remember(Final status) RQ_REQUIRES(m_lock);
     // Of the acknowledgement up to that number.
     void TakeAcknowledged(std::uint64_t seq) RQ_REQUIRES(m_lock);
     // WELCOME has named the folder for it.
@@ -108,11 +114,6 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     // To the file, what no engine has acknowledged.
     void SpoolFinal() noexcept RQ_REQUIRES(m_lock);
 
-    // A final status, until it is acknowledged; only where the engine has named a folder for it.
-    struct Final {
-        std::uint64_t seq = 0;
-        SpoolWriter::Body body;
-    };
     // One line of many that say the same.
     class Repeats {
       public:
@@ -139,6 +140,7 @@ class EngineClient final : public IEngineCommunicate, private Connection::Listen
     // Oldest first, each once however often it is sent. The engine goes by the first one, so that is what the
     // file holds.
     std::deque<Final> m_unacknowledged RQ_GUARDED_BY(m_lock);
+    std::uint64_t m_lastStatus RQ_GUARDED_BY(m_lock) = 0;  // of this session, repeats left aside
     std::string m_spoolFolder RQ_GUARDED_BY(m_lock);
     std::uint64_t m_spooled RQ_GUARDED_BY(m_lock) =
         0;  // the newest given to m_spool, until it is acknowledged

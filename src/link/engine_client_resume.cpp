@@ -68,11 +68,11 @@ void EngineClient::TakeAcknowledged(std::uint64_t seq) {
     SpoolFinal();
 }
 
-void EngineClient::Remember(std::uint64_t seq, SpoolWriter::Body body) {
+void EngineClient::Remember(Final status) {
     constexpr std::size_t kMost = 16;
     const bool isRepeat = std::any_of(m_unacknowledged.begin(), m_unacknowledged.end(),
-                                      [&](const Final& other) { return *other.body == *body; });
-    if (!isRepeat && m_unacknowledged.size() < kMost) m_unacknowledged.push_back({seq, std::move(body)});
+                                      [&](const Final& other) { return *other.body == *status.body; });
+    if (!isRepeat && m_unacknowledged.size() < kMost) m_unacknowledged.push_back(std::move(status));
 }
 
 // What stands in another folder stays there, as after a loss.
@@ -86,7 +86,7 @@ void EngineClient::SpoolFinal() noexcept try {
     if (m_unacknowledged.empty()) return;
     const Final& oldest = m_unacknowledged.front();
     m_spooled = oldest.seq;
-    m_spool.Keep(oldest.seq, oldest.body);
+    m_spool.Keep(oldest.seq, oldest.previous, oldest.body);
 } catch (const std::bad_alloc&) {
     // It is still sent, and another try is made when the next wait for its acknowledgement has run out.
 }

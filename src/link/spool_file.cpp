@@ -34,8 +34,8 @@ bool IsSpoolAttempt(std::string_view attempt) {
     return platform::WhyNoFileName(std::string(attempt) + std::string(kSpoolEnding)).empty();
 }
 
-std::string EncodeSpoolFile(std::uint64_t seq, std::string_view body) {
-    std::string bytes = EncodeFrameHead(seq, 0, TCP_WORKER_STATE_ID, body.size());
+std::string EncodeSpoolFile(std::uint64_t seq, std::string_view body, std::uint64_t previous) {
+    std::string bytes = EncodeFrameHead(seq, previous, TCP_WORKER_STATE_ID, body.size());
     bytes.reserve(bytes.size() + body.size() + kCheck_bytes);
     bytes.append(body);
     return bytes + CheckBytes(bytes);
@@ -60,7 +60,7 @@ Result<SpooledStatus> DecodeSpoolFile(std::string_view bytes) {
     if (!record) return record.error();
     auto& message = std::get<EngineStateMessage>(*record);
     if (!IsFinalState(message)) return Fail("the status in it is not final");
-    return SpooledStatus{frame.seq, std::move(message)};
+    return SpooledStatus{frame.seq, frame.ack, IsMarkedRepeat(frame.body), std::move(message)};
 }
 
 }  // namespace rq::link

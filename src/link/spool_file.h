@@ -27,12 +27,14 @@ inline constexpr std::string_view kSpoolBadEnding = ".bad";
 bool IsSpoolAttempt(std::string_view attempt);
 
 struct SpooledStatus {
-    std::uint64_t seq = 0;  // as it was sent
+    std::uint64_t seq = 0;       // as it was sent
+    std::uint64_t previous = 0;  // of the worker's status before it, final or not; 0: none
+    bool isRepeat = false;       // it is marked as one
     EngineStateMessage message;
 };
 
-// The content of a file; `body` is that of the 4009 and fits into a frame.
-std::string EncodeSpoolFile(std::uint64_t seq, std::string_view body);
+// The content of a file; `body` is that of the 4009 and fits into a frame. `previous`: as SpooledStatus's.
+std::string EncodeSpoolFile(std::uint64_t seq, std::string_view body, std::uint64_t previous = 0);
 // An error says what is wrong with the file: its length, its check, or what is in it.
 Result<SpooledStatus> DecodeSpoolFile(std::string_view bytes);
 

@@ -45,6 +45,19 @@ TEST(SpoolFile, HoldsAFinalStatusWithItsNumber) {
     }
 }
 
+TEST(SpoolFile, NamesTheStatusBeforeAndSaysWhetherItIsARepeat) {
+    std::string body = Body(4);
+    auto read = DecodeSpoolFile(EncodeSpoolFile(300, body));
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->previous, 0u);
+    EXPECT_FALSE(read->isRepeat);
+    MarkRepeat(body);
+    read = DecodeSpoolFile(EncodeSpoolFile(300, body, 299));
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->previous, 299u);
+    EXPECT_TRUE(read->isRepeat);
+}
+
 TEST(SpoolFile, OneWrongBitOrAMissingByteIsFound) {
     const std::string good = EncodeSpoolFile(7, Body(0));
     for (std::size_t i = 0; i < good.size(); ++i) {

@@ -33,6 +33,7 @@ struct Place {
 struct Job {
     Place place;
     std::uint64_t seq = 0;
+    std::uint64_t previous = 0;
     SpoolWriter::Body body;  // none: the file is to be removed
 };
 
@@ -83,13 +84,13 @@ void SpoolWriter::Begin(std::string folder, std::string attempt) {
     m_state->acknowledged = 0;
 }
 
-void SpoolWriter::Keep(std::uint64_t seq, Body body) {
+void SpoolWriter::Keep(std::uint64_t seq, std::uint64_t previous, Body body) {
     MutexLock lock(m_lock);
     if (!m_state) return;
     {
         Signal::Hold hold(m_state->signal);
         if (m_state->place.folder.empty() || seq <= m_state->held) return;
-        m_state->wanted = {m_state->place, seq, std::move(body)};
+        m_state->wanted = {m_state->place, seq, previous, std::move(body)};
         m_state->signal.Notify(hold);
     }
     if (m_thread.joinable()) return;
@@ -180,7 +181,7 @@ std::optional<Job> SpoolWriter::State::Due() {
     if (job.body && !(isOfThisSession && job.seq <= acknowledged)) return job;
     if (held == 0 || held > acknowledged) return std::nullopt;
     held = 0;  // one try
-    return Job{place, 0, nullptr};
+    return Job{place, 0, 0, nullptr};
 }
 
 bool SpoolWriter::State::Do(const Job& job) {
@@ -189,7 +190,7 @@ bool SpoolWriter::State::Do(const Job& job) {
     const std::string path = job.place.Path(kSpoolEnding);
     if (!job.body) return Remove(path);
     platform::OsError error;
-    if (!platform::ReplaceWholeFile(path, EncodeSpoolFile(job.seq, *job.body), true, &error,
+    if (!platform::ReplaceWholeFile(path, EncodeSpoolFile(job.seq, *job.body, job.previous), true, &error,
                                     job.place.Path(kSpoolTemporaryEnding)))
         return Fails(error.message);
     Say(false, "the final status " + std::to_string(job.seq) + " is kept in " + path);

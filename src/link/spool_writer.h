@@ -33,8 +33,9 @@ class SpoolWriter {
     // A session begins: its numbers begin anew, and what an earlier one has left stays where it is. Nothing
     // is kept without a folder.
     void Begin(std::string folder, std::string attempt);
-    // The file is to hold this status, unless it holds that one or a newer one.
-    void Keep(std::uint64_t seq, Body body);
+    // The file is to hold this status, unless it holds that one or a newer one. `previous`: as
+    // SpooledStatus's.
+    void Keep(std::uint64_t seq, std::uint64_t previous, Body body);
     // The engine has everything up to that: the file goes if it holds nothing newer.
     void Acknowledge(std::uint64_t seq);
     // Waits for what is still to be done, then for the end of the thread. One that takes longer is left

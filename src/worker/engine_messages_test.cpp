@@ -3,6 +3,8 @@
 #include <string>
 #include <thread>
 
+#include "kit/files.h"
+#include "util/capture_hub.h"
 #include "worker/testing/worker_fixture.h"
 
 namespace rq {
@@ -254,6 +256,34 @@ TEST_F(Orders, RunnerIsCalledOutsideTheSendLock) {
             m_engine.DeliverCommand(id);
         EXPECT_EQ(m_engine.sent.WithId(TCP_WORKER_HEARTBEAT_ID).size(), ++calls) << id;
     }
+}
+
+// A work loop whose final status is given up with the loss must find the stop flag.
+TEST_F(Orders, ALossStopsTheWorkLoopBeforeItCanBeSeen) {
+    struct AtLoss final : LogListener {
+        void Receive(const LogLine& line) override {
+            if (line.text.starts_with("Worker will be cancel")) then();
+        }
+        std::function<void()> then;
+    } listener;
+    std::atomic<bool> left = false;
+    bool leftInTime = false;
+    std::thread loop;
+    // It would log what it does with a task, and wait for this line's end then.
+    listener.then = [&] {
+        EXPECT_TRUE(m_core->IsDisconnected());
+        loop = std::thread([&] {
+            m_core->DoWork("<more/>", RQ_TASK_PACKAGE);
+            left = true;
+        });
+        leftInTime = kit::WaitUntil([&] { return left.load(); }, std::chrono::seconds(5));
+    };
+    LogHub().Add(&listener);
+    m_engine.DeliverLoss();
+    LogHub().Remove(&listener);
+    loop.join();
+    EXPECT_TRUE(leftInTime);
+    EXPECT_EQ(m_journal.Count("runner.AnalyseTask <more/>"), 0u);
 }
 
 TEST_F(Orders, AnExceptionEndsItsOrderAloneAndIsLogged) {
