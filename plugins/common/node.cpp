@@ -1,10 +1,18 @@
 #include "plugin_common/node.h"
 
+#include <charconv>
 #include <vector>
 
 #include "plugin_common/file.h"
 
 namespace rq::task {
+
+int TaskCores() {
+    const std::string text = EnvironmentText("RQ_TASK_CORES").value_or("1");
+    int cores = 1;
+    const auto end = std::from_chars(text.data(), text.data() + text.size(), cores);
+    return end.ec == std::errc() && end.ptr == text.data() + text.size() && cores > 0 ? cores : 1;
+}
 
 std::uint32_t ReadSmallFile(const std::string& path, std::size_t most_bytes, std::string& text,
                             bool& isTooLong) {

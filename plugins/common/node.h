@@ -11,6 +11,10 @@ namespace rq::task {
 // The variable's value in UTF-8; one that is empty counts as one that is not there.
 std::optional<std::string> EnvironmentText(const char* name);
 
+// The processor cores that the submission of the task declares, as the engine says (RQ_TASK_CORES); 1 when it
+// declares none.
+int TaskCores();
+
 // RQ_CONFIG_DIR, else the folder of the running program. Relative when the variable is: the caller refuses
 // that, since the worker's current folder is its plug-in's.
 std::string ConfigFolder();

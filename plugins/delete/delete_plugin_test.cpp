@@ -121,6 +121,8 @@ TEST_F(DeleteTest, AnythingWrongInTheConfigurationAllowsNothing) {
          "line 1: <Folder> is a whole file system: \"" + root + "\"; name the folders in it"},
         {"<DeleteConfig>" + good + "<Folder>" + root + "a/../b</Folder></DeleteConfig>",
          "line 1: <Folder> has \"..\" in it; give the path without it: \"" + root + "a/../b\""},
+        {"<DeleteConfig>" + good + "\n<Folder x=\"y\">" + PathOf("other") + "</Folder></DeleteConfig>",
+         "line 2: <Folder> has the attribute \"x\"; attributes are not used here"},
         {"<DeleteConfig/>", "line 1: <DeleteConfig> has no <Folder>; give at least one, or remove the file"},
         {"<DeleteConfig>" + good,
          "line 1: not well-formed XML: no element found; <DeleteConfig> of line 1 is "

@@ -43,6 +43,9 @@ AllowedFolders ParseAllowed(const std::string& file, const std::string& text) {
         for (const task::XmlElement* child :
              fields.Repeated("Folder", "give at least one, or remove the file")) {
             const std::string folder(child->text);
+            if (!child->attributes.empty())
+                error.Set(child->line, "<Folder> has the attribute \"" + child->attributes.front() +
+                                           "\"; attributes are not used here");
             if (!child->children.empty() || task::TrimXml(folder).empty() || !task::IsAbsolutePath(folder))
                 error.Set(child->line, "<Folder> is \"" + folder + "\"; " + std::string(kFolderHint));
             const PathParts parts = SplitPath(folder);

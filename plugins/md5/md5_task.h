@@ -29,7 +29,7 @@ struct Md5Task {
     std::string id;
     bool verify = false;  // every file has an expected digest; otherwise none has
     std::vector<TaskFile> files;
-    int threads = 1;
+    int threads = 0;                       // 0: as many as the task has cores
     std::optional<ChecksumOutput> output;  // of a computation
 
     // Whether the text itself names every file.

@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t cou
         const bool isVerified = file.expected || file.kind == rq::md5::TaskFile::Kind::kChecksums;
         Require(isVerified == task.verify, "all are verified, or none", file.path);
     }
-    Require(task.threads >= 1 && task.threads <= rq::md5::kMaxThreads, "the threads", text);
+    Require(task.threads >= 0 && task.threads <= rq::md5::kMaxThreads, "the threads", text);
     Require(!task.output || (!task.verify && rq::task::IsAbsolutePath(task.output->path)), "the output",
             text);
     return 0;

@@ -5,6 +5,7 @@
 
 #include "kit/os.h"
 #include "kit/reference_md5.h"
+#include "md5_task.h"
 #include "md5_test_driver.h"
 #include "md5_work.h"
 #include "plugin_common/codes.h"
@@ -45,6 +46,18 @@ TEST_F(Md5Threads, GiveTheResultsInTheOrderOfTheFiles) {
     EXPECT_EQ(Hex(Result(700).computedMd5), kit::ReferenceMd5(PathFromUtf8(paths[700])));
     EXPECT_EQ(Result(paths.size()).has, 0u);
     ExpectWholeProgress(total);
+}
+
+// The submission's cores, unless the text names a number.
+TEST_F(Md5Threads, AreAsManyAsTheTaskHasCores) {
+    for (const auto& [cores, named, count] :
+         {std::tuple{"3", 0, 3}, std::tuple{"3", 2, 2}, std::tuple{"", 0, 1}, std::tuple{"0", 0, 1},
+          std::tuple{"-4", 0, 1}, std::tuple{"3 cores", 0, 1}, std::tuple{"200", 0, kMaxThreads}}) {
+        const kit::ScopedEnvironment given("RQ_TASK_CORES", cores);
+        Md5Task task;
+        task.threads = named;
+        EXPECT_EQ(ThreadsOf(task), count) << cores;
+    }
 }
 
 TEST_F(Md5Threads, GoThroughFoldersInOrder) {

@@ -5,6 +5,7 @@
 
 #include "plugin_common/codes.h"
 #include "plugin_common/long_call.h"
+#include "plugin_common/node.h"
 #include "plugin_common/utf8.h"
 
 namespace rq::md5 {
@@ -23,6 +24,10 @@ void Compare(const Item& item, Reading& reading) {
 
 }  // namespace
 
+int ThreadsOf(const Md5Task& task) {
+    return task.threads != 0 ? task.threads : std::min(task::TaskCores(), kMaxThreads);
+}
+
 Md5Work::Md5Work(Md5Record& record, plugin::Run& run, const plugin::Host& host)
     : m_record(record), m_run(run), m_host(host), m_source(record.Task()) {}
 
@@ -37,12 +42,15 @@ plugin::Outcome Md5Work::Do() {
         }
         m_source.SetOwnTemporary(m_output->TemporaryPath());
     }
-    const auto wanted = static_cast<std::size_t>(m_record.Task().threads);
+    const auto wanted = static_cast<std::size_t>(ThreadsOf(m_record.Task()));
     const std::size_t count = std::min(wanted, m_plannedBytes.size());
-    if (count > 1)
+    if (count > 1) {
+        m_host.Log(plugin::Level::kInformation,
+                   "md5: up to " + std::to_string(count) + " files are read at a time");
         WorkTogether(count);
-    else
+    } else {
         WorkAlone();
+    }
     return m_run.Stop() == RQ_STOP_NONE ? Conclude() : ConcludeEarly();
 }
 

@@ -37,6 +37,9 @@ constexpr std::int64_t kAhead_bytes = 32 << 20;
 // Files at most that are begun and not published.
 constexpr std::size_t kWindow_files = 1024;
 
+// How many files are read at a time: as the text says, or as many as the task has cores.
+int ThreadsOf(const Md5Task& task);
+
 class Md5Work {
   public:
     Md5Work(Md5Record& record, plugin::Run& run, const plugin::Host& host);

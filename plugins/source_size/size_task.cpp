@@ -1,5 +1,7 @@
 #include "size_task.h"
 
+#include <algorithm>
+
 #include "plugin_common/typed_fields.h"
 
 namespace rq::source_size {
@@ -34,10 +36,12 @@ bool ReadSizeTask(std::string_view text, SizeTask& task, task::XmlError& error) 
     task.id = task::XmlFields(root, names, idError).Required("ID", kIdHint);
     task::TypedFields fields(root, names, error);
     fields.Plain().Required("ID", kIdHint);
-    if (const auto time = fields.Seconds("StableFor_s")) task.stableFor = std::chrono::microseconds(*time);
+    const auto stableFor = fields.Seconds("StableFor_s");
+    if (stableFor) task.stableFor = std::chrono::microseconds(*stableFor);
     if (const auto time = fields.Seconds("Timeout_s")) task.timeout = std::chrono::microseconds(*time);
     if (task.timeout.count() > kLongest_us)
         fields.Refuse("Timeout_s", "is more than 604800 (seven days); submit the task again instead");
+    if (!stableFor) task.stableFor = std::min(task.stableFor, task.timeout);
     if (task.stableFor > task.timeout)
         fields.Refuse("StableFor_s",
                       "is longer than the time-out; the files could never be complete in time");

@@ -49,6 +49,18 @@ TEST(SizeTaskText, HasTimesOfItsOwn) {
     EXPECT_EQ(task.timeout, 600s);
 }
 
+// A short time-out needs no other element beside it.
+TEST(SizeTaskText, ATimeOutShortensTheStandardTime) {
+    SizeTask task;
+    task::XmlError error;
+    ASSERT_TRUE(
+        ReadSizeTask(task::ForThisSystem("<SourceSizeTask><ID>x</ID><Timeout_s>2</Timeout_s>"
+                                         "<Files><File><Path>/a</Path></File></Files></SourceSizeTask>"),
+                     task, error))
+        << error.Text();
+    EXPECT_EQ(task.stableFor, 2s);
+}
+
 TEST(SizeTaskText, KeepsTheIdOfARefusedText) {
     SizeTask task;
     task::XmlError error;

@@ -150,6 +150,9 @@ platform::ProcessSpec Launcher::SpecFor(const Claim& claim, const std::string& f
                         {"RQ_ATTEMPT", claim.token},
                         {"RQ_LOG_DIR", LogFolder()},
                         {"RQ_CONNECT_LIMIT_MS", std::to_string(LonelyTime(m_settings).count())}};
+    // A worker of a package type does tasks that declare other numbers, too.
+    const bool hasCores = claim.cores > 0 && !IsPackageType(claim.type);
+    spec.environment.push_back({"RQ_TASK_CORES", hasCores ? std::to_string(claim.cores) : ""});
     spec.directory = m_settings.stageFolder;
     spec.output = platform::ProcessSpec::Stream::File;
     spec.errors = platform::ProcessSpec::Stream::File;

@@ -112,12 +112,13 @@ Claim Store::NewAttempt(std::int64_t task) {
     claim.task = task;
     claim.token = platform::RandomHex(16);
     Statement query =
-        m_database->Prepare("SELECT public_id, type, text, attempts + 1 FROM tasks WHERE id = ?1");
+        m_database->Prepare("SELECT public_id, type, text, attempts + 1, cores FROM tasks WHERE id = ?1");
     if (!query.Bind(task).Row()) return claim;
     claim.id = query.Text();
     claim.type = static_cast<std::int32_t>(query.Number());
     claim.text = query.Text();
     claim.number = static_cast<std::int32_t>(query.Number());
+    claim.cores = query.Number();
     m_database
         ->Prepare(
             "INSERT INTO attempts (task, number, token, state, created_us, is_open) "

@@ -70,6 +70,7 @@ struct Claim {
     std::string id;
     std::string text;
     std::string token;
+    std::int64_t cores = 0;  // that the task declares; of a new attempt
 };
 
 // A worker that takes one more task.
