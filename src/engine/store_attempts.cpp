@@ -31,7 +31,8 @@ AttemptState AttemptStateAfter(StateEvent event) {
 std::optional<Store::Holder> Store::Find(const std::string& token) {
     Statement query = m_database->Prepare(
         "SELECT a.id, a.task, a.state, a.percent, t.state, t.cancel_us IS NOT NULL, t.type, t.public_id, "
-        "t.origin = 'external', a.connected_us IS NOT NULL OR a.worker IS NOT NULL, t.attempts - t.spent, a.interruptions "
+        "t.origin = 'external', a.connected_us IS NOT NULL OR a.worker IS NOT NULL, t.attempts - t.spent, "
+        "a.interruptions "
         "FROM attempts a JOIN tasks t ON t.id = a.task WHERE a.token = ?1");
     if (!query.Bind(token).Row()) return std::nullopt;
     Holder holder;
