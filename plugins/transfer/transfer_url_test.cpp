@@ -414,6 +414,9 @@ TEST_F(UrlTest, AnUploadBySftpGoesOnWhereTheConnectionBroke) {
 
 // The library signs with SHA-1 for RSA keys, which servers of today take only when they are told to.
 TEST_F(UrlTest, RsaKeysBySftp) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "libssh2 1.10 copies overlapping memory when it gets RSA preferences";
+#endif
     Serve({"sftp:rsa"});
     if (const std::string lack = Said("lacks"); !lack.empty()) GTEST_SKIP() << lack;
     Credentials(SshUser() + KnownHosts());
