@@ -30,6 +30,7 @@ struct LoadedFile {
     FileState state = FileState::Missing;
     std::string problem;  // when unreadable or damaged
     std::string bytes;    // as they are in the file; not for a file that is far too large
+    bool isTooLarge = false;
     TiXmlDocument document;
 };
 
@@ -59,6 +60,7 @@ void LoadFile(const std::string& path, LoadedFile& file) {
     // Twice the bound: the text may be UTF-16.
     if (!error && size > 2 * XmlBounds().size_bytes + 2) {
         file.state = FileState::Damaged;
+        file.isTooLarge = true;
         file.problem = fmt::format("it has {} bytes, {} are allowed", size, XmlBounds().size_bytes);
         return;
     }
@@ -119,8 +121,10 @@ bool PrepareDocument(const std::string& path, LoadedFile& file) {
         return false;
     }
     if (file.state == FileState::Damaged) {
+        // Not read again: another worker may have put a whole file there meanwhile.
         platform::OsError error;
-        auto bytes = platform::ReadWholeFile(path, &error, kLargestBackup_bytes);
+        auto bytes = file.isTooLarge ? platform::ReadWholeFile(path, &error, kLargestBackup_bytes)
+                                     : std::optional(file.bytes);
         if (!bytes) {
             Log(4,
                 fmt::format("running parameters: {} is not written, since no backup can be made: {}. Repair "
