@@ -407,7 +407,7 @@ TEST_F(ApiTest, APollWaitsForTheEventsOfItsTask) {
 
 TEST_F(ApiTest, APollEndsWithNothingWhenItsTimeIsUp) {
     Submit();
-    Send(Request("GET", "/api/v1/tasks/t1/events?after=2&wait_ms=1"));
+    Send(Request("GET", "/api/v1/tasks/t1/events?after=2&wait_ms=300"));
     EXPECT_EQ(m_answered, 0);
     m_io.run();
     ASSERT_EQ(m_answered, 1);
