@@ -20,7 +20,7 @@ fs::path EndlessFile(const kit::TempDir& folder) {
 
 TEST(Failures, MissingFileIsRefusedBeforeSubmission) {
     Node node;
-    const Outcome outcome = node.Ctl({"submit", "md5", "/nowhere/at/all.mxf"});
+    const Outcome outcome = node.Ctl({"submit", "md5", kit::RootName() + "/nowhere/at/all.mxf"});
     EXPECT_EQ(outcome.code, 2);
     EXPECT_NE(outcome.errors.find("/nowhere/at/all.mxf"), std::string::npos) << outcome.errors;
 }
