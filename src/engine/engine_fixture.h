@@ -40,6 +40,7 @@ class EngineTest : public testing::Test {
         m_settings.linkPort = 0;
         m_settings.httpPort = 0;
         m_settings.maxWorkers = 2;
+        m_settings.durability = Durability::Process;  // a busy disk has no part in what these tests are about
         m_settings.retry = RetryRules::Never();
         m_settings.resumeWindow = 0ms;  // the scripted workers do not come back, unless a test is about that
     }
