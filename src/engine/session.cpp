@@ -289,15 +289,17 @@ void Session::AckSoon(bool atOnce) {
 void Session::WatchTime() {
     const auto& s = m_settings;
     const milliseconds shortest = std::min({s.pingInterval, s.silenceLimit, s.writeLimit, s.helloLimit});
-    auto pause = std::clamp(shortest / 4, milliseconds(10), milliseconds(1000));
+    const auto step = std::clamp(shortest / 4, milliseconds(10), milliseconds(1000));
+    const auto now = SystemClock().Steady();
+    auto next = now + step;
     if (m_state == State::Open) {
-        // Many workers that wait cost nothing but their pings. A write that hangs is found a little later.
-        const auto now = SystemClock().Steady();
-        const auto due = std::min(m_lastHeard + s.silenceLimit, m_lastSaid + s.pingInterval) - now;
-        pause = std::clamp(std::chrono::ceil<milliseconds>(due), milliseconds(10),
-                           std::max(pause, s.writeLimit / 2));
+        // Many workers that wait cost nothing but their pings, and these go together: the times are the same
+        // for all sessions. A write that hangs is found a little later.
+        const auto due = std::min({m_lastHeard + s.silenceLimit, m_lastSaid + s.pingInterval,
+                                   now + std::max(step, s.writeLimit / 2)});
+        next = SteadyTime((std::max(due, now).time_since_epoch() / step + 1) * step);
     }
-    m_clock.expires_after(pause);
+    m_clock.expires_at(next);
     m_clock.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
         if (!error) self->OnTick();
     });
