@@ -43,11 +43,15 @@ bool IsBelow(const std::filesystem::path& path, const std::filesystem::path& fol
     return true;
 }
 
-// The volume that a name or path means; the text of what is wrong with it otherwise.
-std::optional<std::string> VolumeOf(const NodeLimits& limits, const std::string& text, std::string& problem) {
+// The volume that a name or path means; the text of what is wrong with it otherwise. A path may be called
+// otherwise on this node.
+std::optional<std::string> VolumeOf(const NodeLimits& limits, const PathMap& paths, const std::string& text,
+                                    std::string& problem) {
     if (limits.volumes.contains(text)) return text;
-    const std::filesystem::path path = PathFromUtf8(text);
-    const std::string shown = "\"" + std::string(CutUtf8(text, 120)) + "\"";
+    const auto local = paths.Local(text);
+    const std::filesystem::path path = PathFromUtf8(local.value_or(text));
+    const std::string shown = "\"" + std::string(CutUtf8(text, 120)) + "\"" +
+                              (local ? ", here \"" + std::string(CutUtf8(*local, 120)) + "\"," : "");
     if (!path.is_absolute()) {
         problem = shown + " is neither a volume nor an absolute path; " + VolumeNames(limits);
         return std::nullopt;
@@ -98,7 +102,7 @@ std::string OfText(std::int64_t present, std::int64_t limit, const std::string& 
     return std::to_string(present) + " of " + std::to_string(limit) + " " + unit;
 }
 
-Admission::Admission(const NodeLimits& limits) : m_limits(limits) {
+Admission::Admission(const NodeLimits& limits, PathMap paths) : m_limits(limits), m_paths(std::move(paths)) {
     if (m_limits.memory_MiB == 0) m_limits.memory_MiB = platform::TotalMemory_bytes() / kMiB;
     if (m_limits.cores == 0) m_limits.cores = std::max(1u, std::thread::hardware_concurrency());
 }
@@ -115,7 +119,7 @@ std::optional<FieldError> Admission::Accept(NewTask& task) const {
     std::set<std::string> names;
     for (const auto& text : task.demand.volumes) {
         std::string problem;
-        const auto name = VolumeOf(m_limits, text, problem);
+        const auto name = VolumeOf(m_limits, m_paths, text, problem);
         if (!name) return Bad("volumes", problem);
         names.insert(*name);
     }

@@ -14,6 +14,7 @@
 #include "engine/api_request.h"
 #include "engine/limits.h"
 #include "engine/node_facts.h"
+#include "engine/path_map.h"
 #include "engine/store_types.h"
 #include "engine/volume_watch.h"
 
@@ -22,7 +23,7 @@ namespace rq::engine {
 class Admission {
   public:
     // Limits of 0 are made what the machine has.
-    explicit Admission(const NodeLimits& limits);
+    explicit Admission(const NodeLimits& limits, PathMap paths = {});
 
     const NodeLimits& Limits() const { return m_limits; }
     // Turns the volumes of a submission into their names; refuses one that could never start here.
@@ -52,6 +53,7 @@ class Admission {
     Verdict Judge(std::int32_t type, const Demand& demand);
 
     NodeLimits m_limits;
+    PathMap m_paths;
     Usage m_usage;
     VolumeStates m_volumes;
     SteadyTime m_now;

@@ -119,6 +119,20 @@ TEST_F(AdmissionTest, ASubmissionNamesVolumesByNameOrPath) {
     EXPECT_THAT(Accept(task)->message, HasSubstr("[volumes.NAME]"));
 }
 
+// As the texts of tasks do.
+TEST_F(AdmissionTest, ASubmissionNamesVolumesByPathsOfOtherMachines) {
+    const Admission admission(m_limits, *PathMap::Make({{"Q:\\media", m_folder.Utf8("media")}}));
+    NewTask task;
+    task.demand.volumes = {"q:/Media/inner/a.mxf", "Q:\\media", "media"};
+    EXPECT_FALSE(admission.Accept(task));
+    EXPECT_EQ(task.demand.volumes, (std::vector<std::string>{"inner", "media"}));
+    task.demand.volumes = {"Q:\\media\\..\\a"};
+    const auto fault = admission.Accept(task);
+    ASSERT_TRUE(fault);
+    EXPECT_THAT(fault->message, HasSubstr("\"Q:\\media\\..\\a\", here \"" + m_folder.Utf8("media")));
+    EXPECT_THAT(fault->message, HasSubstr("holds \"..\""));
+}
+
 TEST_F(AdmissionTest, WhatCouldNeverStartIsRefusedWithTheFigures) {
     NewTask task;
     task.demand.memory_MiB = 1001;

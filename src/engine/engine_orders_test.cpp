@@ -183,6 +183,29 @@ TEST_F(EngineTest, WorkersGetTextsWithTheNodesPaths) {
               json::parse(R"({"count": 1, "paths": [{"given": "Z:\\media\\x", "local": "/mnt/a/x"}]})"));
 }
 
+TEST_F(EngineTest, ARepeatedTaskGetsTheNodesPathsAgain) {
+    m_settings.paths = PathMap::Make({{"Z:\\media", "/mnt/a"}}).value();
+    Start();
+    const std::string id = Submit("connect\nnotice <a>Z:\\media\\x</a>\nstatus 3\nfinal 4\nbye\n");
+    AwaitState(id, "failed");
+    EXPECT_EQ(Order(id, "retry")["result"], "queued");
+    const auto events =
+        EventsUntil(id, [](const json& event) { return event["kind"] == "final" && event["attempt"] == 2; });
+    EXPECT_EQ(Count(events, "paths"), 2);
+    EXPECT_EQ(Show(id)["attempt_list"][1]["reported_task"], "<a>/mnt/a/x</a>");
+}
+
+TEST_F(EngineTest, VolumesAreNamedByPathsOfOtherMachines) {
+    const kit::TempDir folder;
+    m_settings.paths = PathMap::Make({{"Z:\\media", folder.Utf8()}}).value();
+    m_settings.node.volumes["media"] = {folder.Utf8(), 0, ""};
+    Start();
+    const json answer =
+        Ask("POST", "/api/v1/tasks", {{"type", "mc"}, {"text", "<a/>"}, {"volumes", {"Z:\\media\\a.mxf"}}});
+    ASSERT_TRUE(answer.contains("id")) << answer;
+    EXPECT_EQ(Show(answer["id"])["volumes"], json::parse(R"(["media"])"));
+}
+
 TEST_F(EngineTest, AWorkerWithoutHeartbeatsIsEndedWithAVerdict) {
     m_settings.heartbeatInterval = 100ms;
     m_settings.leastSilence = 0ms;

@@ -67,6 +67,22 @@ TEST_F(PackageTest, ATaskThatComesLaterGoesToTheWorkerThatWaits) {
     EventsUntil(second, [](const json& event) { return event["kind"] == "final" && event["attempt"] == 2; });
 }
 
+TEST_F(PackageTest, AWorkerIsFedWithTheNodesPaths) {
+    m_settings.paths = PathMap::Make({{"Z:\\media", "/mnt/a"}}).value();
+    Start();
+    const auto first = SubmitPackage("status 3\nfinal 0\n");
+    AwaitState(first, "finished");
+    const auto second = SubmitPackage("print of the list\nprint <a>Z:\\media\\x</a>\nstatus 3\nfinal 0\n");
+    AwaitState(second, "finished");
+    EXPECT_EQ(Count(EventsUntil(first, "final"), "paths"), 0);
+    EXPECT_EQ(Count(EventsUntil(second, "final"), "paths"), 1);
+    EXPECT_EQ(Show(second)["attempt_list"][0]["worker_of"]["task"], first);
+    const std::string file = Show(first)["attempt_list"][0]["output"];
+    Stop();
+    const std::string output = kit::ReadText(PathFromUtf8(file));
+    EXPECT_NE(output.find("of the list\n<a>/mnt/a/x</a>\n"), std::string::npos) << output;
+}
+
 TEST_F(PackageTest, OneWaitsInTheListAndSaysSo) {
     Start();
     SubmitTwo("await 4006\nreply 4007\nfinal 0\n", "status 3\nfinal 0\n");

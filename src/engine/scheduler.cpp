@@ -36,7 +36,7 @@ Scheduler::Scheduler(boost::asio::io_context& io, Store& store, Launcher& launch
       m_maxWorkers(WorkerSlots(settings.maxWorkers)),
       m_stage(settings.stageFolder),
       m_spool(settings.dataFolder, log),
-      m_admission(settings.node),
+      m_admission(settings.node, settings.paths),
       m_volumeWatch(settings.node),
       m_volumeTimer(io),
       m_retry(io),
