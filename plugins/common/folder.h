@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,7 +23,9 @@ struct FolderEntry {
 };
 
 // What `path` holds but "." and "..", in the order of the names' bytes. A link as `path` is followed.
-std::uint32_t ListFolder(const std::string& path, std::vector<FolderEntry>& entries);
+// `goOn` is asked before each entry; false ends the list.
+std::uint32_t ListFolder(const std::string& path, std::vector<FolderEntry>& entries,
+                         const std::function<bool()>& goOn = {});
 
 // Whether a folder is there, maybe behind a link.
 bool IsFolder(const std::string& path);

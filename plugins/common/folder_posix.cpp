@@ -33,12 +33,13 @@ EntryKind KindOf(DIR* folder, const dirent& entry) {
 
 }  // namespace
 
-std::uint32_t ListFolder(const std::string& path, std::vector<FolderEntry>& entries) {
+std::uint32_t ListFolder(const std::string& path, std::vector<FolderEntry>& entries,
+                         const std::function<bool()>& goOn) {
     entries.clear();
     DIR* folder = ::opendir(path.c_str());
     if (folder == nullptr) return static_cast<std::uint32_t>(errno);
     std::uint32_t code = 0;
-    for (;;) {
+    while (!goOn || goOn()) {
         errno = 0;
         const dirent* entry = ::readdir(folder);
         if (entry == nullptr) {

@@ -32,6 +32,18 @@ TEST(Folder, ListsInTheOrderOfTheNamesBytes) {
     EXPECT_TRUE(entries.empty());
 }
 
+TEST(Folder, AListCanBeEnded) {
+    const kit::TempDir dir;
+    for (const char* name : {"a", "b", "c", "d", "e"}) dir.Write(name, "x");
+    std::vector<FolderEntry> entries;
+    int asked = 0;
+    EXPECT_EQ(ListFolder(dir.Utf8(), entries, [&] { return ++asked < 4; }), 0u);
+    EXPECT_EQ(asked, 4);
+    EXPECT_LE(entries.size(), 3u);  // "." and ".." count
+    EXPECT_EQ(ListFolder(dir.Utf8(), entries, [] { return true; }), 0u);
+    EXPECT_EQ(entries.size(), 5u);
+}
+
 TEST(Folder, TellsLinks) {
     const kit::TempDir dir;
     dir.Write("sub/file", "x");

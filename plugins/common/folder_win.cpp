@@ -19,16 +19,21 @@ std::string Replaced(std::string_view path, char from, char to) {
 
 }  // namespace
 
-std::uint32_t ListFolder(const std::string& path, std::vector<FolderEntry>& entries) {
+std::uint32_t ListFolder(const std::string& path, std::vector<FolderEntry>& entries,
+                         const std::function<bool()>& goOn) {
     entries.clear();
     WIN32_FIND_DATAW found{};
     HANDLE search = ::FindFirstFileW(NativePath(PathBelow(path, "*")).c_str(), &found);
     if (search == INVALID_HANDLE_VALUE) return ::GetLastError();
-    do {
+    DWORD code = ERROR_NO_MORE_FILES;
+    while (!goOn || goOn()) {
         const std::string name = Utf8Of(found.cFileName);
         if (name != "." && name != "..") entries.push_back({name, KindOf(found)});
-    } while (::FindNextFileW(search, &found));
-    const DWORD code = ::GetLastError();
+        if (!::FindNextFileW(search, &found)) {
+            code = ::GetLastError();
+            break;
+        }
+    }
     ::FindClose(search);
     std::sort(entries.begin(), entries.end(),
               [](const FolderEntry& a, const FolderEntry& b) { return a.name < b.name; });

@@ -54,6 +54,10 @@ std::string WhyNoName(const std::string& path);
 // Makes the names in folders, and their absence, last where the system can; one that is gone is passed over.
 void SyncFolders(const std::vector<std::string>& folders);
 
+// Removes the temporaries that dead processes left in a folder: those whose lock is to be had. Looks at the
+// folder for half a second at most.
+void RemoveLeftTemporaries(const std::string& folder);
+
 class Publication {
   public:
     Publication() = default;

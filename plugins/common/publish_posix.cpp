@@ -78,16 +78,6 @@ void RemoveIfOwnerIsDead(const std::string& path) {
     ::close(fd);
 }
 
-void RemoveLeftTemporaries(const std::string& folder) {
-    const std::unique_ptr<DIR, int (*)(DIR*)> entries(::opendir(folder.c_str()), &::closedir);
-    if (!entries) return;
-    const auto end = std::chrono::steady_clock::now() + kMaxCleaning;
-    while (const dirent* entry = ::readdir(entries.get())) {
-        if (IsTemporaryName(entry->d_name)) RemoveIfOwnerIsDead(folder + "/" + entry->d_name);
-        if (std::chrono::steady_clock::now() > end) return;
-    }
-}
-
 // Syncing one after the other, each waits for a write of the file system's journal. With so many at a time
 // the whole file system is synced instead; what others wrote there is waited for too.
 constexpr std::size_t kMany = 8;
@@ -125,6 +115,16 @@ std::vector<std::uint32_t> SyncTogether(const std::vector<int>& fds) {
 }
 
 }  // namespace
+
+void RemoveLeftTemporaries(const std::string& folder) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(::opendir(folder.c_str()), &::closedir);
+    if (!entries) return;
+    const auto end = std::chrono::steady_clock::now() + kMaxCleaning;
+    while (const dirent* entry = ::readdir(entries.get())) {
+        if (IsTemporaryName(entry->d_name)) RemoveIfOwnerIsDead(folder + "/" + entry->d_name);
+        if (std::chrono::steady_clock::now() > end) return;
+    }
+}
 
 void SyncFolders(const std::vector<std::string>& folders) {
     std::vector<int> fds;

@@ -131,6 +131,14 @@ void RemoveIfOwnerIsDead(const std::string& path) {
     ::SetFileInformationByHandle(file.Get(), FileDispositionInfo, &remove, sizeof remove);
 }
 
+bool Identify(const std::string& path, BY_HANDLE_FILE_INFORMATION& facts) {
+    const Handle file(::CreateFileW(NativePath(path).c_str(), 0, kShareAll, nullptr, OPEN_EXISTING,
+                                    FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    return file.Valid() && ::GetFileInformationByHandle(file.Get(), &facts);
+}
+
+}  // namespace
+
 void RemoveLeftTemporaries(const std::string& folder) {
     WIN32_FIND_DATAW entry{};
     const HANDLE entries = ::FindFirstFileW(NativePath(In(folder, ".*.rqpart")).c_str(), &entry);
@@ -144,14 +152,6 @@ void RemoveLeftTemporaries(const std::string& folder) {
     } while (std::chrono::steady_clock::now() < end && ::FindNextFileW(entries, &entry));
     ::FindClose(entries);
 }
-
-bool Identify(const std::string& path, BY_HANDLE_FILE_INFORMATION& facts) {
-    const Handle file(::CreateFileW(NativePath(path).c_str(), 0, kShareAll, nullptr, OPEN_EXISTING,
-                                    FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-    return file.Valid() && ::GetFileInformationByHandle(file.Get(), &facts);
-}
-
-}  // namespace
 
 bool IsSameFile(const std::string& first, const std::string& second) {
     BY_HANDLE_FILE_INFORMATION a{};

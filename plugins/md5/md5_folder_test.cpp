@@ -104,6 +104,19 @@ TEST_F(Md5Folder, LeavesLinksOutAndSaysSo) {
     EXPECT_EQ(Text(m_info->furtherText), "3 left out: links, pipes, devices or unfinished files");
 }
 
+// Of a long list, too, signs of life are given, and it can be ended.
+TEST_F(Md5Folder, AListOfAFolderIsToldAndCanBeEnded) {
+    for (int i = 0; i < 20; ++i) Write("in/" + std::to_string(i), "abc");
+    Do(FolderElement(PathOf("in")), "<Threads>4</Threads>");
+    EXPECT_EQ(Status(), RQ_STATUS_FINISHED);
+    EXPECT_GE(m_signsOfLife, 2);  // of the list that measures, and of that which is worked on
+    m_onSignOfLife = [&] { RQStore32(&m_stop, RQ_STOP_FINISH); };
+    Do(FolderElement(PathOf("in")));
+    EXPECT_EQ(Status(), RQ_STATUS_FINISHED);
+    EXPECT_EQ(m_signsOfLife, 1);
+    EXPECT_EQ(Text(m_info->furtherText), "ended early: 0 of 0 files done");
+}
+
 TEST_F(Md5Folder, CancelEndsIt) {
     WriteSparse("a", 100u << 20);
     Write("b", "abc");

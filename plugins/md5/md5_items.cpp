@@ -84,7 +84,7 @@ bool ItemSource::OpenFolder(const std::string& path, Item& item) {
     std::optional<Failure> failure;
     if (m_levels.size() == kMaxFolderDepth)
         failure = Failure{0, task::kErrorSourceUnreadable, "folders are nested too deep"};
-    else if (const std::uint32_t code = task::ListFolder(path, level.entries); code != 0)
+    else if (const std::uint32_t code = task::ListFolder(path, level.entries, m_goOn); code != 0)
         failure = Unreadable(code);
     if (!failure) {
         m_levels.push_back(std::move(level));

@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -41,6 +42,8 @@ class ItemSource {
 
     // False at the end.
     bool Next(Item& item);
+    // Asked before each entry of a folder; false ends its list, for a task that is to stop.
+    void SetGoOn(std::function<bool()> goOn) { m_goOn = std::move(goOn); }
     std::size_t LeftOut() const { return m_leftOut; }
     // The temporary of the file that the task itself makes: left out, and not counted.
     void SetOwnTemporary(std::string path) { m_ownTemporary = std::move(path); }
@@ -67,6 +70,7 @@ class ItemSource {
     std::string m_checksumsFolder;
     std::size_t m_leftOut = 0;
     std::string m_ownTemporary;
+    std::function<bool()> m_goOn;
 };
 
 }  // namespace rq::md5

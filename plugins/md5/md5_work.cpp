@@ -55,16 +55,20 @@ plugin::Outcome Md5Work::Do() {
 }
 
 void Md5Work::Measure() {
-    m_reportedAt = std::chrono::steady_clock::now();
+    // Many files on a slow share take their time, and the total is not known before the last.
+    const auto tell = [this] {
+        if (std::chrono::steady_clock::now() - m_reportedAt >= kReport_ms) {
+            m_run.QuietFor(kMeasuring_s);
+            m_reportedAt = std::chrono::steady_clock::now();
+        }
+        return m_run.Stop() == RQ_STOP_NONE;
+    };
     ItemSource source(m_record.Task());
-    for (Item item; m_run.Stop() == RQ_STOP_NONE && source.Next(item);) {
+    source.SetGoOn(tell);
+    for (Item item; tell() && source.Next(item);) {
         m_plannedBytes.push_back(item.failure ? 0
                                               : static_cast<std::int64_t>(task::PlainFileSize(item.path)));
         m_totalBytes += m_plannedBytes.back();
-        // Many files on a slow share take their time, and the total is not known before the last.
-        if (std::chrono::steady_clock::now() - m_reportedAt < kReport_ms) continue;
-        m_run.QuietFor(kMeasuring_s);
-        m_reportedAt = std::chrono::steady_clock::now();
     }
 }
 
@@ -100,6 +104,11 @@ void Md5Work::Settle(Job& job) {
 // ---- one thread ----
 
 void Md5Work::WorkAlone() {
+    m_source.SetGoOn([this] {
+        ++m_listed;
+        if (std::chrono::steady_clock::now() - m_reportedAt >= kReport_ms) TellListing();
+        return m_run.Stop() == RQ_STOP_NONE;
+    });
     FileReader reader;
     for (;;) {
         Job job;
@@ -120,6 +129,10 @@ void Md5Work::WorkAlone() {
 // ---- several ----
 
 void Md5Work::WorkTogether(std::size_t count) {
+    m_source.SetGoOn([this] {
+        ++m_listed;
+        return !IsStopped();
+    });
     m_most_bytes = kAhead_bytes * static_cast<std::int64_t>(count);
     std::vector<std::thread> threads;
     threads.reserve(count);
@@ -184,6 +197,7 @@ bool Md5Work::TakeTurn() {
         if (job->HasOutcome()) Settle(*job);
     // A disk that hangs is to be seen as a stall: nothing is told when nothing has moved.
     if (!over.empty() || m_doneBytes != m_reportedBytes) ReportSometimes(m_doneBytes);
+    TellListing();
     {
         const std::lock_guard<std::mutex> lock(m_mutex);  // so that no wait begins between look and wake
         m_progress.notify_all();
@@ -208,13 +222,20 @@ void Md5Work::Thread() {
     m_wake.notify_one();
 }
 
-// The next file, when there is one and room for it; null at the end.
+// The next file, when there is one and room for it; null at the end. While a folder is listed, the others
+// wait for its files; the call's thread does not.
 Md5Work::Job* Md5Work::Begin() {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    while (m_window.size() >= kWindow_files && !IsStopped()) m_progress.wait_for(lock, kLook_ms);
-    if (m_isExhausted || IsStopped()) return nullptr;
-    m_window.push_back(std::make_unique<Job>());
-    if (NextJob(*m_window.back())) return m_window.back().get();
+    const std::lock_guard<std::mutex> turn(m_sourceMutex);
+    Job* job = nullptr;
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        while (m_window.size() >= kWindow_files && !IsStopped()) m_progress.wait_for(lock, kLook_ms);
+        if (m_isExhausted || IsStopped()) return nullptr;
+        m_window.push_back(std::make_unique<Job>());
+        job = m_window.back().get();
+    }
+    if (NextJob(*job)) return job;
+    const std::lock_guard<std::mutex> lock(m_mutex);
     m_window.pop_back();
     m_isExhausted = true;
     return nullptr;
@@ -253,6 +274,15 @@ void Md5Work::NoteFailure(const std::string& text, const Failure& failure) {
     } else {
         m_furtherText += m_furtherText.empty() ? text : "\n" + text;
     }
+}
+
+// Entries of folders are no bytes: the progress stays where it is.
+void Md5Work::TellListing() {
+    const std::uint64_t listed = m_listed;
+    if (listed == m_listedTold) return;
+    m_listedTold = listed;
+    m_run.QuietFor(kMeasuring_s);
+    m_reportedAt = std::chrono::steady_clock::now();
 }
 
 void Md5Work::ReportNow(std::int64_t done_bytes) {

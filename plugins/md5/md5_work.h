@@ -28,7 +28,7 @@ namespace rq::md5 {
 // each buffer.
 constexpr std::int64_t kReport_bytes = 8 << 20;
 constexpr std::chrono::milliseconds kReport_ms{50};
-// How long one look at a file's size may take before the task counts as stalled.
+// How long one look at a file's size, or at an entry of a folder, may take before the task counts as stalled.
 constexpr std::int64_t kMeasuring_s = 60;
 // Longer lists of failed files are cut.
 constexpr std::size_t kMaxFurtherText_bytes = 64u << 10;
@@ -58,6 +58,7 @@ class Md5Work {
     };
 
     void Measure();
+    void TellListing();
     bool NextJob(Job& job);
     void Count(Job& job, std::int64_t read_bytes);
     void Settle(Job& job);
@@ -83,8 +84,11 @@ class Md5Work {
     Md5Record& m_record;
     plugin::Run& m_run;
     const plugin::Host& m_host;
-    ItemSource m_source;  // with several threads under m_mutex
-    std::size_t m_nextIndex = 0;
+    std::mutex m_sourceMutex;     // of several threads; held before m_mutex, also while a folder is listed
+    ItemSource m_source;          // under m_sourceMutex
+    std::size_t m_nextIndex = 0;  // the same
+    std::atomic<std::uint64_t> m_listed{0};  // entries of folders
+    std::uint64_t m_listedTold = 0;
     std::optional<ChecksumWriter> m_output;
 
     std::vector<std::int64_t>

@@ -126,6 +126,23 @@ TEST_F(SizeTest, AStopEndsTheWait) {
     RQStore32(&m_stop, RQ_STOP_NONE);
 }
 
+// One look at many files is no silence, and ends when it is to.
+TEST_F(SizeTest, ALookAtManyFilesIsToldAndCanBeEnded) {
+    Write("a", "abc");
+    std::string files;
+    for (int i = 0; i < 100'000; ++i) files += File("a");
+    m_onSignOfLife = [&] {
+        // The first is of the report, the next of the beginning.
+        if (m_signsOfLife >= 3) RQStore32(&m_stop, RQ_STOP_FINISH);
+    };
+    EXPECT_EQ(Do(Text(files, "0", "0")), RQ_STATUS_FINISHED) << Detail();
+    EXPECT_GE(m_signsOfLife, 3);
+    EXPECT_EQ(Further().rfind("ended early: ", 0), 0u) << Further().substr(0, 200);
+    EXPECT_NE(Further().find(PathOf("a") + ": not looked at\n"), std::string::npos)
+        << Further().substr(0, 200);
+    RQStore32(&m_stop, RQ_STOP_NONE);
+}
+
 // A suspended task is held in the progress callback: that time is not the task's.
 TEST_F(SizeTest, ThePauseIsNotTheTasksTime) {
     m_onProgress = [&] {

@@ -31,13 +31,25 @@ plugin::Outcome SizeWork::Do() {
     }
     m_run.Progress(static_cast<std::int64_t>(m_files.size()), 0);
     for (;;) {
-        m_run.QuietFor(kOneCall_s);
-        for (std::size_t i = 0; i < m_files.size() && m_run.Stop() == RQ_STOP_NONE; ++i) Look(i);
+        LookAtAll();
         // The last look counts, however late it came.
         if (AllComplete() || AnyTooLarge() || Clock::now() - m_begin >= m_record.Task().timeout) break;
         if (!WaitForNextLook()) break;
     }
     return Conclude();
+}
+
+// Thousands of files on a slow share take their time, and each look may take it anew.
+void SizeWork::LookAtAll() {
+    Clock::time_point toldAt{};
+    for (std::size_t i = 0; i < m_files.size(); ++i) {
+        if (Clock::now() - toldAt >= kStep) {
+            Tell([&] { m_run.QuietFor(kOneCall_s); });
+            toldAt = Clock::now();
+        }
+        if (m_run.Stop() != RQ_STOP_NONE) return;
+        Look(i);
+    }
 }
 
 void SizeWork::Look(std::size_t index) {
@@ -51,8 +63,8 @@ void SizeWork::Look(std::size_t index) {
         watched = {State::kAbsent, code, 0, 0, now};
         return;
     }
-    if (watched.state == State::kAbsent || opened.Size() != watched.size_bytes ||
-        opened.Modified_ns() != watched.modified_ns)
+    if (watched.state == State::kUnknown || watched.state == State::kAbsent ||
+        opened.Size() != watched.size_bytes || opened.Modified_ns() != watched.modified_ns)
         watched = {State::kChanging, 0, opened.Size(), opened.Modified_ns(), now};
     if (now - watched.since < m_record.Task().stableFor) {
         watched.state = State::kChanging;
@@ -75,6 +87,15 @@ bool SizeWork::AnyTooLarge() const {
                        [](const Watched& file) { return file.state == State::kLarge; });
 }
 
+template <class Call>
+SizeWork::Clock::duration SizeWork::Tell(const Call& call) {
+    const auto before = Clock::now();
+    call();
+    const auto held = Clock::now() - before;
+    m_begin += held;
+    return held;
+}
+
 bool SizeWork::WaitForNextLook() {
     const auto count = std::count_if(m_files.begin(), m_files.end(),
                                      [](const Watched& file) { return file.state == State::kComplete; });
@@ -82,13 +103,10 @@ bool SizeWork::WaitForNextLook() {
     m_told = std::max(m_told, static_cast<std::int64_t>(count));
     auto end = std::min<Clock::time_point>(Clock::now() + kLook, m_begin + m_record.Task().timeout);
     do {
-        const auto before = Clock::now();
-        m_run.Progress(static_cast<std::int64_t>(m_files.size()),
-                       std::min(m_told, static_cast<std::int64_t>(m_files.size()) - 1));
-        // The time for which the task is suspended is none of its own.
-        const auto held = Clock::now() - before;
-        m_begin += held;
-        end += held;
+        end += Tell([&] {
+            m_run.Progress(static_cast<std::int64_t>(m_files.size()),
+                           std::min(m_told, static_cast<std::int64_t>(m_files.size()) - 1));
+        });
         if (m_run.Stop() != RQ_STOP_NONE) return false;
         std::this_thread::sleep_for(kStep);
     } while (Clock::now() < end);
@@ -100,6 +118,8 @@ std::string SizeWork::WordsOf(std::size_t index) const {
     const Watched& watched = m_files[index];
     const std::string has = "it has " + std::to_string(watched.size_bytes) + " bytes";
     switch (watched.state) {
+        case State::kUnknown:
+            return "not looked at";
         case State::kAbsent:
             return task::SystemWords(watched.systemCode);
         case State::kChanging:
@@ -148,10 +168,15 @@ plugin::Outcome SizeWork::Conclude() {
     else if (code != 0 && !AnyTooLarge())
         text += " after " + Seconds(m_record.Task().timeout);
     m_report.Add("end", text);
-    if (const auto failure = task::MakeLongCall(m_run, [&] { return m_report.Write(true); }))
-        text += "; " + failure->words;
+    const auto unwritten = task::MakeLongCall(m_run, [&] { return m_report.Write(true); });
+    if (unwritten) {
+        first = unwritten->words;
+        systemCode = unwritten->systemCode;
+        code = task::kErrorReport;
+        failures = "\n" + first + failures;
+    }
     text += "; report: " + m_report.Path() + failures;
-    if (stop != RQ_STOP_NONE) {
+    if (stop == RQ_STOP_CANCEL || (stop != RQ_STOP_NONE && !unwritten)) {
         m_record.SetFurtherText(text);
         return stop == RQ_STOP_CANCEL ? plugin::Outcome::kCancelled : plugin::Outcome::kFinished;
     }

@@ -25,7 +25,7 @@ class SizeRecord final : public plugin::TaskRecord {
 // Between two looks, and between two readings of the stop flag.
 constexpr std::chrono::milliseconds kLook{500};
 constexpr std::chrono::milliseconds kStep{50};
-// How long one look at all files may take before the task counts as stalled.
+// How long the look at a file may take before the task counts as stalled.
 constexpr std::int64_t kOneCall_s = 60;
 constexpr std::size_t kMaxFurtherText_bytes = 16u << 10;
 
@@ -37,6 +37,7 @@ class SizeWork {
   private:
     using Clock = std::chrono::steady_clock;
     enum class State {
+        kUnknown,   // not looked at yet
         kAbsent,    // not there, or cannot be looked at
         kChanging,  // or not looked at for long enough
         kSmall,     // stays, but is smaller than asked
@@ -44,16 +45,20 @@ class SizeWork {
         kComplete,
     };
     struct Watched {
-        State state = State::kAbsent;
+        State state = State::kUnknown;
         std::uint32_t systemCode = 0;  // why it is absent
         std::uint64_t size_bytes = 0;
         std::int64_t modified_ns = 0;
         Clock::time_point since;  // unchanged
     };
 
+    void LookAtAll();
     void Look(std::size_t index);
     bool AllComplete() const;
     bool AnyTooLarge() const;
+    // The time for which a task is suspended, which holds the callback, is none of its own.
+    template <class Call>
+    Clock::duration Tell(const Call& call);
     // Tells progress and waits; false when the task is to stop.
     bool WaitForNextLook();
     plugin::Outcome Conclude();

@@ -126,6 +126,7 @@ Problem TransferWork::RemoveSource(Pending& pending) {
     if (job.kind == Kind::kFolder) {
         // One in which something was left stays.
         if (job.folder->hasFailed) return std::nullopt;
+        task::RemoveLeftTemporaries(job.source);
         code = RemoveFolder(job.source);
     } else if (job.kind == Kind::kLink) {
         code = RemoveFile(job.source);

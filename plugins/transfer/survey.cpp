@@ -46,7 +46,10 @@ std::uint32_t TransferWork::EachEntry(const std::string& folder,
         if (entries.empty()) break;
         for (const Seen& entry : entries) {
             if (!Tell(0)) return 0;
-            if (!task::IsTemporaryName(entry.name)) visit(entry);
+            if (task::IsTemporaryName(entry.name))
+                m_metTemporary = true;
+            else
+                visit(entry);
         }
     }
     return code;
@@ -82,7 +85,9 @@ void TransferWork::Survey(std::size_t item) {
                   wanted.target + ": the target is the source or lies in it: " + wanted.source},
                  item);
         }
+        m_metTemporary = false;
         SurveyFolder(item, wanted.source, wanted.target, where);
+        state.holdsTemporaries = m_metTemporary;
     } else {
         SurveyFile(item, wanted.source, wanted.target, above);
     }

@@ -361,10 +361,7 @@ TEST_F(TransferTest, AMoveIntoAFolderThatIsThereKeepsWhatFails) {
 TEST_F(TransferTest, AMoveToAnotherFileSystemCopiesAndRemoves) {
     const std::string other = OtherFileSystem();
     if (other.empty()) GTEST_SKIP() << "this machine has no other file system to write to";
-    const fs::path folder = PathFromUtf8(other) /
-                            ("rq transfer " + task::HexOf(reinterpret_cast<const std::uint8_t*>(&m_info), 1) +
-                             std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
-    fs::create_directory(folder);
+    const fs::path folder = NewFolderIn(other);
     Write("tree/a", Bytes(3 << 20));
     Write("tree/sub/b", "1");
     const std::string bytes = Read("tree/a");
@@ -377,6 +374,43 @@ TEST_F(TransferTest, AMoveToAnotherFileSystemCopiesAndRemoves) {
     ASSERT_EQ(m_outputs.size(), 2u);
     EXPECT_EQ(m_outputs[0].second, "moved");
     fs::remove_all(folder);
+}
+
+// What a dead worker left in the source is no reason to keep the folder; what another one writes is.
+TEST_F(TransferTest, AMoveRemovesWhatDeadWorkersLeft) {
+    const std::string other = OtherFileSystem();
+    std::vector<fs::path> targets{At("moved")};
+    if (!other.empty()) targets.push_back(NewFolderIn(other) / "moved");
+    for (const fs::path& target : targets) {
+        const std::string items = ItemOf(PathOf("tree"), Utf8FromPath(target));
+        Write("tree/a", "abc");
+        Write("tree/sub/.b.0123456789abcdef.rqpart", "half");
+        {
+            task::Publication another;
+            ASSERT_FALSE(another.Begin(PathOf("tree/sub/c"), {}, false, task::Publication::Cleaning::kLeave));
+            Do(Text(items, kMove));
+            ExpectFailure(0x8410003A, "sub: the target is complete, but the source is not removed: ");
+            EXPECT_EQ(Names("tree/sub").size(), 1u);
+            another.WriteAt(0, "c", 1);
+            EXPECT_FALSE(another.Publish([](const std::string&) { return true; }));
+        }
+        EXPECT_EQ(Read("tree/sub/c"), "c");
+        Write("tree/.a.fedcba9876543210.rqpart", "half");
+        EXPECT_EQ(Do(Text(items, kMove)), RQ_STATUS_FINISHED) << Detail();
+        EXPECT_FALSE(Exists("tree"));
+        EXPECT_EQ(kit::ReadBytes(target / "sub" / "c"), "c");
+        EXPECT_FALSE(fs::exists(target / "sub" / ".b.0123456789abcdef.rqpart"));
+    }
+    if (!other.empty()) fs::remove_all(targets.back().parent_path());
+}
+
+// A folder into which nobody else writes gets another name as a whole, but leftovers do not go with it.
+TEST_F(TransferTest, LeftoversDoNotGetAnotherName) {
+    Write("tree/a", "abc");
+    Write("tree/.a.fedcba9876543210.rqpart", "half");
+    EXPECT_EQ(Do(Text(Item("tree", "moved"), kMove)), RQ_STATUS_FINISHED) << Detail();
+    EXPECT_FALSE(Exists("tree"));
+    EXPECT_EQ(Names("moved"), Strings{"a"});
 }
 
 TEST_F(TransferTest, KeepsTimesAndSparseFiles) {

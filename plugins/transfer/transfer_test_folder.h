@@ -48,6 +48,14 @@ class TransferTest : public task::PluginDriver {
     }
     // Another file system than that of m_dir; empty when the machine has none.
     static std::string OtherFileSystem();
+    std::filesystem::path NewFolderIn(const std::string& other) const {
+        const std::filesystem::path folder =
+            PathFromUtf8(other) /
+            ("rq transfer " + task::HexOf(reinterpret_cast<const std::uint8_t*>(&m_info), 1) +
+             std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
+        std::filesystem::create_directory(folder);
+        return folder;
+    }
 };
 
 constexpr const char* kMove = "<Mode>move</Mode>";

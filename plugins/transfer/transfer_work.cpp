@@ -61,11 +61,13 @@ void TransferWork::DoItem(std::size_t item) {
     m_manifest.reset();
 }
 
-// A folder whose bytes nobody wants to see keeps all it holds and gets another name.
+// A folder whose bytes nobody wants to see keeps all it holds and gets another name; but not one into which
+// somebody writes, who would not find it again.
 bool TransferWork::MoveWholeFolder(std::size_t item) {
     const TransferItem& wanted = m_task.items[item];
     const ItemState& state = m_items[item];
-    if (state.kind != Kind::kFolder || state.hasFailed || !state.wasListed) return false;
+    if (state.kind != Kind::kFolder || state.hasFailed || !state.wasListed || state.holdsTemporaries)
+        return false;
     Seen there;
     if (!m_task.move || WantsBytes(item) || LookAt(wanted.target, false, there) != 0 ||
         there.kind != Kind::kAbsent || !task::WhyNoName(wanted.target).empty())

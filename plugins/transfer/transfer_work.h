@@ -92,6 +92,7 @@ class TransferWork {
         bool isRefused = false;
         bool hasFailed = false;
         bool wasListed = true;
+        bool holdsTemporaries = false;  // of other transfers
     };
     // A source as the task names it.
     struct Root {
@@ -187,6 +188,7 @@ class TransferWork {
     std::chrono::steady_clock::time_point m_pendingSince;
     std::set<std::string> m_changedFolders;  // whose names are not synced yet
     std::string m_cleanedFolder;             // of leftovers
+    bool m_metTemporary = false;             // of another transfer, in a folder that was listed
     std::size_t m_files = 0;
     std::uint64_t m_total_bytes = 0;
     std::uint64_t m_base_bytes = 0;  // of the jobs that are done with
