@@ -33,8 +33,28 @@ AllowedFolders Wrong(std::uint32_t code, std::string words) {
     return {{}, code, std::move(words)};
 }
 
-// Nothing is allowed when anything in the file is wrong.
-AllowedFolders ParseAllowed(const std::string& file, const std::string& text) {
+}  // namespace
+
+bool ReadDeleteTask(std::string_view text, DeleteTask& task, task::XmlError& error) {
+    task::XmlElement root;
+    if (!task::ParseTaskXml(text, root, error) || !task::CheckRoot(root, "DeleteTask", error)) return false;
+    const auto names = {std::string_view("ID"), std::string_view("DryRun"), std::string_view("Items")};
+    task::XmlError idError;  // an ID is wanted even when something else is wrong
+    task.id = task::XmlFields(root, names, idError).Required("ID", kIdHint);
+    task::TypedFields fields(root, names, error);
+    fields.Plain().Required("ID", kIdHint);
+    task.dryRun = fields.Flag("DryRun").value_or(false);
+    if (const task::XmlElement* items = fields.Plain().Only("Items", "list what is to be deleted in it")) {
+        task::XmlFields list(*items, {"Item"}, error);
+        for (const task::XmlElement* child : list.Repeated("Item", kItemHint)) {
+            task.items.push_back(ReadItem(*child, error));
+            if (error.Failed()) break;
+        }
+    }
+    return !error.Failed();
+}
+
+AllowedFolders ParseAllowedFolders(const std::string& file, std::string_view text) {
     task::XmlElement root;
     task::XmlError error;
     AllowedFolders allowed;
@@ -61,27 +81,6 @@ AllowedFolders ParseAllowed(const std::string& file, const std::string& text) {
     return allowed;
 }
 
-}  // namespace
-
-bool ReadDeleteTask(std::string_view text, DeleteTask& task, task::XmlError& error) {
-    task::XmlElement root;
-    if (!task::ParseTaskXml(text, root, error) || !task::CheckRoot(root, "DeleteTask", error)) return false;
-    const auto names = {std::string_view("ID"), std::string_view("DryRun"), std::string_view("Items")};
-    task::XmlError idError;  // an ID is wanted even when something else is wrong
-    task.id = task::XmlFields(root, names, idError).Required("ID", kIdHint);
-    task::TypedFields fields(root, names, error);
-    fields.Plain().Required("ID", kIdHint);
-    task.dryRun = fields.Flag("DryRun").value_or(false);
-    if (const task::XmlElement* items = fields.Plain().Only("Items", "list what is to be deleted in it")) {
-        task::XmlFields list(*items, {"Item"}, error);
-        for (const task::XmlElement* child : list.Repeated("Item", kItemHint)) {
-            task.items.push_back(ReadItem(*child, error));
-            if (error.Failed()) break;
-        }
-    }
-    return !error.Failed();
-}
-
 AllowedFolders ReadAllowedFolders() {
     const std::string folder = task::ConfigFolder();
     if (!task::IsAbsolutePath(folder))
@@ -96,7 +95,7 @@ AllowedFolders ReadAllowedFolders() {
                                "<DeleteConfig><Folder>...</Folder></DeleteConfig>");
     if (code != 0) return Wrong(code, file + ": " + task::SystemWords(code));
     if (isTooLong) return Wrong(0, file + ": longer than 1 MiB");
-    return ParseAllowed(file, text);
+    return ParseAllowedFolders(file, text);
 }
 
 std::optional<Place> PlaceOf(const std::vector<std::string>& folders, const PathParts& path) {

@@ -36,6 +36,8 @@ struct AllowedFolders {
     std::string words;
 };
 AllowedFolders ReadAllowedFolders();
+// What the file of this name says. Nothing is allowed when anything in it is wrong.
+AllowedFolders ParseAllowedFolders(const std::string& file, std::string_view text);
 
 // A path in parts. On Windows a drive or "\\server\share" is the first part.
 struct PathParts {
