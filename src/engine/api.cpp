@@ -153,6 +153,8 @@ void Api::Route(const ApiRequest& request, const Target& target, const Reply& re
             TestPath(target, reply);
         else
             reply(NotAllowed("GET, HEAD"));
+    } else if (auto synced = what == "tasks" ? m_store.Sync() : Result<void>(); !synced) {
+        reply(StoreError(synced.error()));  // what is shown has to last
     } else if (what == "tasks" && depth == 3) {
         if (IsGet(request))
             reply(List(target));
@@ -343,6 +345,7 @@ ApiResponse Api::Shutdown(const ApiRequest& request) {
 // ---- events ----
 
 std::optional<ApiResponse> Api::EventsNow(std::int64_t task, std::int64_t after, bool evenIfNone) {
+    if (auto synced = m_store.Sync(); !synced) return StoreError(synced.error());
     const auto events = m_store.Events(task, after, kMaxEvents);
     if (!events) return StoreError(events.error());
     if (events->empty() && !evenIfNone) return std::nullopt;

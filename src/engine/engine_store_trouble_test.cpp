@@ -1,5 +1,6 @@
 // A store that cannot keep something for a while, and what workers have sent meanwhile.
 #include "engine/resume_fixture.h"
+#include "engine/sync_probe.h"
 #include "link/spool_file.h"
 
 namespace rq::engine {
@@ -95,6 +96,45 @@ TEST_F(StoreTroubleTest, WhatCameBehindAnUncommittedStatusCountsOnce) {
     ASSERT_EQ(Resume(worker), 0u);
     EXPECT_TRUE(worker.WaitAck(2));
     EXPECT_EQ(Count(EventsUntil(id, "final"), "reply"), 1);
+}
+
+TEST_F(StoreTroubleTest, FinalStatusesThatComeTogetherShareASync) {
+    SyncProbe probe;
+    Start();
+    std::array<LinkClient, 6> workers;
+    for (auto& worker : workers) Begin(worker);
+    // While one is synced, the others come.
+    probe.Hold(true);
+    workers[0].Send(TCP_WORKER_STATE_ID, StateMessage(kTaskFinished));
+    probe.AwaitHeld();
+    const int before = probe.Syncs();
+    for (std::size_t i = 1; i < workers.size(); ++i)
+        workers[i].Send(TCP_WORKER_STATE_ID, StateMessage(kTaskFinished));
+    probe.Hold(false);
+    for (auto& worker : workers) EXPECT_TRUE(worker.WaitAck(1));
+    EXPECT_GE(probe.Syncs(), before + 1);
+    EXPECT_LE(probe.Syncs(), before + 2);
+    EXPECT_EQ(Ask("GET", "/api/v1/health")["tasks"]["finished"], workers.size());
+    Stop();
+}
+
+TEST_F(StoreTroubleTest, NothingIsAcknowledgedOrShownBeforeItIsSynced) {
+    SyncProbe probe;
+    Start();
+    LinkClient worker;
+    const auto id = Begin(worker);
+    probe.SetFailing(true);
+    worker.Send(TCP_WORKER_STATE_ID, StateMessage(kTaskFinished));
+    LogUntil("nothing is acknowledged until the store can be synced");
+    EXPECT_EQ(Show(id)["error"]["code"], "store");
+    EXPECT_EQ(worker.Unread(), 0u);
+    probe.SetFailing(false);
+    EXPECT_TRUE(worker.WaitAck(1));
+    const auto order = worker.WaitOrder();
+    ASSERT_TRUE(order);
+    EXPECT_EQ(order->id, TCP_WORKER_DESTROY_ID) << "behind the acknowledgement";
+    EXPECT_EQ(Show(id)["state"], "finished");
+    Stop();
 }
 
 }  // namespace

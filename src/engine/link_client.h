@@ -114,6 +114,8 @@ class LinkClient {
         boost::asio::read(m_socket, boost::asio::dynamic_buffer(bytes), error);
         return bytes;
     }
+    // Bytes that have come and were not read.
+    std::size_t Unread() const { return m_socket.available(); }
     std::uint32_t SessionId() const { return m_welcome.sessionId; }
     const link::Welcome& Welcome() const { return m_welcome; }
     std::uint64_t Acked() const { return m_acked; }

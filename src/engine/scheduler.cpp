@@ -39,11 +39,14 @@ Scheduler::Scheduler(boost::asio::io_context& io, Store& store, Launcher& launch
       m_admission(settings.node, settings.paths),
       m_volumeWatch(settings.node),
       m_volumeTimer(io),
+      m_syncTimer(io),
       m_retry(io),
       m_wake(io),
       m_endTimer(io) {
     platform::RandomBytes(&m_lastSession, sizeof m_lastSession);
     m_launcher.SetOnExit([this](const std::string& token, const WorkerExit& exit) { OnExit(token, exit); });
+    // Behind what has been received by now.
+    m_store.SetOnOwed([this] { boost::asio::post(m_io, [this] { SyncStore(); }); });
     m_volumes = m_volumeWatch.States();
     boost::asio::post(m_io, [this] { WatchVolumes(); });
     for (const auto& problem : m_stage.Problems())
@@ -51,6 +54,7 @@ Scheduler::Scheduler(boost::asio::io_context& io, Store& store, Launcher& launch
 }
 
 Scheduler::~Scheduler() {
+    m_store.SetOnOwed(nullptr);
     m_launcher.SetOnExit(nullptr);
 }
 
@@ -426,6 +430,26 @@ void Scheduler::AwaitEnd(Run& run, const std::string& why) {
              "the connection ended (" + why + ") and the worker did not within " +
                  DurationText(m_settings.linkGrace));
     });
+}
+
+// ---- what is said, and when ----
+
+bool Scheduler::MayWrite(const std::shared_ptr<Session>& session) {
+    if (!m_store.Owes()) return true;
+    m_unsaid.push_back(session);
+    return false;
+}
+
+void Scheduler::SyncStore() {
+    if (auto done = m_store.Sync(); !done) {
+        m_log.Warn("nothing is acknowledged until the store can be synced: " + done.error().message);
+        m_syncTimer.expires_after(kStoreRetry);
+        m_syncTimer.async_wait([this](const boost::system::error_code& error) {
+            if (!error) SyncStore();
+        });
+        return;
+    }
+    for (const auto& session : std::exchange(m_unsaid, {})) session->Flush();
 }
 
 void Scheduler::Report(const Result<void>& result, const char* what) {

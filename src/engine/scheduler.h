@@ -80,6 +80,8 @@ class Scheduler final : public SessionHost {
                                                     const std::shared_ptr<Session>& session) override;
     bool OnRecord(Session& session, std::uint32_t id, const link::WorkerRecord& record) override;
     void OnOtherFrame(Session& session) override;
+    // Not before what is committed is on the disk.
+    bool MayWrite(const std::shared_ptr<Session>& session) override;
     void OnSessionEnd(Session& session, const std::string& why) override;
     void OnLinkTrouble(const std::string& what) override;
 
@@ -202,6 +204,8 @@ class Scheduler final : public SessionHost {
     void NoteFound(Run& run);
     // What the worker left in the spool counts. False: it could not be committed.
     bool TakeSpool(Run& run);
+    // What the file said is on the disk.
+    bool MayRemoveSpool();
     // Of attempts that have ended already.
     void SweepSpool();
 
@@ -303,6 +307,8 @@ class Scheduler final : public SessionHost {
     // Replaces the deadline of the run.
     void Arm(Run& run, std::chrono::milliseconds after, std::function<void(Run&)> then);
     void Disarm(Run& run);
+    // What the records of this turn have committed is synced; then it may be told.
+    void SyncStore();
     // Logs a store failure that nobody else can be told of.
     void Report(const Result<void>& result, const char* what);
 
@@ -328,7 +334,9 @@ class Scheduler final : public SessionHost {
         std::string token;
         std::shared_ptr<Session> session;
     };
-    std::map<std::uint32_t, Twin> m_twins;  // by session
+    std::map<std::uint32_t, Twin> m_twins;           // by session
+    std::vector<std::shared_ptr<Session>> m_unsaid;  // sessions that wait for a sync
+    boost::asio::steady_timer m_syncTimer;           // after one that failed
     std::set<std::int32_t> m_loggedStops;
     boost::asio::steady_timer m_retry;  // after a store failure, and for held tasks
     boost::asio::steady_timer m_wake;   // for what is due

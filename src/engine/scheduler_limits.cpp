@@ -74,7 +74,7 @@ Result<Scheduler::Turn> Scheduler::ClaimNext(const std::vector<TypeStop>& stops,
         },
         BusyTasks(),
         [&] { return turn.place != nullptr ? std::optional(Shared(*turn.place)) : std::nullopt; },
-        slotFree || AnyKept() ? Transaction::Sync::Durable : Transaction::Sync::Relaxed);
+        slotFree || AnyKept() ? Transaction::Sync::Shared : Transaction::Sync::Relaxed);
     m_admission.End(claim && !*claim && !turn.blocked);
     if (!claim) return claim.error();
     turn.claim = std::move(*claim);

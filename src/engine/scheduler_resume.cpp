@@ -163,6 +163,8 @@ std::size_t Scheduler::Leave() {
     }
     const std::size_t left = m_runs.size();
     m_twins.clear();
+    m_unsaid.clear();
+    m_syncTimer.cancel();
     m_sessions.clear();
     m_runs.clear();
     m_launcher.SetOnExit(nullptr);
@@ -338,12 +340,17 @@ bool Scheduler::TakeSpool(Run& run) {
     const auto& status = *read;
     if (!status) return true;
     m_log.Info(run.claim.id + ": its worker left a final status in the spool");
-    if (IsPackage(run)) return TakePackageSpool(run, *status);
-    bool taken = true;
+    bool taken = !IsPackage(run) || TakePackageSpool(run, *status);
     for (const auto& entry : status->message.entries) {
-        if (link::IsFinalTaskStatus(entry.status)) taken = TakeFinal(run, entry) && taken;
+        if (!IsPackage(run) && link::IsFinalTaskStatus(entry.status)) taken = TakeFinal(run, entry) && taken;
     }
-    return taken;
+    return taken && MayRemoveSpool();
+}
+
+bool Scheduler::MayRemoveSpool() {
+    const auto synced = m_store.Sync();
+    Report(synced, "a final status in the spool");
+    return bool(synced);
 }
 
 void Scheduler::SweepSpool() {
@@ -362,7 +369,7 @@ void Scheduler::SweepSpool() {
             m_spool.GiveUp(attempt);
             continue;
         }
-        if (status && (!isKnown || !TakeTwinRecord(attempt, status->message))) {
+        if (status && (!isKnown || !TakeTwinRecord(attempt, status->message) || !MayRemoveSpool())) {
             m_log.Warn("the final status of attempt " + attempt + " in the spool cannot be recorded now");
             continue;
         }

@@ -236,11 +236,14 @@ void Session::SendControl(std::uint32_t id, std::string body) {
 }
 
 void Session::Write() {
-    if (!m_writing.empty() || m_outgoing.empty() || m_state == State::Closed) return;
+    if (m_isHeld || !m_writing.empty() || m_outgoing.empty() || m_state == State::Closed) return;
     if (std::max(m_outgoing.size(), m_memory.orders.size()) > kMaxOutgoing) {
         Lose("the worker does not read");
         return;
     }
+    // Each frame has an acknowledgement, or comes of one.
+    m_isHeld = !m_host.MayWrite(shared_from_this());
+    if (m_isHeld) return;
     for (auto& frame : m_outgoing) {
         m_writing += link::EncodeFrameHead(frame.seq, m_memory.has, frame.id, frame.body.size());
         m_writing += frame.body;
@@ -251,6 +254,11 @@ void Session::Write() {
     boost::asio::async_write(m_socket, boost::asio::buffer(m_writing),
                              [self = shared_from_this()](const boost::system::error_code& error,
                                                          std::size_t) { self->OnWritten(error); });
+}
+
+void Session::Flush() {
+    m_isHeld = false;
+    Write();
 }
 
 void Session::OnWritten(const boost::system::error_code& error) {
@@ -330,7 +338,8 @@ void Session::OnTick() {
             Lose("a frame did not come whole in time");
             return;
         }
-        if (now - m_lastSaid >= m_settings.pingInterval && m_writing.empty()) SendControl(link::kPingId);
+        if (now - m_lastSaid >= m_settings.pingInterval && m_writing.empty() && m_outgoing.empty())
+            SendControl(link::kPingId);
     }
     WatchTime();
 }

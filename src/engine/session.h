@@ -33,6 +33,8 @@ class SessionHost {
     virtual bool OnRecord(Session& session, std::uint32_t id, const link::WorkerRecord& record) = 0;
     // A numbered frame that is no record was taken.
     virtual void OnOtherFrame(Session& session) = 0;
+    // Whether a frame may go out now; else `session` is told to Flush when it may.
+    virtual bool MayWrite(const std::shared_ptr<Session>& session) = 0;
     // Once for each admitted connection, last. `why` is for people.
     virtual void OnSessionEnd(Session& session, const std::string& why) = 0;
     // Something that the log should have: a refused handshake, a broken rule.
@@ -48,6 +50,8 @@ class Session : public std::enable_shared_from_this<Session> {
     void Start();
     // Queues a numbered frame. Nothing happens when the session has ended.
     void SendOrder(std::uint32_t id, const link::Order& order);
+    // The host may write again.
+    void Flush();
     // BYE, then the end; the host is told.
     void End(const std::string& why);
     // Closes the connection without BYE; the host is not told.
@@ -109,6 +113,7 @@ class Session : public std::enable_shared_from_this<Session> {
     std::string m_buffer;
     std::deque<Outgoing> m_outgoing;
     std::string m_writing;  // the bytes of the write that is under way
+    bool m_isHeld = false;  // what is outgoing waits for Flush
     bool m_closeWhenSent = false;
     bool m_saidBye = false;
     bool m_isRepeat = false;

@@ -2,6 +2,8 @@
 
 #include <sqlite3.h>
 
+#include <utility>
+
 namespace rq::engine {
 
 namespace {
@@ -95,6 +97,43 @@ Error Database::TakeError() {
     Error error = m_error.value_or(Fail("no error"));
     m_error.reset();
     return error;
+}
+
+void Database::Owe() {
+    if (!std::exchange(m_owes, true) && m_onOwed) m_onOwed();
+}
+
+Result<void> Database::Sync() {
+    if (!m_owes) return {};
+    if (!m_logIsUnsure) {
+        sqlite3_file* log = nullptr;
+        sqlite3_file_control(m_handle, "main", SQLITE_FCNTL_JOURNAL_POINTER, &log);
+        m_logIsUnsure = log == nullptr || log->pMethods == nullptr ||
+                        log->pMethods->xSync(log, SQLITE_SYNC_NORMAL) != SQLITE_OK;
+    }
+    if (m_logIsUnsure) {
+        if (auto copied = CopyLog(); !copied) return copied;
+    }
+    m_owes = m_logIsUnsure = false;
+    return {};
+}
+
+// The system may have dropped what it could not write, and call the next sync of the log a success: what the
+// log holds is copied into the file, which is synced.
+Result<void> Database::CopyLog() {
+    m_error.reset();
+    std::int64_t left = 1;
+    {
+        Statement copy = Prepare("PRAGMA wal_checkpoint(FULL)");
+        if (copy.Row()) {
+            const bool isBusy = copy.Number() != 0;
+            const auto all = copy.Number();
+            left = isBusy ? 1 : all - copy.Number();
+        }
+    }
+    if (Failed()) return TakeError();
+    if (left != 0) return Fail(m_path + ": SQLite: the log could not be synced, and is in use");
+    return {};
 }
 
 void Database::Remember(const char* doing) {
@@ -194,7 +233,8 @@ std::optional<std::string> Statement::OptionalText() {
 
 Transaction::Transaction(Database& database, Sync sync)
     : m_database(database),
-      m_relaxed(sync == Sync::Relaxed && database.m_durability == Durability::Power),
+      m_shared(sync == Sync::Shared && database.m_durability == Durability::Power),
+      m_relaxed(sync != Sync::Durable && database.m_durability == Durability::Power),
       m_open(false) {
     m_database.m_error.reset();
     // In WAL mode a commit syncs with FULL and does not with NORMAL; it can be switched between transactions
@@ -211,6 +251,7 @@ Result<void> Transaction::Commit() {
     if (m_open && !m_database.Failed() && m_database.Execute("COMMIT")) m_open = false;
     if (!m_database.Failed()) {
         End();
+        if (m_shared) m_database.Owe();
         return {};
     }
     Error error = m_database.TakeError();

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -46,6 +47,13 @@ class Database {
     // The remembered failure, which is then forgotten.
     Error TakeError();
 
+    // Whether a commit of Sync::Shared waits for Sync().
+    bool Owes() const { return m_owes; }
+    // Called when one begins to.
+    void SetOnOwed(std::function<void()> onOwed) { m_onOwed = std::move(onOwed); }
+    // Everything that has been committed is on the disk; after a failure it is not, and still owed.
+    Result<void> Sync();
+
   private:
     friend class Statement;
     friend class StoreCopy;
@@ -53,12 +61,18 @@ class Database {
     Database(sqlite3* handle, std::string path, Durability durability)
         : m_handle(handle), m_path(std::move(path)), m_durability(durability) {}
     void Remember(const char* doing);
+    void Owe();
+    // What makes up for a sync of the log that failed.
+    Result<void> CopyLog();
 
     sqlite3* m_handle;
     const std::string m_path;
     const Durability m_durability;
     std::unordered_map<std::string, sqlite3_stmt*> m_statements;
     std::optional<Error> m_error;
+    std::function<void()> m_onOwed;
+    bool m_owes = false;
+    bool m_logIsUnsure = false;  // a sync of it has failed
 };
 
 // A prepared statement in use. Values are bound in order; Row() steps to the next row. Reset when it goes
@@ -105,8 +119,9 @@ class Statement {
 class Transaction {
   public:
     // Durable: the commit is on the disk when Commit returns. Relaxed: it survives the end of this process,
-    // and may be lost with the machine's power; for what is only good to know.
-    enum class Sync { Durable, Relaxed };
+    // and may be lost with the machine's power; for what is only good to know. Shared: relaxed until the next
+    // Database::Sync, which whoever tells others of it calls before; so several share one.
+    enum class Sync { Durable, Shared, Relaxed };
 
     explicit Transaction(Database& database, Sync sync = Sync::Durable);
     ~Transaction();
@@ -119,6 +134,7 @@ class Transaction {
     void End();
 
     Database& m_database;
+    const bool m_shared;
     bool m_relaxed;
     bool m_open;
 };

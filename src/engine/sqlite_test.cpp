@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "engine/sync_probe.h"
+#include "kit/files.h"
 #include "kit/temp_dir.h"
 
 namespace rq::engine {
@@ -87,6 +89,71 @@ TEST_F(SqliteTest, SyncIsRelaxedForATransactionOnly) {
     EXPECT_EQ(mode(), 2);
     { Transaction transaction(*m_database, Transaction::Sync::Relaxed); }
     EXPECT_EQ(mode(), 2);
+}
+
+class SqliteSyncTest : public testing::Test {
+  protected:
+    SqliteSyncTest() : m_database(Database::Open(m_folder.Utf8("a.db")).value()) {
+        EXPECT_TRUE(m_database->Execute("CREATE TABLE t (a TEXT)"));
+    }
+    void Insert(const char* text, Transaction::Sync sync) {
+        Transaction transaction(*m_database, sync);
+        m_database->Prepare("INSERT INTO t VALUES (?1)").Bind(std::string_view(text)).Run();
+        ASSERT_TRUE(transaction.Commit());
+    }
+
+    SyncProbe m_probe;
+    kit::TempDir m_folder;
+    std::unique_ptr<Database> m_database;
+};
+
+TEST_F(SqliteSyncTest, SharedCommitsAreSyncedTogether) {
+    int asked = 0;
+    m_database->SetOnOwed([&] { ++asked; });
+    const int before = m_probe.Syncs();
+    for (int i = 0; i < 5; ++i) Insert("some", Transaction::Sync::Shared);
+    EXPECT_EQ(m_probe.Syncs(), before);
+    EXPECT_TRUE(m_database->Owes());
+    EXPECT_EQ(asked, 1);
+    ASSERT_TRUE(m_database->Sync());
+    EXPECT_EQ(m_probe.Syncs(), before + 1);
+    EXPECT_FALSE(m_database->Owes());
+    ASSERT_TRUE(m_database->Sync());
+    EXPECT_EQ(m_probe.Syncs(), before + 1) << "nothing was owed";
+    Insert("one", Transaction::Sync::Durable);
+    EXPECT_EQ(m_probe.Syncs(), before + 2);
+}
+
+// After a failed sync the system may call the next one a success, and have dropped the pages.
+TEST_F(SqliteSyncTest, AfterAFailedSyncTheLogIsCopied) {
+    Insert("what was owed", Transaction::Sync::Shared);
+    m_probe.SetFailing(true);
+    EXPECT_FALSE(m_database->Sync());
+    EXPECT_FALSE(m_database->Sync());
+    EXPECT_TRUE(m_database->Owes());
+    const auto file = m_folder.Path() / "a.db";
+    EXPECT_EQ(kit::ReadBytes(file).find("what was owed"), std::string::npos);
+    m_probe.SetFailing(false);
+    ASSERT_TRUE(m_database->Sync());
+    EXPECT_FALSE(m_database->Owes());
+    EXPECT_NE(kit::ReadBytes(file).find("what was owed"), std::string::npos);
+}
+
+TEST_F(SqliteSyncTest, WhereThePowerIsNotToBeSurvivedNothingIsSynced) {
+    const auto database = Database::Open(m_folder.Utf8("b.db"), Durability::Process).value();
+    Statement mode = database->Prepare("PRAGMA synchronous");
+    ASSERT_TRUE(mode.Row());
+    EXPECT_EQ(mode.Number(), 1);  // NORMAL
+    ASSERT_TRUE(database->Execute("CREATE TABLE t (a TEXT)"));
+    const int before = m_probe.Syncs();
+    for (const auto sync : {Transaction::Sync::Durable, Transaction::Sync::Shared}) {
+        Transaction transaction(*database, sync);
+        database->Execute("INSERT INTO t VALUES ('some')");
+        ASSERT_TRUE(transaction.Commit());
+    }
+    EXPECT_FALSE(database->Owes());
+    ASSERT_TRUE(database->Sync());
+    EXPECT_EQ(m_probe.Syncs(), before);
 }
 
 TEST_F(SqliteTest, WalAndForeignKeysAreOn) {

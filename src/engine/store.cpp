@@ -173,7 +173,7 @@ Result<std::optional<Claim>> Store::ClaimNext(const MayStart& mayStart, const st
 }
 
 Result<Claim> Store::AdoptExternal(const std::string& name) {
-    Transaction transaction(*m_database);
+    Transaction transaction(*m_database, Transaction::Sync::Shared);
     const TaskRow task = Insert({kUnknownType, name, "", "external"});
     Claim claim = NewAttempt(task.key);
     if (auto done = Commit(transaction, task.key); !done) return done.error();

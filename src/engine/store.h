@@ -4,8 +4,9 @@
 // for it.
 //
 // One thread at a time (the engine's I/O thread). The listener is called on it after a commit that added
-// events. Reports of progress, heartbeats and the like are committed without a sync; everything else is on
-// the disk when the verb returns.
+// events. Reports of progress, heartbeats and the like are committed without a sync. What verbs of the
+// attempts and Claim commit is on the disk after the next Sync, which has to come before anybody is told of
+// it; everything else is when the verb returns.
 #pragma once
 
 #include <functional>
@@ -34,6 +35,10 @@ class Store {
     static Now SystemNow();
 
     void SetListener(Listener listener) { m_listener = std::move(listener); }
+    // Whether something waits for Sync; the function is called when it begins to.
+    bool Owes() const { return m_database->Owes(); }
+    void SetOnOwed(std::function<void()> onOwed) { m_database->SetOnOwed(std::move(onOwed)); }
+    Result<void> Sync() { return m_database->Sync(); }
     // When a task gets another attempt, and a type is stopped. Without them neither ever happens.
     void SetRetryRules(RetryRules rules) { m_rules = std::move(rules); }
 
@@ -49,7 +54,7 @@ class Store {
     using Joins = std::function<std::optional<SharedWorker>()>;
     Result<std::optional<Claim>> ClaimNext(const MayStart& mayStart = {},
                                            const std::set<std::int64_t>& busy = {}, const Joins& joins = {},
-                                           Transaction::Sync sync = Transaction::Sync::Durable);
+                                           Transaction::Sync sync = Transaction::Sync::Shared);
     // When the first of the queued tasks that wait for their time may start, or the next deadline passes.
     Result<std::optional<std::int64_t>> NextDue();
     // What the tasks that have a worker, and these others, say that they take together.

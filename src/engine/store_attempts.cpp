@@ -68,7 +68,7 @@ void Store::SetAttemptState(std::int64_t attempt, AttemptState state) {
 Result<void> Store::WorkerStarted(const std::string& token, std::uint64_t processId,
                                   const std::string& output, const std::string& mark,
                                   std::int64_t silence_ms) {
-    return ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
+    return ForHolder(token, Transaction::Sync::Shared, [&](const Holder& holder) {
         m_database
             ->Prepare(
                 "UPDATE attempts SET pid = ?1, output = ?2, process_mark = ?3, silence_ms = ?5 WHERE id = ?4")
@@ -84,7 +84,7 @@ Result<void> Store::WorkerStarted(const std::string& token, std::uint64_t proces
 
 Result<void> Store::Connected(const std::string& token, std::uint32_t session, std::uint64_t processId,
                               const std::string& version, const std::string& mark) {
-    return ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
+    return ForHolder(token, Transaction::Sync::Shared, [&](const Holder& holder) {
         m_database
             ->Prepare(
                 "UPDATE attempts SET session = ?1, "
@@ -247,7 +247,7 @@ void Store::WriteFinal(const Holder& holder, const FinalStatus& final) {
 Result<FinishOutcome> Store::Finish(const std::string& token, const FinalStatus& final,
                                     const std::string& next) {
     FinishOutcome outcome = FinishOutcome::Committed;
-    auto done = ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
+    auto done = ForHolder(token, Transaction::Sync::Shared, [&](const Holder& holder) {
         if (!IsActive(holder.state)) {
             outcome = SameFinal(holder.attempt, final) ? FinishOutcome::Repeat : FinishOutcome::Late;
             if (outcome == FinishOutcome::Late)
@@ -318,13 +318,13 @@ void Store::LoseAttempt(const Holder& holder, StateEvent event, const std::strin
 }
 
 Result<void> Store::Lost(const std::string& token, const std::string& reason) {
-    return ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
+    return ForHolder(token, Transaction::Sync::Shared, [&](const Holder& holder) {
         if (IsActive(holder.state)) LoseAttempt(holder, StateEvent::EndsLost, reason);
     });
 }
 
 Result<void> Store::Undone(const std::string& token, const std::string& reason) {
-    return ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
+    return ForHolder(token, Transaction::Sync::Shared, [&](const Holder& holder) {
         if (!IsActive(holder.state)) return;
         if (!MayRepeat(holder)) {
             LoseAttempt(holder, StateEvent::EndsLost, reason);
@@ -343,14 +343,14 @@ Result<void> Store::Undone(const std::string& token, const std::string& reason) 
 }
 
 Result<void> Store::Unsaid(const std::string& token, const std::string& reason, const std::string& next) {
-    return ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
+    return ForHolder(token, Transaction::Sync::Shared, [&](const Holder& holder) {
         if (IsActive(holder.state)) LoseAttempt(holder, StateEvent::EndsUnsaid, reason);
         SetReached(next);
     });
 }
 
 Result<void> Store::Exited(const std::string& token, const WorkerExit& exit, std::int64_t first) {
-    return ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
+    return ForHolder(token, Transaction::Sync::Shared, [&](const Holder& holder) {
         const std::optional<std::int64_t> code = exit.isKnown ? std::optional(exit.code) : std::nullopt;
         m_database
             ->Prepare(exit.signalled ? "UPDATE attempts SET exited_us = ?1, exit_signal = ?2 "

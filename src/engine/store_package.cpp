@@ -46,7 +46,7 @@ Result<void> Store::Begun(const std::string& token, const std::string& taskId) {
 }
 
 Result<void> Store::PutBack(const std::string& token, const std::string& reason) {
-    return ForHolder(token, Transaction::Sync::Durable, [&](const Holder& holder) {
+    return ForHolder(token, Transaction::Sync::Shared, [&](const Holder& holder) {
         if (!IsActive(holder.state)) return;
         m_database->Prepare("UPDATE attempts SET reason = ?1 WHERE id = ?2")
             .Bind(reason)
