@@ -156,6 +156,7 @@ struct RecordWords {
                      Shown(entry.taskId) + ", error " + Code(entry.errorCode) + " " + Shown(entry.errorText) +
                      ", detail " + Code(entry.detailErrorCode) + " " + Shown(entry.detailErrorText);
             if (!entry.furtherText.empty()) words += ", further " + Shown(entry.furtherText);
+            if (entry.stalled) words += ", stalled";
             if (entry.result) words += ", with a result";
         }
         return words;

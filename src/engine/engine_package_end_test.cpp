@@ -103,6 +103,18 @@ TEST_F(PackageTest, AStallEndsTheWorkerAndPutsTheOtherBack) {
     EXPECT_EQ(Count(EventsUntil(m_first, "late-status"), "late-status"), 1);
 }
 
+// A plug-in may report the codes of a stall: its worker is in order, and the next task is performed once.
+TEST_F(PackageTest, AnErrorWithTheCodesOfAStallIsOneLikeAnyOther) {
+    Start();
+    SubmitTwo("await 4006\nfail-like-a-stall\n", "status 3\nfinal 0\n");
+    Order(m_first, "suspend");
+    Order(m_first, "resume");
+    AwaitState(m_second, "finished");
+    EXPECT_EQ(StateOf(m_first), "failed");
+    EXPECT_EQ(Show(m_second)["attempts"], 1);
+    EXPECT_EQ(Count(EventsUntil(m_first, "final"), "late-status"), 0);
+}
+
 // Its plug-in gives up without a status of its own: that is not the next task's beginning.
 TEST_F(PackageTest, AStalledTaskThatReturnsInStatus3IsNotTheNextOne) {
     Start();

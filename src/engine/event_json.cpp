@@ -131,10 +131,12 @@ std::string CancelEventJson(const std::string& by) {
 }
 
 std::string FinalEventJson(const FinalStatus& final) {
-    return Dump({{"status", final.status},
+    json data = {{"status", final.status},
                  {"detail_error", {{"code", final.detailErrorCode}, {"text", final.detailErrorText}}},
                  {"error", {{"code", final.errorCode}, {"text", final.errorText}}},
-                 {"further_text", final.furtherText}});
+                 {"further_text", final.furtherText}};
+    if (final.stalled) data["stalled"] = true;
+    return Dump(data);
 }
 
 std::string ExitEventJson(const WorkerExit& exit) {

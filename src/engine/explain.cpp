@@ -18,8 +18,6 @@ constexpr std::int64_t kSecond_us = 1'000'000;
 // Below half of what others of its type had, a task is slow; a percentage that stands for a minute is a
 // stall.
 constexpr double kSlow = 0.5;
-// The error and its detail with which a worker's patrol closes a task.
-constexpr std::int64_t kTaskNotResponding = 6, kStallDetail = 0x80000001;
 constexpr std::int64_t kStall_us = 60 * kSecond_us;
 
 std::string Text(const json& data, const char* name) {
@@ -110,17 +108,11 @@ std::string FinalText(const json& data) {
     return StatusName(data.value("status", std::int64_t{-1})) + part("error") + part("detail_error");
 }
 
-// A worker that closes its task itself, since its progress stands, says so with these codes.
 std::string StallText(const json& data) {
-    const auto code = [&](const char* name) {
-        const auto found = data.find(name);
-        return found != data.end() && found->is_object() ? found->value("code", std::int64_t{0}) : 0;
-    };
-    const bool isStall = code("error") == kTaskNotResponding && code("detail_error") == kStallDetail;
-    return isStall ? "; the worker closed it, since its progress stood for longer than ProgressPatrolTimeout "
-                     "in the "
-                     "stage's actor.xml allows"
-                   : "";
+    return data.value("stalled", false) ? "; the worker closed it, since its progress stood for longer than "
+                                          "ProgressPatrolTimeout in the "
+                                          "stage's actor.xml allows"
+                                        : "";
 }
 
 std::string ExitText(const json& data) {

@@ -129,9 +129,20 @@ TEST_F(ExplainTest, ATaskThatItsWorkerClosedNamesTheSetting) {
     const Claim claim = Running();
     FinalStatus final = Final(kTaskError, 6);
     final.detailErrorCode = 0x80000001;
+    final.stalled = true;
     ASSERT_TRUE(m_store->Finish(claim.token, final));
     EXPECT_THAT(ExplainJson(Facts(1))["because"][0]["text"].get<std::string>(),
                 HasSubstr("ProgressPatrolTimeout"));
+    // A plug-in may report the same codes.
+    final.stalled = false;
+    EXPECT_EQ(SentenceOf([&] {
+                  EventRow event;
+                  event.kind = "final";
+                  event.json = FinalEventJson(final);
+                  return event;
+              }())
+                  .find("ProgressPatrolTimeout"),
+              std::string::npos);
 }
 
 TEST_F(ExplainTest, WhatNoEngineSawIsSaidInWords) {

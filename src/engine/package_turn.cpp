@@ -4,26 +4,16 @@
 
 namespace rq::engine {
 
-namespace {
-
-constexpr std::uint32_t kStallDetailError = 0x80000001;
-constexpr std::uint32_t kStallTaskError = 6;
-
-}  // namespace
-
-bool IsStallReport(const TaskStatusEntry& entry) {
-    return entry.status == kTaskError && entry.detailErrorCode == kStallDetailError &&
-           entry.errorCode == kStallTaskError;
-}
-
 PackageTurn::Meaning PackageTurn::Of(const TaskStatusEntry& entry, bool repeated) const {
     const bool final = link::IsFinalTaskStatus(entry.status);
     switch (m_phase) {
         case Phase::Given:
             if (entry.status == kTaskRunning) return Meaning::Begins;
             if (!final) return Meaning::Other;
-            // The patrol may find a task overdue in the moment of its end.
-            if (m_hasEarlier && !m_held && (repeated || IsStallReport(entry))) return Meaning::OfEarlier;
+            // The patrol may find a task overdue in the moment of its end. Behind its report the worker
+            // begins none: it has set its stop flag before, and joins the patrol before it looks at the next
+            // text.
+            if (m_hasEarlier && !m_held && (repeated || entry.stalled)) return Meaning::OfEarlier;
             return Meaning::Ends;
         case Phase::Begun:
             // The core reports once before the perform call and once after it, whatever the status is then.

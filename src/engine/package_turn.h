@@ -46,8 +46,4 @@ class PackageTurn {
     bool m_held = false;
 };
 
-// The status by which a worker's patrol ends a task that stalls. The worker has set its stop flag before it
-// sends this, and joins the patrol before it looks at the next text: no further one begins.
-bool IsStallReport(const TaskStatusEntry& entry);
-
 }  // namespace rq::engine

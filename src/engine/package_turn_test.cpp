@@ -20,7 +20,13 @@ TaskStatusEntry Entry(std::uint32_t status, std::uint32_t detail = 0, std::uint3
 const TaskStatusEntry kRunning = Entry(kTaskRunning);
 const TaskStatusEntry kDone = Entry(kTaskFinished);
 const TaskStatusEntry kError = Entry(kTaskError, 0, 0xFFFFFFFB);
-const TaskStatusEntry kStall = Entry(kTaskError, 0x80000001, 6);
+// A plug-in may report the codes of a stall.
+const TaskStatusEntry kLikeAStall = Entry(kTaskError, 0x80000001, 6);
+const TaskStatusEntry kStall = [] {
+    TaskStatusEntry entry = kLikeAStall;
+    entry.stalled = true;
+    return entry;
+}();
 
 PackageTurn Begun() {
     PackageTurn turn;
@@ -78,6 +84,7 @@ TEST(PackageTurnTest, TheSecondTaskHasItsOwnReports) {
     EXPECT_EQ(turn.Of(kError, true), Meaning::OfEarlier);
     EXPECT_EQ(turn.Of(kDone, true), Meaning::OfEarlier);
     EXPECT_EQ(turn.Of(kStall, false), Meaning::OfEarlier);
+    EXPECT_EQ(turn.Of(kLikeAStall, false), Meaning::Ends);
     PackageTurn begun = turn;
     begun.Begin();
     EXPECT_FALSE(begun.IsAwaited());

@@ -128,7 +128,7 @@ bool Scheduler::TakeFurtherFinal(Run& run, const std::string& token, const TaskS
     const auto outcome = m_store.Finish(token, FinalOf(entry));
     if (!outcome)
         m_log.Warn(run.claim.id + ": a final status could not be committed: " + outcome.error().message);
-    if (outcome && IsStallReport(entry)) NoteStall(run);
+    if (outcome && entry.stalled) NoteStall(run);
     return outcome.has_value();
 }
 
@@ -142,7 +142,7 @@ void Scheduler::NoteStall(Run& run) {
 
 bool Scheduler::EndPackageTask(Run& run, const TaskStatusEntry& entry, bool final) {
     run.reportedTask = entry.taskId;
-    const bool stalled = IsStallReport(entry);
+    const bool stalled = entry.stalled;
     // After a stall the worker begins nothing any more.
     const std::string next = run.next && !stalled ? run.next->token : "";
     Result<void> done;

@@ -45,6 +45,7 @@ FinalStatus Scheduler::FinalOf(const TaskStatusEntry& entry) {
     final.errorText = RepairUtf8(entry.errorText);
     final.furtherText = RepairUtf8(entry.furtherText);
     final.result = ResultJson(entry.result.get());
+    final.stalled = entry.stalled;
     return final;
 }
 

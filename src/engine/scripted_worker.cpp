@@ -78,10 +78,16 @@ struct Script {
     }
 
     void Stall() {
-        auto message = StateMessage(kTaskError);
-        message.entries.back().detailErrorCode = 0x80000001;
-        message.entries.back().errorCode = 6;
         stopped = true;
+        FailLikeAStall(true);
+    }
+    // A plug-in's own error with the codes that the worker reports of a stalled task.
+    void FailLikeAStall(bool stalled = false) {
+        auto message = StateMessage(kTaskError);
+        auto& entry = message.entries.back();
+        entry.detailErrorCode = 0x80000001;
+        entry.errorCode = 6;
+        entry.stalled = stalled;
         link->WaitAck(link->Send(TCP_WORKER_STATE_ID, message));
     }
 
@@ -203,6 +209,8 @@ struct Script {
             resumes = true;
         } else if (verb == "stall") {
             Stall();
+        } else if (verb == "fail-like-a-stall") {
+            FailLikeAStall();
         } else if (verb == "goes-on" || verb == "stops") {
             stopped = verb == "stops";
         } else if (verb == "again") {

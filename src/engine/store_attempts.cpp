@@ -219,6 +219,7 @@ bool Store::SameFinal(std::int64_t attempt, const FinalStatus& final) {
     stored.errorText = query.Text();
     stored.furtherText = query.Text();
     stored.result = query.Text();
+    stored.stalled = final.stalled;
     return stored == final;
 }
 
@@ -226,7 +227,8 @@ void Store::WriteFinal(const Holder& holder, const FinalStatus& final) {
     m_database
         ->Prepare(
             "UPDATE attempts SET status = ?1, detail_code = ?2, detail_text = ?3, error_code = ?4, "
-            "error_text = ?5, further_text = ?6, last_seen_us = ?7, percent = ?8 WHERE id = ?9")
+            "error_text = ?5, further_text = ?6, last_seen_us = ?7, percent = ?8, stalled = ?9 "
+            "WHERE id = ?10")
         .Bind(std::int64_t{final.status})
         .Bind(std::int64_t{final.detailErrorCode})
         .Bind(final.detailErrorText)
@@ -235,6 +237,7 @@ void Store::WriteFinal(const Holder& holder, const FinalStatus& final) {
         .Bind(final.furtherText)
         .Bind(m_now())
         .Bind(final.status == kTaskFinished ? 100.0 : holder.percent)
+        .Bind(std::int64_t{final.stalled})
         .Bind(holder.attempt)
         .Run();
     if (final.result.empty()) return;
@@ -252,6 +255,11 @@ Result<FinishOutcome> Store::Finish(const std::string& token, const FinalStatus&
             outcome = SameFinal(holder.attempt, final) ? FinishOutcome::Repeat : FinishOutcome::Late;
             if (outcome == FinishOutcome::Late)
                 AddEvent(holder.task, holder.attempt, "late-status", FinalEventJson(final));
+            // Whenever that is said, its worker begins no further task.
+            if (final.stalled)
+                m_database->Prepare("UPDATE attempts SET stalled = 1 WHERE id = ?1")
+                    .Bind(holder.attempt)
+                    .Run();
             return;
         }
         WriteFinal(holder, final);

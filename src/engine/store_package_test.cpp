@@ -159,6 +159,7 @@ TEST_F(StorePackageTest, TheNextEngineFindsWhatHasNotEnded) {
     FinalStatus stalled = Final(kTaskError);
     stalled.detailErrorCode = 0x80000001;
     stalled.errorCode = 6;
+    stalled.stalled = true;
     ASSERT_TRUE(m_store->Finish(third.token, stalled));
     open = m_store->OpenOfWorker(first.attempt).value();
     ASSERT_EQ(open.size(), 1u);

@@ -96,7 +96,7 @@ constexpr const char* kOpenAttempt =
     "SELECT a.task, a.id, a.number, t.type, t.public_id, a.token, a.state, t.origin = 'external', "
     "t.cancel_us IS NOT NULL, a.started_us IS NOT NULL, a.session, a.pid, a.process_mark, a.output, "
     "a.reported_task, a.created_us, a.worker_seq, a.asked, a.text_asked, a.connected_us IS NOT NULL, "
-    "a.detail_code = 0x80000001 AND a.error_code = 6, a.add_seq, a.told, "
+    "a.stalled != 0, a.add_seq, a.told, "
     "a.silence_ms, a.said_bye, a.exited_us IS NOT NULL, a.exit_code, a.exit_signal "
     "FROM attempts a JOIN tasks t ON t.id = a.task WHERE ";
 

@@ -189,7 +189,16 @@ ALTER TABLE attempts ADD COLUMN told INTEGER;
 PRAGMA user_version = 9;
 )sql";
 
-constexpr const char* kSteps[] = {kStep1, kStep2, kStep3, kStep4, kStep5, kStep6, kStep7, kStep8, kStep9};
+// Whether the worker said that it closed the task, since its progress stood. Before, the codes told it.
+constexpr const char* kStep10 = R"sql(
+ALTER TABLE attempts ADD COLUMN stalled INTEGER NOT NULL DEFAULT 0;
+UPDATE attempts SET stalled = 1 WHERE status = 4 AND detail_code = 0x80000001 AND error_code = 6;
+
+PRAGMA user_version = 10;
+)sql";
+
+constexpr const char* kSteps[] = {kStep1, kStep2, kStep3, kStep4, kStep5,
+                                  kStep6, kStep7, kStep8, kStep9, kStep10};
 static_assert(std::size(kSteps) == kSchemaVersion);
 
 }  // namespace

@@ -91,6 +91,7 @@ struct FinalStatus {
     std::string errorText;
     std::string furtherText;
     std::string result;
+    bool stalled = false;  // the worker's report of a stall, whatever the task itself says later
 
     bool operator==(const FinalStatus&) const = default;
 };

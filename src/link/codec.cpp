@@ -68,6 +68,7 @@ void FillEntry(const TaskStatusEntry& entry, wire::StatusEntry* out) {
     out->set_error_text(entry.errorText);
     out->set_further_text(entry.furtherText);
     if (entry.result) ResultToWire(*entry.result, out);
+    out->set_stalled(entry.stalled);
 }
 
 template <class WireMessage, class Entry>
@@ -119,6 +120,7 @@ TaskStatusEntry FromWire(const wire::StatusEntry& in) {
     entry.errorText = in.error_text();
     entry.furtherText = in.further_text();
     entry.result = ResultFromWire(in);
+    entry.stalled = in.stalled();
     return entry;
 }
 

@@ -129,6 +129,13 @@ TEST(Codec, StateWithoutResult) {
     EXPECT_EQ(entry.errorText, "e");
     EXPECT_EQ(entry.furtherText, "f");
     EXPECT_EQ(entry.result, nullptr);
+    EXPECT_FALSE(entry.stalled);
+}
+
+TEST(Codec, StateOfAStalledTask) {
+    EngineStateMessage message = StateWith(4);
+    message.entries[0].stalled = true;
+    EXPECT_TRUE(ThereAndBack(4009, message).entries.at(0).stalled);
 }
 
 TEST(Codec, StateWithMd5Result) {

@@ -131,6 +131,8 @@ struct TaskStatusEntry {
     std::string errorText;                           // UTF-8
     std::string furtherText;                         // UTF-8
     std::shared_ptr<const stTaskResultBase> result;  // null when there is none
+    // The worker's own report that the task has stalled. Its codes may come from a plug-in as well.
+    bool stalled = false;
 };
 
 // One element of a progress report (message 4008, kind "process").

@@ -108,6 +108,7 @@ TEST_F(Patrol, StallMessage) {
     EXPECT_EQ(entry.status, 4u);
     EXPECT_EQ(entry.taskType, 3u);
     EXPECT_EQ(entry.detailErrorCode, 0x80000001u);
+    EXPECT_TRUE(entry.stalled);
     EXPECT_EQ(entry.detailErrorText, "dwKWRSOFTCODEC_UnknowErr");
     EXPECT_EQ(entry.errorCode, 6u);
     EXPECT_EQ(entry.errorText, "Task Not Response !");

@@ -140,6 +140,7 @@ void ProgressWatch::HandleStall() {
     entry.detailErrorText = ReportedErrorText(kStallDetailError, kFamilyCodec);
     entry.errorCode = kStallTaskError;
     entry.errorText = ReportedErrorText(kStallTaskError, kFamilyTask);
+    entry.stalled = true;
 
     Log(4, "Progress is not be updated for long time", "BASE");
     // Once: the work loop reports the task's own final status with retries, as soon as the plug-in gives up,

@@ -66,7 +66,7 @@ STATUS_ENTRY = {1: _field("task_id", BYTES), 2: _field("second", BYTES), 3: _fie
                 7: _field("detail_error_text", BYTES), 8: _field("error_code", UINT), 9: _field("error_text", BYTES),
                 10: _field("further_text", BYTES), 11: _field("md5", MESSAGE, False, MD5_RESULT),
                 12: _field("transfer", MESSAGE, False, TRANSFER_RESULT),
-                13: _field("transcode", MESSAGE, False, TRANSCODE_RESULT)}
+                13: _field("transcode", MESSAGE, False, TRANSCODE_RESULT), 14: _field("stalled", UINT)}
 STATE = dict(_RECORD_HEAD)
 STATE[5] = _field("entries", MESSAGE, True, STATUS_ENTRY)
 STATE[6] = _field("repeat", UINT)

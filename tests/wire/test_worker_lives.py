@@ -54,10 +54,10 @@ class Stall(LifeCase):
         patrol = self.final(link, seen=seen)
         self.assertIn(50.0, [frame.body["entries"][0]["percent"] for frame in seen if frame.id == peer.ID_PROGRESS])
         self.assertEqual((patrol["status"], patrol["task_type"], patrol["task_id"]), (4, 3, b"T-1"))
-        self.assertEqual((patrol["detail_error_code"], patrol["error_code"]), (0x80000001, 6))
+        self.assertEqual((patrol["detail_error_code"], patrol["error_code"], patrol["stalled"]), (0x80000001, 6, 1))
         self.assertTrue(patrol["error_text"])
         own = self.final(link)  # the plug-in left 5; a close by the patrol makes it an error
-        self.assertEqual((own["status"], own["error_code"]), (4, 0))
+        self.assertEqual((own["status"], own["error_code"], own["stalled"]), (4, 0, 0))
         link.send(peer.ID_EXIT)
         self.assert_says_goodbye(engine, link)
 
