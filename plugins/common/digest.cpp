@@ -22,6 +22,21 @@ std::string HexOf(const std::uint8_t* bytes, std::size_t count) {
     return text;
 }
 
+std::string DigestLine(std::string_view hex, std::string_view name) {
+    std::string escaped;
+    for (const char c : name) {
+        if (c == '\\')
+            escaped += "\\\\";
+        else if (c == '\n')
+            escaped += "\\n";
+        else if (c == '\r')
+            escaped += "\\r";
+        else
+            escaped += c;
+    }
+    return (escaped.size() == name.size() ? "" : "\\") + std::string(hex) + "  " + escaped + "\n";
+}
+
 std::optional<Md5Digest> ParseMd5(std::string_view text) {
     Md5Digest digest{};
     if (text.size() != 2 * digest.size()) return std::nullopt;

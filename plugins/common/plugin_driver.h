@@ -142,11 +142,14 @@ class PluginDriver : public testing::Test {
         EXPECT_EQ(m_progress.back().done, m_progress.back().total);
     }
     // What rqplugin-check says of the plug-in's library with this task.
-    void ExpectCheckPasses(const std::string& text, const std::string& tasks = "60") const {
+    void ExpectCheckPasses(const std::string& text, const std::string& tasks = "60",
+                           const std::vector<std::string>& more = {}) const {
         const kit::TempDir folder;
         folder.Write("task.xml", text);
-        kit::Child check(RQ_PLUGIN_CHECK,
-                         {RQ_PLUGIN_FILE, "--task", folder.Utf8("task.xml"), "--tasks", tasks});
+        std::vector<std::string> arguments{RQ_PLUGIN_FILE, "--task", folder.Utf8("task.xml"), "--tasks",
+                                           tasks};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        kit::Child check(RQ_PLUGIN_CHECK, arguments);
         EXPECT_EQ(check.ExitCode(std::chrono::minutes(3)), 0) << check.Output() << check.Errors();
         EXPECT_NE(check.Output().find("\npassed: "), std::string::npos) << check.Output();
     }

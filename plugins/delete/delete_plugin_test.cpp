@@ -1,4 +1,5 @@
 // The delete plug-in through its exported functions, on both platforms.
+#include <atomic>
 #include <chrono>
 #include <thread>
 
@@ -23,6 +24,33 @@ TEST_F(DeleteTest, PassesTheCheck) {
     ExpectCheckPasses(Text(Item("allowed/stays", true), true));
     EXPECT_TRUE(Exists("allowed/stays/b/c"));
     ExpectCheckPasses(Text(Item("allowed/not there")));
+}
+
+// Files that somebody makes again and again, so that most tasks have something to delete.
+TEST_F(DeleteTest, PassesTheCheckWithRealDeletions) {
+    fs::create_directories(At("allowed/made"));
+    fs::create_directories(At("new"));
+    std::string items;
+    for (int i = 0; i < 5; ++i) items += Item("allowed/made/" + std::to_string(i));
+    std::atomic<bool> isOver{false};
+    std::thread maker([&] {
+        for (int i = 0; !isOver; i = (i + 1) % 5) {
+            const std::string name = std::to_string(i);
+            Write("new/" + name, "1");
+            std::error_code problem;
+            if (!Exists("allowed/made/" + name))
+                fs::rename(At("new/" + name), At("allowed/made/" + name), problem);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    ExpectCheckPasses(Text(items), "100");
+    isOver = true;
+    maker.join();
+    std::size_t deleted = 0;
+    for (const fs::path& report : kit::FindFiles(m_reportDir.Path(), ".txt"))
+        for (const std::string& line : kit::ReadLines(report))
+            deleted += line.find("Z delete ") == 19 ? 1 : 0;
+    EXPECT_GE(deleted, 20u);
 }
 
 TEST_F(DeleteTest, DeletesFilesAndEmptyFolders) {

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "delete_test_folder.h"
+#include "plugin_common/small_files.h"
 #include "tree.h"
 
 namespace rq::del {
@@ -153,6 +154,30 @@ TEST_F(DeleteTest, FoldersThatAreNestedTooDeepStay) {
     EXPECT_EQ(Error(), 0x84100032u);
     EXPECT_NE(Detail().find(": folders are nested more than 256 deep"), std::string::npos) << Detail();
     EXPECT_TRUE(fs::exists(deep));
+}
+
+// What cannot be named in the journal is not deleted: each batch is written before it goes.
+TEST_F(DeleteTest, AJournalThatCanBeWrittenNoFurtherEndsTheDeletion) {
+    for (std::size_t i = 0; i < 3 * kBatch; ++i) Write("allowed/tree/" + std::to_string(i), "1");
+    // The first batch has room there, the second has not.
+    const std::size_t line_bytes =
+        std::string("2025-01-31T10:00:00.000000Z delete \n").size() + PathOf("allowed/tree/1").size();
+    {
+        const task::SmallFiles limit(line_bytes * kBatch * 3 / 2);
+        EXPECT_EQ(Do(Text(Item("allowed/tree", true))), RQ_STATUS_ERROR);
+    }
+    EXPECT_EQ(Error(), 0x84100033u);
+    EXPECT_EQ(m_info->detailErrorCode, static_cast<std::uint32_t>(EFBIG));
+    EXPECT_NE(Detail().find("; nothing more was deleted"), std::string::npos) << Detail();
+    EXPECT_EQ(Names("allowed/tree").size(), 2 * kBatch);
+    std::string journal;
+    for (const fs::path& file : kit::FindFiles(m_reportDir.Path(), ".txt")) journal += kit::ReadText(file);
+    for (std::size_t i = 0; i < 3 * kBatch; ++i) {
+        const std::string name = "allowed/tree/" + std::to_string(i);
+        if (!Exists(name)) {
+            EXPECT_NE(journal.find("Z delete " + PathOf(name) + "\n"), std::string::npos) << name;
+        }
+    }
 }
 
 }  // namespace

@@ -56,28 +56,11 @@ bool ParseChecksum(std::string_view line, Checksum& checksum) {
 }
 
 std::string ChecksumLine(std::string_view name, const task::Md5Digest& digest) {
-    std::string escaped;
-    for (const char c : name) {
-        if (c == '\\')
-            escaped += "\\\\";
-        else if (c == '\n')
-            escaped += "\\n";
-        else if (c == '\r')
-            escaped += "\\r";
-        else
-            escaped += c;
-    }
-    return (escaped.size() == name.size() ? "" : "\\") + HexOf(digest) + "  " + escaped + "\n";
+    return task::DigestLine(HexOf(digest), name);
 }
 
 std::string HexOf(const task::Md5Digest& digest) {
-    constexpr char kHex[] = "0123456789abcdef";
-    std::string text;
-    for (const std::uint8_t byte : digest) {
-        text += kHex[byte >> 4];
-        text += kHex[byte & 15];
-    }
-    return text;
+    return task::HexOf(digest.data(), digest.size());
 }
 
 }  // namespace rq::md5

@@ -127,6 +127,12 @@ TEST_F(Md5Threads, PassTheCheck) {
     ExpectCheckPasses(TaskText("<Folder><Path>" + m_dir.Utf8() + "</Path></Folder>",
                                Threads(3) + "<WriteChecksums><Path>" + PathOf("sums") +
                                    "</Path><Overwrite>true</Overwrite></WriteChecksums>"));
+    std::string files;
+    for (const char* name : {"a/one", "a/two", "b"})
+        files += FileElement(PathOf(name), kit::ReferenceMd5(PathFromUtf8(PathOf(name))));
+    const std::string sums = "<ChecksumFile><Path>" + PathOf("sums") + "</Path></ChecksumFile>";
+    ExpectCheckPasses(TaskText(files, Threads(1)), "100", {"--type", "4"});
+    ExpectCheckPasses(TaskText(files + sums, Threads(2)), "100", {"--type", "4"});
 }
 
 TEST_F(Md5Threads, AreFromOneTo64) {

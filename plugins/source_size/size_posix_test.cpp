@@ -1,32 +1,9 @@
 // A report that the disk does not take, on Linux.
-#include <sys/resource.h>
-
-#include <csignal>
-
 #include "plugin_common/plugin_driver.h"
+#include "plugin_common/small_files.h"
 
 namespace rq::source_size {
 namespace {
-
-// No file may become larger, for a scope.
-class SmallFiles {
-  public:
-    explicit SmallFiles(rlim_t most_bytes) : m_handler(std::signal(SIGXFSZ, SIG_IGN)) {
-        ::getrlimit(RLIMIT_FSIZE, &m_before);
-        const rlimit small{most_bytes, m_before.rlim_max};
-        EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
-    }
-    ~SmallFiles() {
-        ::setrlimit(RLIMIT_FSIZE, &m_before);
-        std::signal(SIGXFSZ, m_handler);
-    }
-    SmallFiles(const SmallFiles&) = delete;
-    SmallFiles& operator=(const SmallFiles&) = delete;
-
-  private:
-    rlimit m_before{};
-    void (*m_handler)(int);
-};
 
 using SizeOnLinux = task::PluginDriver;
 
@@ -37,7 +14,7 @@ TEST_F(SizeOnLinux, AReportThatCannotBeWrittenIsSaid) {
     for (int i = 0; i < 10'000; ++i) text += file;
     text += "</Files></SourceSizeTask>";
     {
-        const SmallFiles limit(256 << 10);
+        const task::SmallFiles limit(256 << 10);
         EXPECT_EQ(Do(text), RQ_STATUS_ERROR);
     }
     EXPECT_EQ(Error(), 0x84100033u);
@@ -49,7 +26,7 @@ TEST_F(SizeOnLinux, AReportThatCannotBeWrittenIsSaid) {
     // What a cancelled task could not write does not make it fail.
     m_onProgress = [&] { RQStore32(&m_stop, RQ_STOP_CANCEL); };
     {
-        const SmallFiles limit(256 << 10);
+        const task::SmallFiles limit(256 << 10);
         EXPECT_EQ(Do(text), RQ_STATUS_CANCELLED);
     }
     RQStore32(&m_stop, RQ_STOP_NONE);

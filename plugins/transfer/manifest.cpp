@@ -5,22 +5,6 @@ namespace {
 
 constexpr std::size_t kGathered_bytes = 64u << 10;
 
-// A name as md5sum and sha256sum write it: one with a line end or a backslash has its line marked.
-std::string LineOf(const std::string& hex, const std::string& name) {
-    std::string escaped;
-    for (const char c : name) {
-        if (c == '\\')
-            escaped += "\\\\";
-        else if (c == '\n')
-            escaped += "\\n";
-        else if (c == '\r')
-            escaped += "\\r";
-        else
-            escaped += c;
-    }
-    return (escaped == name ? "" : "\\") + hex + "  " + escaped + "\n";
-}
-
 }  // namespace
 
 void Manifest::Begin(const std::string& target, bool md5, bool sha256, bool overwrite,
@@ -37,9 +21,10 @@ void Manifest::Begin(const std::string& target, bool md5, bool sha256, bool over
 
 void Manifest::Add(const std::string& name, const Digests& digests) {
     for (File& file : m_files) {
-        if (file.isMd5 && digests.md5) file.buffer += LineOf(Md5Hex(*digests.md5), name);
+        if (file.isMd5 && digests.md5) file.buffer += task::DigestLine(Md5Hex(*digests.md5), name);
         if (!file.isMd5 && digests.sha256)
-            file.buffer += LineOf(task::HexOf(digests.sha256->data(), digests.sha256->size()), name);
+            file.buffer +=
+                task::DigestLine(task::HexOf(digests.sha256->data(), digests.sha256->size()), name);
         if (file.buffer.size() >= kGathered_bytes) Write(file);
     }
 }

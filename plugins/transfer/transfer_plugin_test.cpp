@@ -3,6 +3,7 @@
 
 #include "copy_stream.h"
 #include "places.h"
+#include "platform/process_facts.h"
 #include "transfer_test_folder.h"
 #include "transfer_work.h"
 
@@ -22,6 +23,31 @@ TEST_F(TransferTest, PassesTheCheck) {
     ExpectCheckPasses(Text(Item("a", "b"), Flags({"Overwrite", "MD5", "SHA256", "Verify", "Manifest"})));
     EXPECT_EQ(Read("b"), Read("a"));
     ExpectCheckPasses(Text(Item("a", "c"), Flags({"Overwrite"})));
+    for (const char* name : {"tree/one", "tree/sub/two", "tree/sub/three"}) Write(name, Bytes(10'000));
+    ExpectCheckPasses(Text(Item("tree", "copy") + Item("a", "d"), Flags({"Overwrite", "MD5", "Manifest"})),
+                      "60");
+    EXPECT_EQ(Read("copy/sub/two"), Read("tree/sub/two"));
+    EXPECT_TRUE(Exists("copy.md5"));
+}
+
+// A move cannot be done twice, as the check would: there and back, nothing stays open.
+TEST_F(TransferTest, MovesLeaveNothingOpen) {
+    for (const char* name : {"here/one", "here/sub/two"}) Write(name, Bytes(10'000));
+    const std::string other = OtherFileSystem();
+    const fs::path elsewhere = other.empty() ? At("elsewhere") : NewFolderIn(other);
+    fs::create_directory(elsewhere);
+    const auto target = Utf8FromPath(elsewhere / "there");
+    std::vector<std::size_t> handles;
+    for (int i = 0; i < 40; ++i) {
+        ASSERT_EQ(Do(Text(ItemOf(PathOf("here"), target), kMove)), RQ_STATUS_FINISHED) << Detail();
+        ASSERT_EQ(Do(Text(ItemOf(target, PathOf("here")), kMove + Flags({"MD5"}))), RQ_STATUS_FINISHED)
+            << Detail();
+        handles.push_back(platform::HandleCount());
+    }
+    EXPECT_GT(handles.back(), 0u);
+    EXPECT_LE(handles.back(), handles[9] + 2);
+    EXPECT_EQ(Names("here/sub"), Strings{"two"});
+    fs::remove_all(elsewhere);
 }
 
 // Around the buffers' size, with and without digests: the same bytes, the right digest, nothing else in the
