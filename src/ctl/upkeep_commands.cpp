@@ -24,11 +24,35 @@ Outcome<int> Backup(EngineAccess& engine, const std::string& file, bool asJson) 
     return kExitFinished;
 }
 
+namespace {
+
+// What the path lies in, as it is written itself; empty for a root.
+std::string FolderOf(std::string path) {
+    const char* const separators = path.starts_with('/') ? "/" : "\\/";
+    while (path.size() > 1 && path.find_last_of(separators) == path.size() - 1) path.pop_back();
+    const std::size_t end = path.find_last_of(separators);
+    if (end == std::string::npos || end + 1 == path.size()) return {};
+    return path.substr(0, end == 0 || path[end - 1] == ':' ? end + 1 : end);
+}
+
+bool CanBeRead(const json& answer) {
+    return answer.value("reached", false) && answer.value("readable", false);
+}
+
+}  // namespace
+
 Outcome<int> TestPath(EngineAccess& engine, const std::string& path, bool asJson) {
     if (path.empty()) return Failure(kExitUsage, "path test: the path is empty; is a variable not set?");
-    const auto answer = engine.Get("/api/v1/path?path=" + EncodeSegment(path));
+    auto answer = engine.Get("/api/v1/path?path=" + EncodeSegment(path));
     if (!answer) return answer.error();
-    const bool isReached = answer->value("reached", false) && answer->value("readable", false);
+    const bool isReached = CanBeRead(*answer);
+    // A target need not be there, but what it is to lie in.
+    const std::string above = isReached ? "" : FolderOf(path);
+    if (!above.empty()) {
+        auto folder = engine.Get("/api/v1/path?path=" + EncodeSegment(above));
+        if (!folder) return folder.error();
+        (*answer)["folder"] = std::move(*folder);
+    }
     if (asJson) {
         Print(answer->dump(2) + "\n");
         return isReached ? kExitFinished : kExitFailed;
@@ -45,6 +69,13 @@ Outcome<int> TestPath(EngineAccess& engine, const std::string& path, bool asJson
                 ", can be read\n";
     else
         text += "  PROBLEM: " + answer->value("problem", "") + "\n";
+    if (answer->contains("folder")) {
+        const json& folder = (*answer)["folder"];
+        text += "  its folder: " + folder.value("local", "") + ": " +
+                (CanBeRead(folder) ? "is there (" + folder.value("kind", "") + ")"
+                                   : folder.value("problem", "")) +
+                "\n";
+    }
     Print(text);
     return isReached ? kExitFinished : kExitFailed;
 }

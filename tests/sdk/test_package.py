@@ -70,6 +70,12 @@ class Package(unittest.TestCase):
                   "share/doc/rqworker/write-a-plugin.md", "share/rqworker/templates/cpp/linecount.cpp",
                   "share/rqworker/templates/c/ticks.c", "lib/cmake/RQWorkerSDK/RQWorkerSDKConfig.cmake"]
         self.assertEqual([name for name in wanted if not os.path.isfile(os.path.join(sdk, name))], [])
+        # What the page sends its reader to.
+        documents = os.path.join(sdk, "share/doc/rqworker")
+        with open(os.path.join(documents, "write-a-plugin.md"), encoding="utf-8") as page:
+            named = set(re.findall(r"`(?:docs/|sdk/)?([\w-]+\.md)`", page.read()))
+        self.assertLessEqual({"contract.md", "link-journal.md"}, named)
+        self.assertLessEqual(named, set(os.listdir(documents)))
         starter = [STARTER] if STARTER else []
         self.assertIn(VERSION, run(*starter, os.path.join(sdk, "bin", "rqplugin-check" + EXE), "--version"))
 
@@ -125,6 +131,32 @@ class Templates(unittest.TestCase):
     def test_c(self):
         wanted = [name for name in FIVE if name not in ("RQWorkerInit", "RQWorkerRelease")]
         self.assertEqual(exports(self.build("c", "ticks", "ticks.c")), wanted)
+
+    @unittest.skipIf(IS_WINDOWS, "the worker names the folder to the system there, and the loader is not this one")
+    def test_a_library_beside_the_plugin_is_found(self):
+        folder = os.path.join(top, "beside")
+        shutil.copytree(os.path.join(sdk, "share/rqworker/templates/c"), folder)
+        with open(os.path.join(folder, "CMakeLists.txt"), "a", encoding="utf-8") as script:
+            script.write("add_library(helper SHARED helper.c)\ntarget_link_libraries(ticks PRIVATE helper)\n"
+                         "set_target_properties(helper PROPERTIES LIBRARY_OUTPUT_DIRECTORY"
+                         " \"${CMAKE_BINARY_DIR}/plugins/ticks\")\n")
+        with open(os.path.join(folder, "helper.c"), "w", encoding="utf-8") as source:
+            source.write("int helped(void);\nint helped(void) { return 1; }\n")
+        with open(os.path.join(folder, "ticks.c"), "a", encoding="utf-8") as source:
+            source.write("int helped(void);\nint g_helped;\n"
+                         "__attribute__((constructor)) static void Load(void) { g_helped = helped(); }\n")
+        configure(folder)
+        run(CMAKE, "--build", os.path.join(folder, "build"))
+        moved = os.path.join(top, "moved plug-in")
+        os.rename(os.path.join(folder, "build", "plugins", "ticks"), moved)
+        shutil.rmtree(folder)
+        task = os.path.join(top, "beside.txt")
+        with open(task, "w", encoding="utf-8") as text:
+            text.write("1")
+        check = [os.path.join(sdk, "bin", "rqplugin-check"), os.path.join(moved, "ticks.so"), "--task", task, "--tasks", "2"]
+        self.assertIn(", 0 failed", run(*check))
+        os.remove(os.path.join(moved, "libhelper.so"))
+        self.assertIn("libhelper.so", run(*check, code=1))
 
     def test_what_is_missing_is_an_error_of_the_link(self):
         folder = project("missing", "find_package(RQWorkerSDK REQUIRED)\nrq_add_plugin(x x.c)",

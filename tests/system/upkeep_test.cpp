@@ -73,6 +73,40 @@ TEST(Upkeep, EveryAnswerIsJsonWhenAskedFor) {
     EXPECT_EQ(node.Engine().ExitCode(std::chrono::seconds(60)), 0);
 }
 
+// What the path test says is what a worker then gets.
+TEST(Upkeep, PathsOfOtherMachinesAreTestedAndUsed) {
+    Node node(false);
+    const fs::path film = node.Folder().Write("media/film.bin", "content");
+    const std::string media = Utf8FromPath(film.parent_path());
+    node.Folder().Write("data/engine.toml", "[paths.map]\n'Q:\\media' = '" + media + "'\n");
+    node.StartEngine();
+    const auto test = [&](const std::string& path) { return node.Ctl({"path", "test", path}); };
+    const Outcome there = test("q:/media/film.bin");
+    EXPECT_EQ(there.code, 0) << there.errors;
+    EXPECT_EQ(there.output, "q:/media/film.bin\n  rule:   Q:\\media = " + media + "\n  local:  " +
+                                Utf8FromPath(film) + "\n  found:  file, 7 bytes, can be read\n");
+    const Outcome absent = test("Q:\\media\\new.bin");
+    EXPECT_EQ(absent.code, 1);
+    EXPECT_THAT(absent.output,
+                HasSubstr("\n  PROBLEM: nothing is there\n  its folder: " + media + ": is there (folder)\n"));
+    EXPECT_THAT(test("Q:\\media\\none\\new.bin").output, HasSubstr("none: nothing is there\n"));
+    EXPECT_THAT(test(media).output, HasSubstr("\n  rule:   none; the path stays as it is\n"));
+    const Outcome refused = test("film.bin");
+    EXPECT_NE(refused.code, 0);
+    const Outcome json = node.Ctl({"path", "test", "Q:\\media\\new.bin", "--json"});
+    EXPECT_EQ(json.code, 1);
+    const auto answer = nlohmann::json::parse(json.output);
+    EXPECT_EQ(answer["local"], Utf8FromPath(film.parent_path() / "new.bin"));
+    EXPECT_EQ(answer["reached"], false);
+    EXPECT_EQ(answer["folder"]["kind"], "folder");
+    EXPECT_EQ(nlohmann::json::parse(node.Ctl({"path", "test", media, "--json"}).output)["kind"], "folder");
+    // A real worker with a real plug-in.
+    const auto task = node.WaitForEnd(node.SubmitText(
+        "mc", "<MD5Task><ID>1</ID><Files><File><Path>Q:\\media\\film.bin</Path></File></Files></MD5Task>"));
+    EXPECT_EQ(task["state"], "finished") << task;
+    EXPECT_THAT(task["result"].dump(), HasSubstr(kit::ReferenceMd5(film)));
+}
+
 TEST(Upkeep, ABackupMadeWhileTheEngineRunsIsAStore) {
     Node node;
     const fs::path file = node.Folder().Write("film.bin", "content");
