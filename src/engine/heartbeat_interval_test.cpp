@@ -28,6 +28,10 @@ TEST(HeartbeatInterval, IsTheWorkersOwn) {
     EXPECT_EQ(with("often"), 40s);
     stage.Write("actor.xml", "<RunningParameters><Heart");
     EXPECT_EQ(HeartbeatInterval(stage.Utf8()), 40s);
+    // A file that the worker calls damaged gives it the default, whatever stands in it.
+    stage.Write("actor.xml",
+                "<RunningParameters><HeartbeatInterval>3</HeartbeatIntervall></RunningParameters>");
+    EXPECT_EQ(HeartbeatInterval(stage.Utf8()), 40s);
 }
 
 }  // namespace

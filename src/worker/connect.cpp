@@ -75,6 +75,7 @@ std::int32_t CRQWorkerBase::ConnectEngine() {
     client->Initialize(&setup);
 
     const EngineEndpoint endpoint{server.address.c_str(), server.port};
+    const SteadyTime began = m_clock.Steady();
     std::uint32_t sessionId = client->Connect(&endpoint);
     StoreSession(sessionId);
     ConsoleWrite("sessionID=" + std::to_string(sessionId) + "\n");
@@ -87,7 +88,6 @@ std::int32_t CRQWorkerBase::ConnectEngine() {
     // What Connect gave decides, not the stored value, which a loss right after the connection may have taken
     // away: a lost server is never called again.
     const auto limit = ConnectLimit();
-    const SteadyTime began = m_clock.Steady();
     while (sessionId == kNoSession) {
         if (limit && m_clock.Steady() - began >= *limit) {
             Log(4, "No engine was found within " + std::to_string(limit->count()) + " ms. The worker ends.");

@@ -199,17 +199,29 @@ TEST_F(Connect, AWorkerThatAnEngineStartedLooksForOneNoLongerThanItSays) {
               testing::Line(4, "No engine was found within 2500 ms. The worker ends."));
 }
 
-TEST_F(Connect, ALimitThatIsNoNumberIsNone) {
-    const kit::ScopedEnvironment limit("RQ_CONNECT_LIMIT_MS", "5x");
-    m_engine.connectResults.assign(3, kNoSession);
+TEST_F(Connect, TheLimitCountsFromBeforeTheFirstAttempt) {
+    const kit::ScopedEnvironment limit("RQ_CONNECT_LIMIT_MS", "2500");
+    m_engine.connectResults.assign(100, kNoSession);
+    m_engine.onConnect = [this] { m_clock.Advance(2500ms); };
+    EXPECT_EQ(InitCore(), kStatusFail);
+    EXPECT_EQ(m_journal.Count("client.Connect 127.0.0.1:8083"), 1u);
+}
+
+class ConnectWithoutLimit : public Connect, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(ConnectWithoutLimit, GoesOnForEver) {
+    const kit::ScopedEnvironment limit("RQ_CONNECT_LIMIT_MS", GetParam());
+    m_engine.connectResults.assign(300, kNoSession);
     MakeCore();
     std::thread init([this] { EXPECT_EQ(InitCore(), 0); });
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < 300; ++i) {
         ASSERT_TRUE(m_clock.WaitForWaiters(1));
         m_clock.Advance(1000ms);
     }
     init.join();
 }
+
+INSTANTIATE_TEST_SUITE_P(Values, ConnectWithoutLimit, ::testing::Values("", "0", "-1", "5x"));
 
 TEST_F(Connect, LossBeforeConnectReturnsIsNotForgottenAndNotRetried) {
     m_engine.onConnect = [this] { std::thread([this] { m_engine.DeliverLoss(); }).join(); };

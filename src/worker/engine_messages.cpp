@@ -157,7 +157,7 @@ void EngineOrders::Finish(const TaskCommandPayload* payload) {
 void EngineOrders::Disconnect(const DisconnectPayload* payload) {
     const std::uint32_t sessionId = payload != nullptr ? payload->sessionId : kNoSession;
     ConsoleWrite("Session" + std::to_string(sessionId) + "连接断开\n");
-    // First of all: a work loop that sees the loss begins nothing more.
+    // First of all: a work loop that sees the loss takes no further text.
     m_core.SetFlag(m_core.m_stop, true);
     m_core.LoseSession();
     Log(3, "Worker will be cancel!!!! Because Socket Server is Disconnect.");

@@ -185,7 +185,85 @@ TEST_F(WorkLoop, HeartbeatEndsAfterDoWorkHasReturned) {
     EXPECT_TRUE(m_engine.sent.WithId(TCP_WORKER_HEARTBEAT_ID).empty());
 }
 
+// ---- orders during an analysis ----
+
+class OrderInAnalysis : public WorkLoop {
+  protected:
+    // What the engine does while the runner analyses the only task; the task's 4009s.
+    std::vector<std::uint32_t> StatusesWith(const std::function<void()>& engine) {
+        m_script.onAnalyse = [engine](const std::string&, std::string& taskId) {
+            taskId = "T1";
+            engine();
+            return 0;
+        };
+        Begin();
+        StartWork();
+        EXPECT_TRUE(m_journal.WaitFor(m_progressEnd));
+        m_engine.DeliverDestroy();
+        EXPECT_EQ(JoinWork(), 0);
+        EXPECT_EQ(Performed(), 1u);
+        return m_engine.sent.Statuses();
+    }
+};
+
+// A text that was taken is performed, with the stop flag set: the plug-in ends it, and its status is told.
+TEST_F(OrderInAnalysis, ACancelReachesTheTaskThatFollows) {
+    EXPECT_EQ(StatusesWith([this] { m_engine.DeliverCommand(TCP_TASK_CANCEL_ID); }),
+              (std::vector<std::uint32_t>{3, 0}));
+    EXPECT_LT(m_journal.Find("send 4003"), m_journal.Find("runner.PerformTask"));
+}
+
+TEST_F(OrderInAnalysis, AFinishReachesTheTaskThatFollows) {
+    EXPECT_EQ(StatusesWith([this] { m_engine.DeliverCommand(TCP_TASK_FINISH_ID); }),
+              (std::vector<std::uint32_t>{3, 0}));
+    EXPECT_LT(m_journal.Find("send 4020"), m_journal.Find("runner.PerformTask"));
+}
+
+TEST_F(OrderInAnalysis, ASuspendHoldsUpNothingBeforeThePerformCall) {
+    EXPECT_EQ(StatusesWith([this] { m_engine.DeliverCommand(TCP_TASK_SUSPEND_ID); }),
+              (std::vector<std::uint32_t>{3, 0}));
+}
+
+TEST_F(OrderInAnalysis, ALossLetsItBePerformedAndTellsNobody) {
+    EXPECT_TRUE(StatusesWith([this] { m_engine.DeliverLoss(); }).empty());
+}
+
 // ---- the wait for the exit order ----
+
+// It counts from the end of the task, however long that took, and follows a refused text too.
+TEST_F(WorkLoop, TheWaitForTheExitOrderBeginsWhenTheTaskHasEnded) {
+    Begin();
+    m_script.onPerform = [this] {
+        m_clock.Advance(100s);
+        m_script.SetStatus(kTaskFinished);
+        return 0;
+    };
+    StartWork();
+    ASSERT_TRUE(m_journal.WaitFor(m_progressEnd));
+    for (int second = 1; second <= 60; ++second) {
+        WaitForIdle();
+        m_clock.Advance(1s);
+    }
+    WaitForIdle();
+    EXPECT_FALSE(m_core->HeartbeatShouldStop());
+    m_clock.Advance(1s);
+    EXPECT_EQ(JoinWork(), 0);
+}
+
+TEST_F(WorkLoop, ARefusedTextIsFollowedByTheWaitForTheExitOrder) {
+    Begin();
+    m_script.With([](RunnerAnswers& answers) { answers.analyseResult = 9; });
+    StartWork();
+    ASSERT_TRUE(m_journal.WaitFor("send 4009"));
+    for (int second = 1; second <= 60; ++second) {
+        WaitForIdle();
+        m_clock.Advance(1s);
+    }
+    WaitForIdle();
+    EXPECT_FALSE(m_core->HeartbeatShouldStop());
+    m_clock.Advance(1s);
+    EXPECT_EQ(JoinWork(), 9);
+}
 
 TEST_F(WorkLoop, WithoutAnOrderTheEndComesAfter61Seconds) {
     Begin();
