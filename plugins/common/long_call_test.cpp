@@ -43,6 +43,22 @@ TEST(LongCall, TellsFromTheCallersThreadThatItGoesOn) {
     EXPECT_LT(calls.last_s, kLongCall_s.count());
 }
 
+TEST(LongCall, PromisesNoMoreThanItsLimit) {
+    Calls calls;
+    calls.thread = std::this_thread::get_id();
+    const volatile std::uint32_t stop = RQ_STOP_NONE;
+    plugin::Run run(&stop, Count, &calls, nullptr);
+    const auto wait = [&] {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (calls.signs == 0 && std::chrono::steady_clock::now() < end)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        return 0;
+    };
+    MakeLongCall(run, wait, std::chrono::seconds(600));
+    EXPECT_GT(calls.last_s, kLongCall_s.count());
+    EXPECT_LT(calls.last_s, 600);
+}
+
 TEST(LongCall, SaysNothingOfAShortOneAndPassesOnWhatItThrows) {
     Calls calls;
     calls.thread = std::this_thread::get_id();

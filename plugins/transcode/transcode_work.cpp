@@ -293,14 +293,16 @@ Problem TranscodeWork::Look(const std::string& path, task::MediaFormat& format) 
 }
 
 Problem TranscodeWork::Publish() {
-    m_watch.QuietFor(kPublishing_s);
     task::MediaFormat format;
     Problem found;
     const auto check = [&](const std::string& path) {
         if (!m_watch.Cancelled()) found = Look(path, format);
         return !found && !m_watch.Cancelled();
     };
-    if (auto failure = m_publication.Publish(check)) return found ? found : FromPublishing(*failure);
+    // Syncing what was written may take minutes: the task can be paused meanwhile, and a stop is seen by the
+    // check.
+    if (auto failure = m_watch.Aside([&] { return m_publication.Publish(check); }, kPublishing_s))
+        return found ? found : FromPublishing(*failure);
     m_isPublished = true;
     const std::int64_t frames = m_video ? m_target.Packets(m_video->To()) : 0;
     const std::int64_t audio_us = m_audio ? m_target.EndUs(m_audio->To()) : 0;

@@ -21,7 +21,7 @@ namespace rq::transcode {
 // A source may end this much before the length that it tells of itself.
 constexpr std::int64_t kEarlyEnd_us = 500'000;
 // How long syncing and looking at the target may take before the task counts as stalled.
-constexpr std::int64_t kPublishing_s = 600;
+constexpr std::chrono::seconds kPublishing_s{600};
 
 class TranscodeWork {
   public:

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 
+#include "plugin_common/long_call.h"
 #include "rqworker/plugin.hpp"
 
 namespace rq::transcode {
@@ -28,8 +29,11 @@ class Watch {
     void Tick();
     // All done: everything that was to be done, or when that was not known, what was.
     void Complete();
-    // A call that takes its time is next.
-    void QuietFor(std::int64_t seconds) { m_run.QuietFor(seconds); }
+    // What `call` returns. It is made aside, and counts as alive for so long.
+    template <class Call>
+    auto Aside(Call call, std::chrono::seconds limit) {
+        return task::MakeLongCall(m_run, std::move(call), limit);
+    }
 
   private:
     void Tell(std::int64_t total, std::int64_t done);
