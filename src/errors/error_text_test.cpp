@@ -50,7 +50,7 @@ TEST_F(ErrorTextTest, EveryErrorOfThePlugInsHereHasWords) {
          {0x6u,        0x7u,        0x84100000u, 0x84100001u, 0x84100010u, 0x84100011u, 0x84100012u,
           0x84100013u, 0x84100014u, 0x84100015u, 0x84100016u, 0x84100017u, 0x84100018u, 0x84100020u,
           0x84100030u, 0x84100031u, 0x84100032u, 0x84100033u, 0x84100034u, 0x84100035u, 0x84100036u,
-          0x84100037u, 0x84100038u, 0x84100039u, 0x8410003Au, 0x8410003Bu, 0xFFFFFFFBu}) {
+          0x84100037u, 0x84100038u, 0x84100039u, 0x8410003Au, 0x8410003Bu, 0xFFFFFFFBu, 0xFFFFFFFDu}) {
         const std::wstring text = Text(code, 4);
         EXPECT_GT(text.size(), 10u) << std::hex << code;
         EXPECT_EQ(text.find(L"KWR_OVL_ERROR"), std::wstring::npos) << std::hex << code;
