@@ -62,6 +62,9 @@ add_library(RQ::Zlib STATIC IMPORTED GLOBAL)
 set_target_properties(RQ::Zlib PROPERTIES
   IMPORTED_LOCATION "${zlib_root}/lib/libz.a" INTERFACE_INCLUDE_DIRECTORIES "${PROJECT_BINARY_DIR}/native_headers")
 
+# For URLs in the transfer plug-in. The library has libssh2 and mbed TLS inside; TLS is Windows' own.
+rq_imported(RQ::Curl curl DEFINITIONS CURL_STATICLIB LINK ws2_32 crypt32 advapi32 bcrypt)
+
 # Digests are Windows' own.
 add_library(RQ::Digest INTERFACE IMPORTED GLOBAL)
 set_target_properties(RQ::Digest PROPERTIES INTERFACE_LINK_LIBRARIES bcrypt)

@@ -56,9 +56,8 @@ Problem FindCredential(const std::string& name, const std::string& host, Credent
     const std::string file = task::PathIn(folder, std::string(kCredentialsFile));
     if (task::IsAbsent(file)) return Wrong("this node has no credentials: there is no " + file);
     if (!IsPrivateFile(file))
-        return Wrong(file +
-                     ": others than the worker's user may read or write it, so it is not used; make it that "
-                     "user's own, with the rights 0600");
+        return Wrong(file + ": others than the worker's user may read or write it, so it is not used; " +
+                     PrivacyRemedy(file));
     std::string text;
     bool isTooLong = false;
     const std::uint32_t code = task::ReadSmallFile(file, kMaxFile_bytes, text, isTooLong);

@@ -27,7 +27,10 @@ struct Credential {
 // The entry of this name, for this host.
 Problem FindCredential(const std::string& name, const std::string& host, Credential& found);
 
-// Whether a file belongs to this process's user, and only that one may read or write it.
+// Whether a file belongs to this process's user, and only that one may read or write it; on Windows the
+// system and its administrators, too, who may anyway.
 bool IsPrivateFile(const std::string& path);
+// What to do with one that does not.
+std::string PrivacyRemedy(const std::string& path);
 
 }  // namespace rq::transfer

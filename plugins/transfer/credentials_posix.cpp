@@ -11,4 +11,8 @@ bool IsPrivateFile(const std::string& path) {
            (facts.st_mode & 077) == 0;
 }
 
+std::string PrivacyRemedy(const std::string&) {
+    return "make it that user's own, with the rights 0600";
+}
+
 }  // namespace rq::transfer

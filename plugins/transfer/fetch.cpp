@@ -123,14 +123,25 @@ Problem TransferWork::Send(Job& job) {
     Remote remote(std::move(settings));
     Passing passing(m_task.md5 || m_task.items[job.item].expected, m_task.sha256);
     passing.Begin();
-    Remote::Supply supply{source,
-                          [&](const void* bytes, std::size_t count) { return passing.Add(bytes, count); }};
-    if (Problem problem = remote.Upload(supply, m_task.overwrite))
-        return supply.code == 0 ? problem : SourceFailure(job.source, supply.code);
     Digests digests;
-    if (!passing.Finish(digests)) return NoDigest(job.source);
-    if (Problem problem = CheckSource(job, source)) return problem;
-    if (Problem problem = CheckExpected(job, digests, nullptr)) return problem;
+    const auto check = [&]() -> Problem {
+        if (!passing.Finish(digests)) return NoDigest(job.source);
+        if (Problem problem = CheckSource(job, source)) return problem;
+        return CheckExpected(job, digests, nullptr);
+    };
+    // Before the last bytes go out: by http they publish the file.
+    Problem refused;
+    std::uint64_t left_bytes = source.Size();
+    if (left_bytes == 0) refused = check();
+    Remote::Supply supply{source, [&](const void* bytes, std::size_t count) {
+                              if (!passing.Add(bytes, count)) return false;
+                              left_bytes -= std::min<std::uint64_t>(left_bytes, count);
+                              if (left_bytes == 0) refused = check();
+                              return !refused;
+                          }};
+    Problem upload = refused ? std::nullopt : remote.Upload(supply, m_task.overwrite);
+    if (refused) return refused;
+    if (upload) return supply.code == 0 ? upload : SourceFailure(job.source, supply.code);
     if (m_task.verify) {
         if (Problem problem = ReadBack(job, remote, digests)) return problem;
     }

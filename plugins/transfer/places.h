@@ -61,8 +61,8 @@ std::string RealPath(const std::string& path);
 std::uint32_t MakeFolder(const std::string& path, bool& made);
 // Time of modification and access rights (attributes), as far as the system allows.
 void CopyFolderFacts(const std::string& from, const std::string& to);
-// The link itself.
-std::uint32_t CopyLink(const std::string& from, const std::string& to);
+// The link itself; with `overwrite` in the place of a link or file that is there, at once.
+std::uint32_t CopyLink(const std::string& from, const std::string& to, bool overwrite);
 std::uint32_t RemoveFile(const std::string& path);
 std::uint32_t RemoveFolder(const std::string& path);
 bool OnSameFileSystem(const std::string& path, const std::string& other);

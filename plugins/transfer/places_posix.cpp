@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <climits>
 
+#include "plugin_common/node.h"
+
 namespace rq::transfer {
 namespace {
 
@@ -114,12 +116,19 @@ void CopyFolderFacts(const std::string& from, const std::string& to) {
     (void)::utimensat(AT_FDCWD, to.c_str(), times, 0);
 }
 
-std::uint32_t CopyLink(const std::string& from, const std::string& to) {
+std::uint32_t CopyLink(const std::string& from, const std::string& to, bool overwrite) {
     char text[PATH_MAX];
     const ssize_t length = ::readlink(from.c_str(), text, sizeof text - 1);
     if (length < 0) return LastCode();
     text[length] = '\0';
-    return ::symlink(text, to.c_str()) == 0 ? 0 : LastCode();
+    if (::symlink(text, to.c_str()) == 0) return 0;
+    if (errno != EEXIST || !overwrite) return LastCode();
+    const std::string other = ParentOf(to) + "/." + NameOf(to) + "." + task::RandomDigits() + ".rqpart";
+    if (::symlink(text, other.c_str()) != 0) return LastCode();
+    if (::rename(other.c_str(), to.c_str()) == 0) return 0;
+    const std::uint32_t code = LastCode();
+    ::unlink(other.c_str());
+    return code;
 }
 
 std::uint32_t RemoveFile(const std::string& path) {

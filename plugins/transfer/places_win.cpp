@@ -147,7 +147,7 @@ void CopyFolderFacts(const std::string& from, const std::string& to) {
         (void)::SetFileTime(target.Get(), nullptr, nullptr, &facts.ftLastWriteTime);
 }
 
-std::uint32_t CopyLink(const std::string&, const std::string&) {
+std::uint32_t CopyLink(const std::string&, const std::string&, bool) {
     return ERROR_NOT_SUPPORTED;
 }
 

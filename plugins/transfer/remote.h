@@ -1,4 +1,4 @@
-// One file behind a URL: looked at, read, written. Over libcurl (remote_curl.cpp), where the build has it.
+// One file behind a URL: looked at, read, written. Over libcurl (remote_curl.cpp).
 // A connection that breaks is made again, and the transfer goes on where it was, or begins anew where the
 // other side cannot go on. The plug-in's thread alone; nothing here has a thread that outlives a call.
 #pragma once
@@ -13,9 +13,6 @@
 #include "failure.h"
 
 namespace rq::transfer {
-
-// Whether this build transfers URLs; otherwise nothing below is there.
-bool TakesUrls();
 
 struct RemoteFacts {
     bool isThere = false;

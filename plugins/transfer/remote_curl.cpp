@@ -37,9 +37,11 @@ std::string Quoted(const std::string& url) {
     return text + "\"";
 }
 
-// What may be otherwise in a moment.
-bool IsPassing(CURLcode code, long answer) {
+// What may be otherwise in a moment. `isMoved`: bytes came or went before it.
+bool IsPassing(CURLcode code, long answer, bool isMoved = false) {
     switch (code) {
+        case CURLE_SSH:  // its one word for all troubles after the greeting
+            return isMoved;
         case CURLE_PARTIAL_FILE:
         case CURLE_RECV_ERROR:
         case CURLE_SEND_ERROR:
@@ -57,10 +59,6 @@ bool IsPassing(CURLcode code, long answer) {
 }
 
 }  // namespace
-
-bool TakesUrls() {
-    return true;
-}
 
 struct Remote::Curl {
     CURL* easy = nullptr;
@@ -119,6 +117,9 @@ struct Remote::Curl {
         if (!credential.user.empty()) Set(CURLOPT_USERNAME, credential.user.c_str());
         if (!credential.password.empty()) Set(CURLOPT_PASSWORD, credential.password.c_str());
         if (!credential.caFile.empty()) Set(CURLOPT_CAINFO, credential.caFile.c_str());
+        // Where the system looks at lists of revoked certificates (Windows): a certificate without one will
+        // do.
+        Set(CURLOPT_SSL_OPTIONS, static_cast<long>(CURLSSLOPT_REVOKE_BEST_EFFORT));
         Set(CURLOPT_WRITEFUNCTION, &Curl::Drop);
         if (SchemeOf(url) != "sftp") return;
         Set(CURLOPT_SSH_KNOWNHOSTS, credential.knownHosts.c_str());  // without it any host would do
@@ -127,6 +128,9 @@ struct Remote::Curl {
         } else {
             Set(CURLOPT_SSH_AUTH_TYPES, static_cast<long>(CURLSSH_AUTH_PUBLICKEY));
             Set(CURLOPT_SSH_PRIVATE_KEYFILE, credential.privateKeyFile.c_str());
+            // Not every library finds the public key in the private one.
+            const std::string publicKey = credential.privateKeyFile + ".pub";
+            if (!task::IsAbsent(publicKey)) Set(CURLOPT_SSH_PUBLIC_KEYFILE, publicKey.c_str());
             Set(CURLOPT_KEYPASSWD, credential.passphrase.c_str());
         }
     }
@@ -361,7 +365,7 @@ Problem Remote::Get(const std::string& url, Sink& sink, std::uint64_t& size_byte
             curl.position = 0;
             continue;
         }
-        if (!IsPassing(code, curl.Answer())) {
+        if (!IsPassing(code, curl.Answer(), curl.position > from)) {
             if (from != 0 && m_settings.isSource && curl.IsAbsent(code))
                 return Failure{task::kErrorSourceVanished, static_cast<std::uint32_t>(code),
                                url + ": the source is gone"};
@@ -425,7 +429,7 @@ Problem Remote::Upload(Supply& supply, bool overwrite) {
         if (code == CURLE_ABORTED_BY_CALLBACK || code == CURLE_SEND_FAIL_REWIND)
             return Failure{task::kErrorSourceChanged, 0,
                            m_settings.url + ": the source cannot be read as it was"};
-        if (!IsPassing(code, curl.Answer())) return curl.FailureOf(code);
+        if (!IsPassing(code, curl.Answer(), curl.passed_bytes > before)) return curl.FailureOf(code);
         if (curl.passed_bytes > before) {
             tries = 0;
             pause = m_settings.firstPause;

@@ -1,9 +1,7 @@
 // The plug-in of type 0: docs/tasks/transfer.md.
 #include "plugin_common/codes.h"
-#include "remote.h"
 #include "transfer_task.h"
 #include "transfer_work.h"
-#include "url.h"
 
 namespace rq::transfer {
 
@@ -15,11 +13,8 @@ class TransferPlugin final : public plugin::Plugin {
     plugin::Analysis Analyse(std::string_view taskText) override {
         TransferTask task;
         task::XmlError error;
-        if (ReadTransferTask(taskText, task, error) && !TakesUrls())
-            for (const TransferItem& item : task.items)
-                if (IsUrl(item.source) || IsUrl(item.target))
-                    error.Set(1, "this worker was built without URLs; give paths that the system can open");
-        if (!error.Failed()) return {0, std::make_unique<TransferRecord>(std::move(task))};
+        if (ReadTransferTask(taskText, task, error))
+            return {0, std::make_unique<TransferRecord>(std::move(task))};
         return {task::kAnalysisTaskText, std::make_unique<plugin::TaskRecord>(RQ_TYPE_TRANSFER, task.id),
                 error.Text()};
     }

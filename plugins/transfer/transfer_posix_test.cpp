@@ -140,6 +140,18 @@ TEST_F(TransferTest, LinksInAFolderAreMadeAnew) {
     EXPECT_EQ(Do(Text(Item("tree", "copy"))), RQ_STATUS_FINISHED) << Detail();
     EXPECT_EQ(fs::read_symlink(At("copy/link")), "a");
     EXPECT_EQ(fs::read_symlink(At("copy/out")), "/etc");
+    // Again, with a link that leads elsewhere and a folder in the place of another.
+    fs::remove(At("tree/link"));
+    fs::create_symlink("b", At("tree/link"));
+    EXPECT_EQ(Do(Text(Item("tree", "copy"), Flags({"Overwrite"}))), RQ_STATUS_FINISHED) << Detail();
+    EXPECT_EQ(fs::read_symlink(At("copy/link")), "b");
+    EXPECT_EQ(Names("copy"), (Strings{"a", "link", "out"}));
+    fs::remove(At("copy/link"));
+    fs::create_directory(At("copy/link"));
+    Do(Text(Item("tree", "copy"), Flags({"Overwrite"})));
+    ExpectFailure(0x84100000,
+                  "copy/link: the target exists already and is no link and no file: remove it first");
+    EXPECT_EQ(Names("copy"), (Strings{"a", "link", "out"}));
     fs::create_symlink(At("tree/a"), At("named"));
     EXPECT_EQ(Do(Text(Item("named", "b"))), RQ_STATUS_FINISHED) << Detail();
     EXPECT_FALSE(fs::is_symlink(At("b")));

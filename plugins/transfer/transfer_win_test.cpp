@@ -97,11 +97,6 @@ TEST_F(TransferTest, TheRootOfADriveKeepsItsSeparator) {
     EXPECT_FALSE(entries.empty());
 }
 
-TEST_F(TransferTest, UrlsAreRefused) {
-    EXPECT_EQ(Analyse(Text(ItemOf("http://127.0.0.1/a", PathOf("b")))), task::kAnalysisTaskText);
-    EXPECT_EQ(Further(), "line 1: this worker was built without URLs; give paths that the system can open");
-}
-
 // A server that is not there is an error with the system's words, soon.
 TEST_F(TransferTest, AShareThatIsNotThereIsSaid) {
     Write("a", "abc");

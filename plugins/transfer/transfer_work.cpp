@@ -140,11 +140,13 @@ Problem TransferWork::DoJob(Job& job) {
 }
 
 Problem TransferWork::DoLink(Job& job) {
-    const std::uint32_t code = CopyLink(job.source, job.target);
+    const std::uint32_t code = CopyLink(job.source, job.target, m_task.overwrite);
     if (code != 0) {
         Seen there;
         if (LookAt(job.target, false, there) == 0 && there.kind != Kind::kAbsent)
-            return Failure{task::kErrorTargetExists, code, job.target + ": the target exists already"};
+            return Failure{task::kErrorTargetExists, code,
+                           job.target + ": the target exists already" +
+                               (m_task.overwrite ? " and is no link and no file: remove it first" : "")};
         return TargetFailure(code, job.target + ": the link cannot be made: " + task::SystemWords(code), 0);
     }
     job.isPending = true;

@@ -1,15 +1,13 @@
-# The order of the steps of scripts/setup-windows-prefix, which calls this with ROOT and STEP set. Each step leaves a stamp.
-# "libraries" is what the programs need; "media" adds FFmpeg for the transcode plug-in.
-stamp := $(ROOT)/stamps
+# The parts of the Windows libraries, and for each those that it is built with. scripts/setup-windows-prefix calls this with STEP
+# set; prefix-step reads it too. "libraries" is what the programs need; "media" adds FFmpeg for the transcode plug-in.
 
-libraries: $(addprefix $(stamp)/,boost sqlite googletest protobuf expat spdlog tinyxml headers)
-media: libraries $(stamp)/ffmpeg
+libraries: boost sqlite googletest protobuf expat fmt spdlog tinyxml headers curl
+media: libraries ffmpeg
 
-# spdlog is built against the fmt of the prefix; FFmpeg against its zlib and x264.
-$(stamp)/spdlog: $(stamp)/fmt
-$(stamp)/ffmpeg: $(stamp)/zlib $(stamp)/x264
+spdlog: fmt
+ffmpeg: zlib x264
 
-$(stamp)/%:
-	+@$(STEP) $*
+boost sqlite googletest protobuf expat fmt spdlog tinyxml headers curl zlib x264 ffmpeg:
+	+@$(STEP) $@
 
-.PHONY: libraries media
+.PHONY: libraries media boost sqlite googletest protobuf expat fmt spdlog tinyxml headers curl zlib x264 ffmpeg

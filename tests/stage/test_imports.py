@@ -14,7 +14,7 @@ import unittest
 
 # What every Windows since 8 has in its system folder, as far as it is used here.
 WINDOWS = {
-    "advapi32.dll", "bcrypt.dll", "dbghelp.dll", "gdi32.dll", "iphlpapi.dll", "kernel32.dll", "mswsock.dll", "msvcrt.dll",
+    "advapi32.dll", "bcrypt.dll", "crypt32.dll", "dbghelp.dll", "gdi32.dll", "iphlpapi.dll", "kernel32.dll", "mswsock.dll", "msvcrt.dll",
     "ntdll.dll", "ole32.dll", "oleaut32.dll", "psapi.dll", "rpcrt4.dll", "shell32.dll", "shlwapi.dll", "user32.dll",
     "userenv.dll", "version.dll", "ws2_32.dll",
 }

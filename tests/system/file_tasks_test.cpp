@@ -79,9 +79,8 @@ TEST_F(FileTasks, ATransferThatFailsHasItsCodeAndText) {
     m_files.Write("a", "abc");
     m_files.Write("b", "old");
     ExpectFailure(Transfer("a", "b"), 0x84100000, "目标文件已存在 (the target file is already there)");
-    ExpectFailure(
-        Transfer("a", "a", "<Overwrite>true</Overwrite>"), 0x84100001,
-        "目标文件与源文件的参数相同 (the target file would have the same parameters as the source file)");
+    ExpectFailure(Transfer("a", "a", "<Overwrite>true</Overwrite>"), 0x84100001,
+                  "目标就是源文件 (the target is the source, or lies in it)");
     EXPECT_EQ(kit::ReadBytes(At("b")), "old");
 }
 

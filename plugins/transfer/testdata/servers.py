@@ -1,6 +1,11 @@
-"""servers.py FOLDER [CERTIFICATE]: an HTTP server, with CERTIFICATE (a PEM file with its key) an HTTPS one too, and an FTP
-server over FOLDER, on free ports of 127.0.0.1; for the tests of transfers. Prints "http PORT", "https PORT" and "ftp PORT",
-then "ready", then a line for each request. User "u" has the password "p w".
+"""servers.py FOLDER KEYS [tls] [sftp:KIND] [alone]: an HTTP and an FTP server over FOLDER, with "tls" an HTTPS and an FTPS one (TLS from
+the beginning) too, and with "sftp" an sshd of this user's own with keys of that kind (ecdsa, ed25519, rsa; rsa-sha1: and it takes
+signatures with SHA-1), on free ports of 127.0.0.1; for the tests of transfers. Prints "http PORT" and so on, then "ready", then a line
+for each request; or "lacks" and what the machine lacks. Ends when FOLDER is gone. "alone": errors go to the output. User "u" has the password "p w".
+
+KEYS gets public.pem, the certificate, which is for "localhost", and other.pem, another one for it; known, the key of the sshd; and user with user.pub, the key of its user, with the
+passphrase "phrase". It prints "user NAME" and "place PATH", FOLDER as a part of a URL. "sftp-cut PORT" leads to the sshd too, and breaks
+the first connection after so many bytes.
 
 HTTP: /files/NAME is plain. Elsewhere the same files are there, but: /cut/ breaks off in the middle the first time; /norange/ does
 too, and knows no ranges; /changes/ too, and the file is another one then; /busy/ answers 503 the first time; /private/ wants
@@ -9,18 +14,27 @@ FTP: a download of a name with "cut" breaks off in the middle the first time, an
 "full" has no room, and of one with "short" only the beginning is kept.
 """
 import base64
+import ctypes
+import getpass
 import hashlib
 import http.server
 import os
 import socket
 import socketserver
 import ssl
+import subprocess
 import sys
 import threading
 import time
 import urllib.parse
 
-FOLDER = sys.argv[1]
+FOLDER, KEYS = sys.argv[1:3]
+WANTED = sys.argv[3:]
+# What Wine hands on, its own error output for one, would keep a test's reader waiting.
+os.closerange(3, 1024)
+if "alone" in WANTED:
+    os.dup2(1, 2)
+CUT_BYTES = 1_500_000
 seen = set()
 lock = threading.Lock()
 
@@ -112,6 +126,10 @@ class Http(http.server.BaseHTTPRequestHandler):
         kind, path = self.place()
         say("PUT", self.path)
         data = self.rfile.read(int(self.headers["Content-Length"]))
+        if len(data) < int(self.headers["Content-Length"]):
+            say("PUT was not complete")
+            self.close_connection = True
+            return None
         if self.headers.get("If-None-Match") == "*" and os.path.exists(path):
             return self.answer(412)
         if kind == "full":
@@ -137,7 +155,7 @@ class Ftp(socketserver.StreamRequestHandler):
     def data(self):
         connection, _ = self.passive.accept()
         self.passive.close()
-        return connection
+        return protection.wrap_socket(connection, server_side=True) if self.server.is_protected else connection
 
     def send(self, name):
         with open(self.path(name), "rb") as file:
@@ -197,6 +215,8 @@ class Ftp(socketserver.StreamRequestHandler):
             elif command == "SIZE":
                 is_file = os.path.isfile(self.path(rest))
                 answer = "213 %d" % os.path.getsize(self.path(rest)) if is_file else "550 no such file"
+            elif command in ("PBSZ", "PROT"):
+                answer = "200 so be it"
             elif command == "EPSV":
                 self.passive = socket.create_server(("127.0.0.1", 0))
                 answer = "229 come (|||%d|)" % self.passive.getsockname()[1]
@@ -221,19 +241,105 @@ class Ftp(socketserver.StreamRequestHandler):
             self.tell(answer)
 
 
-def serve(kind, server):
+def make_certificates():
+    private, public, other = (os.path.join(KEYS, name) for name in ("private.pem", "public.pem", "other.pem"))
+    for path in (other, public):
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2",
+                        "-subj", "/CN=test", "-addext", "subjectAltName=DNS:localhost", "-keyout", private, "-out", path],
+                       check=True, capture_output=True)
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    context.load_cert_chain(public, private)
+    return context
+
+
+def end_with_parent():
+    ctypes.CDLL(None).prctl(1, 15)
+
+
+def start_sshd(kind):
+    program = "/usr/sbin/sshd"
+    if not os.path.exists(program):
+        return "there is no " + program
+    if os.geteuid() == 0 and not os.path.isdir("/run/sshd"):
+        return "as root it wants /run/sshd"
+    for name, phrase in (("host", ""), ("user", "phrase")):
+        form = ["-t", kind.split("-")[0]] + (["-m", "PEM"] if kind.startswith("rsa") and name == "user" else [])
+        subprocess.run(["ssh-keygen", "-q", *form, "-N", phrase, "-C", "test", "-f", os.path.join(KEYS, name)], check=True)
+    with socket.create_server(("127.0.0.1", 0)) as place:
+        port = place.getsockname()[1]
+    settings = ["ListenAddress 127.0.0.1", "Port %d" % port, 'HostKey "%s"' % os.path.join(KEYS, "host"),
+                'AuthorizedKeysFile "%s"' % os.path.join(KEYS, "user.pub"), "StrictModes no", "PasswordAuthentication no",
+                "PidFile none", "Subsystem sftp internal-sftp"]
+    if kind == "rsa-sha1":
+        settings += ["HostKeyAlgorithms +ssh-rsa", "PubkeyAcceptedAlgorithms +ssh-rsa"]
+    with open(os.path.join(KEYS, "config"), "w") as file:
+        file.write("\n".join(settings) + "\n")
+    subprocess.Popen([program, "-D", "-e", "-f", os.path.join(KEYS, "config")], preexec_fn=end_with_parent)
+    for _ in range(500):
+        try:
+            socket.create_connection(("127.0.0.1", port)).close()
+            break
+        except OSError:
+            time.sleep(0.02)
+    with open(os.path.join(KEYS, "host.pub")) as file:
+        key = file.read()
+    cutter = socketserver.ThreadingTCPServer(("127.0.0.1", 0), Cutter)
+    cutter.port = port
+    serve("sftp-cut", cutter)
+    with open(os.path.join(KEYS, "known"), "w") as file:
+        for known in (port, cutter.server_address[1]):
+            file.write("[127.0.0.1]:%d %s" % (known, key))
+    say("user", getpass.getuser())
+    say("place", urllib.parse.quote(FOLDER))
+    say("sftp", port)
+    return None
+
+
+class Cutter(socketserver.BaseRequestHandler):
+    def handle(self):
+        is_first = first_time("cutter")
+        left = [CUT_BYTES]
+        with socket.create_connection(("127.0.0.1", self.server.port)) as other:
+            def pass_on(source, target):
+                try:
+                    while (piece := source.recv(1 << 14)) and (left[0] > 0 or not is_first):
+                        target.sendall(piece)
+                        left[0] -= len(piece)
+                except OSError:
+                    pass
+                for end in (source, target):
+                    try:
+                        end.shutdown(socket.SHUT_RDWR)
+                    except OSError:
+                        pass
+            say("sftp connection")
+            back = threading.Thread(target=pass_on, args=(other, self.request))
+            back.start()
+            pass_on(self.request, other)
+            back.join()
+
+
+def serve(kind, server, is_protected=False):
     server.daemon_threads = True
+    server.is_protected = is_protected
+    if is_protected:
+        server.socket = protection.wrap_socket(server.socket, server_side=True)
     say(kind, server.server_address[1])
-    threading.Thread(target=server.serve_forever).start()
+    threading.Thread(target=server.serve_forever, daemon=True).start()
 
 
 socketserver.ThreadingTCPServer.allow_reuse_address = True
-serve("http", http.server.ThreadingHTTPServer(("127.0.0.1", 0), Http))
-if len(sys.argv) > 2:
-    protected = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Http)
-    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-    context.load_cert_chain(sys.argv[2])
-    protected.socket = context.wrap_socket(protected.socket, server_side=True)
-    serve("https", protected)
-serve("ftp", socketserver.ThreadingTCPServer(("127.0.0.1", 0), Ftp))
+here = ("127.0.0.1", 0)
+serve("http", http.server.ThreadingHTTPServer(here, Http))
+serve("ftp", socketserver.ThreadingTCPServer(here, Ftp))
+if "tls" in WANTED:
+    protection = make_certificates()
+    serve("https", http.server.ThreadingHTTPServer(here, Http), True)
+    serve("ftps", socketserver.ThreadingTCPServer(here, Ftp), True)
+for wanted in WANTED:
+    if wanted.startswith("sftp:") and (lack := start_sshd(wanted[5:])):
+        say("lacks", lack)
 say("ready")
+end = time.monotonic() + 600
+while os.path.isdir(FOLDER) and time.monotonic() < end:
+    time.sleep(0.1)

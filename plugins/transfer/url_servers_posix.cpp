@@ -1,0 +1,34 @@
+#include "url_servers.h"
+
+namespace rq::transfer {
+
+struct UrlServers::Process {
+    kit::Child child;
+};
+
+UrlServers::UrlServers(const std::string& folder, const std::string& keys,
+                       const std::vector<std::string>& wanted) {
+    std::vector<std::string> arguments{"-B", RQ_SERVERS, folder, keys};
+    arguments.insert(arguments.end(), wanted.begin(), wanted.end());
+    m_process.reset(new Process{{RQ_PYTHON, arguments}});
+}
+
+UrlServers::~UrlServers() = default;
+
+std::string UrlServers::Output() const {
+    return m_process->child.Output();
+}
+
+std::string UrlServers::Errors() const {
+    return m_process->child.Errors();
+}
+
+bool CanServe() {
+    return true;
+}
+
+std::vector<std::string> SshKeyKinds() {
+    return {"ecdsa", "ed25519"};
+}
+
+}  // namespace rq::transfer
