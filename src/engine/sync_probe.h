@@ -2,10 +2,13 @@
 // are opened while it lives; one at a time, any thread.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sqlite3.h>
 
 #include <condition_variable>
 #include <mutex>
+
+#include "kit/files.h"
 
 namespace rq::engine {
 
@@ -45,9 +48,12 @@ class SyncProbe {
         Its().holding = holding;
         Its().changed.notify_all();
     }
-    void AwaitHeld() {
+    // False: none came.
+    bool AwaitHeld() {
         std::unique_lock lock(Its().mutex);
-        Its().changed.wait(lock, [] { return Its().held; });
+        const bool held = Its().changed.wait_for(lock, kit::kPatience, [] { return Its().held; });
+        EXPECT_TRUE(held) << "no sync was begun";
+        return held;
     }
 
   private:
