@@ -3,10 +3,12 @@
 // other side cannot go on. The plug-in's thread alone; nothing here has a thread that outlives a call.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "copy_stream.h"
 #include "credentials.h"
@@ -60,15 +62,22 @@ class Remote {
     Problem ReadBack(Sink& sink, std::uint64_t& size_bytes);
     // Gives it the URL's name. With ftp a file that is there is looked for right before, unless `overwrite`.
     Problem Publish(bool overwrite);
-    // Removes what has not got its name.
+    // Removes what has not got its name; but not what may be the only one that is left.
     void Discard();
 
   private:
     struct Curl;
     Problem LookAt(const std::string& url, RemoteFacts& facts);
+    Problem GiveName();
+    Problem Replace();
+    static std::vector<std::string> Rename(const std::string& from, const std::string& to);
+    int Order(const std::vector<std::string>& commands);  // the library's code
+    Failure NotNamed(int code) const;
+    void TakeTime();
     Problem Get(const std::string& url, Sink& sink, std::uint64_t& size_bytes);
     std::unique_ptr<Curl> m_curl;
     Settings m_settings;
+    std::chrono::steady_clock::time_point m_namingEnd;
     std::string m_temporary;  // URL; empty: there is none
 };
 

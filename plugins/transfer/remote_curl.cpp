@@ -18,6 +18,8 @@ constexpr long kConnect_s = 30;
 constexpr long kSilence_s = 60;
 constexpr int kPoll_ms = 50;
 constexpr int kMostNewBeginnings = 3;
+// How long giving a name may take, and again looking what became of it.
+constexpr std::chrono::seconds kNaming{30};
 
 bool IsHttp(const std::string& url) {
     return SchemeOf(url).rfind("http", 0) == 0;
@@ -202,6 +204,13 @@ struct Remote::Curl {
         for (const std::string& command : commands) list = curl_slist_append(list, command.c_str());
         Set(IsSftp(folder) ? CURLOPT_QUOTE : CURLOPT_POSTQUOTE, list);
         return Perform();
+    }
+
+    // By sftp: a file cannot be listed.
+    bool IsFolder(const std::string& url) {
+        Prepare(url + "/");
+        Set(CURLOPT_DIRLISTONLY, 1L);
+        return Perform() == CURLE_OK && !isStopped;
     }
 
     // False when it was stopped meanwhile.
@@ -450,34 +459,108 @@ Problem Remote::Upload(Supply& supply, bool overwrite) {
     return std::nullopt;
 }
 
+// A stop that comes meanwhile is too late: half of it would be worse than all.
 Problem Remote::Publish(bool overwrite) {
     if (m_temporary.empty()) return std::nullopt;
     RemoteFacts there;
-    if (!overwrite) {
+    const bool isReplaced = overwrite && IsSftp(m_settings.url);
+    if (!overwrite || isReplaced) {
         if (Problem problem = Look(there)) return problem;
-        if (there.isThere)
+        if (there.isThere && !overwrite)
             return Failure{task::kErrorTargetExists, 0,
                            m_settings.url + ": the target has come into being meanwhile"};
     }
-    std::vector<std::string> commands{"RNFR " + FileNameOf(m_temporary),
-                                      "RNTO " + FileNameOf(m_settings.url)};
-    if (IsSftp(m_settings.url)) {
-        commands = {"rename " + Quoted(m_temporary) + " " + Quoted(m_settings.url)};
-        // Such a server replaces nothing by a rename.
-        if (overwrite) commands.insert(commands.begin(), "*rm " + Quoted(m_settings.url));
-    }
-    const CURLcode code = m_curl->Order(FolderOf(m_settings.url), commands);
     if (m_curl->isStopped) return kStopped;
-    if (code == CURLE_QUOTE_ERROR && !overwrite && !Look(there) && there.isThere)
+    const auto goOn = m_settings.goOn;
+    m_settings.goOn = [&](std::uint64_t done) {
+        goOn(done);
+        return std::chrono::steady_clock::now() < m_namingEnd;
+    };
+    TakeTime();
+    Problem problem = isReplaced && there.isThere ? Replace() : GiveName();
+    m_settings.goOn = goOn;
+    if (problem && problem->errorCode == task::kErrorTargetUnwritable && !overwrite && !Look(there) &&
+        there.isThere)
         return Failure{task::kErrorTargetExists, 0,
                        m_settings.url + ": the target has come into being meanwhile"};
+    return problem;
+}
+
+std::vector<std::string> Remote::Rename(const std::string& from, const std::string& to) {
+    if (IsSftp(from)) return {"rename " + Quoted(from) + " " + Quoted(to)};
+    return {"RNFR " + FileNameOf(from), "RNTO " + FileNameOf(to)};
+}
+
+void Remote::TakeTime() {
+    m_curl->isStopped = false;
+    m_namingEnd = std::chrono::steady_clock::now() + kNaming;
+}
+
+int Remote::Order(const std::vector<std::string>& commands) {
+    const CURLcode code = m_curl->Order(FolderOf(m_settings.url), commands);
+    return m_curl->isStopped ? CURLE_OPERATION_TIMEDOUT : code;
+}
+
+Failure Remote::NotNamed(int code) const {
+    Failure failure = m_curl->FailureOf(static_cast<CURLcode>(code), "the file cannot be given its name");
+    if (code == CURLE_QUOTE_ERROR) failure.errorCode = task::kErrorTargetUnwritable;
+    return failure;
+}
+
+// What is there decides, and not the answer, which may be lost.
+Problem Remote::GiveName() {
+    const int code = Order(Rename(m_temporary, m_settings.url));
     if (code != CURLE_OK) {
-        Failure failure = m_curl->FailureOf(code, "the file cannot be given its name");
-        if (code == CURLE_QUOTE_ERROR) failure.errorCode = task::kErrorTargetUnwritable;
-        return failure;
+        const Failure failure = NotNamed(code);
+        TakeTime();
+        RemoteFacts temporary, target;
+        if (LookAt(m_temporary, temporary) || temporary.isThere || Look(target) || !target.isThere)
+            return failure;
     }
     m_temporary.clear();
     return std::nullopt;
+}
+
+// Servers of sftp replace nothing by a rename: the old file gets another name, the new one its name, and then
+// the old one is removed. Until then one of them is always there, and nothing is removed that may be the
+// last.
+Problem Remote::Replace() {
+    const std::string folder = FolderOf(m_settings.url);
+    if (m_curl->IsFolder(m_settings.url))
+        return Failure{task::kErrorTargetExists, 0,
+                       m_settings.url + ": the target exists and is no plain file; it is not overwritten"};
+    const std::string aside =
+        folder + Encoded("." + FileNameOf(m_settings.url) + "." + task::RandomDigits() + ".rqold");
+    std::vector<std::string> commands = Rename(m_settings.url, aside);
+    for (const std::string& command : Rename(m_temporary, m_settings.url)) commands.push_back(command);
+    commands.push_back("*rm " + Quoted(aside));
+    const int code = Order(commands);
+    if (code == CURLE_OK) {
+        m_temporary.clear();
+        return std::nullopt;
+    }
+    const Failure failure = NotNamed(code);
+    TakeTime();
+    RemoteFacts old, temporary, target;
+    const bool isKnown = !LookAt(aside, old) && !LookAt(m_temporary, temporary) && !Look(target);
+    if (isKnown && !temporary.isThere && target.isThere) {  // all was done but the last
+        if (old.isThere) (void)Order({"rm " + Quoted(aside)});
+        m_temporary.clear();
+        return std::nullopt;
+    }
+    if (isKnown && target.isThere && !old.isThere) return failure;  // nothing was done
+    // The old one is away, and the new one not there yet.
+    if (isKnown && Order(Rename(m_temporary, m_settings.url)) == CURLE_OK) {
+        (void)Order({"rm " + Quoted(aside)});
+        m_temporary.clear();
+        return std::nullopt;
+    }
+    if (isKnown && Order(Rename(aside, m_settings.url)) == CURLE_OK) return failure;
+    const std::string kept = PathOnServer(m_temporary);
+    m_temporary.clear();  // and stays
+    return Failure{failure.errorCode, failure.systemCode,
+                   failure.words + "; look on the server: the old file may be " + PathOnServer(aside) +
+                       ", the new one " + kept};
 }
 
 void Remote::Discard() {
