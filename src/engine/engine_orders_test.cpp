@@ -257,6 +257,70 @@ TEST_F(EngineTest, ALateWorkerIsToldToStopAndChangesNothing) {
     late.WaitClose();
 }
 
+// A worker that is given up while its connection is away, and comes back deaf to every order.
+TEST_F(EngineTest, ALateWorkerThatDoesNotStopIsEnded) {
+    m_settings.cancelGrace = 300ms;
+    m_settings.resumeWindow = 60s;
+    Start();
+    const auto id = Submit("connect\nstatus 3\nhang\n");
+    AwaitState(id, "running");
+    const json attempt = Show(id)["attempt_list"][0];
+    const std::uint64_t process = attempt["pid"];
+    Stop(Engine::End::LeaveWorkers);
+    Change("UPDATE attempts SET state = 'lost', is_open = 0");
+    Change("UPDATE tasks SET state = 'lost'");
+    std::string token;
+    {
+        auto database = Database::Open(Utf8FromPath(Data("store.db"))).value();
+        Statement query = database->Prepare("SELECT token FROM attempts");
+        ASSERT_TRUE(query.Row());
+        token = query.Text();
+    }
+    Start();
+    // Another process that says so is not ended, and its connection is closed.
+    LinkClient stranger;
+    ASSERT_TRUE(stranger.Connect(m_engine->LinkPort()));
+    ASSERT_EQ(stranger.Greet(m_engine->Token(), token), 0u);
+    EXPECT_TRUE(stranger.WaitClose()) << "with BYE";
+    EXPECT_EQ(
+        Verdict(id),
+        "ignored-cancel: the worker of an ended attempt did not end within 300 ms of the order to stop");
+    EXPECT_TRUE(platform::ProcessRuns(process));
+    LinkClient late;
+    late.SetProcess(process);
+    ASSERT_TRUE(late.Connect(m_engine->LinkPort()));
+    ASSERT_EQ(late.Greet(m_engine->Token(), token), 0u);
+    EXPECT_TRUE(kit::WaitUntil([&] { return !platform::ProcessRuns(process); }));
+    EXPECT_TRUE(late.WaitClose());
+    EXPECT_EQ(Show(id)["state"], "lost");
+}
+
+TEST_F(EngineTest, ARefusalNamesTheOrderTheStatesAndWhatIsLacking) {
+    m_settings.linkGrace = 1h;
+    m_settings.endGrace = 100ms;
+    Start();
+    const auto id = Submit("connect\nstatus 3\nclose\nhang\n");
+    EventsUntil(id, "disconnected");
+    const auto refusal = [&](const json& answer) {
+        EXPECT_EQ(answer["error"]["code"], "wrong-state") << answer;
+        return answer["error"].value("message", "");
+    };
+    const std::string deaf = "; its worker is not connected: try again when it is";
+    EXPECT_EQ(refusal(Order(id, "suspend")),
+              "t1 is running: suspend is for a task that is queued, running or paused" + deaf);
+    EXPECT_EQ(refusal(Order(id, "resume")),
+              "t1 is running: resume is for a task that is queued, running or paused" + deaf);
+    EXPECT_EQ(refusal(Order(id, "finish")),
+              "t1 is running: finish is for a task that is running or paused" + deaf);
+    EXPECT_EQ(refusal(Ask("POST", "/api/v1/tasks/" + id + "/update", {{"text", "x"}})),
+              "t1 is running: update is for a task that is queued, running or paused" + deaf);
+    const auto ended = Submit("connect\nstatus 3\nfinal 0\nhang\n");
+    AwaitState(ended, "finished");
+    EXPECT_EQ(refusal(Ask("DELETE", "/api/v1/tasks/" + ended)),
+              "t2 is finished: delete is for a task that is finished, failed, cancelled or lost; its worker "
+              "has not ended yet: try again");
+}
+
 TEST_F(EngineTest, ATypeThatFailsTooOftenIsStoppedAndTriedAgain) {
     m_settings.retry.standard.stopAfter = 2;
     m_settings.retry.standard.stopFor = 1h;

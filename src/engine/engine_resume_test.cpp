@@ -119,7 +119,7 @@ TEST_F(ResumeTest, WhatWasSentTwiceCountsOnce) {
     const auto events = EventsUntil(id, "final");
     EXPECT_EQ(std::count_if(events.begin(), events.end(),
                             [](const json& event) {
-                                return event["kind"] == "status" && event["data"]["status"] == 17;
+                                return event["kind"] == "unknown-status" && event["data"]["status"] == 17;
                             }),
               1);
 }
@@ -245,8 +245,9 @@ TEST_F(ResumeTest, AWorkerGoesOnUnderTheNextEngine) {
     const auto port = m_engine->LinkPort();
     const auto id = Submit(
         "connect\nnotice job\nstatus 3\nprogress 10 1\nstatus 17\nresume\nprogress 60 1\nfinal 0\nbye\n");
-    EventsUntil(id,
-                [](const json& event) { return event["kind"] == "status" && event["data"]["status"] == 17; });
+    EventsUntil(id, [](const json& event) {
+        return event["kind"] == "unknown-status" && event["data"]["status"] == 17;
+    });
     Restart();
     EXPECT_EQ(m_engine->LinkPort(), port);
     const json task = Ended(id);

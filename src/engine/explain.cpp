@@ -254,6 +254,8 @@ std::string SentenceOf(const EventRow& event) {
     if (kind == "connected") return "worker " + Text(data, "pid") + " connected";
     if (kind == "notice") return "the worker announced task \"" + Text(data, "task_id") + "\"";
     if (kind == "status") return "the worker reported " + StatusName(data.value("status", std::int64_t{-1}));
+    if (kind == "unknown-status")
+        return "the worker reported status " + Text(data, "status") + ", which no task has";
     if (kind == "order")
         return "the worker was given the order " + OrderName(data.value("id", std::int64_t{0}));
     if (kind == "reply")

@@ -199,6 +199,14 @@ bool Launcher::TakeOver(const std::string& token, const std::string& name, std::
     return Has(token);
 }
 
+bool Launcher::EndStray(const std::string& token, std::uint64_t processId, const std::string& mark) {
+    if (platform::LookForProcess(processId, mark) != platform::Presence::There) return false;
+    const auto stray = platform::FindProcess(processId, mark, TreeName(token));
+    if (!stray) return false;
+    stray->KillTree();
+    return true;
+}
+
 void Launcher::EndLeftTree(const std::string& token, std::uint64_t processId) {
     platform::EndTree(TreeName(token), processId);
 }

@@ -53,6 +53,9 @@ class Launcher {
                   const std::string& mark);
     // Tells the end of a process that is not ours to end. False: it has ended.
     bool Watch(const std::string& token, std::uint64_t processId, const std::string& mark);
+    // Ends a worker that was given up, and is not watched any more, with its tree. False: this process is
+    // not that one, or it cannot be told.
+    bool EndStray(const std::string& token, std::uint64_t processId, const std::string& mark);
     // Ends what the gone worker of an earlier run left behind.
     void EndLeftTree(const std::string& token, std::uint64_t processId);
     // The worker of an attempt whose process an earlier run did not live to record; 0: there surely is none,

@@ -69,14 +69,17 @@ RetryDecision AfterLoss(const RetryPolicy& policy, std::int64_t made, bool conne
     return Decide(policy, made, "the worker was lost");
 }
 
-RetryDecision AfterError(const RetryPolicy& policy, std::int64_t made, const FinalStatus& final) {
-    std::string what;
+std::string ListedError(const RetryPolicy& policy, const FinalStatus& final) {
     if (Contains(policy.errorCodes, final.errorCode))
-        what = "error " + Hex(final.errorCode) + " may be repeated";
-    else if (Contains(policy.detailCodes, final.detailErrorCode))
-        what = "detail error " + Hex(final.detailErrorCode) + " may be repeated";
-    else
-        return {};
+        return "error " + Hex(final.errorCode) + " may be repeated";
+    if (Contains(policy.detailCodes, final.detailErrorCode))
+        return "detail error " + Hex(final.detailErrorCode) + " may be repeated";
+    return {};
+}
+
+RetryDecision AfterError(const RetryPolicy& policy, std::int64_t made, const FinalStatus& final) {
+    const std::string what = ListedError(policy, final);
+    if (what.empty()) return {};
     // A final status came over a connection.
     return policy.onlyUntouched ? Untouchable(what) : Decide(policy, made, what);
 }

@@ -49,6 +49,8 @@ struct RetryDecision {
 
 // `made` is the number of attempts so far. `connected`: the worker of the last one had a session.
 RetryDecision AfterLoss(const RetryPolicy& policy, std::int64_t made, bool connected);
+// What a policy lists of a final status 4, in words; empty: nothing.
+std::string ListedError(const RetryPolicy& policy, const FinalStatus& final);
 RetryDecision AfterError(const RetryPolicy& policy, std::int64_t made, const FinalStatus& final);
 
 // Before attempt number `made` + 1.

@@ -260,6 +260,10 @@ class Scheduler final : public SessionHost {
     // A worker whose attempt has ended: it is heard and told to stop.
     std::variant<link::Welcome, link::Refuse> AdmitTwin(const link::Hello& hello,
                                                         const std::shared_ptr<Session>& session);
+    // It was told to stop.
+    void StopTwin(std::uint32_t session);
+    // And did not.
+    void EndTwin(std::uint32_t session);
     bool TakeTwinRecord(const std::string& token, const link::WorkerRecord& record);
 
     Result<OrderOutcome> Cancel(std::int64_t task, const std::string& by);
@@ -333,6 +337,8 @@ class Scheduler final : public SessionHost {
     struct Twin {
         std::string token;
         std::shared_ptr<Session> session;
+        std::uint64_t processId = 0;  // as it says
+        std::unique_ptr<boost::asio::steady_timer> timer;
     };
     std::map<std::uint32_t, Twin> m_twins;           // by session
     std::vector<std::shared_ptr<Session>> m_unsaid;  // sessions that wait for a sync

@@ -20,16 +20,17 @@ std::string TypeText(std::int32_t type) {
 // Looked at again at least this often, in case the clock was put on or back.
 constexpr std::chrono::microseconds kLongestSleep = std::chrono::seconds(60);
 
-OrderOutcome Refusal(const TaskRow& task, const std::string& message) {
+// By something else than the state.
+OrderOutcome Refusal(const TaskRow& task, StateEvent order, const std::string& message) {
     OrderOutcome outcome;
     outcome.refused = true;
     outcome.state = task.state;
-    outcome.message = task.id + message;
+    outcome.message = RefusalText(task.id, task.state, order) + "; " + message;
     return outcome;
 }
 
-OrderOutcome Deaf(const TaskRow& task) {
-    return Refusal(task, " is " + std::string(NameOf(task.state)) + ", but its worker is not connected");
+OrderOutcome Deaf(const TaskRow& task, StateEvent order) {
+    return Refusal(task, order, "its worker is not connected: try again when it is");
 }
 
 OrderOutcome Unchanged(const TaskRow& task, const std::string& result, const std::string& message) {
@@ -103,7 +104,7 @@ Result<OrderOutcome> Scheduler::Suspend(std::int64_t task, const std::string& by
     if (!row) return row.error();
     Run* run = Listening(task);
     if (*row && (*row)->state == TaskState::Running) {
-        if (run == nullptr) return Deaf(**row);
+        if (run == nullptr) return Deaf(**row, StateEvent::Suspend);
         if (run->pauseSent) return Unchanged(**row, "requested", " is told to pause already");
     }
     auto outcome = m_store.Suspend(task, by, run != nullptr && run->resumeSent);
@@ -120,7 +121,7 @@ Result<OrderOutcome> Scheduler::Resume(std::int64_t task, const std::string& by)
     if (!row) return row.error();
     Run* run = Listening(task);
     if (*row && ((*row)->state == TaskState::Running || (*row)->state == TaskState::Paused)) {
-        if (run == nullptr) return Deaf(**row);
+        if (run == nullptr) return Deaf(**row, StateEvent::Resume);
         if (run->resumeSent) return Unchanged(**row, "requested", " is told to go on already");
         if ((*row)->state == TaskState::Running && !run->pauseSent)
             return Unchanged(**row, "not-suspended", " is not suspended");
@@ -143,7 +144,7 @@ Result<OrderOutcome> Scheduler::FinishTask(std::int64_t task, const std::string&
     if (!row) return row.error();
     Run* run = Listening(task, true);
     if (run == nullptr && *row && ((*row)->state == TaskState::Running || (*row)->state == TaskState::Paused))
-        return Deaf(**row);
+        return Deaf(**row, StateEvent::Finish);
     auto outcome = m_store.FinishTask(task, by);
     if (outcome && outcome->send) SendFinish(*run);
     return outcome;
@@ -154,7 +155,7 @@ Result<OrderOutcome> Scheduler::Update(std::int64_t task, const std::string& by,
     if (!row) return row.error();
     Run* run = Listening(task);
     if (run == nullptr && *row && ((*row)->state == TaskState::Running || (*row)->state == TaskState::Paused))
-        return Deaf(**row);
+        return Deaf(**row, StateEvent::Update);
     // The text could take the place of the next task's, when that is analysed before the worker looks at it.
     const bool isAlone = run == nullptr || !run->next;
     auto outcome = m_store.Update(task, by, text, isAlone);
@@ -174,7 +175,7 @@ Result<OrderOutcome> Scheduler::Delete(std::int64_t task) {
         const auto row = m_store.Task(task);
         if (!row) return row.error();
         if (*row && IsEnded((*row)->state))
-            return Refusal(**row, " has ended and its worker has not yet: try again");
+            return Refusal(**row, StateEvent::Delete, "its worker has not ended yet: try again");
     }
     std::vector<std::string> outputs;
     auto outcome = m_store.Delete(task, outputs);

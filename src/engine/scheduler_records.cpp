@@ -99,20 +99,44 @@ std::variant<link::Welcome, link::Refuse> Scheduler::AdmitTwin(const link::Hello
     welcome.attempt = hello.attempt;
     welcome.pingInterval_ms = static_cast<std::uint32_t>(m_settings.pingInterval.count());
     welcome.silenceLimit_ms = static_cast<std::uint32_t>(m_settings.silenceLimit.count());
-    m_twins[welcome.sessionId] = {hello.attempt, session};
+    m_twins[welcome.sessionId] = {hello.attempt, session, hello.processId,
+                                  std::make_unique<boost::asio::steady_timer>(m_io)};
     m_log.Warn("process " + std::to_string(hello.processId) +
                " came with an attempt that has ended; it is told to stop");
-    boost::asio::post(m_io, [this, id = welcome.sessionId] {
-        const auto twin = m_twins.find(id);
-        if (twin == m_twins.end()) return;
-        TaskCommand command;
-        platform::RandomBytes(command.uuid.data(), command.uuid.size());
-        command.text = "cancel";
-        // The second ends one whose task is over already.
-        twin->second.session->SendOrder(TCP_TASK_CANCEL_ID, command);
-        twin->second.session->SendOrder(TCP_WORKER_DESTROY_ID, link::DestroyOrder{});
-    });
+    boost::asio::post(m_io, [this, id = welcome.sessionId] { StopTwin(id); });
     return welcome;
+}
+
+void Scheduler::StopTwin(std::uint32_t session) {
+    const auto found = m_twins.find(session);
+    if (found == m_twins.end()) return;
+    Twin& twin = found->second;
+    TaskCommand command;
+    platform::RandomBytes(command.uuid.data(), command.uuid.size());
+    command.text = "cancel";
+    // The second ends one whose task is over already.
+    twin.session->SendOrder(TCP_TASK_CANCEL_ID, command);
+    twin.session->SendOrder(TCP_WORKER_DESTROY_ID, link::DestroyOrder{});
+    twin.timer->expires_after(m_settings.cancelGrace);
+    twin.timer->async_wait([this, session](const boost::system::error_code& error) {
+        if (!error) EndTwin(session);
+    });
+}
+
+// Only a process that an engine started is the engine's to end.
+void Scheduler::EndTwin(std::uint32_t session) {
+    const auto found = m_twins.find(session);
+    if (found == m_twins.end()) return;
+    const Twin& twin = found->second;
+    const std::string reason = "the worker of an ended attempt did not end within " +
+                               DurationText(m_settings.cancelGrace) + " of the order to stop";
+    m_log.Warn("process " + std::to_string(twin.processId) + ": " + reason);
+    Report(m_store.Note(twin.token, "killed", VerdictEventJson("ignored-cancel", reason)), "an end");
+    const auto process = m_store.ProcessOf(twin.token);
+    if (process && *process && (*process)->id == twin.processId)
+        m_launcher.EndStray(twin.token, twin.processId, (*process)->mark);
+    const auto connection = twin.session;
+    connection->End(reason);
 }
 
 // What it reports changes nothing; a final status is kept as an event.
@@ -169,8 +193,6 @@ std::variant<link::Welcome, link::Refuse> Scheduler::Welcome(Run& run, const lin
         m_launcher.TakeOver(run.worker, run.life.name, run.processId, run.processMark);
         NoteFound(run);
     }
-    // A worker started by hand announces itself by connecting; there is no start of ours to follow.
-    if (run.external) Report(m_store.Status(run.claim.token, kTaskRunning), "a connection");
     run.lastRecord = SystemClock().Steady();
     WatchHeartbeat(run);
     return welcome;

@@ -39,6 +39,8 @@ constexpr Row kTable[] = {
     {StateEvent::EndsUnsaid, "ends unsaid",      ".XXXX===="},
     {StateEvent::PassesDeadline, "passes deadline", "X====...."},
     {StateEvent::EndsUntouched, "ends untouched", ".Q..C===="},
+    {StateEvent::EndsUndone, "ends undone",      ".Q......."},
+    {StateEvent::ConnectsByHand, "connects by hand", ".R=======" },
     {StateEvent::Cancel, "cancel",               "CNNN====="},
     {StateEvent::Suspend, "suspend",             "=.==....."},
     {StateEvent::Resume, "resume",               "=.==....."},

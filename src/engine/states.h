@@ -42,6 +42,8 @@ enum class StateEvent {
     EndsUnsaid,      // the worker ended in good order, and has not said how its task ended
     PassesDeadline,  // its deadline is over
     EndsUntouched,   // the worker that had it in its list has certainly not begun it
+    EndsUndone,      // its own worker is gone, or never was, before it did anything
+    ConnectsByHand,  // a worker that was started by hand: its connection
     Cancel,
     Suspend,
     Resume,
@@ -57,9 +59,10 @@ inline constexpr StateEvent kStateEvents[] = {
     StateEvent::SaysFinished,  StateEvent::SaysError,   StateEvent::SaysErrorAgain,
     StateEvent::SaysCancelled, StateEvent::EndsLost,    StateEvent::EndsLostAgain,
     StateEvent::EndsCancelled, StateEvent::EndsUnsaid,  StateEvent::PassesDeadline,
-    StateEvent::EndsUntouched, StateEvent::Cancel,      StateEvent::Suspend,
-    StateEvent::Resume,        StateEvent::Finish,      StateEvent::Update,
-    StateEvent::Retry,         StateEvent::Prioritise,  StateEvent::Delete};
+    StateEvent::EndsUntouched, StateEvent::EndsUndone,  StateEvent::ConnectsByHand,
+    StateEvent::Cancel,        StateEvent::Suspend,     StateEvent::Resume,
+    StateEvent::Finish,        StateEvent::Update,      StateEvent::Retry,
+    StateEvent::Prioritise,    StateEvent::Delete};
 
 enum class Effect {
     Moves,

@@ -48,6 +48,9 @@ const std::map<StateEvent, Expected>& Expectations() {
         {StateEvent::EndsUnsaid, {{{Failed, working}}, kAllEnded, {}}},
         {StateEvent::PassesDeadline, {{{Failed, {Queued}}}, working, {}}},
         {StateEvent::EndsUntouched, {{{Queued, {Starting}}, {Cancelled, {Finishing}}}, kAllEnded, {}}},
+        {StateEvent::EndsUndone, {{{Queued, {Starting}}}, {}, {}}},
+        {StateEvent::ConnectsByHand,
+         {{{Running, {Starting}}}, With(kAllEnded, {Running, Paused, Finishing}), {}}},
         {StateEvent::Cancel,
          {{{Cancelled, {Queued}}, {Finishing, {Starting, Running, Paused}}},
           With(kAllEnded, {Finishing}),
@@ -84,7 +87,7 @@ TEST(States, EveryPairOfStateAndEventDoesWhatItShould) {
             ++pairs;
         }
     }
-    EXPECT_EQ(pairs, 21 * 9);
+    EXPECT_EQ(pairs, 23 * 9);
 }
 
 TEST(States, AFinalStatusOrALossDecidesOnce) {

@@ -162,6 +162,9 @@ class Store {
     Result<void> Closed(const std::string& token);
     // Those that are not closed, oldest first.
     Result<std::vector<OpenAttempt>> OpenAttempts();
+    // The process of the attempt's worker, or of the one that it shared; nothing when it was started by hand,
+    // or is not known.
+    Result<std::optional<KnownProcess>> ProcessOf(const std::string& token);
     // Whether there is an attempt with this token.
     Result<bool> Knows(const std::string& token);
     // The port on which workers were told to find the engine; 0: never.
@@ -237,8 +240,12 @@ class Store {
     void WriteFinal(const Holder& holder, const FinalStatus& final);
     void LoseAttempt(const Holder& holder, StateEvent event, const std::string& reason);
     static bool MayRepeat(const Holder& holder);
+    // Of one that may not.
+    static std::string WhyOnce(const Holder& holder);
     void EndAttempt(const Holder& holder, StateEvent event, const std::optional<std::string>& reason,
                     const RetryDecision& decision);
+    // Whether it was made to try a type that is stopped.
+    bool IsTrial(const Holder& holder);
     // Counts what the end says of the type, and stops or releases the type.
     void CountForStop(const Holder& holder, StateEvent event, const RetryDecision& decision,
                       const std::string& reason);

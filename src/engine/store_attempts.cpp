@@ -7,6 +7,11 @@ namespace rq::engine {
 
 namespace {
 
+bool IsKnownStatus(std::uint32_t status) {
+    return status == kTaskFinished || status == kTaskRunning || status == kTaskError ||
+           status == kTaskCancelled || status == kTaskPaused;
+}
+
 // A progress event at least this often while reports come, whatever the percentage does.
 constexpr std::int64_t kProgressEvent_us = 10'000'000;
 
@@ -100,6 +105,7 @@ Result<void> Store::Connected(const std::string& token, std::uint32_t session, s
             .Bind(mark)
             .Run();
         AddEvent(holder.task, holder.attempt, "connected", ConnectedEventJson(session, processId, version));
+        if (holder.external) Report(holder, StateEvent::ConnectsByHand);
     });
 }
 
@@ -125,7 +131,8 @@ void Store::Report(const Holder& holder, StateEvent event) {
 
 Result<void> Store::Status(const std::string& token, std::uint32_t status) {
     return ForHolder(token, Transaction::Sync::Relaxed, [&](const Holder& holder) {
-        AddEvent(holder.task, holder.attempt, "status", StatusEventJson(status));
+        AddEvent(holder.task, holder.attempt, IsKnownStatus(status) ? "status" : "unknown-status",
+                 StatusEventJson(status));
         if (status == kTaskRunning) Report(holder, StateEvent::SaysRunning);
     });
 }
@@ -273,6 +280,8 @@ Result<FinishOutcome> Store::Finish(const std::string& token, const FinalStatus&
         } else if (MayRepeat(holder)) {
             decision = AfterError(m_rules.For(holder.type), holder.made, final);
             if (decision.again) event = StateEvent::SaysErrorAgain;
+        } else if (const auto listed = ListedError(m_rules.For(holder.type), final); !listed.empty()) {
+            decision.rule = listed + ", and " + WhyOnce(holder);
         }
         EndAttempt(holder, event, FinalReason(final), decision);
         SetReached(next);
@@ -284,6 +293,10 @@ Result<FinishOutcome> Store::Finish(const std::string& token, const FinalStatus&
 // Who was told to stop, or has no text of ours, is not started again.
 bool Store::MayRepeat(const Holder& holder) {
     return !holder.external && !holder.cancelRequested && holder.taskState != TaskState::Finishing;
+}
+
+std::string Store::WhyOnce(const Holder& holder) {
+    return holder.external ? "the engine has no text to start the task with" : "the task was told to stop";
 }
 
 void Store::EndAttempt(const Holder& holder, StateEvent event, const std::optional<std::string>& reason,
@@ -321,6 +334,8 @@ void Store::LoseAttempt(const Holder& holder, StateEvent event, const std::strin
     } else if (event == StateEvent::EndsLost && MayRepeat(holder)) {
         decision = AfterLoss(m_rules.For(holder.type), holder.made, holder.connected);
         if (decision.again) event = StateEvent::EndsLostAgain;
+    } else if (event == StateEvent::EndsLost) {
+        decision.rule = "the worker was lost, and " + WhyOnce(holder);
     }
     EndAttempt(holder, event, reason, decision);
 }
@@ -334,7 +349,8 @@ Result<void> Store::Lost(const std::string& token, const std::string& reason) {
 Result<void> Store::Undone(const std::string& token, const std::string& reason) {
     return ForHolder(token, Transaction::Sync::Shared, [&](const Holder& holder) {
         if (!IsActive(holder.state)) return;
-        if (!MayRepeat(holder)) {
+        const Transition next = Next(holder.taskState, StateEvent::EndsUndone);
+        if (next.effect != Effect::Moves || !MayRepeat(holder)) {
             LoseAttempt(holder, StateEvent::EndsLost, reason);
             return;
         }
@@ -344,8 +360,7 @@ Result<void> Store::Undone(const std::string& token, const std::string& reason) 
             .Run();
         AddEvent(holder.task, holder.attempt, "start-undone", ReasonEventJson(reason));
         SetAttemptState(holder.attempt, AttemptState::Lost);
-        SetTaskState(holder.task, holder.attempt, Next(holder.taskState, StateEvent::EndsLostAgain).to,
-                     reason);
+        SetTaskState(holder.task, holder.attempt, next.to, reason);
         m_database->Prepare("UPDATE tasks SET spent = spent + 1 WHERE id = ?1").Bind(holder.task).Run();
     });
 }

@@ -192,7 +192,8 @@ Result<OrderOutcome> Store::Retry(std::int64_t task, const std::string& by) {
     return ForOrder(task, StateEvent::Retry, [&](const Ordered& ordered, OrderOutcome& outcome) {
         if (ordered.external) {
             Refuse(outcome, ordered.state,
-                   ordered.id + " was started by hand: the engine has no text to start it with");
+                   RefusalText(ordered.id, ordered.state, StateEvent::Retry) +
+                       "; it was started by hand, and the engine has no text to start it with");
             return;
         }
         if (!IsEnded(ordered.state)) {

@@ -129,11 +129,47 @@ TEST_F(StoreOrdersTest, WhoWasToldToStopIsNotRepeated) {
     EXPECT_EQ(Task(cancelled.task).state, TaskState::Finishing);
     ASSERT_TRUE(m_store->Finish(cancelled.token, Final(kTaskError, 6)));
     EXPECT_EQ(Task(cancelled.task).state, TaskState::Failed);
+    ASSERT_EQ(Events(cancelled.task, "no-repeat").size(), 1u);
+    EXPECT_NE(Events(cancelled.task, "no-repeat")[0].json.find(
+                  "error 0x00000006 may be repeated, and the task was told to stop"),
+              std::string::npos);
 
     const Claim finishing = Running();
     ASSERT_TRUE(m_store->FinishTask(finishing.task, "api"));
     ASSERT_TRUE(m_store->Lost(finishing.token, "gone"));
     EXPECT_EQ(Task(finishing.task).state, TaskState::Lost);
+    ASSERT_EQ(Events(finishing.task, "no-repeat").size(), 1u);
+    EXPECT_NE(Events(finishing.task, "no-repeat")[0].json.find(
+                  "the worker was lost, and the task was told to stop"),
+              std::string::npos);
+}
+
+TEST_F(StoreOrdersTest, WhatWasStartedByHandRunsFromItsConnectionOnAndIsStartedNoMore) {
+    const Claim claim = m_store->AdoptExternal("by hand").value();
+    EXPECT_EQ(Task(claim.task).state, TaskState::Starting);
+    ASSERT_TRUE(m_store->Connected(claim.token, 7, 42, "1"));
+    EXPECT_EQ(Task(claim.task).state, TaskState::Running);
+    EXPECT_TRUE(Events(claim.task, "status").empty()) << "it has said nothing";
+    ASSERT_TRUE(m_store->Lost(claim.token, "gone"));
+    EXPECT_EQ(Task(claim.task).state, TaskState::Lost);
+    ASSERT_EQ(Events(claim.task, "no-repeat").size(), 1u);
+    const auto outcome = m_store->Retry(claim.task, "api").value();
+    EXPECT_TRUE(outcome.refused);
+    EXPECT_EQ(outcome.message,
+              "t1 is lost: retry is for a task that is failed, cancelled or lost; it was started by hand, "
+              "and the engine has no text to start it with");
+}
+
+TEST_F(StoreOrdersTest, AStatusThatNoTaskHasIsAnEventAndChangesNothing) {
+    const Claim claim = Running();
+    for (const std::uint32_t status : {17u, kTaskPaused + 0u, 0x80000000u})
+        ASSERT_TRUE(m_store->Status(claim.token, status));
+    EXPECT_EQ(Task(claim.task).state, TaskState::Running);
+    EXPECT_EQ(Events(claim.task, "status").size(), 2u) << "3 and 7";
+    const auto unknown = Events(claim.task, "unknown-status");
+    ASSERT_EQ(unknown.size(), 2u);
+    EXPECT_EQ(unknown[0].json, "{\"status\":17}");
+    EXPECT_EQ(unknown[1].json, "{\"status\":2147483648}");
 }
 
 TEST_F(StoreOrdersTest, AWorkerThatEndsWithoutAWordFailsItsTaskAtOnce) {
@@ -312,6 +348,18 @@ TEST_F(StoreOrdersTest, ATypeThatFailsAgainAndAgainIsStoppedAndSaysWhy) {
     stops = m_store->Stops().value();
     EXPECT_EQ(stops[0].until_us, m_now + 60 * kSecond_us);
     EXPECT_EQ(stops[0].since_us, m_now - 60 * kSecond_us);
+    // So does one that fails with an error of its own; a cancelled one says nothing.
+    m_now += 60 * kSecond_us;
+    ASSERT_TRUE(m_store->Finish(Running().token, Final(kTaskError, 5)));
+    stops = m_store->Stops().value();
+    EXPECT_EQ(stops[0].until_us, m_now + 60 * kSecond_us);
+    EXPECT_EQ(stops[0].failures, 5);
+    // Of one that was not made as a trial such an error is its own affair.
+    ASSERT_TRUE(m_store->Finish(Running().token, Final(kTaskError, 5)));
+    EXPECT_EQ(m_store->Stops().value()[0].failures, 5);
+    m_now += 60 * kSecond_us;
+    ASSERT_TRUE(m_store->Finish(Running().token, Final(kTaskCancelled)));
+    EXPECT_EQ(m_store->Stops().value()[0].until_us, m_now);
     // One that finishes releases it.
     ASSERT_TRUE(m_store->Finish(Running().token, Final(kTaskFinished)));
     EXPECT_TRUE(m_store->Stops().value().empty());

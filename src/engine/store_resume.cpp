@@ -165,6 +165,22 @@ Result<std::vector<OpenAttempt>> Store::OpenOfWorker(std::int64_t first) {
     return attempts;
 }
 
+Result<std::optional<KnownProcess>> Store::ProcessOf(const std::string& token) {
+    std::optional<KnownProcess> process;
+    {
+        Statement row = m_database->Prepare(
+            "SELECT pid, process_mark FROM attempts JOIN tasks ON tasks.id = attempts.task "
+            "WHERE token = ?1 AND pid IS NOT NULL AND process_mark <> '' AND origin <> 'external'");
+        if (row.Bind(token).Row()) {
+            process.emplace();
+            process->id = static_cast<std::uint64_t>(row.Number());
+            process->mark = row.Text();
+        }
+    }
+    if (auto ok = Checked(); !ok) return ok.error();
+    return process;
+}
+
 Result<bool> Store::Knows(const std::string& token) {
     const bool isKnown = Find(token).has_value();
     if (auto ok = Checked(); !ok) return ok.error();

@@ -66,6 +66,13 @@ Result<bool> Store::Unstop(std::int32_t type) {
     return changed;
 }
 
+bool Store::IsTrial(const Holder& holder) {
+    Statement query = m_database->Prepare(
+        "SELECT 1 FROM stops JOIN attempts ON attempts.id = ?2 "
+        "WHERE type = ?1 AND since_us IS NOT NULL AND until_us <= created_us");
+    return query.Bind(std::int64_t{holder.type}).Bind(holder.attempt).Row();
+}
+
 void Store::CountForStop(const Holder& holder, StateEvent event, const RetryDecision& decision,
                          const std::string& reason) {
     const RetryPolicy& policy = m_rules.For(holder.type);
@@ -80,9 +87,11 @@ void Store::CountForStop(const Holder& holder, StateEvent event, const RetryDeci
             .Run();
         return;
     }
-    // A final status that the policy does not list is the task's own affair, and so is a cancel.
+    // A final status that the policy does not list is the task's own affair, unless it was tried whether
+    // tasks of its type can be done again. A cancel says nothing of that.
     const bool counts = event == StateEvent::EndsLost || event == StateEvent::EndsLostAgain ||
-                        event == StateEvent::EndsUnsaid || decision.listed;
+                        event == StateEvent::EndsUnsaid || decision.listed ||
+                        (event == StateEvent::SaysError && IsTrial(holder));
     if (!counts) return;
     TypeStop stop;
     stop.type = holder.type;

@@ -219,7 +219,7 @@ TEST_F(StoreTest, StatusThreeAloneMovesATask) {
         ASSERT_TRUE(m_store->Status(claim.token, status));
         EXPECT_EQ(Task(key).state, TaskState::Running);
     }
-    EXPECT_EQ(Kinds(key).back(), "status");
+    EXPECT_EQ(Kinds(key).back(), "unknown-status");
 }
 
 TEST_F(StoreTest, ProgressIsAnEventForEachWholePercentOrAfterAWhile) {

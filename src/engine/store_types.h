@@ -251,6 +251,12 @@ struct OpenAttempt {
     std::optional<std::int64_t> told;     // of the first: the attempt for which the worker was told to stop
 };
 
+// A process that an engine started.
+struct KnownProcess {
+    std::uint64_t id = 0;
+    std::string mark;  // platform::ProcessMark
+};
+
 struct EventRow {
     std::int64_t key = 0;
     std::int64_t time_us = 0;
