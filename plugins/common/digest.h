@@ -49,8 +49,8 @@ class Sha256 : public Hash {
 // Lower-case hexadecimal digits.
 std::string HexOf(const std::uint8_t* bytes, std::size_t count);
 
-// A line of a checksum file as md5sum and sha256sum write it: one with a line end or a backslash in the name is
-// marked, and they are written otherwise.
+// A line of a checksum file as md5sum and sha256sum write it: one with a line end or a backslash in the name
+// is marked, and they are written otherwise.
 std::string DigestLine(std::string_view hex, std::string_view name);
 
 // 32 hexadecimal digits of either case; nothing for any other text.
