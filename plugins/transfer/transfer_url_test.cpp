@@ -405,7 +405,7 @@ TEST_F(UrlTest, BothWaysBySftp) {
 }
 
 TEST_F(UrlTest, BySftpOnWhereTheConnectionBroke) {
-    Serve({"sftp:ecdsa"});
+    Serve({"sftp:" + SshKeyKinds().back()});
     if (const std::string lack = Said("lacks"); !lack.empty()) GTEST_SKIP() << lack;
     Credentials(SshUser() + KnownHosts());
     const std::string bytes = Bytes(3'000'000);
@@ -418,7 +418,7 @@ TEST_F(UrlTest, BySftpOnWhereTheConnectionBroke) {
 }
 
 TEST_F(UrlTest, AnUploadBySftpGoesOnWhereTheConnectionBroke) {
-    Serve({"sftp:ecdsa"});
+    Serve({"sftp:" + SshKeyKinds().back()});
     if (const std::string lack = Said("lacks"); !lack.empty()) GTEST_SKIP() << lack;
     Credentials(SshUser() + KnownHosts());
     Write("b", Bytes(3'000'000));
