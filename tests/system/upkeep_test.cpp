@@ -76,7 +76,7 @@ TEST(Upkeep, EveryAnswerIsJsonWhenAskedFor) {
 // What the path test says is what a worker then gets.
 TEST(Upkeep, PathsOfOtherMachinesAreTestedAndUsed) {
     Node node(false);
-    const fs::path film = node.Folder().Write("media/film.bin", "content");
+    const fs::path film = node.Folder().Write("media/film.bin", "content").make_preferred();
     const std::string media = Utf8FromPath(film.parent_path());
     node.Folder().Write("data/engine.toml", "[paths.map]\n'Q:\\media' = '" + media + "'\n");
     node.StartEngine();
